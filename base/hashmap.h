@@ -1,0 +1,147 @@
+/* hashmap: an open-addressing map from byte strings to small values, in insertion order.
+ *
+ * Owns copies of its keys; never owns what the values point to. A miss reads as V(), so a stored zero
+ * cannot be told from an absent key. Slots are found by linear probing; the table doubles when it is half
+ * full (3, 6, 12, 24, ...), and a removal rebuilds it, so no probe chain ever has a hole.
+ *
+ * Between calls: (1) count <= capacity / 2 + 1, unless doubling would overflow; (2) keys[0..count-1] are
+ * the keys in the order of their first insertion, keys[count] is null; (3) slots and keys are null exactly
+ * when capacity is 0. V is copied with its slot, byte for byte, and must allow that. */
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <type_traits>
+
+namespace base {
+
+/* The 32-bit hash of every map. Bytes count as signed; the first byte enters last, and it is read even when
+ * `len` is 0, so `s` must be terminated. The slot order depends on every step of this function. */
+uint32_t tovel_hash(const char* s, unsigned len);
+
+template <class V>
+struct hashmap {
+  static_assert(std::is_trivially_copyable<V>::value, "slots live in calloc'ed memory and move as bytes");
+
+  struct slot {
+    uint32_t hash;     // of `key`, so that growing never hashes again
+    std::string* key;  // owned; null in an empty slot
+    V value;
+  };
+
+  slot* slots = nullptr;
+  std::string** keys = nullptr;
+  uint32_t count = 0;
+  uint32_t capacity = 0;
+  uint32_t collisions = 0;  // insertions' steps past another key; statistics only, wraps
+  uint32_t (*hash)(const char*, unsigned) = tovel_hash;
+
+  hashmap() = default;
+  hashmap(const hashmap&) = delete;
+  hashmap& operator=(const hashmap&) = delete;
+
+  ~hashmap() {
+    for (uint32_t i = 0; i < count; i++) delete keys[i];
+    free(slots);
+    free(keys);
+  }
+
+  /* The value stored under `key`, or V() when there is none. */
+  V get(const std::string& key) const {
+    if (count == 0) return V();
+    const slot* found = find_slot(hash_of(key), key, nullptr);
+    return found && found->key ? found->value : V();
+  }
+
+  /* Inserts, or replaces the value of a key that is there. The map copies the key, so the caller's string
+   * may die at once. When no slot is free (only after 2^31 keys) it says so and stores nothing. */
+  void set(const std::string& key, V value) {
+    grow_maybe();
+    uint32_t h = hash_of(key);
+    slot* place = find_slot(h, key, &collisions);
+    if (!place) {
+      printf("Error! Out of space!\n");
+      fflush(stdout);
+      return;
+    }
+    if (!place->key) {
+      place->key = new std::string(key);  // deleted by remove() or the destructor
+      place->hash = h;
+      keys[count++] = place->key;
+      keys[count] = nullptr;
+    }
+    place->value = value;
+  }
+
+  /* Removes `key` if it is there; its value is the caller's to free. Costs a walk over all keys and a
+   * rebuild of the table: cheaper than tombstones for a map that hardly ever removes. */
+  void remove(const std::string& key) {
+    if (count == 0) return;
+    slot* found = find_slot(hash_of(key), key, nullptr);
+    if (!found || !found->key) return;
+    uint32_t at = 0;
+    while (keys[at] != found->key) at++;
+    delete keys[at];
+    count--;
+    memmove(keys + at, keys + at + 1, (count - at) * sizeof(*keys));
+    keys[count] = nullptr;
+    found->key = nullptr;
+    rebuild(capacity);
+  }
+
+ private:
+  uint32_t hash_of(const std::string& key) const {
+    return hash(key.c_str(), static_cast<unsigned>(key.size()));
+  }
+
+  static bool is_key(const slot& s, uint32_t h, const std::string& key) {
+    return s.hash == h && s.key->size() == key.size() &&
+           (key.empty() || memcmp(s.key->data(), key.data(), key.size()) == 0);
+  }
+
+  // The slot that holds `key`, or the empty slot where it belongs, or null when the table is full of others.
+  // `steps`, if given, counts the slots passed.
+  slot* find_slot(uint32_t h, const std::string& key, uint32_t* steps) const {
+    uint32_t start = h % capacity;
+    uint32_t i = start;
+    do {
+      if (!slots[i].key || is_key(slots[i], h, key)) return &slots[i];
+      if (steps) ++*steps;
+      i = (i + 1) % capacity;
+    } while (i != start);
+    return nullptr;
+  }
+
+  // Growing comes before the key is looked at, so replacing a value can grow the table too.
+  void grow_maybe() {
+    if (capacity == 0)
+      resize(3);
+    else if (count >= capacity / 2 && capacity <= UINT32_MAX / 2)
+      resize(2 * capacity);
+  }
+
+  void resize(uint32_t wanted) {
+    keys = static_cast<std::string**>(realloc(keys, wanted * sizeof(*keys)));
+    rebuild(wanted);
+  }
+
+  // Moves every slot into a fresh array of `wanted` slots; stored hashes serve again.
+  void rebuild(uint32_t wanted) {
+    slot* old = slots;
+    uint32_t old_capacity = capacity;
+    slots = static_cast<slot*>(calloc(wanted, sizeof(slot)));
+    capacity = wanted;
+    for (uint32_t i = 0; i < old_capacity; i++) {
+      if (!old[i].key) continue;
+      uint32_t to = old[i].hash % capacity;
+      while (slots[to].key) to = (to + 1) % capacity;
+      slots[to] = old[i];
+    }
+    free(old);
+  }
+};
+
+}  // namespace base

@@ -1,0 +1,112 @@
+/* linkedlist: a queue with one built-in pass, which may remove the element that it is visiting.
+ *
+ * Owns its nodes, never the values. A sentinel node stands before the first element.
+ *
+ *     for (list.begin(); list.current(x); list.next()) { if (...) list.remove(); }
+ *
+ * The element behind a removed one is not visited in that pass; the next pass visits it. Elements pushed
+ * during a pass are visited by the rest of it.
+ *
+ * Between calls: (1) tail->next is null, and tail == head exactly when count is 0; (2) cursor is the node
+ * before the visited element, or null after remove(); (3) resume is where the pass goes on after remove(),
+ * otherwise null. pop() must not be called between remove() and the next() that follows it: it could free
+ * the node that resume points to. */
+#pragma once
+
+#include <cstdint>
+
+namespace base {
+
+template <class T>
+struct linkedlist {
+  struct node {
+    T value{};
+    node* next = nullptr;
+
+    node() = default;
+    node(const node&) = delete;
+    node& operator=(const node&) = delete;
+    ~node() { delete next; }  // and so the rest of the chain; recursive, hence short chains only
+  };
+
+  node* head;
+  node* tail;
+  node* cursor;
+  node* resume = nullptr;
+  int32_t count = 0;
+
+  linkedlist() : head(new node), tail(head), cursor(head) {}
+  linkedlist(const linkedlist&) = delete;
+  linkedlist& operator=(const linkedlist&) = delete;
+
+  ~linkedlist() {
+    while (count > 0) pop();
+    delete head;
+  }
+
+  /* Appends `x`. */
+  void push(T x) {
+    node* n = new node;  // deleted by pop() or remove()
+    n->value = x;
+    tail->next = n;
+    count++;
+    tail = n;
+  }
+
+  /* Removes the first element and returns it; T() when there is none. */
+  T pop() {
+    node* first = head->next;
+    if (!first) return T();
+    if (first == tail) tail = head;
+    if (first == cursor) cursor = head;
+    head->next = first->next;
+    count--;
+    return free_node(first);
+  }
+
+  /* Starts a pass at the first element. */
+  void begin() {
+    cursor = head;
+    resume = nullptr;
+  }
+
+  /* Whether the pass is on an element; if so, stores it in `out`. */
+  bool current(T& out) const {
+    if (!cursor || !cursor->next) return false;
+    out = cursor->next->value;
+    return true;
+  }
+
+  /* Goes on to the next element; after remove(), to the one behind it, which is thereby passed over. */
+  void next() {
+    if (cursor && cursor->next) {
+      cursor = cursor->next;
+    } else if (resume) {
+      cursor = resume;
+      resume = nullptr;
+    }
+  }
+
+  /* Removes the element that the pass is on; nothing happens when it is on none. */
+  void remove() {
+    if (!cursor || !cursor->next) return;
+    node* victim = cursor->next;
+    if (victim == tail) tail = cursor;
+    cursor->next = victim->next;
+    free_node(victim);
+    count--;
+    resume = cursor->next;
+    cursor = nullptr;
+  }
+
+ private:
+  // Frees `n` alone, not the chain behind it.
+  static T free_node(node* n) {
+    T value = n->value;
+    n->next = nullptr;
+    delete n;
+    return value;
+  }
+};
+
+}  // namespace base

@@ -1,0 +1,35 @@
+/* Text codecs: bytes in, text out. Free functions without state; strings are bytes. */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace base {
+
+/* `x` as text: all digits ("%.0f") when it has no fractional part, six significant ones ("%g") otherwise. */
+std::string num(double x);
+
+/* Base64 with the standard alphabet and padding, without line breaks (RFC 4648, section 4).
+ * `bytes` is shorter than 2 GiB. */
+std::string base64(const std::string& bytes);
+
+/* The SHA-1 digest as 20 raw bytes (FIPS 180-4, section 6.1). Only the low 32 bits of the message's length
+ * in bits are hashed, so the digest is standard for messages below 512 MiB. */
+std::string sha1(const std::string& bytes);
+
+/* `s` made fit to stand between double quotes, without the quotes.
+ * json true: bytes outside printable ASCII are decoded as UTF-8 and written as \uXXXX, in surrogate pairs
+ * where needed (RFC 8259, section 7); an invalid byte becomes \uffff. json false: they become \xHH.
+ * A zero byte is written as \0 in both forms, which no JSON parser takes. */
+std::string escape(const std::string& s, bool json);
+
+/* What utf8_decode returns for a byte that starts no valid sequence. */
+constexpr uint32_t invalid_code_point = 0xFFFFFFFF;
+
+/* Decodes the code point at s[pos] (pos < s.size()) and moves `pos` behind it (RFC 3629, section 3).
+ * Overlong forms and encoded surrogates are invalid; four-byte values above U+10FFFF are let through.
+ * An invalid byte is consumed alone and gives invalid_code_point. */
+uint32_t utf8_decode(const std::string& s, size_t& pos);
+
+}  // namespace base

@@ -1,0 +1,93 @@
+/* var: a small dynamically typed value that prints itself as JSON.
+ *
+ * Null, numbers and booleans live inside the var. Strings, arrays and objects live in a var_data that
+ * several vars share; `refs` counts them, and the last one destroys it. Arrays and objects own the vars
+ * inside them. Counts are plain integers: one thread. An object keeps the insertion order of its keys.
+ *
+ * A payload that contains itself is allowed and prints as ERROR_CYCLE, but is never freed. */
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/arraylist.h"
+#include "base/hashmap.h"
+
+struct var {
+  enum kinds : int32_t {
+    null_kind = 0,
+    number_kind = 1,
+    bool_kind = 2,
+    string_kind = 3,  // this kind and those above it hold a var_data, or null
+    array_kind = 4,
+    object_kind = 5,
+  };
+
+  struct var_data {
+    uint32_t refs = 1;
+    void* payload = nullptr;  // owned: std::string, base::arraylist<var*> or base::hashmap<var*>, by kind
+
+    virtual ~var_data() = default;
+  };
+
+  int32_t kind = null_kind;
+  union {
+    double number;
+    bool boolean;
+    var_data* data = nullptr;
+  };
+
+  var() {}
+  var(const std::string& s);
+  var(const char* s);
+  var(double x) : kind(number_kind), number(x) {}
+  var(int x) : kind(number_kind), number(x) {}
+  var(bool x) : kind(bool_kind), boolean(x) {}
+  var(const var& other) { ref(other); }
+  var& operator=(const var& other);
+  ~var() { unref(); }
+
+  static var array();
+  static var object();
+
+  /* Appends a value that shares `x`'s payload. Nothing happens on anything but an array. */
+  void push(const var& x);
+
+  /* Stores a value that shares `x`'s payload under `key`. Nothing happens on anything but an object. */
+  void set(const std::string& key, const var& x);
+
+  /* Takes over other's value, sharing its payload. What this var held is not released: for fresh and for
+   * released values only. */
+  void ref(const var& other);
+
+  /* Lets go of the value, and frees the payload when nobody else shares it; null afterwards. */
+  void unref();
+
+  /* The element at position `i`, counted from the end when negative: a one-byte string, the value of the
+   * i-th key, or the i-th element. Null when there is none. */
+  var get(int i) const;
+
+  /* The pieces of this value's text between bytes that occur in `separators`, as an array of strings;
+   * one piece more than separators found. A piece ends at its first zero byte. */
+  var split(const std::string& separators) const;
+
+  /* A string as it is; anything else as pretty JSON. */
+  operator std::string() const;
+
+  /* The value as JSON text (RFC 8259 but for zero bytes in strings and ERROR_CYCLE). `visited` holds the
+   * arrays and objects being printed around this one, and is the same after the call. */
+  std::string to_json_helper(base::arraylist<var_data*>& visited, bool pretty) const;
+
+ private:
+  var(int32_t data_kind, void* payload);
+
+  std::string& as_string() const { return *static_cast<std::string*>(data->payload); }
+  base::arraylist<var*>& as_array() const { return *static_cast<base::arraylist<var*>*>(data->payload); }
+  base::hashmap<var*>& as_object() const { return *static_cast<base::hashmap<var*>*>(data->payload); }
+
+  bool has_payload(int32_t of_kind) const { return kind == of_kind && data && data->payload; }
+  void destroy_payload();
+  bool is_multi_line_array() const;
+  std::string array_to_json(base::arraylist<var_data*>& visited, bool pretty) const;
+  std::string object_to_json(base::arraylist<var_data*>& visited, bool pretty) const;
+};
