@@ -1,0 +1,58 @@
+/* connection: one TCP connection as a server handles it, with its output buffer.
+ *
+ * Owned by the list of the server that services it, which closes `sock` and deletes the object when the
+ * connection ends. A subclass gets what was read in on_recv and gives what is to be written in on_send.
+ *
+ * The object is a little over 1 MiB of address space, most of it the output buffer. Objects on the heap
+ * stand on zero pages of their own, so only the pages that are used cost memory; see connection_memory.cpp.
+ *
+ * Between calls of the server: (1) 0 <= out_pos, and out_pos + out_len <= sizeof(out) while out_len > 0;
+ * (2) out_len is 0 when on_send is called. */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <new>
+
+struct abstract_server;
+
+struct connection {
+  static constexpr int out_capacity = 1048576;  // bytes
+
+  int sock = -1;                      // the descriptor; messages name the connection by it
+  uint32_t ip = 0;                    // the peer's IPv4 address in network order; 0 for outgoing connections
+  int port = 0;                       // the peer's port in host order; 0 for outgoing connections
+  int32_t last_active;                // seconds since the epoch, of the last read or write
+  abstract_server* server = nullptr;  // who accepted it, borrowed; null for outgoing connections
+  void* ssl = nullptr;                // the TLS session, owned by the TLS server
+  int out_len = 0;                    // bytes of `out` still to be sent
+  int out_pos = 0;                    // where they start
+  bool keep = true;                   // what on_send returned last: stay open once the output is sent?
+  char out[out_capacity];             // not initialised: see operator new
+  int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
+
+  connection();
+  connection(const connection&) = delete;
+  connection& operator=(const connection&) = delete;
+
+  /* Called with each chunk read from the socket. The bytes are the caller's and die after the call. */
+  virtual void on_recv(char* data, int len) = 0;
+
+  /* Called when nothing is left to send: writes up to `cap` bytes to `buf` and stores their number in *len,
+   * which the caller has set to 0. Returns whether to stay open when they are sent. */
+  virtual bool on_send(char* buf, int cap, int* len) = 0;
+
+  virtual ~connection() = default;
+
+  /* The connection that update() is servicing; null outside. Set by the servers alone. */
+  static connection*& selected();
+
+  /* Zero-filled memory, given back by the deletes below. The plain form throws std::bad_alloc when the
+   * system has no more, the other returns null. */
+  static void* operator new(size_t size);
+  static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+  static void* operator new(size_t, void* place) noexcept { return place; }
+  static void operator delete(void* object, size_t size) noexcept;
+  static void operator delete(void* object, const std::nothrow_t&) noexcept;
+  static void operator delete(void*, void*) noexcept {}
+};

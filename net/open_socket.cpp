@@ -1,0 +1,194 @@
+// The part of sockets that opens TCP sockets: listen() and connect().
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "net/sockets.h"
+
+namespace sockets {
+
+namespace {
+
+constexpr int backlog = 128;
+
+// The kernel may buffer this much of an upstream's reply, in bytes. Left to itself it grows to several
+// MiB, all of which a turn reads into memory before the client has taken any of it.
+constexpr int upstream_receive_buffer = 512 * 1024;
+
+void set_option(int sock, int level, int name, int value) {
+  setsockopt(sock, level, name, &value, sizeof(value));
+}
+
+// Without TCP_NODELAY, the second of two small packets waits for the peer's delayed acknowledgement, 40 ms.
+// Keepalive finds peers that vanished without a word, after about two minutes; proxied connections have no
+// time-out that would.
+void set_stream_options(int sock) {
+  set_option(sock, IPPROTO_TCP, TCP_NODELAY, 1);
+  set_option(sock, SOL_SOCKET, SO_KEEPALIVE, 1);
+  set_option(sock, IPPROTO_TCP, TCP_KEEPIDLE, 60);
+  set_option(sock, IPPROTO_TCP, TCP_KEEPINTVL, 15);
+  set_option(sock, IPPROTO_TCP, TCP_KEEPCNT, 4);
+}
+
+void set_nonblocking(int sock) {
+  fcntl(sock, F_SETFL, fcntl(sock, F_GETFL) | O_NONBLOCK);
+}
+
+// socket() for an address, with a descriptor that fits into the sets; -1 otherwise.
+int open_socket(const addrinfo& address) {
+  int sock = socket(address.ai_family, address.ai_socktype, address.ai_protocol);
+  if (sock == -1 || fits(sock)) return sock;
+  ::close(sock);
+  return -1;
+}
+
+// The IPv4 addresses of the adapters, one a line.
+std::string adapter_list() {
+  // The list of the last call stays: a server is started once, and restarted only in trouble.
+  static ifaddrs* adapters = nullptr;
+  if (adapters) freeifaddrs(adapters);
+  adapters = nullptr;
+  if (getifaddrs(&adapters) != 0) adapters = nullptr;
+
+  std::string text;
+  for (ifaddrs* a = adapters; a; a = a->ifa_next) {
+    char host[64];
+    if (!a->ifa_addr || a->ifa_addr->sa_family != AF_INET) continue;
+    if (getnameinfo(a->ifa_addr, sizeof(sockaddr_in), host, sizeof(host), nullptr, 0, NI_NUMERICHOST) != 0)
+      continue;
+    if (!text.empty()) text += "\n";
+    text += host;
+  }
+  return text;
+}
+
+// Closes a socket that could not be made to listen, and returns listen()'s false.
+bool give_up(int& sock) {
+  ::close(sock);
+  sock = -1;
+  return false;
+}
+
+// The dotted form of an address; what cannot be printed is named so.
+std::string address_text(const addrinfo& address) {
+  char text[46];
+  if (address.ai_family == AF_INET)
+    return inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(address.ai_addr)->sin_addr, text, 16);
+  if (address.ai_family == AF_INET6)
+    return inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6*>(address.ai_addr)->sin6_addr, text, 46);
+  return "(Unknown address family)";
+}
+
+int print_no_address(const std::string& host, int port) {
+  printf("No addresses worked for host %s:%d.\n", host.c_str(), port);
+  return -1;
+}
+
+// Tries the addresses in turn until one accepts. IPv6 is passed over: upstreams are reached over IPv4 only.
+// Returns -1 when none did; without blocking the first one decides.
+int connect_first(const addrinfo* addresses, bool blocking) {
+  int failed = 0;
+  for (const addrinfo* a = addresses; a; a = a->ai_next) {
+    if (a->ai_family == AF_INET6) continue;
+    int sock = open_socket(*a);
+    if (sock != -1) {
+      set_option(sock, SOL_SOCKET, SO_RCVBUF, upstream_receive_buffer);
+      set_stream_options(sock);
+    }
+    if (!blocking) {
+      if (sock != -1) {
+        set_nonblocking(sock);
+        ::connect(sock, a->ai_addr, a->ai_addrlen);
+      }
+      return sock;
+    }
+    if (::connect(sock, a->ai_addr, a->ai_addrlen) == 0) return sock;
+    printf("Address %d failed: %s\n", failed++, address_text(*a).c_str());
+    if (sock != -1) ::close(sock);
+  }
+  return -1;
+}
+
+}  // namespace
+
+bool listen(int& sock, bool localhost_only, int port) {
+  addrinfo hints = {};
+  hints.ai_flags = AI_PASSIVE;
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_protocol = IPPROTO_TCP;
+  char service[32];
+  snprintf(service, sizeof(service), "%d", port);
+
+  if (localhost_only) {
+    printf("Binding to port %d on localhost only\n", port);
+  } else {
+    printf("Binding to port %d on all adapters:\n", port);
+    printf("%s\n", adapter_list().c_str());
+  }
+  addrinfo* address = nullptr;
+  int code = getaddrinfo(localhost_only ? "127.0.0.1" : nullptr, service, &hints, &address);
+  if (code != 0) {
+    printf("getaddrinfo() failed: %d %s\n", code, gai_strerror(code));
+    return false;
+  }
+
+  sock = open_socket(*address);
+  if (sock == -1) {
+    printf("socket() failed\n");
+    freeaddrinfo(address);
+    return false;
+  }
+  set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1);
+  set_option(sock, SOL_SOCKET, SO_REUSEPORT, 1);
+  set_stream_options(sock);  // inherited by what is accepted, which saves the calls there
+  int bound = bind(sock, address->ai_addr, address->ai_addrlen);
+  freeaddrinfo(address);
+  if (bound == -1) {
+    // The resolver's text for bind()'s result, not the text of errno: people search for this line.
+    printf("bind() failed: %d %s\n", bound, gai_strerror(bound));
+    printf("Check that the port isn't already taken.\n");
+    printf("This can be done with 'netstat -an' on windows/mac/linux.\n");
+    return give_up(sock);
+  }
+  if (::listen(sock, backlog) == -1) {
+    printf("listen() failed\n");
+    return give_up(sock);
+  }
+  set_nonblocking(sock);
+  return true;
+}
+
+int connect(const std::string& host, int port, bool blocking) {
+  addrinfo hints = {};
+  hints.ai_socktype = SOCK_STREAM;
+  char service[32];
+  snprintf(service, sizeof(service), "%d", port);
+
+  addrinfo* addresses = nullptr;
+  if (getaddrinfo(host.c_str(), service, &hints, &addresses) != 0) {
+    printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
+    return -1;
+  }
+  int sock = connect_first(addresses, blocking);
+  if (addresses) freeaddrinfo(addresses);
+  return sock == -1 ? print_no_address(host, port) : sock;
+}
+
+bool has_failed(int sock) {
+  // Not SO_ERROR: connect() has already reported, and thereby forgotten, an error that it met itself.
+  tcp_info info = {};
+  socklen_t length = sizeof(info);
+  return getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || info.tcpi_state == TCP_CLOSE;
+}
+
+}  // namespace sockets

@@ -1,0 +1,69 @@
+/* sockets: the process-wide readiness sets, the one select() of a turn, and the opening of TCP sockets.
+ *
+ * Every server and connection of the process shares the sets. Each lives from its first use to the end of
+ * the process. They hold descriptors below FD_SETSIZE (1024); add() and its companions pass over all
+ * others, -1 included, because an fd_set is written out of bounds by them. Failures are printed on standard
+ * output and returned. */
+#pragma once
+
+#include <sys/select.h>
+
+#include <string>
+
+namespace sockets {
+
+fd_set* all();       // the registry: every socket that is serviced, from its opening to its closing
+fd_set* ready();     // sockets with output waiting; handed to select() and emptied by every select_all()
+fd_set* readable();  // results of the last select(), for reading,
+fd_set* writable();  // for writing,
+fd_set* errors();    // and for exceptional conditions
+int& num_ready();    // what the last select() returned: -1 on failure, 0 on time-out
+
+/* One wait, of 100 ms at most, for any registered socket to become readable and any ready() one writable.
+ * Called once a turn, before the servers' update(). Afterwards errno is as select() left it. */
+void select_all();
+
+/* Whether `sock` can stand in an fd_set. */
+inline bool fits(int sock) {
+  return sock >= 0 && sock < FD_SETSIZE;
+}
+
+inline bool has(fd_set* set, int sock) {
+  return fits(sock) && FD_ISSET(sock, set);
+}
+
+/* Registers `sock` for reading. The caller's server closes it, by close(). */
+void add(int sock);
+
+/* Says that there is output for `sock`, so the next wait ends as soon as it can take some. */
+void mark_ready(int sock);
+
+/* Closes `sock` and takes it out of every set, this turn's results included: its number may come back
+ * before the turn is over, and the new socket must not be taken for ready. Nothing happens for -1. */
+void close(int sock);
+
+/* Opens a non-blocking listening TCP socket on IPv4, prints what it binds to, and stores its descriptor in
+ * `sock`. What it accepts has TCP_NODELAY and keepalive set. Returns false, after printing the cause, when
+ * no socket could be had; nothing stays open then. The caller registers the socket and closes it. */
+bool listen(int& sock, bool localhost_only, int port);
+
+/* Opens a TCP connection to `host` over IPv4 and returns its descriptor, which the caller closes, or -1
+ * after printing the cause. Not blocking: only the first address is tried and the connection may still be
+ * under way, or have failed already: see has_failed(). Blocking: the addresses are tried in turn, and the
+ * socket stays in blocking mode. */
+int connect(const std::string& host, int port, bool blocking);
+
+/* Whether the connection started on `sock` is known to have failed. On loopback a refusal is known before
+ * connect() returns. */
+bool has_failed(int sock);
+
+/* Raises the limit on open descriptors from the usual 1024 to 2048 where that is allowed. With 1024, the
+ * client that is one too many makes accept() fail, which restarts the server; with more it is accepted and
+ * turned away. Any other limit was set on purpose and stays. */
+void raise_descriptor_limit();
+
+}  // namespace sockets
+
+/* Makes a write to a closed peer fail with an error instead of ending the process. Called before main() in
+ * every program that links this library. Returns 1. */
+int ignore_sigpipe();
