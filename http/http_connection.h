@@ -1,0 +1,147 @@
+/* http_connection: an accepted socket that speaks HTTP/1.1 (RFC 9112), and WebSocket after an upgrade.
+ *
+ * on_recv turns chunks into requests and calls the hooks: on_headers when the head is there, on_data for
+ * the body, on_request at its end. A handler answers with write() or redirect(); the answer is queued in
+ * pieces, which on_send hands to the server one at a time. Requests are not pipelined: whatever follows a
+ * head belongs to its request until that is complete.
+ *
+ * Owns the queued parts. Lengths are bytes, times seconds. Counters are 32 bits wide and wrap.
+ *
+ * Between calls: (1) head holds the raw bytes until headers_received, then the request line and the header
+ * lines, each ended by CRLF, without the empty line; (2) while headers_received is false, the fields taken
+ * from the head are empty. */
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "base/arraylist.h"
+#include "base/hashmap.h"
+#include "base/linkedlist.h"
+#include "base/var.h"
+#include "net/connection.h"
+
+struct http_connection : connection {
+  /* The result of work that is done elsewhere. Whoever sets `done` makes `result` visible first (a release
+   * store, when that is another thread). Deleted by the part that holds it. */
+  struct job {
+    bool done = false;
+    var result;
+    virtual ~job() = default;
+  };
+
+  /* One queued piece of output: a file, if `file` is set; else a job's result, if `thread` is; else `data`.
+   */
+  struct response_part {
+    FILE* file = nullptr;     // owned; sent from where it stands
+    double remaining = -1.0;  // bytes still to be read from it; negative: all
+    std::string data;
+    job* thread = nullptr;  // owned; its result is sent as one chunk and the last chunk
+    int32_t timeout = 0;    // the connection's idle time-out from when a job's result is sent
+    size_t sent = 0;        // bytes of `data` already handed out, for parts longer than the output buffer
+
+    response_part() = default;
+    response_part(const response_part&) = delete;
+    response_part& operator=(const response_part&) = delete;
+    ~response_part();
+  };
+
+  bool headers_received = false;
+  std::string head;
+  bool written = false;                             // the answer to this request is queued
+  base::linkedlist<response_part*> response_parts;  // owned
+  int32_t max_request_length = 104857600;           // of head and body; 0 or less: no limit
+  int32_t request_length = 0;                       // received so far, head and body
+  int32_t content_received = 0;                     // of the body
+  int32_t content_length = 0;                       // announced; 0 when it was not
+  std::string content;     // the body as on_data gathers it; after an upgrade, the unread frames
+  bool keep_alive = true;  // stay open after the answer; nothing sets it back to true
+  std::string method;
+  std::string target;   // as sent
+  std::string version;  // "HTTP/1.1", say
+  std::string path;     // the target up to its "?"
+  std::string query;    // and behind it
+  std::string cookie;
+  std::string response_headers;  // lines that write() adds to the head, each ended by CRLF
+  bool websocket_enabled = true;
+  bool upgraded = false;  // speaks WebSocket now, for good
+  std::string message;    // the WebSocket message under way
+  int32_t max_message_length = 10485760;
+  int32_t max_frame_length = 1048576;
+  base::hashmap<int> subscriptions;  // the keys are the channels that this connection is in
+
+  http_connection() = default;
+
+  /* Ends the connection's subscriptions and deletes the parts still queued. */
+  ~http_connection() override;
+
+  void on_recv(char* data, int len) override;
+  bool on_send(char* buf, int cap, int* len) override;
+
+  /* The head of a request has been parsed; no byte of the body was delivered yet. Prints info(true). */
+  virtual void on_headers();
+
+  /* A run of body bytes, which die after the call. Gathers them in `content`; after an upgrade reads the
+   * frames in it. */
+  virtual void on_data(char* data, int len);
+
+  /* The connection speaks WebSocket now. Closes it once the handshake is sent: override to stay. */
+  virtual void on_upgrade();
+
+  /* A WebSocket message is complete, in `message`, which is emptied afterwards. Echoes it as text. */
+  virtual void on_message();
+
+  /* The request is complete. Answers with its head and the length of its body, as plain text. */
+  virtual void on_request();
+
+  /* Makes the fields of a request ready for the next one. keep_alive, the queued parts, the upgrade and the
+   * subscriptions stay. */
+  void reset();
+
+  /* Queues the answer to this request: `answer_head` is the status line and header lines, each ended by
+   * CRLF, without the empty line. Content-Length is added on a kept-alive connection unless a length or a
+   * transfer coding is there; `body` is left out for HEAD. Only the first call of a request counts. */
+  void write(std::string answer_head, const std::string& body);
+
+  /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. */
+  void redirect(const std::string& url, bool permanent);
+
+  /* Queues one unfragmented, unmasked WebSocket frame (RFC 6455, section 5.2). At 1 MiB or more it says so
+   * and queues the frame without its length. */
+  void send_message(const std::string& payload, int opcode);
+
+  /* Consumes every complete frame at the front of `content`. */
+  void read_frames();
+
+  /* One line about the request for the console: peer, request line and, on demand, the user agent. A proxy
+   * on this machine may name the peer with X-Forwarded-For. */
+  std::string info(bool with_agent) const;
+
+  /* The peer's address as a dotted quad. */
+  std::string ip_text() const;
+
+  /* The connections of each channel; the lists are owned by the map's user. A connection is in the list of a
+   * channel exactly when the channel is a key of its `subscriptions`; no list is empty. */
+  static base::hashmap<base::arraylist<http_connection*>*>& channels();
+
+  /* The value of the header field `name` in `text`, a request or response head; "" when there is none. The
+   * first line that begins with `name` in any letter case counts, even if its name is longer; the two bytes
+   * behind the name are skipped unseen. Wildcards in `name` work as in base::find. Throws std::out_of_range
+   * when fewer than two bytes follow the name. */
+  static std::string get_header(const std::string& name, const std::string& text);
+
+ private:
+  void parse_head();
+  void on_head(char* rest, int rest_length);
+  void finish_request_maybe();
+  void append_part(std::string data);
+  bool send_file(response_part& part, char* buf, int cap, int* len);
+  bool send_job(response_part& part, char* buf, int cap, int* len);
+  bool send_data(response_part& part, char* buf, int cap, int* len);
+  void pop_part();
+  void start_websocket();
+  void unsubscribe(const std::string& channel);
+  void close_websocket();
+  bool on_frame(int opcode, bool is_final, const std::string& payload);
+};

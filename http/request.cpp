@@ -1,0 +1,159 @@
+// The input side of http_connection: from chunks to requests.
+
+#include <arpa/inet.h>
+#include <strings.h>
+
+#include <cstdlib>
+
+#include "base/find.h"
+#include "http/http_connection.h"
+
+namespace {
+
+// Counters wrap; signed addition must not.
+int32_t wrapping_sum(int32_t a, int len) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(len));
+}
+
+// Positions are 32 bits wide and signed, so npos is -1.
+int32_t position(size_t found) {
+  return static_cast<int32_t>(found);
+}
+
+int32_t parse_number(const std::string& text) {
+  return static_cast<int32_t>(strtol(text.c_str(), nullptr, 10));
+}
+
+}  // namespace
+
+void http_connection::on_recv(char* data, int len) {
+  if (max_request_length > 0 && max_request_length < request_length) {
+    printf("Warning! Request exceeds max length of %d.\n", max_request_length);
+    return;
+  }
+  request_length = wrapping_sum(request_length, len);
+  if (headers_received) {
+    content_received = wrapping_sum(content_received, len);
+    on_data(data, len);
+  } else {
+    if (len <= 0) return;
+    size_t before = head.size();
+    head.append(data, static_cast<size_t>(len));
+    size_t end = head.find("\r\n\r\n", before < 3 ? 0 : before - 3);
+    // A request that begins with the empty line is never parsed.
+    if (position(end) > 0 && head.compare(0, 4, "\r\n\r\n") != 0) {
+      int rest =
+          static_cast<int>(head.size() - end - 4);  // the end of the head is new, so all of it is in data
+      head.resize(end + 2);
+      on_head(data + len - rest, rest);
+    }
+  }
+  finish_request_maybe();
+}
+
+// The head is complete: parses it and calls the hooks. `rest` is what came behind it.
+void http_connection::on_head(char* rest, int rest_length) {
+  headers_received = true;
+  parse_head();
+  content_received = rest_length;
+  if (websocket_enabled && get_header("Upgrade", head) == "websocket")
+    start_websocket();
+  else
+    on_headers();
+  if (rest_length > 0) on_data(rest, rest_length);
+}
+
+// Splits the request line and takes out the headers that the connection itself needs. What is malformed
+// leaves its field empty.
+void http_connection::parse_head() {
+  size_t first_space = head.find(' ');
+  size_t second_space = head.find(' ', first_space + 1);
+  size_t line_end = head.find("\r\n", second_space + 1);
+  if (position(first_space) > 0) method = head.substr(0, first_space);
+  if (position(second_space) > 0) target = head.substr(first_space + 1, second_space - first_space - 1);
+  if (position(line_end) > 0) version = head.substr(second_space + 1, line_end - second_space - 1);
+
+  content_length = parse_number(get_header("content-length", head));
+  // HTTP/1.1 stays open even when the client says "Connection: close": it closes the connection itself.
+  if (version == "HTTP/1.0" && get_header("connection", head) != "Keep-Alive") keep_alive = false;
+  cookie = get_header("cookie", head);
+
+  size_t question = target.find('?');
+  if (position(question) > 0) {
+    query = target.substr(question + 1);
+    path = target.substr(0, question);
+  } else {
+    path = target;
+  }
+}
+
+void http_connection::finish_request_maybe() {
+  if (upgraded || !headers_received || content_received < content_length) return;
+  on_request();
+  if (keep_alive) reset();
+}
+
+void http_connection::on_headers() {
+  printf("%s\n", info(true).c_str());
+}
+
+void http_connection::on_data(char* data, int len) {
+  if (len > 0) content.append(data, static_cast<size_t>(len));
+  if (upgraded && keep_alive) read_frames();
+}
+
+void http_connection::reset() {
+  max_request_length = 104857600;
+  headers_received = false;
+  written = false;
+  content_length = 0;
+  content_received = 0;
+  request_length = 0;
+  for (std::string* s :
+       {&head, &content, &message, &response_headers, &cookie, &query, &path, &version, &target, &method}) {
+    s->clear();
+  }
+}
+
+std::string http_connection::ip_text() const {
+  char text[INET_ADDRSTRLEN];
+  in_addr address = {ip};
+  return inet_ntop(AF_INET, &address, text, sizeof(text));
+}
+
+std::string http_connection::info(bool with_agent) const {
+  std::string address;
+  if (ip == htonl(INADDR_LOOPBACK)) address = get_header("x-forwarded-for", head);
+  if (address.empty()) address = ip_text();
+  std::string text = address + ":" + std::to_string(port) + " " + method + " " + target + " " + version;
+  if (with_agent) text += " [" + get_header("user-agent", head) + "]";
+  return text;
+}
+
+namespace {
+
+// The first place in `text` where a line begins with `name`; the position behind the name, or npos. What
+// base::find does for a name without wildcards, a line at a time instead of a byte at a time.
+size_t find_line(const std::string& name, const std::string& text) {
+  size_t at = text.find("\r\n");
+  while (at != std::string::npos) {
+    at += 2;
+    if (text.size() - at >= name.size() && strncasecmp(text.data() + at, name.data(), name.size()) == 0)
+      return at + name.size();
+    at = text.find("\r\n", at);
+  }
+  return std::string::npos;
+}
+
+}  // namespace
+
+std::string http_connection::get_header(const std::string& name, const std::string& text) {
+  size_t end = std::string::npos;
+  if (base::find_case_insensitive() && name.find_first_of("?*") == std::string::npos)
+    end = find_line(name, text);
+  else
+    base::find(text, "\r\n" + name, end);
+  if (end == std::string::npos) return "";
+  size_t start = end + 2;  // over ": ", whatever stands there
+  return text.substr(start, text.find("\r\n", start) - start);
+}

@@ -1,0 +1,114 @@
+// The output side of http_connection: from answers to pieces in the server's buffer.
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "base/text.h"
+#include "http/http_connection.h"
+#include "net/sockets.h"
+
+http_connection::response_part::~response_part() {
+  if (file) fclose(file);
+  delete thread;
+}
+
+void http_connection::on_request() {
+  write("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n",
+        head + "\r\n" + base::num(static_cast<double>(content.size())) + " bytes of content");
+}
+
+void http_connection::write(std::string answer_head, const std::string& body) {
+  if (written) {
+    printf("Warning! Double write() detected!\n");
+    return;
+  }
+  // Without keep-alive, the end of the connection ends the body.
+  if (keep_alive && get_header("content-length", answer_head).empty() &&
+      get_header("transfer-encoding", answer_head).empty()) {
+    answer_head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+  }
+  std::string text = std::move(answer_head) + response_headers + "\r\n";
+  if (method != "HEAD") text += body;
+  for (size_t at = 0; at < text.size(); at += out_capacity) append_part(text.substr(at, out_capacity));
+  written = true;
+}
+
+void http_connection::redirect(const std::string& url, bool permanent) {
+  if (permanent) {
+    write("HTTP/1.1 301 Moved Permanently\r\nLocation: " + url + "\r\nConnection: close\r\n", "");
+  } else {
+    write("HTTP/1.1 302 Found\r\nLocation: " + url + "\r\nContent-Type: text/html\r\n",
+          "<html>This page has temporarily moved to <a href=\"" + url + "\">" + url +
+              "</a><script>window.open('" + url + "');</script></html>");
+  }
+}
+
+void http_connection::append_part(std::string data) {
+  auto* part = new response_part;  // deleted by pop_part() or the destructor
+  part->data = std::move(data);
+  response_parts.push(part);
+  // The server may pass this connection over in the turn that follows; it must not wait for the next event.
+  sockets::mark_ready(sock);
+}
+
+bool http_connection::on_send(char* buf, int cap, int* len) {
+  if (response_parts.count == 0) return written ? keep_alive : true;
+  response_part& part = *response_parts.head->next->value;
+  if (part.file) return send_file(part, buf, cap, len);
+  if (part.thread) return send_job(part, buf, cap, len);
+  return send_data(part, buf, cap, len);
+}
+
+// A slice of a file, until a read comes short. A limit that is not a multiple of `cap` is not counted down
+// in its last step: that slice repeats until the file ends, so a limit is to be the file's own length.
+bool http_connection::send_file(response_part& part, char* buf, int cap, int* len) {
+  int n = cap;
+  if (part.remaining >= 0) {
+    if (cap > part.remaining)
+      n = static_cast<int>(part.remaining);
+    else
+      part.remaining -= cap;
+  }
+  if (n > 0) {
+    *len = static_cast<int>(fread(buf, 1, static_cast<size_t>(n), part.file));
+    if (*len >= n) return true;
+  }
+  pop_part();
+  if (*len == 0) sockets::mark_ready(sock);  // what comes next, be it the end, need not wait either
+  return true;
+}
+
+// The job's result as one chunk and the last chunk (RFC 9112, section 7.1), once it is there.
+bool http_connection::send_job(response_part& part, char* buf, int cap, int* len) {
+  if (!__atomic_load_n(&part.thread->done, __ATOMIC_ACQUIRE)) return true;
+  std::string result = part.thread->result;
+  char length[32];
+  snprintf(length, sizeof(length), "%zX\r\n", result.size());
+  std::string text = length + result + "\r\n0\r\n\r\n";
+  if (text.size() > static_cast<size_t>(out_capacity)) {
+    printf("Warning! Thread response (%zd) exceeds buffer size (%d).\n", static_cast<ssize_t>(text.size()),
+           out_capacity);
+    text = "0\r\n\r\n";
+  }
+  last_active = static_cast<int32_t>(time(nullptr));
+  timeout = part.timeout;
+  delete part.thread;
+  part.thread = nullptr;
+  part.data = std::move(text);
+  return send_data(part, buf, cap, len);
+}
+
+bool http_connection::send_data(response_part& part, char* buf, int cap, int* len) {
+  size_t n = std::min(part.data.size() - part.sent, static_cast<size_t>(cap));
+  memcpy(buf, part.data.data() + part.sent, n);
+  *len = static_cast<int>(n);
+  part.sent += n;
+  if (part.sent == part.data.size()) pop_part();
+  return true;
+}
+
+void http_connection::pop_part() {
+  delete response_parts.pop();
+}
