@@ -1,0 +1,28 @@
+// http_proxy as a forward proxy; reverse_proxy replaces this operation.
+
+#include <cstdio>
+
+#include "base/split_url.h"
+#include "proxy/answers.h"
+#include "proxy/http_proxy.h"
+
+void http_proxy::on_headers() {
+  printf("%s\n", info(true).c_str());
+  split_url url(target);
+  if (should_block(url.host)) {
+    answer(not_found_answer);
+    return;
+  }
+  const bool is_current = pipe->refs > 1 && upstream_host == url.host && upstream_port == url.port;
+  if (!is_current) {
+    if (!open_upstream(url.host, url.port)) return;
+    upstream_host = url.host;
+  }
+  if (method == "CONNECT") {
+    keep_alive = false;  // so that every further byte is body, and the body is the tunnel
+    answer(tunnel_answer);
+    return;
+  }
+  std::string request = method + " " + url.path + " " + version + "\r\n" + copy_headers(head) + "\r\n";
+  pipe->append_to_upstream(request.data(), request.size());
+}

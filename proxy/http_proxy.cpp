@@ -1,0 +1,91 @@
+#include "proxy/http_proxy.h"
+
+#include <cstdio>
+
+#include "proxy/answers.h"
+
+http_proxy::http_proxy() {
+  idle_pipe.refs = 2;
+  websocket_enabled = false;
+}
+
+server_base*& http_proxy::g_server() {
+  static server_base* server = nullptr;
+  return server;
+}
+
+bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
+  drop_pipe();
+  pipe = new proxy_pipe;  // deleted by whoever drops the last reference
+  pipe->client_sock = sock;
+
+  int upstream_sock = sockets::connect(host, target_port, false);
+  if (upstream_sock != -1 && sockets::has_failed(upstream_sock)) {
+    sockets::close(upstream_sock);
+    upstream_sock = -1;
+  }
+  if (upstream_sock == -1) {
+    pipe->to_client = bad_gateway_answer;
+    sockets::mark_ready(sock);
+    keep_alive = false;
+    return false;
+  }
+
+  auto* upstream = new proxy_connection(upstream_sock, pipe);  // deleted by the server that gets it
+  if (g_server()) {
+    g_server()->add_connection(upstream);
+  } else {
+    printf("%s\n", "Error! No server assigned for proxy connections.");
+    unserved = upstream;
+  }
+  timeout = -1;
+  upstream_port = target_port;
+  return true;
+}
+
+void http_proxy::on_data(char* data, int len) {
+  const bool has_upstream = pipe != &idle_pipe && pipe->refs > 1;
+  if (has_upstream && len > 0) pipe->append_to_upstream(data, static_cast<size_t>(len));
+}
+
+bool http_proxy::should_block(const std::string&) {
+  return false;
+}
+
+std::string http_proxy::copy_headers(const std::string& head) {
+  std::string lines;
+  size_t p = head.find("\r\n");
+  if (p == 0 || p == std::string::npos) return lines;
+  for (;;) {
+    // From p + 4, so that the empty line at the end of a head is not taken for a header.
+    size_t end = head.find("\r\n", p + 4);
+    if (end == std::string::npos) return lines;
+    size_t start = p + 2;
+    if (head.compare(start, 5, "Proxy") != 0 && head.compare(start, 10, "Connection") != 0)
+      lines.append(head, start, end + 2 - start);
+    p = end;
+  }
+}
+
+void http_proxy::answer(const std::string& text) {
+  pipe->append_to_client(text.data(), text.size());
+  sockets::mark_ready(sock);  // the idle pipe does not know it
+}
+
+bool http_proxy::on_send(char* buf, int cap, int* len) {
+  return pipe->drain(pipe->to_client, buf, cap, len);
+}
+
+http_proxy::~http_proxy() {
+  drop_pipe();
+}
+
+void http_proxy::drop_pipe() {
+  if (unserved) {
+    sockets::close(unserved->sock);
+    delete unserved;
+    unserved = nullptr;
+  }
+  pipe->client_sock = -1;
+  pipe->release();
+}

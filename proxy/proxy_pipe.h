@@ -1,0 +1,48 @@
+/* proxy_pipe: the bytes under way between one client connection and its upstream.
+ *
+ * Shared by the two and owned by neither: `refs` counts the owners, and whoever drops the last reference
+ * frees it. refs == 1 tells an owner that its partner is gone. Both queues are unbounded; their sizes are
+ * bytes. The descriptors let a side that queues bytes wake the other; the side that ends clears its own. */
+#pragma once
+
+#include <cstdint>
+
+#include "base/byte_queue.h"
+#include "net/sockets.h"
+
+struct proxy_pipe {
+  int32_t refs = 1;
+  base::byte_queue to_upstream;
+  base::byte_queue to_client;
+  int client_sock = -1;
+  int upstream_sock = -1;
+  bool answered = false;  // something was given to the client through this pipe
+
+  /* Queues bytes for the upstream, and has the next select() wait for its socket. */
+  void append_to_upstream(const char* data, size_t len) {
+    to_upstream.append(data, len);
+    sockets::mark_ready(upstream_sock);
+  }
+
+  /* Queues bytes for the client, and has the next select() wait for its socket. */
+  void append_to_client(const char* data, size_t len) {
+    to_client.append(data, len);
+    answered = true;
+    sockets::mark_ready(client_sock);
+  }
+
+  /* What both sides answer the server that asks for output: moves up to `cap` bytes of `queue`, one of the
+   * two above, to `buf` and stores their number in *len. Returns whether to stay open: there is more, or
+   * the partner may bring some. */
+  bool drain(base::byte_queue& queue, char* buf, int cap, int* len) {
+    *len = static_cast<int>(queue.consume(buf, static_cast<size_t>(cap)));
+    return !queue.empty() || refs > 1;
+  }
+
+  /* Drops one reference; the caller forgets its pointer. The other side is woken, to see that it is alone. */
+  void release() {
+    sockets::mark_ready(client_sock);
+    sockets::mark_ready(upstream_sock);
+    if (refs-- == 1) delete this;
+  }
+};

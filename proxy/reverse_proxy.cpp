@@ -1,0 +1,40 @@
+#include "proxy/reverse_proxy.h"
+
+#include <cstdio>
+
+#include "base/text.h"
+#include "proxy/answers.h"
+
+base::hashmap<int>& reverse_proxy::hosts() {
+  static base::hashmap<int> map;
+  return map;
+}
+
+void reverse_proxy::on_headers() {
+  const std::string host = get_header("host", head);
+  const int local_port = hosts().get(host);  // 0 when the host is not there
+  printf("%s\n", ("[" + host + "] " + info(true)).c_str());
+  if (local_port == echo_port) {
+    answer_echo();
+  } else if (local_port == 0) {
+    answer(not_found_answer);
+  } else {
+    const bool is_current = pipe->refs > 1 && upstream_port == local_port;
+    if (is_current || open_upstream("localhost", local_port)) forward();
+  }
+}
+
+// Shows the client what it sent, and the address it sent it from.
+void reverse_proxy::answer_echo() {
+  const std::string body = head + "\r\nYour IPv4 address is: " + ip_text();
+  answer("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " +
+         base::num(static_cast<double>(body.size())) + "\r\n\r\n" + body);
+}
+
+// Passes the request head on, with the client's address behind the client's own lines. An X-Forwarded-For
+// line of the client's stays: the upstream sees both, in this order.
+void reverse_proxy::forward() {
+  const std::string request = method + " " + target + " " + version + "\r\n" + copy_headers(head) +
+                              "X-Forwarded-For: " + ip_text() + "\r\n\r\n";
+  pipe->append_to_upstream(request.data(), request.size());
+}

@@ -1,0 +1,36 @@
+/* faults: calls into the system that fail, or lie, when a test says so.
+ *
+ * The test programs define the functions named here themselves; each passes on to the real one unless its
+ * fault is set. Faults hold until they are used up or clear() is called. */
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace faults {
+
+struct fault {
+  int skip = 0;     // uses that still succeed
+  int times = 0;    // uses that then fail
+  int error = 0;    // errno of the failure
+  int result = -1;  // returned by a failing use
+};
+
+/* The fault of each function: "socket", "bind", "listen", "accept4", "connect", "select", "recv", "send",
+ * "getaddrinfo", "getifaddrs". */
+std::map<std::string, fault>& of();
+
+/* How often each of those functions was called since clear(). */
+std::map<std::string, int>& calls();
+
+/* recv() and send() move at most this many bytes a call; 0: no limit. */
+size_t& most_bytes();
+
+/* Added to what time() returns, in seconds. */
+int64_t& clock_offset();
+
+/* No faults, counts from zero, the real clock. */
+void clear();
+
+}  // namespace faults
