@@ -1,8 +1,6 @@
 // The output side of http_connection: from answers to pieces in the server's buffer.
 
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 
 #include "base/text.h"
@@ -101,8 +99,7 @@ bool http_connection::send_job(response_part& part, char* buf, int cap, int* len
 }
 
 bool http_connection::send_data(response_part& part, char* buf, int cap, int* len) {
-  size_t n = std::min(part.data.size() - part.sent, static_cast<size_t>(cap));
-  memcpy(buf, part.data.data() + part.sent, n);
+  size_t n = part.data.copy(buf, static_cast<size_t>(cap), part.sent);
   *len = static_cast<int>(n);
   part.sent += n;
   if (part.sent == part.data.size()) pop_part();

@@ -107,7 +107,8 @@ int connect_first(const addrinfo* addresses, bool blocking) {
     if (!blocking) {
       if (sock != -1) {
         set_nonblocking(sock);
-        ::connect(sock, a->ai_addr, a->ai_addrlen);
+        // Failed or under way: what became of it shows when the socket is used.
+        static_cast<void>(::connect(sock, a->ai_addr, a->ai_addrlen));
       }
       return sock;
     }
