@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "main/https.h"
 #include "net/server.h"
 #include "net/sockets.h"
 #include "proxy/reverse_proxy.h"
@@ -67,6 +68,9 @@ int main(int argc, char** argv) {
   sockets::raise_descriptor_limit();
   const int port = parse_number(argv[1]);
   const tls_options tls = parse_arguments(argc, argv);
-  if (tls.port == 0) run_http(port);
+  if (tls.port != 0)
+    https::run<reverse_proxy>(tls.port, tls.key, tls.crt, port);
+  else
+    run_http(port);
   return 0;
 }

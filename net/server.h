@@ -84,9 +84,10 @@ struct server_base : abstract_server {
   /* Closes the connection's socket and deletes it. The caller has taken it off the list. */
   void end_connection(connection* conn);
 
- private:
-  connection* already_read = nullptr;  // the connection whose socket this pass has drained; only compared
+ protected:
+  connection* already_read = nullptr;  // the connection that this pass has read from; only compared
 
+ private:
   void restart();
   void service_pass(int64_t now);
   void output_pass();

@@ -1,14 +1,17 @@
 #include "tests/support/faults.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <ifaddrs.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
 
 namespace faults {
@@ -33,11 +36,35 @@ int64_t& clock_offset() {
   return offset;
 }
 
+int64_t& frozen_clock() {
+  static int64_t seconds = 0;
+  return seconds;
+}
+
+std::vector<std::string>& resolved() {
+  static std::vector<std::string> addresses;
+  return addresses;
+}
+
+std::vector<std::string>& adapters() {
+  static std::vector<std::string> addresses;
+  return addresses;
+}
+
+select_call& last_select() {
+  static select_call call;
+  return call;
+}
+
 void clear() {
   of().clear();
   calls().clear();
   most_bytes() = 0;
   clock_offset() = 0;
+  frozen_clock() = 0;
+  resolved().clear();
+  adapters().clear();
+  last_select() = {};
 }
 
 }  // namespace faults
@@ -68,6 +95,61 @@ F real(F, const char* name) {
 
 size_t limited(size_t len) {
   return faults::most_bytes() ? std::min(len, faults::most_bytes()) : len;
+}
+
+// Turns a text into a socket address; neither IPv4 nor IPv6: one of the family AF_UNIX.
+sockaddr_storage parse_address(const std::string& text, uint16_t port) {
+  sockaddr_storage address = {};
+  auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
+  auto* v6 = reinterpret_cast<sockaddr_in6*>(&address);
+  if (inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
+    v4->sin_family = AF_INET;
+    v4->sin_port = htons(port);
+  } else if (inet_pton(AF_INET6, text.c_str(), &v6->sin6_addr) == 1) {
+    v6->sin6_family = AF_INET6;
+    v6->sin6_port = htons(port);
+  } else {
+    address.ss_family = AF_UNIX;
+  }
+  return address;
+}
+
+// Both lists are laid out as the C library does, whose functions free them: each addrinfo is one block with
+// its address, a list of adapters is one block in all.
+addrinfo* resolved_list(const char* service) {
+  struct entry {
+    addrinfo info;
+    sockaddr_storage address;
+  };
+  addrinfo* list = nullptr;
+  for (size_t i = faults::resolved().size(); i-- > 0;) {
+    auto* e = static_cast<entry*>(calloc(1, sizeof(entry)));
+    e->address = parse_address(faults::resolved()[i], static_cast<uint16_t>(atoi(service)));
+    e->info.ai_family = e->address.ss_family;
+    e->info.ai_socktype = SOCK_STREAM;
+    e->info.ai_protocol = IPPROTO_TCP;
+    e->info.ai_addr = reinterpret_cast<sockaddr*>(&e->address);
+    e->info.ai_addrlen = e->info.ai_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    e->info.ai_next = list;
+    list = &e->info;
+  }
+  return list;
+}
+
+ifaddrs* adapter_list() {
+  struct entry {
+    ifaddrs adapter;
+    sockaddr_storage address;
+  };
+  size_t count = faults::adapters().size();
+  auto* entries = static_cast<entry*>(calloc(count, sizeof(entry)));
+  for (size_t i = 0; i < count; i++) {
+    const std::string& text = faults::adapters()[i];
+    entries[i].address = parse_address(text, 0);
+    if (!text.empty()) entries[i].adapter.ifa_addr = reinterpret_cast<sockaddr*>(&entries[i].address);
+    if (i + 1 < count) entries[i].adapter.ifa_next = &entries[i + 1].adapter;
+  }
+  return &entries[0].adapter;
 }
 
 }  // namespace
@@ -111,6 +193,7 @@ int connect(int sock, const sockaddr* address, socklen_t length) {
 
 int select(int count, fd_set* r, fd_set* w, fd_set* e, timeval* wait) {
   int result = 0;
+  faults::last_select() = {count, wait->tv_sec * 1000000 + wait->tv_usec};
   if (fails("select", result)) return result;
   static auto next = real(&select, "select");
   return next(count, r, w, e, wait);
@@ -133,6 +216,10 @@ ssize_t send(int sock, const void* buf, size_t len, int flags) {
 int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** out) {
   int result = 0;
   if (fails("getaddrinfo", result)) return result;
+  if (!faults::resolved().empty()) {
+    *out = resolved_list(service);
+    return 0;
+  }
   static auto next = real(&getaddrinfo, "getaddrinfo");
   return next(node, service, hints, out);
 }
@@ -140,13 +227,17 @@ int getaddrinfo(const char* node, const char* service, const addrinfo* hints, ad
 int getifaddrs(ifaddrs** out) noexcept {
   int result = 0;
   if (fails("getifaddrs", result)) return result;
+  if (!faults::adapters().empty()) {
+    *out = adapter_list();
+    return 0;
+  }
   static auto next = real(&getifaddrs, "getifaddrs");
   return next(out);
 }
 
 time_t time(time_t* out) noexcept {
   static auto next = real(&time, "time");
-  time_t now = next(nullptr) + faults::clock_offset();
+  time_t now = (faults::frozen_clock() ? faults::frozen_clock() : next(nullptr)) + faults::clock_offset();
   if (out) *out = now;
   return now;
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace faults {
 
@@ -30,7 +31,23 @@ size_t& most_bytes();
 /* Added to what time() returns, in seconds. */
 int64_t& clock_offset();
 
-/* No faults, counts from zero, the real clock. */
+/* While this is not 0, time() stands still at it, in seconds since the epoch; clock_offset() still counts. */
+int64_t& frozen_clock();
+
+/* What getaddrinfo() finds instead of asking the resolver, on the port that it is asked for, and the adapters
+ * that getifaddrs() lists. Texts of IPv4 or IPv6 addresses; "" stands for an address of a family that is
+ * neither, and for an adapter without an address. Empty: the real answer. */
+std::vector<std::string>& resolved();
+std::vector<std::string>& adapters();
+
+/* The last call of select(): its first argument, and its time-out in microseconds. */
+struct select_call {
+  int count = 0;
+  int64_t wait_us = 0;
+};
+select_call& last_select();
+
+/* No faults, counts from zero, the real clock, the real addresses. */
 void clear();
 
 }  // namespace faults

@@ -1,0 +1,77 @@
+/* The driver of the HTTPS mode: a TLS server and, beside it, a plain one, in one loop. */
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "net/redirect_server.h"
+#include "proxy/http_proxy.h"
+#include "proxy/redirector.h"
+#include "tls/ssl_server.h"
+
+namespace https {
+
+/* Initialises the library, whichever generation of its API is there, and returns the method for a server.
+ * Throws the loader's text when an entry point is missing. */
+inline const void* init_library(bool& is_new_api) {
+  try {
+    openssl::OpenSSL_version_num();
+    is_new_api = true;
+  } catch (...) {
+    is_new_api = false;
+  }
+  if (is_new_api) {
+    openssl::OPENSSL_init_ssl(0, nullptr);
+    return openssl::TLS_server_method();
+  }
+  openssl::SSL_load_error_strings();
+  openssl::SSL_library_init();
+  return openssl::SSLv23_server_method();
+}
+
+/* Creates the server's context and loads key and certificate into it. Files that OpenSSL rejects are not
+ * noticed here: clients then fail their handshakes. Throws as above. */
+template <class T>
+void create_context(ssl_server<T>& tls) {
+  const void* method = init_library(tls.is_new_api);
+  tls.ctx = openssl::SSL_CTX_new(method);
+  if (!tls.ctx) return;  // every client is then refused
+  openssl::SSL_CTX_use_PrivateKey_file(tls.ctx, tls.key_file.c_str(), openssl::filetype_pem);
+  tls.load_certificate_maybe();
+  // SSL_write may then write less than asked, as send() does and as the server's write loop expects.
+  openssl::SSL_CTX_ctrl(tls.ctx, openssl::ctrl_mode, openssl::enable_partial_write, nullptr);
+}
+
+/* Drives the two servers until SIGINT. Upstream connections live in `second`, for they are plain. */
+inline void serve(server_base& second, abstract_server& tls) {
+  http_proxy::g_server() = &second;
+  abstract_server* servers[] = {&second, &tls, nullptr};
+  abstract_server::run(servers);
+}
+
+/* Serves T connections over TLS on `ssl_port`, and redirects `http_port` to it unless that is 0. Returns
+ * after SIGINT, or when a server cannot start: true; or false, after printing why, when the TLS library
+ * lacks something. */
+template <class T>
+bool run(int ssl_port, const char* key, const char* crt, int http_port) {
+  try {
+    ssl_server<T> tls(ssl_port, key, crt);
+    create_context(tls);
+    if (http_port != 0) {
+      printf("Redirecting http (%d) to https (%d)\n", http_port, ssl_port);
+      redirect_server<T> http(http_port);
+      redirector::ssl_port() = ssl_port;
+      serve(http, tls);
+    } else {
+      printf("Using https only (no http)\n");
+      server<T> upstream_holder(0);
+      serve(upstream_holder, tls);
+    }
+    return true;
+  } catch (const std::string& text) {
+    printf("%s\n", text.c_str());
+    return false;
+  }
+}
+
+}  // namespace https

@@ -1,0 +1,22 @@
+#include "proxy/redirector.h"
+
+#include "net/redirect_server.h"
+
+constexpr int32_t default_ssl_port = 443;  // needs no mention in a URL
+
+int32_t& redirector::ssl_port() {
+  static int32_t port = default_ssl_port;
+  return port;
+}
+
+void redirector::on_request() {
+  std::string suffix = ssl_port() == default_ssl_port ? "" : ":" + std::to_string(ssl_port());
+  std::string host = get_header("host", head);
+  host = host.substr(0, host.find(':'));
+  redirect("https://" + host + suffix + path, true);
+  keep_alive = false;
+}
+
+connection* new_redirector() {
+  return new (std::nothrow) redirector;
+}

@@ -1,0 +1,43 @@
+#include "tls/certificate_file.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+
+std::string clean_path(const std::string& path) {
+  std::string clean;
+  for (size_t i = 0; i < path.size(); i++) {
+    const bool after_slash = !clean.empty() && clean.back() == '/';
+    if (path[i] == '/' || path[i] == '\\') {
+      if (!after_slash) clean += '/';
+    } else if (path[i] == '.' && after_slash && i + 1 < path.size() && path[i + 1] == '/') {
+      i++;
+    } else {
+      clean += path[i];
+    }
+  }
+  if (clean.size() >= 2 && clean.back() == '/') clean.pop_back();
+  return clean;
+}
+
+double certificate_file_time(const std::string& path) {
+  struct stat status;
+  if (stat(clean_path(path).c_str(), &status) != 0) return 0;
+  return static_cast<double>(status.st_mtim.tv_sec);
+}
+
+int count_certificates(const std::string& path) {
+  FILE* file = fopen(path.c_str(), "rb");
+  if (!file) return 0;
+  int count = 0;
+  char line[256];  // PEM lines are shorter; a longer one comes in pieces, none of which looks like this
+  while (fgets(line, sizeof(line), file)) {
+    for (const char* begin : {"-----BEGIN CERTIFICATE-----", "-----BEGIN X509 CERTIFICATE-----",
+                              "-----BEGIN TRUSTED CERTIFICATE-----"}) {
+      if (strncmp(line, begin, strlen(begin)) == 0) count++;
+    }
+  }
+  fclose(file);
+  return count;
+}

@@ -1,0 +1,87 @@
+#include "tls/openssl.h"
+
+#include <dlfcn.h>
+
+namespace openssl {
+
+import _import("libssl.so");
+
+void throw_import_error() {
+  throw std::string(_import.error);
+}
+
+unsigned long (*OpenSSL_version_num)();
+void (*SSL_load_error_strings)();
+int (*SSL_library_init)();
+int (*OPENSSL_init_ssl)(uint64_t, const void*);
+void* (*SSL_CTX_new)(const void*);
+const void* (*SSLv23_server_method)();
+const void* (*TLS_server_method)();
+void (*SSL_CTX_free)(void*);
+int (*SSL_CTX_use_PrivateKey_file)(void*, const char*, int);
+int (*SSL_CTX_use_certificate_file)(void*, const char*, int);
+void* (*SSL_new)(void*);
+void (*SSL_free)(void*);
+int (*SSL_set_fd)(void*, int);
+int (*SSL_accept)(void*);
+int (*SSL_shutdown)(void*);
+int (*SSL_read)(void*, void*, int);
+int (*SSL_write)(void*, const void*, int);
+long (*SSL_CTX_ctrl)(void*, int, long, void*);
+
+namespace {
+
+void* find(const char* name) {
+  return _import.proc(name, reinterpret_cast<void*>(&throw_import_error));
+}
+
+template <class F>
+void load(F*& pointer, const char* name) {
+  pointer = reinterpret_cast<F*>(find(name));
+}
+
+// All names are looked up in this order, so that the error text lists every one that is missing. Those that
+// are not stored are of no use to a server.
+bool load_all() {
+  load(OpenSSL_version_num, "OpenSSL_version_num");
+  load(SSL_load_error_strings, "SSL_load_error_strings");
+  load(SSL_library_init, "SSL_library_init");
+  load(OPENSSL_init_ssl, "OPENSSL_init_ssl");
+  load(SSL_CTX_new, "SSL_CTX_new");
+  load(SSLv23_server_method, "SSLv23_server_method");
+  find("SSLv23_client_method");
+  load(TLS_server_method, "TLS_server_method");
+  find("TLS_client_method");
+  load(SSL_CTX_free, "SSL_CTX_free");
+  load(SSL_CTX_use_PrivateKey_file, "SSL_CTX_use_PrivateKey_file");
+  load(SSL_CTX_use_certificate_file, "SSL_CTX_use_certificate_file");
+  load(SSL_new, "SSL_new");
+  load(SSL_free, "SSL_free");
+  load(SSL_set_fd, "SSL_set_fd");
+  load(SSL_accept, "SSL_accept");
+  find("SSL_connect");
+  load(SSL_shutdown, "SSL_shutdown");
+  load(SSL_read, "SSL_read");
+  load(SSL_write, "SSL_write");
+  find("SSL_set_verify");
+  load(SSL_CTX_ctrl, "SSL_CTX_ctrl");
+  for (const char* name :
+       {"SSL_get_error", "SSL_ctrl", "SSL_get_peer_certificate", "SSL_get1_peer_certificate", "BIO_s_mem",
+        "BIO_new", "PEM_write_bio_X509", "BIO_ctrl", "BIO_free", "X509_free"}) {
+    find(name);
+  }
+  return true;
+}
+
+const bool is_loaded = load_all();
+
+}  // namespace
+
+bool use_certificate_chain_file(void* ctx, const char* path) {
+  using function = int (*)(void*, const char*);
+  auto use = reinterpret_cast<function>(dlsym(_import.handle, "SSL_CTX_use_certificate_chain_file"));
+  if (use) use(ctx, path);
+  return use != nullptr;
+}
+
+}  // namespace openssl
