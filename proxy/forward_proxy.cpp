@@ -18,6 +18,7 @@ void http_proxy::on_headers() {
     if (!open_upstream(url.host, url.port)) return;
     upstream_host = url.host;
   }
+  if (unserved) return;  // there is no server to carry anything, which has been printed
   if (method == "CONNECT") {
     keep_alive = false;  // so that every further byte is body, and the body is the tunnel
     answer(tunnel_answer);
