@@ -1,0 +1,90 @@
+/* chat: a WebSocket chat room, and the page that talks to it. Run it with a port, open the page in two tabs.
+ *
+ * Everybody is in one channel. What one sends, all get, as text frames. */
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "http/http_connection.h"
+#include "net/server.h"
+#include "net/sockets.h"
+
+namespace {
+
+const char room[] = "room";
+
+const char page[] = R"(<!doctype html>
+<html lang="en">
+<meta charset="utf-8">
+<title>Chat</title>
+<style>
+  body { font: 16px sans-serif; max-width: 40em; margin: 2em auto; }
+  #log { border: 1px solid #999; height: 20em; overflow-y: auto; padding: 0.5em; }
+  input { font: inherit; width: 100%; box-sizing: border-box; margin-top: 0.5em; }
+</style>
+<h1>Chat</h1>
+<div id="log"></div>
+<input id="say" placeholder="Say something, then Enter" maxlength="100" autofocus>
+<script>
+  const log = document.getElementById("log"), say = document.getElementById("say");
+  const show = text => {
+    log.append(Object.assign(document.createElement("div"), { textContent: text }));
+    log.scrollTop = log.scrollHeight;
+  };
+  const socket = new WebSocket(`ws://${location.host}/`);
+  socket.onopen = () => show("You are in.");
+  socket.onmessage = event => show(event.data);
+  socket.onclose = () => show("You are out.");
+  // 125 bytes are what one frame carries by this server's reading of longer lengths.
+  const fits = text => new TextEncoder().encode(text).length <= 125;
+  say.onchange = () => {
+    if (fits(say.value)) { socket.send(say.value); say.value = ""; }
+    else show("That is too long.");
+  };
+</script>
+)";
+
+struct chat_connection : http_connection {
+  /* Joins a channel. Kept in both places: this connection's keys and the channel's list, which is made with
+   * its first member; the destructor of http_connection takes both apart again. */
+  void subscribe(const std::string& channel) {
+    subscriptions.set(channel, 1);
+    base::arraylist<http_connection*>* members = channels().get(channel);
+    if (!members) {
+      members = new base::arraylist<http_connection*>;  // deleted when its last member leaves
+      channels().set(channel, members);
+    }
+    members->add(this);
+  }
+
+  static void publish(const std::string& channel, const std::string& text) {
+    base::arraylist<http_connection*>* members = channels().get(channel);
+    if (!members) return;
+    for (uint32_t i = 0; i < members->count; i++) members->data[i]->send_message(text, 1);
+  }
+
+  void on_request() override {
+    if (path == "/")
+      write("HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\n", page);
+    else
+      write("HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\n", "There is only one page here.\n");
+  }
+
+  // Not calling the base: it would close the connection.
+  void on_upgrade() override { subscribe(room); }
+
+  void on_message() override { publish(room, message); }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    printf("USAGE: chat [port]\n");
+    return 1;
+  }
+  sockets::raise_descriptor_limit();
+  server<chat_connection> http(atoi(argv[1]));
+  http.run();
+  return 0;
+}

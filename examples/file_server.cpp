@@ -1,0 +1,106 @@
+/* file_server: static files from a folder, streamed through file parts, with their progress on the console.
+ *
+ *     file_server [port] [folder]
+ *
+ * Nothing outside the folder is served, however the path is spelled: the file that the system finds for it,
+ * links and all, must be inside. */
+
+#include <sys/stat.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "http/http_connection.h"
+#include "net/server.h"
+#include "net/sockets.h"
+
+namespace {
+
+/* The folder's true path, without a slash at the end. */
+std::string& root() {
+  static std::string path;
+  return path;
+}
+
+/* The true path of what `path` names; "" when there is nothing. */
+std::string true_path(const std::string& path) {
+  char found[PATH_MAX];
+  return realpath(path.c_str(), found) ? found : "";
+}
+
+/* `path` with %XX as the byte it stands for (RFC 3986, section 2.1). %00 stays as it is spelled: no file name
+ * holds a zero byte. */
+std::string decode(const std::string& path) {
+  std::string out;
+  for (size_t i = 0; i < path.size(); i++) {
+    unsigned byte = 0;
+    const bool is_escape = path[i] == '%' && i + 2 < path.size() &&
+                           path.find_first_not_of("0123456789abcdefABCDEF", i + 1) > i + 2;
+    if (is_escape && sscanf(path.substr(i + 1, 2).c_str(), "%2x", &byte) == 1 && byte != 0) {
+      out += static_cast<char>(byte);
+      i += 2;
+    } else {
+      out += path[i];
+    }
+  }
+  return out;
+}
+
+struct file_connection : http_connection {
+  std::string sending;  // the file on its way, for the console
+  long total = 0;       // its size and how much of the answer has gone out, in bytes
+  long sent = 0;
+
+  void on_request() override {
+    if (method != "GET" && method != "HEAD") {
+      write("HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, HEAD\r\n", "");
+      return;
+    }
+    std::string file = true_path(root() + decode(path));
+    struct stat status = {};
+    if (!file.empty() && stat(file.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+      file = true_path(file + "/index.html");
+    const bool is_inside = file.compare(0, root().size() + 1, root() + "/") == 0;
+    if (!is_inside || stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !send(file, status))
+      write("HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\n", "There is no such file.\n");
+  }
+
+  /* Queues the answer: its head, which announces the length, and the file as a part of its own. */
+  bool send(const std::string& file, const struct stat& status) {
+    FILE* stream = fopen(file.c_str(), "rb");
+    if (!stream) return false;
+    write("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(status.st_size) + "\r\n", "");
+    sending = file.substr(root().size());
+    total = status.st_size;
+    sent = 0;
+    auto* part = new response_part;  // deleted by the connection
+    part->file = stream;
+    if (method == "HEAD")
+      delete part;  // closes the file
+    else
+      response_parts.push(part);
+    return true;
+  }
+
+  bool on_send(char* buf, int cap, int* len) override {
+    const bool is_file = response_parts.count > 0 && response_parts.head->next->value->file;
+    const bool stay = http_connection::on_send(buf, cap, len);
+    if (is_file && *len > 0) printf("%d %s: %ld of %ld bytes\n", sock, sending.c_str(), sent += *len, total);
+    return stay;
+  }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3 || (root() = true_path(argv[2])).empty()) {
+    printf("USAGE: file_server [port] [folder]\n");
+    return 1;
+  }
+  sockets::raise_descriptor_limit();
+  server<file_connection> http(atoi(argv[1]));
+  http.run();
+  return 0;
+}

@@ -1,0 +1,47 @@
+/* forward_proxy: a proxy for a browser or curl -x, which hides the hosts that it is told to block.
+ *
+ *     forward_proxy [port] [blocked host]...
+ *
+ * A blocked host also blocks the hosts below it: example.org blocks www.example.org. Listens on localhost
+ * only, for it lets anybody who reaches it go anywhere. */
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "net/sockets.h"
+#include "proxy/http_proxy.h"
+
+namespace {
+
+/* The blocked hosts: the keys. */
+base::hashmap<int>& blocked() {
+  static base::hashmap<int> hosts;
+  return hosts;
+}
+
+struct filtering_proxy : http_proxy {
+  bool should_block(const std::string& host) override {
+    for (std::string name = host;;) {
+      if (blocked().get(name)) return true;
+      size_t dot = name.find('.');
+      if (dot == std::string::npos) return false;
+      name.erase(0, dot + 1);
+    }
+  }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    printf("USAGE: forward_proxy [port] [blocked host]...\n");
+    return 1;
+  }
+  for (int i = 2; i < argc; i++) blocked().set(argv[i], 1);
+  sockets::raise_descriptor_limit();
+  server<filtering_proxy> http(atoi(argv[1]), true);
+  http_proxy::g_server() = &http;  // the upstream connections live in the same server
+  http.run();
+  return 0;
+}

@@ -1,0 +1,76 @@
+/* slow_job: answers that take a while are worked out by a thread, while the loop goes on serving others.
+ *
+ *     slow_job [port]
+ *
+ * GET /1000000 answers how many primes there are below a million. */
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "http/http_connection.h"
+#include "net/server.h"
+#include "net/sockets.h"
+
+namespace {
+
+/* Counts primes in a thread of its own. Deleted by the response part that holds it; a client that leaves
+ * early ends the work early. */
+struct prime_count : http_connection::job {
+  explicit prime_count(long below) : thread_([this, below] { work(below); }) {}
+
+  ~prime_count() override {
+    is_cancelled_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> is_cancelled_{false};
+  std::thread thread_;  // last, so that it starts when all else is there
+
+  void work(long below) {
+    int primes = 0;
+    for (long n = 2; n < below && !is_cancelled_; n++) primes += is_prime(n);
+    result = var(primes);
+    // The loop polls `done` from its own thread: the result must be visible before it.
+    __atomic_store_n(&done, true, __ATOMIC_RELEASE);
+  }
+
+  static bool is_prime(long n) {
+    for (long d = 2; d * d <= n; d++) {
+      if (n % d == 0) return false;
+    }
+    return true;
+  }
+};
+
+struct job_connection : http_connection {
+  void on_request() override {
+    const long below = path.empty() ? 0 : strtol(path.c_str() + 1, nullptr, 10);
+    if (method != "GET" || below <= 0) {
+      write("HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\n", "Ask for a number: GET /1000000\n");
+      return;
+    }
+    // The result becomes the one chunk of the body.
+    write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n", "");
+    auto* part = new response_part;  // deleted by the connection
+    part->thread = new prime_count(below);
+    part->timeout = 10;
+    response_parts.push(part);
+    timeout = -1;  // until the job is done, which sets the part's time-out
+  }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    printf("USAGE: slow_job [port]\n");
+    return 1;
+  }
+  sockets::raise_descriptor_limit();
+  server<job_connection> http(atoi(argv[1]));
+  http.run();
+  return 0;
+}
