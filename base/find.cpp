@@ -46,6 +46,13 @@ bool match_at(const std::string& text, size_t start, const std::string& pattern,
 
 }  // namespace
 
+bool is_equal_folded(const char* a, const char* b, size_t len) {
+  for (size_t i = 0; i < len; i++) {
+    if (a[i] != b[i] && fold(a[i]) != fold(b[i])) return false;
+  }
+  return true;
+}
+
 size_t find(const std::string& text, const std::string& pattern, size_t& end) {
   for (size_t start = 0; start <= text.size(); start++) {
     if (match_at(text, start, pattern, end)) return start;

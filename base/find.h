@@ -14,4 +14,7 @@ bool& find_case_insensitive();
  * lets the rest match. Costs O(text * pattern) at worst. */
 size_t find(const std::string& text, const std::string& pattern, size_t& end);
 
+/* Whether `len` bytes at `a` and at `b` are equal, with A to Z equal to a to z, in any locale. */
+bool is_equal_folded(const char* a, const char* b, size_t len);
+
 }  // namespace base

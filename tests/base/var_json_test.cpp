@@ -1,0 +1,296 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <utility>
+
+#include "base/var.h"
+#include "tests/base/var_payload.h"
+
+using namespace std::string_literals;
+
+namespace {
+
+std::string json(const var& v, bool pretty) {
+  base::arraylist<var::var_data*> visited;
+  std::string text = v.to_json_helper(visited, pretty);
+  EXPECT_EQ(visited.count, 0u) << "left on the list of visited payloads";
+  EXPECT_TRUE(!visited.data || !visited.data[0]);
+  return text;
+}
+
+std::string pretty(const var& v) {
+  return json(v, true);
+}
+
+std::string compact(const var& v) {
+  return json(v, false);
+}
+
+std::string as_text(const var& v) {
+  return v;
+}
+
+// Cuts the way back to itself out of a container, which would never be freed otherwise.
+void break_cycle(const var& container) {
+  if (container.kind == var::array_kind) {
+    var* last = list_in(container).data[list_in(container).count - 1];
+    list_in(container).pop();
+    delete last;
+  } else {
+    var* last = map_in(container).get("self");
+    map_in(container).remove("self");
+    delete last;
+  }
+}
+
+}  // namespace
+
+TEST(var_json, scalars_print_the_same_in_both_modes) {
+  const double infinity = std::numeric_limits<double>::infinity();
+  const double largest = std::numeric_limits<double>::max();
+  const std::pair<var, std::string> rows[] = {
+      {var(), "null"},
+      {var(2.5), "2.5"},
+      {var(7.0), "7"},
+      {var(-0.0), "-0"},
+      {var(1e20), "100000000000000000000"},
+      {var(1234567.5), "1.23457e+06"},
+      {var(std::nan("")), "null"},
+      {var(infinity), "null"},
+      {var(-infinity), "null"},
+      {var(true), "true"},
+      {var(false), "false"},
+      {var(""), "\"\""},
+      {var("text"), "\"text\""},
+      {var::array(), "[]"},
+      {var::object(), "{}"},
+  };
+  for (const auto& [value, text] : rows) {
+    EXPECT_EQ(pretty(value), text);
+    EXPECT_EQ(compact(value), text);
+  }
+  EXPECT_EQ(pretty(var(largest)).size(), 309u);
+}
+
+TEST(var_json, string_is_escaped_as_json) {
+  EXPECT_EQ(pretty(var("a\"\\\n\0\x01\xc3\xa9\xf0\x9f\x98\x80\xff"s)),
+            "\"a\\\"\\\\\\n\\0\\u0001\\u00e9\\ud83d\\ude00\\uffff\"");
+}
+
+TEST(var_json, unknown_kind_prints_nothing) {
+  for (int32_t kind : {6, 1000, -1}) {
+    var v;
+    v.kind = kind;
+    EXPECT_EQ(pretty(v), "") << kind;
+    EXPECT_EQ(as_text(v), "") << kind;
+  }
+}
+
+TEST(var_json, text_of_a_string_is_raw) {
+  EXPECT_EQ(as_text(var("a\"\0\n\xff"s)), "a\"\0\n\xff"s);
+}
+
+TEST(var_json, text_of_anything_else_is_pretty_json) {
+  EXPECT_EQ(as_text(var(5)), "5");
+  EXPECT_EQ(as_text(var()), "null");
+  EXPECT_EQ(as_text(array_of({"a", 2})), "[ \"a\", 2 ]");
+  EXPECT_EQ(as_text(object_of({{"a", 1}})), "{\n  \"a\" : 1\n}");
+}
+
+TEST(var_json, array_has_a_blank_inside_its_brackets_in_both_modes) {
+  EXPECT_EQ(pretty(array_of({1, 2, 3})), "[ 1, 2, 3 ]");
+  EXPECT_EQ(compact(array_of({1, 2, 3})), "[ 1,2,3 ]");
+  EXPECT_EQ(pretty(array_of({var()})), "[ null ]");
+}
+
+TEST(var_json, pretty_array_of_arrays_has_a_line_for_each) {
+  const var rows = array_of({array_of({1, 2}), array_of({3})});
+  EXPECT_EQ(pretty(rows), "[\n  [ 1, 2 ],\n  [ 3 ]\n]");
+  EXPECT_EQ(compact(rows), "[ [ 1,2 ],[ 3 ] ]");
+  EXPECT_EQ(pretty(array_of({var::array()})), "[\n  []\n]");
+}
+
+TEST(var_json, array_that_is_not_all_arrays_stays_on_one_line) {
+  EXPECT_EQ(pretty(array_of({array_of({1}), 2})), "[ [ 1 ], 2 ]");
+  EXPECT_EQ(pretty(array_of({1, array_of({2})})), "[ 1, [ 2 ] ]");
+}
+
+TEST(var_json, arrays_of_arrays_of_arrays_are_indented_by_depth) {
+  const var deep = array_of({array_of({array_of({1}), array_of({2})}), array_of({array_of({3})})});
+  EXPECT_EQ(pretty(deep),
+            "[\n"
+            "  [\n"
+            "    [ 1 ],\n"
+            "    [ 2 ]\n"
+            "  ],\n"
+            "  [\n"
+            "    [ 3 ]\n"
+            "  ]\n"
+            "]");
+  EXPECT_EQ(compact(deep), "[ [ [ 1 ],[ 2 ] ],[ [ 3 ] ] ]");
+}
+
+TEST(var_json, pretty_object_has_a_line_for_each_key) {
+  const var object = object_of({{"z", 1}, {"a", "x"}, {"m", array_of({1, 2})}});
+  EXPECT_EQ(pretty(object), "{\n  \"z\" : 1,\n  \"a\" : \"x\",\n  \"m\" : [ 1, 2 ]\n}");
+  EXPECT_EQ(compact(object), "{\"z\":1,\"a\":\"x\",\"m\":[ 1,2 ]}");
+}
+
+TEST(var_json, nested_object_starts_on_a_line_of_its_own_after_a_blank) {
+  const var object = object_of({{"a", 1}, {"b", object_of({{"c", true}})}});
+  EXPECT_EQ(pretty(object),
+            "{\n"
+            "  \"a\" : 1,\n"
+            "  \"b\" : \n"
+            "  {\n"
+            "    \"c\" : true\n"
+            "  }\n"
+            "}");
+  EXPECT_EQ(compact(object), "{\"a\":1,\"b\":{\"c\":true}}");
+}
+
+TEST(var_json, objects_are_indented_by_depth) {
+  const var object = object_of({{"a", object_of({{"b", object_of({{"c", 1}, {"d", 2}})}})}, {"e", 3}});
+  EXPECT_EQ(pretty(object),
+            "{\n"
+            "  \"a\" : \n"
+            "  {\n"
+            "    \"b\" : \n"
+            "    {\n"
+            "      \"c\" : 1,\n"
+            "      \"d\" : 2\n"
+            "    }\n"
+            "  },\n"
+            "  \"e\" : 3\n"
+            "}");
+}
+
+TEST(var_json, empty_containers_stay_short_inside_others) {
+  const var object = object_of({{"a", var::object()}, {"b", var::array()}});
+  EXPECT_EQ(pretty(object), "{\n  \"a\" : {},\n  \"b\" : []\n}");
+  EXPECT_EQ(compact(object), "{\"a\":{},\"b\":[]}");
+}
+
+TEST(var_json, object_in_an_array_starts_on_a_line_of_its_own) {
+  const var array = array_of({object_of({{"a", 1}}), object_of({{"b", 2}})});
+  EXPECT_EQ(pretty(array),
+            "[ \n"
+            "  {\n"
+            "    \"a\" : 1\n"
+            "  }, \n"
+            "  {\n"
+            "    \"b\" : 2\n"
+            "  } ]");
+  EXPECT_EQ(compact(array), "[ {\"a\":1},{\"b\":2} ]");
+}
+
+TEST(var_json, array_of_arrays_in_an_object_is_indented_by_depth) {
+  const var object = object_of({{"rows", array_of({array_of({1}), array_of({2})})}});
+  EXPECT_EQ(pretty(object),
+            "{\n"
+            "  \"rows\" : [\n"
+            "    [ 1 ],\n"
+            "    [ 2 ]\n"
+            "  ]\n"
+            "}");
+}
+
+TEST(var_json, key_is_escaped_like_a_string) {
+  EXPECT_EQ(compact(object_of({{"", 1}, {"\"\n\xc3\xa9", 2}})), "{\"\":1,\"\\\"\\n\\u00e9\":2}");
+}
+
+TEST(var_json, missing_value_prints_as_null) {
+  var object = object_of({{"a", 1}});
+  map_in(object).set("b", nullptr);
+  EXPECT_EQ(compact(object), "{\"a\":1,\"b\":null}");
+}
+
+TEST(var_json, keys_keep_their_order_through_growth_replacement_and_removal) {
+  var object = var::object();
+  std::string expected = "{";
+  for (int i = 0; i < 100; i++) object.set("key" + std::to_string(99 - i), i);
+  object.set("key99", -1);
+  delete map_in(object).get("key98");
+  map_in(object).remove("key98");
+  for (int i = 0; i < 100; i++) {
+    if (i == 1) continue;
+    expected +=
+        "\"key" + std::to_string(99 - i) + "\":" + std::to_string(i == 0 ? -1 : i) + (i < 99 ? "," : "}");
+  }
+  EXPECT_EQ(compact(object), expected);
+}
+
+TEST(var_json, array_in_itself_is_a_cycle) {
+  var array = array_of({1});
+  array.push(array);
+  EXPECT_EQ(pretty(array), "[ 1, ERROR_CYCLE ]");
+  EXPECT_EQ(compact(array), "[ 1,ERROR_CYCLE ]");
+  break_cycle(array);
+}
+
+TEST(var_json, cycle_counts_as_an_array_for_the_layout) {
+  var array = var::array();
+  array.push(array);
+  EXPECT_EQ(pretty(array), "[\n  ERROR_CYCLE\n]");
+  EXPECT_EQ(compact(array), "[ ERROR_CYCLE ]");
+  break_cycle(array);
+}
+
+TEST(var_json, object_in_itself_is_a_cycle) {
+  var object = object_of({{"a", 1}});
+  object.set("self", object);
+  EXPECT_EQ(pretty(object), "{\n  \"a\" : 1,\n  \"self\" : ERROR_CYCLE\n}");
+  EXPECT_EQ(compact(object), "{\"a\":1,\"self\":ERROR_CYCLE}");
+  break_cycle(object);
+}
+
+TEST(var_json, cycle_through_others_is_cut_where_it_recurs) {
+  var inner = var::array();
+  var outer = object_of({{"self", inner}});
+  inner.push(outer);
+  EXPECT_EQ(compact(outer), "{\"self\":[ ERROR_CYCLE ]}");
+  EXPECT_EQ(compact(inner), "[ {\"self\":ERROR_CYCLE} ]");
+  break_cycle(outer);
+}
+
+TEST(var_json, same_payload_side_by_side_is_no_cycle) {
+  const var shared = array_of({1});
+  const var object = object_of({{"k", 1}});
+  EXPECT_EQ(compact(array_of({shared, shared, object, object})), "[ [ 1 ],[ 1 ],{\"k\":1},{\"k\":1} ]");
+  const var text("text");
+  EXPECT_EQ(compact(array_of({text, array_of({text})})), "[ \"text\",[ \"text\" ] ]");
+}
+
+TEST(var_json, payload_that_is_being_printed_is_a_cycle_before_its_kind_is_looked_at) {
+  for (const var& v : {var("text"), var::array(), var::object(), array_of({1}), object_of({{"k", 1}})}) {
+    base::arraylist<var::var_data*> visited;
+    visited.add(v.data);
+    EXPECT_EQ(v.to_json_helper(visited, true), "ERROR_CYCLE");
+    EXPECT_EQ(visited.count, 1u);
+  }
+}
+
+TEST(var_json, depth_is_the_number_of_payloads_being_printed) {
+  const var around = var::array(), further = var::array();
+  base::arraylist<var::var_data*> visited;
+  visited.add(further.data);
+  visited.add(around.data);
+  EXPECT_EQ(object_of({{"a", 1}}).to_json_helper(visited, true), "\n    {\n      \"a\" : 1\n    }");
+  EXPECT_EQ(array_of({array_of({1})}).to_json_helper(visited, true), "[\n      [ 1 ]\n    ]");
+  EXPECT_EQ(object_of({{"a", 1}}).to_json_helper(visited, false), "{\"a\":1}");
+  ASSERT_EQ(visited.count, 2u);
+  EXPECT_EQ(visited.data[1], around.data);
+  EXPECT_EQ(visited.data[2], nullptr);
+}
+
+TEST(var_json, deep_nesting_prints_completely) {
+  var v = array_of({1, 2});
+  std::string expected = "[ 1,2 ]";
+  for (int i = 0; i < 200; i++) {
+    v = array_of({v});
+    expected = "[ " + expected + " ]";
+  }
+  EXPECT_EQ(compact(v), expected);
+}
