@@ -1,7 +1,6 @@
 // The input side of http_connection: from chunks to requests.
 
 #include <arpa/inet.h>
-#include <strings.h>
 
 #include <cstdlib>
 
@@ -138,7 +137,7 @@ size_t find_line(const std::string& name, const std::string& text) {
   size_t at = text.find("\r\n");
   while (at != std::string::npos) {
     at += 2;
-    if (text.size() - at >= name.size() && strncasecmp(text.data() + at, name.data(), name.size()) == 0)
+    if (text.size() - at >= name.size() && base::is_equal_folded(text.data() + at, name.data(), name.size()))
       return at + name.size();
     at = text.find("\r\n", at);
   }
