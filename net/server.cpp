@@ -22,6 +22,11 @@ char* read_buffer() {
   return buf;
 }
 
+// Both times are taken as 32 bits, which wrap in 2038; their difference does not.
+int32_t idle_seconds(const connection* conn, int64_t now) {
+  return static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(conn->last_active));
+}
+
 }  // namespace
 
 server_base::server_base(int listen_port, bool on_localhost_only)
@@ -61,13 +66,25 @@ bool server_base::accept_connection() {
   conn->sock = client;
   conn->ip = peer.sin_addr.s_addr;
   conn->server = this;
-  if (!on_accept(conn)) {
-    delete conn;
-    sockets::close(client);
-    return true;
+  bool is_welcome = false;
+  try {
+    is_welcome = on_accept(conn);
+  } catch (...) {  // the TLS server's hooks throw when the library lacks something
+    refuse(conn);
+    throw;
   }
-  add_connection(conn);
+  if (is_welcome)
+    add_connection(conn);
+  else
+    refuse(conn);
   return true;
+}
+
+// Takes back a client that is not in the list yet.
+void server_base::refuse(connection* conn) {
+  const int client = conn->sock;
+  delete conn;
+  sockets::close(client);
 }
 
 void server_base::add_connection(connection* conn) {
@@ -106,7 +123,7 @@ void server_base::service_pass(int64_t now) {
   connection* conn = nullptr;
   for (connections.begin(); connections.current(conn); connections.next()) {
     connection::selected() = conn;
-    if (conn->timeout >= 0 && now - conn->last_active > conn->timeout) {
+    if (conn->timeout >= 0 && idle_seconds(conn, now) > conn->timeout) {
       printf("%d has timed out.\n", conn->sock);
       unlink_and_end(conn);
     } else if (sockets::has(sockets::errors(), conn->sock)) {
@@ -197,7 +214,12 @@ void server_base::unlink_and_end(connection* conn) {
 
 void server_base::end_connection(connection* conn) {
   sockets::close(conn->sock);
-  on_remove(conn);
+  try {
+    on_remove(conn);
+  } catch (...) {
+    delete conn;
+    throw;
+  }
   delete conn;
 }
 

@@ -45,22 +45,26 @@ std::string _import_probe(const std::string& name) {
   return end == std::string::npos ? name : cache.substr(slash + 1, end - slash - 1);
 }
 
-import::import(const std::string& name) :handle(dlopen(_import_probe(name).c_str(), RTLD_LAZY)){
-    if (handle){error = "Error! Missing export(s) in " + name + ":";
+// The formatter takes the class's name for the keyword of a later standard.
+// clang-format off
+import::import(const std::string& name) : handle(dlopen(_import_probe(name).c_str(), RTLD_LAZY)) {
+  if (handle) {
+    error = "Error! Missing export(s) in " + name + ":";
+  } else {
+    error = "Unable to load " + name;
+    fprintf(stderr, "%s\n", error.c_str());
+    fflush(stderr);
+  }
 }
-else {
-  error = "Unable to load " + name;
-  fprintf(stderr, "%s\n", error.c_str());
-  fflush(stderr);
+
+import::~import() {
+  if (handle) dlclose(handle);
 }
-}
+// clang-format on
 
 void* import::proc(const std::string& symbol, void* fallback) {
   void* address = dlsym(handle, symbol.c_str());
   if (address) return address;
   error += "\n" + symbol;
   return fallback;
-}
-
-import::~import(){if (handle) dlclose(handle);
 }

@@ -69,7 +69,7 @@ struct ssl_server : server<T> {
 
   int recv(connection* conn, char* buf, int len) override {
     int n = openssl::SSL_read(conn->ssl, buf, len);
-    if (n < 0 && conn != this->already_read) n = read_unless_dead(conn, buf, len);
+    if (n < 0 && conn != this->already_read) n = read_unless_dead(conn, n, buf, len);
     if (n > 0) this->already_read = conn;
     return n;
   }
@@ -99,23 +99,23 @@ struct ssl_server : server<T> {
     has_chain = is_chain;
   }
 
-  // After a negative SSL_read on a socket that select() found readable: a live session has taken what was
-  // there and waits for more. A dead one leaves the socket readable for ever, and the loop would spin on it.
-  // Such a connection is made to time out in the next turn. Returns what SSL_read gives.
-  int read_unless_dead(connection* conn, char* buf, int len) {
+  // After a negative SSL_read, `n`, on a socket that select() found readable: a live session has taken what
+  // was there and waits for more. A dead one leaves the socket readable for ever, and the loop would spin on
+  // it. Such a connection is made to time out in the next turn. Returns what SSL_read gave last.
+  int read_unless_dead(connection* conn, int n, char* buf, int len) {
     char byte;
     ssize_t peeked = ::recv(conn->sock, &byte, 1, MSG_PEEK);
-    if (peeked < 0 && (errno == EAGAIN || errno == EINTR)) return -1;
+    if (peeked < 0 && (errno == EAGAIN || errno == EINTR)) return n;
     if (peeked > 0) {
       // Bytes that came just now are no proof; bytes that a second attempt leaves where they are, are.
       int before = 0, after = 0;
       ioctl(conn->sock, FIONREAD, &before);
-      int n = openssl::SSL_read(conn->ssl, buf, len);
+      n = openssl::SSL_read(conn->ssl, buf, len);
       ioctl(conn->sock, FIONREAD, &after);
       if (n >= 0 || after < before) return n;
     }
     conn->timeout = 0;
-    conn->last_active = 0;
-    return -1;
+    conn->last_active = static_cast<int32_t>(time(nullptr) - 2);
+    return n;
   }
 };

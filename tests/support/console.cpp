@@ -14,6 +14,7 @@ console::console() {
 }
 
 console::~console() {
+  fflush(stdout);
   // GoogleTest reports failures on standard output, too.
   std::string report = testing::Test::HasFailure() ? text() : "";
   dup2(saved_, STDOUT_FILENO);

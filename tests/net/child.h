@@ -1,0 +1,40 @@
+/* run_in_child: for what would change the process that the tests run in. */
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+
+#include "tests/support/client.h"
+
+/* Runs `body` in a copy of the process, which prints to where the test prints. True when the copy ended by
+ * itself, within 10 s and without a failed expectation. */
+inline bool run_in_child(const std::function<void()>& body) {
+  fflush(stdout);
+  pid_t child = fork();
+  if (child < 0) return false;
+  if (child == 0) {
+    body();
+    fflush(stdout);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = -1;
+  auto wait_a_little = [&] { usleep(1000); };
+  if (!repeat_until(wait_a_little, [&] { return waitpid(child, &status, WNOHANG) == child; })) {
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/* Calls `handler` every 5 ms from now on, as a signal that interrupts waits. */
+inline void interrupt_regularly(void (*handler)(int)) {
+  signal(SIGALRM, handler);
+  itimerval every = {{0, 5000}, {0, 5000}};
+  setitimer(ITIMER_REAL, &every, nullptr);
+}

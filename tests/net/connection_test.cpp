@@ -1,0 +1,200 @@
+// The connection object by itself: its fields, and the memory it stands on.
+
+#include "net/connection.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "net/server.h"
+#include "tests/support/faults.h"
+
+namespace {
+
+struct silent_connection : connection {
+  void on_recv(char*, int) override {}
+  bool on_send(char*, int, int*) override { return true; }
+};
+
+// A connection class with `Extra` bytes of its own, which no constructor touches.
+template <size_t Extra>
+struct larger_connection : silent_connection {
+  char extra[Extra];
+};
+
+class connection_test : public testing::Test {
+ protected:
+  connection_test() { faults::frozen_clock() = 1700000000; }
+  ~connection_test() override { faults::clear(); }
+};
+
+TEST_F(connection_test, fields_have_their_first_values_whatever_the_memory_held) {
+  std::vector<char> memory(sizeof(silent_connection) + alignof(silent_connection), '\xab');
+  void* place = memory.data();
+  size_t space = memory.size();
+  std::align(alignof(silent_connection), sizeof(silent_connection), place, space);
+  connection* c = new (place) silent_connection;
+  EXPECT_EQ(c->sock, -1);
+  EXPECT_EQ(c->ip, 0u);
+  EXPECT_EQ(c->port, 0);
+  EXPECT_EQ(c->last_active, 1700000000);
+  EXPECT_EQ(c->server, nullptr);
+  EXPECT_EQ(c->ssl, nullptr);
+  EXPECT_EQ(c->out_len, 0);
+  EXPECT_EQ(c->out_pos, 0);
+  EXPECT_TRUE(c->keep);
+  EXPECT_EQ(c->timeout, 10);
+  c->~connection();
+}
+
+TEST_F(connection_test, fields_stand_in_the_order_of_the_design) {
+  std::unique_ptr<connection> c(new silent_connection);
+  const std::vector<const void*> order = {&c->sock,   &c->ip,  &c->port,    &c->last_active,
+                                          &c->server, &c->ssl, &c->out_len, &c->out_pos,
+                                          &c->keep,   &c->out, &c->timeout};
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST_F(connection_test, fields_have_their_widths) {
+  EXPECT_EQ(sizeof(connection::out), 1048576u);
+  EXPECT_LT(sizeof(connection), 1048576u + 4096u);
+  EXPECT_TRUE((std::is_same_v<decltype(connection::ip), uint32_t>));
+  EXPECT_TRUE((std::is_same_v<decltype(connection::last_active), int32_t>));
+}
+
+TEST_F(connection_test, last_active_keeps_the_low_32_bits_of_the_time) {
+  faults::frozen_clock() = 0x180000005;
+  std::unique_ptr<connection> c(new silent_connection);
+  EXPECT_EQ(c->last_active, INT32_MIN + 5);
+}
+
+TEST_F(connection_test, none_is_selected_outside_of_a_turn) {
+  EXPECT_EQ(connection::selected(), nullptr);
+  EXPECT_EQ(&connection::selected(), &connection::selected());
+}
+
+// The index of a hook in the table of virtual functions. The C++ ABI of Linux stores the offset of the entry
+// in the first word of a pointer to member, with 1 added.
+template <class F>
+size_t slot(F hook) {
+  size_t word = 0;
+  memcpy(&word, &hook, sizeof(word));
+  return word / sizeof(void*);
+}
+
+TEST_F(connection_test, hooks_stand_in_the_order_of_the_design) {
+  EXPECT_EQ(slot(&connection::on_recv), 0u);
+  EXPECT_EQ(slot(&connection::on_send), 1u);
+}
+
+TEST_F(connection_test, hooks_of_a_server_stand_in_the_order_of_the_design) {
+  // The destructor comes first and fills two slots.
+  const std::vector<size_t> slots = {
+      slot(&abstract_server::start),     slot(&abstract_server::update),
+      slot(&abstract_server::on_idle),   slot(&abstract_server::create_connection),
+      slot(&abstract_server::on_accept), slot(&abstract_server::on_remove),
+      slot(&abstract_server::recv),      slot(&abstract_server::send)};
+  EXPECT_EQ(slots, (std::vector<size_t>{2, 3, 4, 5, 6, 7, 8, 9}));
+}
+
+// The bytes are read as the memory holds them, whatever the compiler knows about uninitialised fields.
+[[gnu::noinline]] bool is_zero(const volatile char* bytes, size_t size) {
+  for (size_t i = 0; i < size; i++)
+    if (bytes[i] != 0) return false;
+  return true;
+}
+
+[[gnu::noinline]] void fill(volatile char* bytes, size_t size) {
+  for (size_t i = 0; i < size; i++) bytes[i] = '\x5a';
+}
+
+// Makes `count` objects by the server, expects them to be zero, and ends them full of other values.
+template <class T>
+void expect_zero_and_spoil(int count) {
+  server<T> maker(0);
+  std::vector<T*> made;
+  while (count-- > 0) {
+    T* c = static_cast<T*>(maker.create_connection(0));
+    made.push_back(c);
+    ASSERT_TRUE(is_zero(c->out, sizeof(c->out)));
+    if constexpr (sizeof(T) > sizeof(silent_connection)) {
+      ASSERT_TRUE(is_zero(c->extra, sizeof(c->extra)));
+      fill(c->extra, sizeof(c->extra));
+    }
+    fill(c->out, sizeof(c->out));
+  }
+  for (connection* c : made) delete c;
+}
+
+TEST_F(connection_test, memory_is_zero_when_an_ended_object_is_used_again) {
+  for (int round = 0; round < 3; round++) {
+    expect_zero_and_spoil<silent_connection>(2);
+    expect_zero_and_spoil<larger_connection<5000>>(2);
+  }
+}
+
+TEST_F(connection_test, memory_is_zero_for_every_size_of_class) {
+  for (int round = 0; round < 2; round++) {
+    expect_zero_and_spoil<larger_connection<1>>(2);
+    expect_zero_and_spoil<larger_connection<4093>>(2);
+    expect_zero_and_spoil<larger_connection<70000>>(2);
+    expect_zero_and_spoil<larger_connection<1048576>>(2);
+  }
+}
+
+TEST_F(connection_test, memory_is_zero_for_more_objects_than_are_kept) {
+  expect_zero_and_spoil<silent_connection>(70);
+  expect_zero_and_spoil<silent_connection>(70);
+}
+
+TEST_F(connection_test, memory_is_zero_when_only_a_byte_was_written) {
+  for (size_t at : {size_t{0}, size_t{4095}, size_t{4096}, size_t{524288}, sizeof(connection::out) - 1}) {
+    auto* c = new silent_connection;
+    fill(c->out + at, 1);
+    delete c;
+    std::unique_ptr<connection> again(new silent_connection);
+    EXPECT_TRUE(is_zero(again->out, sizeof(again->out))) << at;
+  }
+}
+
+int64_t resident_bytes() {
+  long total = 0;
+  long resident = 0;
+  FILE* file = fopen("/proc/self/statm", "r");
+  EXPECT_EQ(fscanf(file, "%ld %ld", &total, &resident), 2);
+  fclose(file);
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
+constexpr int many = 200;
+constexpr int64_t output_buffers = many * int64_t{connection::out_capacity};
+
+TEST_F(connection_test, fresh_objects_take_far_less_memory_than_their_output_buffers) {
+  std::vector<std::unique_ptr<connection>> objects;
+  int64_t before = resident_bytes();
+  for (int i = 0; i < many; i++) {
+    objects.emplace_back(new silent_connection);
+    fill(objects.back()->out, 1000);
+  }
+  EXPECT_LT(resident_bytes() - before, output_buffers / 4);
+}
+
+TEST_F(connection_test, ended_objects_give_back_their_output_buffers) {
+  std::vector<std::unique_ptr<connection>> objects;
+  for (int i = 0; i < many; i++) {
+    objects.emplace_back(new silent_connection);
+    fill(objects.back()->out, sizeof(objects.back()->out));
+  }
+  int64_t full = resident_bytes();
+  objects.clear();
+  EXPECT_GT(full - resident_bytes(), output_buffers / 8 * 7);
+}
+
+}  // namespace

@@ -1,0 +1,203 @@
+// When the certificate is loaded, and loaded again. The clock and the file's time are the test's.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/tls/ssl_server_fixture.h"
+#include "tests/tls/temp_folder.h"
+
+namespace {
+
+constexpr int64_t old_time = 1500000000;
+
+const std::string reloading = "Reloading certificate...\n";
+
+struct certificate_reload : ssl_server_fixture {
+  certificate_reload() { use_path(crt); }
+
+  void use_path(const std::string& path) {
+    make_server("key.pem", path);
+    load_call = "SSL_CTX_use_certificate_file(ctx, " + path + ", 1)";
+    tls.take_notes();
+  }
+
+  void modify_file(int64_t at) const {
+    folder.write("crt.pem", "a certificate");
+    set_file_time(crt, at);
+  }
+
+  void pass(int seconds) { faults::clock_offset() += seconds; }
+
+  void check() { srv->load_certificate_maybe(); }
+  void check_in(int seconds) {
+    pass(seconds);
+    check();
+  }
+
+  void expect_load(const std::string& printed) {
+    expect_notes({load_call});
+    expect_console(printed);
+  }
+  void expect_no_load() {
+    expect_notes({});
+    expect_console("");
+  }
+
+  /* Loads the file as it is at the start of the program. */
+  void load_first(int64_t file_time = old_time) {
+    modify_file(file_time);
+    check();
+    expect_load("");
+  }
+
+  temp_folder folder;
+  const std::string crt = folder.path() + "/crt.pem";
+  std::string load_call;
+};
+
+}  // namespace
+
+TEST_F(certificate_reload, first_load_prints_nothing_and_remembers_both_times) {
+  load_first();
+  EXPECT_EQ(srv->crt_mtime, static_cast<double>(old_time));
+  EXPECT_EQ(srv->last_check, static_cast<double>(start_time));
+}
+
+TEST_F(certificate_reload, touched_file_is_reloaded_once) {
+  load_first();
+  modify_file(old_time + 1);
+  check_in(61);
+  expect_load(reloading);
+  EXPECT_EQ(srv->crt_mtime, static_cast<double>(old_time + 1));
+  check_in(61);
+  expect_no_load();
+}
+
+TEST_F(certificate_reload, file_is_looked_at_only_when_more_than_60_seconds_have_passed) {
+  load_first();
+  modify_file(old_time + 1);
+  for (int seconds : {0, 1, 58, 1}) {  // 60 in all
+    check_in(seconds);
+    expect_no_load();
+    EXPECT_EQ(srv->last_check, static_cast<double>(start_time));
+  }
+  check_in(1);
+  expect_load(reloading);
+}
+
+TEST_F(certificate_reload, look_that_finds_nothing_new_starts_the_interval_again) {
+  load_first();
+  check_in(61);
+  expect_no_load();
+  EXPECT_EQ(srv->last_check, static_cast<double>(start_time + 61));
+  modify_file(old_time + 1);
+  check_in(60);
+  expect_no_load();
+  check_in(1);
+  expect_load(reloading);
+}
+
+TEST_F(certificate_reload, file_of_the_same_time_or_an_older_one_is_not_loaded) {
+  load_first();
+  for (int64_t time : {old_time, old_time - 1, int64_t{1}, int64_t{0}}) {
+    modify_file(time);
+    check_in(61);
+    expect_no_load();
+    EXPECT_EQ(srv->crt_mtime, static_cast<double>(old_time));
+  }
+}
+
+TEST_F(certificate_reload, fraction_of_a_second_is_not_seen) {
+  load_first();
+  set_file_time(crt, old_time, 999999999);
+  check_in(61);
+  expect_no_load();
+}
+
+TEST_F(certificate_reload, file_that_is_missing_at_first_is_loaded_silently_once_it_is_there) {
+  check();
+  expect_no_load();
+  EXPECT_EQ(srv->crt_mtime, 0.0);
+  EXPECT_EQ(srv->last_check, static_cast<double>(start_time));
+  modify_file(old_time);
+  check_in(60);
+  expect_no_load();
+  check_in(1);
+  expect_load("");
+}
+
+TEST_F(certificate_reload, file_that_goes_away_is_no_reason_to_reload) {
+  load_first();
+  std::filesystem::remove(crt);
+  check_in(61);
+  expect_no_load();
+  EXPECT_EQ(srv->crt_mtime, static_cast<double>(old_time));
+  modify_file(old_time + 1);
+  check_in(61);
+  expect_load(reloading);
+}
+
+TEST_F(certificate_reload, file_from_the_beginning_of_time_is_never_loaded) {
+  modify_file(0);
+  check();
+  expect_no_load();
+}
+
+TEST_F(certificate_reload, rejected_certificate_counts_as_loaded) {
+  tls.result = 0;
+  load_first();
+  EXPECT_EQ(srv->crt_mtime, static_cast<double>(old_time));
+  check_in(61);
+  expect_no_load();
+}
+
+TEST_F(certificate_reload, clock_that_is_set_back_stops_the_looking) {
+  load_first();
+  modify_file(old_time + 1);
+  check_in(-100000);
+  expect_no_load();
+  EXPECT_EQ(srv->last_check, static_cast<double>(start_time));
+}
+
+TEST_F(certificate_reload, untidy_path_is_found_and_handed_over_as_written) {
+  modify_file(old_time);
+  for (const char* end : {"//crt.pem", "/./crt.pem", "\\crt.pem", "\\\\.//crt.pem", "/crt.pem/"}) {
+    use_path(folder.path() + end);
+    check();
+    expect_load("");
+  }
+}
+
+TEST_F(certificate_reload, idle_turn_looks_at_the_file) {
+  load_first();
+  modify_file(old_time + 1);
+  pass(60);
+  srv->on_idle();
+  expect_no_load();
+  pass(1);
+  srv->on_idle();
+  expect_load(reloading);
+}
+
+TEST_F(certificate_reload, idle_turn_without_a_context_does_nothing) {
+  modify_file(old_time);
+  srv->ctx = nullptr;
+  srv->on_idle();
+  expect_no_load();
+  EXPECT_EQ(srv->last_check, 0.0);
+  EXPECT_EQ(srv->crt_mtime, 0.0);
+}
+
+TEST_F(certificate_reload, library_that_cannot_load_chains_gets_the_first_certificate) {
+  void* const library = std::exchange(openssl::_import.handle, dlopen("libm.so.6", RTLD_LAZY));
+  EXPECT_FALSE(openssl::use_certificate_chain_file(srv->ctx, crt.c_str()));
+  const std::string pem = "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n";
+  folder.write("crt.pem", pem + pem);
+  const std::string error = openssl::_import.error;
+  check();
+  expect_load("");
+  EXPECT_EQ(openssl::_import.error, error);
+  dlclose(std::exchange(openssl::_import.handle, library));
+}
