@@ -20,7 +20,9 @@ void http_proxy::on_headers() {
   }
   if (unserved) return;  // there is no server to carry anything, which has been printed
   if (method == "CONNECT") {
-    keep_alive = false;  // so that every further byte is body, and the body is the tunnel
+    // Every further byte is body now, the body is the tunnel, and a tunnel has no length to exceed.
+    keep_alive = false;
+    max_request_length = 0;
     answer(tunnel_answer);
     return;
   }

@@ -1,0 +1,138 @@
+// Who holds the pipe, through the lives of a client connection and its upstreams.
+
+#include "tests/proxy/proxy_fixtures.h"
+
+namespace {
+
+// The pipe of the first exchange is looked at through a reference of the test's own, so `refs` counts one
+// more than without it.
+struct pipe_references : proxy_object<reverse_proxy> {
+  listener second_upstream;
+  proxy_pipe* held = nullptr;
+
+  pipe_references() {
+    map("a", upstream.port());
+    map("b", second_upstream.port());
+    map("dead", closed.port());
+  }
+
+  ~pipe_references() override {
+    if (held) held->release();
+  }
+
+  void hold_pipe() {
+    held = proxy->pipe;
+    held->refs++;
+  }
+
+  void expect_owners(int count) { EXPECT_EQ(held->refs - 1, count); }
+};
+
+}  // namespace
+
+TEST_F(pipe_references, opening_an_upstream_leaves_the_idle_pipe_and_shares_a_new_one) {
+  receive(request_to("a"));
+  EXPECT_EQ(proxy->idle_pipe.refs, 1);
+  EXPECT_FALSE(is_idle());
+  EXPECT_EQ(proxy->pipe->refs, 2);
+  ASSERT_EQ(upstreams(), 1);
+  EXPECT_EQ(upstream_side().pipe, proxy->pipe);
+  EXPECT_EQ(to_client(), "");
+}
+
+TEST_F(pipe_references, client_that_ends_first_leaves_the_pipe_to_the_upstream) {
+  receive(request_to("a"));
+  hold_pipe();
+  proxy.reset();
+  expect_owners(1);
+  EXPECT_EQ(held->to_upstream, forwarded("a", "/", "", "", "10.0.0.7"));
+  end_upstream();
+  expect_owners(0);
+}
+
+TEST_F(pipe_references, upstream_that_ends_first_leaves_the_pipe_to_the_client) {
+  receive(request_to("a"));
+  hold_pipe();
+  deliver(upstream_side(), "reply");
+  end_upstream();
+  expect_owners(1);
+  EXPECT_EQ(held->to_client, "reply");
+  proxy.reset();
+  expect_owners(0);
+}
+
+// Freed exactly once, as the checkers of the test build see.
+TEST_F(pipe_references, either_order_of_ending_frees_the_pipe) {
+  receive(request_to("a"));
+  proxy.reset();
+  end_upstream();
+  start_over();
+  receive(request_to("a"));
+  end_upstream();
+  proxy.reset();
+}
+
+TEST_F(pipe_references, upstream_that_is_alone_sends_what_it_holds_and_closes) {
+  receive(request_to("a"));
+  proxy.reset();
+  output o = ask(upstream_side());
+  EXPECT_EQ(o.bytes, forwarded("a", "/", "", "", "10.0.0.7"));
+  EXPECT_FALSE(o.stays_open);
+}
+
+TEST_F(pipe_references, client_that_is_alone_sends_what_it_holds_and_closes) {
+  receive(request_to("a"));
+  deliver(upstream_side(), "reply");
+  end_upstream();
+  output o = ask(*proxy);
+  EXPECT_EQ(o.bytes, "reply");
+  EXPECT_FALSE(o.stays_open);
+}
+
+TEST_F(pipe_references, switch_to_another_upstream_drops_the_old_pipe_with_what_it_holds_for_the_client) {
+  receive(request_to("a"));
+  deliver(upstream_side(), "old reply");
+  hold_pipe();
+  receive(request_to("b"));
+  expect_owners(1);
+  EXPECT_NE(proxy->pipe, held);
+  EXPECT_EQ(proxy->pipe->refs, 2);
+  EXPECT_EQ(to_client(), "");
+  EXPECT_EQ(upstreams(), 2);
+}
+
+TEST_F(pipe_references, failed_upstream_leaves_the_client_alone_on_a_new_pipe) {
+  receive(request_to("a"));
+  hold_pipe();
+  receive(request_to("dead"));
+  expect_owners(1);
+  EXPECT_NE(proxy->pipe, held);
+  EXPECT_EQ(proxy->pipe->refs, 1);
+  EXPECT_EQ(to_client(), bad_gateway);
+  EXPECT_EQ(upstreams(), 1);
+}
+
+TEST_F(pipe_references, answer_of_our_own_keeps_the_pipe) {
+  map("echo", -1);
+  for (const char* host : {"unknown", "echo"}) receive(request_to(host));
+  EXPECT_TRUE(is_idle());
+  EXPECT_EQ(proxy->idle_pipe.refs, 2);
+  receive(request_to("a"));
+  hold_pipe();
+  for (const char* host : {"unknown", "echo"}) receive(request_to(host));
+  EXPECT_EQ(proxy->pipe, held);
+  expect_owners(2);
+}
+
+TEST_F(pipe_references, reused_upstream_gets_no_further_reference) {
+  receive(request_to("a"));
+  receive(request_to("a"));
+  EXPECT_EQ(proxy->pipe->refs, 2);
+  EXPECT_EQ(upstreams(), 1);
+}
+
+TEST_F(pipe_references, server_that_stops_ends_the_upstream_and_its_reference) {
+  receive(request_to("a"));
+  relay.stop();
+  EXPECT_EQ(proxy->pipe->refs, 1);
+}

@@ -1,0 +1,285 @@
+/* Fixtures for the relay: a client connection driven by hand, and a real server between real peers.
+ *
+ * Both run in one thread, capture the console, and check at their end that every descriptor is closed and
+ * taken out of the registry. Expected answers are written out here, not taken from the code. */
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "net/server.h"
+#include "net/sockets.h"
+#include "proxy/reverse_proxy.h"
+#include "tests/support/client.h"
+#include "tests/support/console.h"
+#include "tests/support/faults.h"
+
+const std::string not_found =
+    "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n";
+const std::string bad_gateway =
+    "HTTP/1.1 502 Bad Gateway\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\nUnable to connect";
+const std::string tunnel_opened = "HTTP/1.1 200 OK\r\n\r\n";
+const std::string no_server_line = "Error! No server assigned for proxy connections.\n";
+
+/* A request for `host` with the given header lines, each ended by CRLF, and body. */
+inline std::string request_to(const std::string& host, const std::string& path = "/",
+                              const std::string& lines = "", const std::string& body = "") {
+  return "GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\n" + lines + "\r\n" + body;
+}
+
+/* What the upstream gets for request_to() from a client at `ip`, as long as no line is filtered. */
+inline std::string forwarded(const std::string& host, const std::string& path = "/",
+                             const std::string& lines = "", const std::string& body = "",
+                             const std::string& ip = "127.0.0.1") {
+  return "GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\n" + lines + "X-Forwarded-For: " + ip +
+         "\r\n\r\n" + body;
+}
+
+/* The header line that announces `body`. */
+inline std::string length_of(const std::string& body) {
+  return "Content-Length: " + std::to_string(body.size()) + "\r\n";
+}
+
+/* `count` bytes of every value, the same ones each time. */
+inline std::string random_bytes(size_t count, unsigned seed = 1) {
+  std::mt19937 next(seed);
+  std::string bytes(count, '\0');
+  for (char& c : bytes) c = static_cast<char>(next() & 255);
+  return bytes;
+}
+
+/* What a connection gave that was asked for output. */
+struct output {
+  std::string bytes;
+  bool stays_open;
+};
+
+/* Asks as a server does. The buffer ends where it says, so that writing past it is noticed. */
+inline output ask(connection& conn, int cap = connection::out_capacity) {
+  std::vector<char> buf(static_cast<size_t>(cap));
+  int len = 0;
+  bool stays_open = conn.on_send(buf.data(), cap, &len);
+  return {std::string(buf.data(), static_cast<size_t>(len)), stays_open};
+}
+
+/* Hands bytes to a connection as a server does, in a buffer that dies behind the call. */
+inline void deliver(connection& conn, const std::string& bytes) {
+  std::vector<char> buf(bytes.begin(), bytes.end());
+  conn.on_recv(buf.data(), static_cast<int>(buf.size()));
+}
+
+/* The connection at a place of a server's list. */
+inline connection* connection_at(server_base& s, int index) {
+  connection* conn = nullptr;
+  s.connections.begin();
+  for (int i = 0; i < index; i++) s.connections.next();
+  return s.connections.current(conn) ? conn : nullptr;
+}
+
+/* How many descriptors this process has open. */
+inline int open_descriptors() {
+  std::filesystem::directory_iterator files("/proc/self/fd");
+  return static_cast<int>(std::distance(begin(files), end(files)));
+}
+
+/* Expects, at its end, as many open descriptors as at its beginning, and none of them registered. */
+struct descriptor_check {
+  int before = open_descriptors();
+
+  ~descriptor_check() {
+    EXPECT_EQ(open_descriptors(), before);
+    const fd_set none = {};
+    EXPECT_EQ(memcmp(sockets::all(), &none, sizeof(none)), 0) << "a closed socket is still registered";
+  }
+};
+
+/* A port of 127.0.0.1 that refuses connections, and that nobody else gets as long as this lives: it is bound,
+ * but nothing listens. */
+class refusing_port {
+ public:
+  refusing_port() : sock_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    bind(sock_, reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(sock_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+  }
+  refusing_port(const refusing_port&) = delete;
+  refusing_port& operator=(const refusing_port&) = delete;
+  ~refusing_port() { close(sock_); }
+  int port() const { return port_; }
+
+ private:
+  int sock_;
+  int port_;
+};
+
+/* What both fixtures share: a clean process, the console, one upstream, and the host map. */
+struct proxy_test : testing::Test {
+  descriptor_check descriptors;  // first, because it looks when all else is gone
+  console out;
+  listener upstream;
+  refusing_port closed;
+
+  proxy_test() { FD_ZERO(sockets::ready()); }
+
+  ~proxy_test() override {
+    http_proxy::g_server() = nullptr;
+    base::hashmap<int>& hosts = reverse_proxy::hosts();
+    while (hosts.count > 0) hosts.remove(std::string(*hosts.keys[0]));
+    faults::clear();
+  }
+
+  void map(const std::string& host, int port) { reverse_proxy::hosts().set(host, port); }
+};
+
+/* One client connection, at 10.0.0.7:51234, that gets its bytes by hand. Upstream connections go to `relay`,
+ * which never takes a turn unless a test says so. */
+template <class T>
+struct proxy_object : proxy_test {
+  server<T> relay{0};
+  std::unique_ptr<T> proxy = std::make_unique<T>();
+
+  proxy_object() {
+    http_proxy::g_server() = &relay;
+    set_peer();
+  }
+
+  void receive(const std::string& bytes) { deliver(*proxy, bytes); }
+  std::string to_upstream() { return proxy->pipe->to_upstream; }
+  std::string to_client() { return proxy->pipe->to_client; }
+  bool is_idle() { return proxy->pipe == &proxy->idle_pipe; }
+  int upstreams() { return relay.connections.count; }
+
+  /* The upstream side that was opened as the n-th. */
+  proxy_connection& upstream_side(int index = 0) {
+    return dynamic_cast<proxy_connection&>(*connection_at(relay, index));
+  }
+
+  /* The upstream side ends the way a server ends it. */
+  void end_upstream() { relay.end_connection(relay.connections.pop()); }
+
+  /* A client connection that has done nothing yet takes the place of the current one. */
+  void start_over() {
+    proxy = std::make_unique<T>();
+    set_peer();
+    relay.stop();
+    upstream.accept();
+  }
+
+ private:
+  void set_peer() {
+    proxy->ip = htonl(0x0a000007);
+    proxy->port = 51234;
+  }
+};
+
+/* A server of T on a free port, which also carries the upstream connections. It takes a turn when a test
+ * says so, or waits for something. */
+template <class T>
+struct proxy_server : proxy_test {
+  server<T> front{free_port(), true};
+
+  proxy_server() {
+    http_proxy::g_server() = &front;
+    front.last_report = INT64_MAX / 2;  // no connection counts on the console
+    EXPECT_TRUE(front.start());
+    out.clear();
+  }
+
+  void turn() {
+    sockets::select_all();
+    front.update();
+  }
+
+  bool serve_until(const std::function<bool()>& done) {
+    return repeat_until([this] { turn(); }, done);
+  }
+
+  /* Serves until a wait has passed in which no socket was ready. */
+  void serve_until_quiet() {
+    serve_until([] { return sockets::num_ready() == 0; });
+  }
+
+  /* A client that has been accepted. */
+  client connect() {
+    client c(front.port);
+    EXPECT_TRUE(serve_until([&] { return find(c) != nullptr; }));
+    return c;
+  }
+
+  /* The server's object for a client that is connected. */
+  T& served(const client& c) { return dynamic_cast<T&>(*find(c)); }
+
+  /* The connection that waits at `from`, once there is one. */
+  template <class Listener>
+  client accept(Listener& from) {
+    std::unique_ptr<client> peer;
+    EXPECT_TRUE(serve_until([&] {
+      peer = std::make_unique<client>(from.accept());
+      return peer->ok();
+    }));
+    return std::move(*peer);
+  }
+  client accept() { return accept(upstream); }
+
+  /* Sends all of `bytes` while the server goes on. */
+  void send_all(client& from, const std::string& bytes) {
+    size_t sent = from.send(bytes);
+    EXPECT_TRUE(serve_until([&] {
+      sent += from.send(bytes.substr(sent, 65536));
+      return sent == bytes.size();
+    }));
+  }
+
+  /* Expects `bytes` at `to`, which gets read, and then forgets them. */
+  void expect_bytes(client& to, const std::string& bytes) {
+    serve_until([&] { return !to.poll() || to.received().size() >= bytes.size(); });
+    expect_same(to.received(), bytes);
+    EXPECT_FALSE(to.is_closed());
+    to.forget_received();
+  }
+
+  /* Expects `bytes` at `to` and then the end of the stream. */
+  void expect_end(client& to, const std::string& bytes = "") {
+    EXPECT_TRUE(serve_until([&] { return !to.poll(); })) << "it is still open";
+    expect_same(to.received(), bytes);
+  }
+
+  /* Expects that nothing comes, and no end either. */
+  void expect_nothing(client& to) {
+    serve_until_quiet();
+    EXPECT_TRUE(to.poll()) << "it is closed";
+    expect_same(to.received(), "");
+  }
+
+ private:
+  connection* find(const client& c) {
+    connection* conn = nullptr;
+    for (front.connections.begin(); front.connections.current(conn); front.connections.next())
+      if (conn->port == c.local_port()) return conn;
+    return nullptr;
+  }
+
+  // Long texts are not printed.
+  void expect_same(const std::string& is, const std::string& wanted) {
+    if (wanted.size() < 4096)
+      EXPECT_EQ(is, wanted);
+    else
+      EXPECT_TRUE(is == wanted) << is.size() << " bytes came, " << wanted.size() << " were wanted";
+  }
+};

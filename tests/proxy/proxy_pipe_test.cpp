@@ -1,0 +1,89 @@
+// proxy_pipe alone: its references and whom it wakes.
+
+#include <gtest/gtest.h>
+
+#include "net/sockets.h"
+#include "proxy/proxy_pipe.h"
+
+namespace {
+
+// Descriptors are only numbers here: nothing is sent through them.
+struct proxy_pipe_test : testing::Test {
+  static constexpr int client_sock = 900;
+  static constexpr int upstream_sock = 901;
+  proxy_pipe* pipe = new proxy_pipe;
+
+  proxy_pipe_test() {
+    FD_ZERO(sockets::ready());
+    pipe->client_sock = client_sock;
+    pipe->upstream_sock = upstream_sock;
+  }
+
+  // A test that drops the last reference itself sets `pipe` to null.
+  ~proxy_pipe_test() override {
+    delete pipe;
+    FD_ZERO(sockets::ready());
+  }
+
+  void expect_ready(bool client, bool upstream) {
+    EXPECT_EQ(sockets::has(sockets::ready(), client_sock), client);
+    EXPECT_EQ(sockets::has(sockets::ready(), upstream_sock), upstream);
+  }
+};
+
+}  // namespace
+
+TEST(proxy_pipe, starts_with_its_maker_as_the_only_owner_and_nothing_queued) {
+  proxy_pipe pipe;
+  EXPECT_EQ(pipe.refs, 1);
+  EXPECT_TRUE(pipe.to_upstream.empty());
+  EXPECT_TRUE(pipe.to_client.empty());
+  EXPECT_EQ(pipe.client_sock, -1);
+  EXPECT_EQ(pipe.upstream_sock, -1);
+}
+
+TEST_F(proxy_pipe_test, one_of_two_references_dropped_leaves_the_pipe_and_its_queues) {
+  pipe->refs = 2;
+  pipe->append_to_upstream("request", 7);
+  pipe->append_to_client("reply", 5);
+  pipe->release();
+  EXPECT_EQ(pipe->refs, 1);
+  EXPECT_EQ(pipe->to_upstream, "request");
+  EXPECT_EQ(pipe->to_client, "reply");
+}
+
+// The leak checker of the test build looks whether they are freed.
+TEST_F(proxy_pipe_test, last_reference_dropped_frees_the_pipe_and_both_queues) {
+  const std::string bytes(100000, 'x');
+  pipe->append_to_upstream(bytes.data(), bytes.size());
+  pipe->append_to_client(bytes.data(), bytes.size());
+  pipe->release();
+  pipe = nullptr;
+}
+
+TEST_F(proxy_pipe_test, bytes_for_the_upstream_wake_the_upstream_alone) {
+  pipe->append_to_upstream("x", 1);
+  expect_ready(false, true);
+}
+
+TEST_F(proxy_pipe_test, bytes_for_the_client_wake_the_client_alone) {
+  pipe->append_to_client("x", 1);
+  expect_ready(true, false);
+}
+
+TEST_F(proxy_pipe_test, side_that_ends_wakes_the_one_that_stays) {
+  pipe->refs = 2;
+  pipe->client_sock = -1;
+  pipe->release();
+  expect_ready(false, true);
+}
+
+TEST_F(proxy_pipe_test, descriptors_that_no_set_can_hold_are_passed_over) {
+  pipe->client_sock = FD_SETSIZE;
+  pipe->upstream_sock = -1;
+  pipe->append_to_client("x", 1);
+  pipe->append_to_upstream("y", 1);
+  expect_ready(false, false);
+  EXPECT_EQ(pipe->to_client, "x");
+  EXPECT_EQ(pipe->to_upstream, "y");
+}
