@@ -1,0 +1,122 @@
+"""Fixtures: whatever a test starts or opens is ended after it, by its process id."""
+
+import tempfile
+
+import pytest
+
+from mivo_process import PROGRAM, Mivo, ReservedPort
+from upstreams import Nginx, NodeUpstream, PythonSite, Site
+from wire import Listener, Wire
+
+
+@pytest.fixture
+def folder():
+    with tempfile.TemporaryDirectory(prefix="mivo_test_") as path:
+        yield path
+
+
+@pytest.fixture(scope="session")
+def site():
+    with tempfile.TemporaryDirectory(prefix="mivo_site_") as path:
+        yield Site(path)
+
+
+@pytest.fixture
+def program():
+    """The program to run; a test may be parametrized with others."""
+    return PROGRAM
+
+
+@pytest.fixture
+def run_mivo(folder, program):
+    """run_mivo(arguments...): starts mivo with exactly these arguments and does not wait for anything."""
+    started = []
+
+    def run(*arguments, **options):
+        started.append(Mivo(folder, arguments, program=program, **options))
+        return started[-1]
+
+    yield run
+    for mivo in started:
+        mivo.kill()
+
+
+@pytest.fixture
+def start_mivo(request, folder, program):
+    """start_mivo({host: port}): a serving mivo. After the test, once the clients are gone, every connection
+    of it has to be closed, and SIGINT has to end it in good order."""
+    started = []
+
+    def start(hosts=None, **options):
+        started.append(Mivo.serve(folder, hosts, program=program, **options))
+        return started[-1]
+
+    yield start
+    try:
+        for mivo in started:
+            if mivo.is_running():
+                mivo.wait_until_idle()
+                mivo.interrupt()
+            mivo.expect_good_end()  # of all, or else a crash would go unnoticed
+    finally:
+        for mivo in started:
+            mivo.kill()
+
+
+def closing_after_the_test(make):
+    """A factory whose products are closed, in the order of their making, at the end of the test."""
+    made = []
+
+    def make_and_keep(*arguments, **options):
+        made.append(make(*arguments, **options))
+        return made[-1]
+
+    yield make_and_keep
+    for product in made:
+        product.close()
+
+
+# The clients and upstreams of a test end before its mivo is checked, because these fixtures ask for
+# start_mivo first.
+
+
+@pytest.fixture
+def connect(start_mivo):
+    """connect(port): a client connection."""
+    yield from closing_after_the_test(Wire.connect)
+
+
+@pytest.fixture
+def listen(start_mivo):
+    """listen(): a scripted upstream."""
+    yield from closing_after_the_test(Listener)
+
+
+@pytest.fixture
+def refusing_port():
+    """A port at which nobody listens, and nobody will."""
+    reserved = ReservedPort("127.0.0.1")
+    yield reserved.port
+    reserved.close()
+
+
+@pytest.fixture
+def python_site(start_mivo, site):
+    yield from closed_after_the_test(PythonSite(site.folder))
+
+
+@pytest.fixture
+def nginx(start_mivo, site, folder):
+    yield from closed_after_the_test(Nginx(site.folder, folder))
+
+
+@pytest.fixture
+def node(start_mivo, site):
+    yield from closed_after_the_test(NodeUpstream(site))
+
+
+def closed_after_the_test(upstream):
+    try:
+        yield upstream
+    finally:
+        upstream.close()

@@ -1,0 +1,84 @@
+"""What the passing of time does: idle clients end, and the number of connections is reported."""
+
+import re
+import time
+
+from wire import reply, request, until
+
+TIMEOUT = 10  # seconds; more than this, counted in whole seconds, ends a connection
+TOLERANCE = 2.5  # seconds, for the whole seconds and a turn
+REPORT = r"\d+ connections"
+
+
+def new_descriptor(mivo, connect, known):
+    """A new client connection and its descriptor in mivo, which is added to the known ones."""
+    client = connect(mivo.port)
+    found = until(lambda: mivo.descriptors() - known, "the connection is accepted")
+    known |= found
+    (descriptor,) = found
+    return client, descriptor
+
+
+def seconds_until_closed(wire, start):
+    assert wire.read_to_end() == b""
+    return time.monotonic() - start
+
+
+def test_idle_clients__time_out_10_s_after_their_last_byte_unless_they_have_an_upstream(
+        start_mivo, connect, listen):
+    upstream = listen()
+    mivo = start_mivo({"up": upstream.port, "echo": -1})
+    known = mivo.descriptors()
+    silent, silent_descriptor = new_descriptor(mivo, connect, known)
+    echoed, echoed_descriptor = new_descriptor(mivo, connect, known)
+    started, started_descriptor = new_descriptor(mivo, connect, known)
+    slow, _ = new_descriptor(mivo, connect, known)
+    active_again, active_again_descriptor = new_descriptor(mivo, connect, known)
+    relayed, _ = new_descriptor(mivo, connect, known)
+
+    relayed.send(request("up"))
+    at_upstream = upstream.accept()
+    at_upstream.read_head()
+    echoed.ask(request("echo"))
+    started.send(b"GET / HT")
+    start = time.monotonic()
+    sent = request("echo", "/slow")
+    while time.monotonic() - start < TIMEOUT / 2:
+        slow.send(sent[:1])
+        sent = sent[1:]
+        time.sleep(0.5)  # the pace of a slow sender, who is never idle
+    active_again.ask(request("echo"))
+    active_again_start = time.monotonic()
+    for client in (silent, echoed, started):
+        assert TIMEOUT - 1 <= seconds_until_closed(client, start) <= TIMEOUT + TOLERANCE
+    slow.send(sent)
+    assert slow.read_reply()[1].startswith(b"GET /slow ")
+    at_upstream.send(reply(b"late"))
+    assert relayed.read_reply()[1] == b"late"
+    assert TIMEOUT - 1 <= seconds_until_closed(active_again, active_again_start) <= TIMEOUT + TOLERANCE
+    assert sorted(mivo.lines(r".* timed out.*")) == sorted(
+        f"{descriptor} has timed out." for descriptor in
+        (silent_descriptor, echoed_descriptor, started_descriptor, active_again_descriptor))
+
+
+def test_number_of_connections__is_reported_while_there_are_any_and_once_when_the_last_has_gone(
+        start_mivo, connect, listen):
+    upstream = listen()
+    mivo = start_mivo({"up": upstream.port})
+    start = time.monotonic()
+    client = connect(mivo.port)
+    client.send(request("up"))
+    upstream.accept()
+
+    def reports(count):
+        until(lambda: len(mivo.lines(REPORT)) >= count, f"{count} reports")
+        return time.monotonic()
+    assert 5 < reports(2) - start < 5 + TOLERANCE
+    client.close()
+    reports(3)
+    time.sleep(7)  # longer than from one report to the next
+    assert mivo.lines(REPORT) == ["0 connections", "2 connections", "0 connections"]
+    connect(mivo.port)
+    reports(4)
+    assert re.search(r"\n0 connections\n\[up\] .*\n2 connections\n0 connections\n1 connections\n$",
+                     mivo.console())
