@@ -59,7 +59,7 @@ using sha1_state = std::array<uint32_t, 5>;
 // FIPS 180-4, section 6.1.2: one block of 64 bytes.
 void hash_block(sha1_state& h, const char* block) {
   uint32_t w[80];
-  for (int t = 0; t < 16; t++) w[t] = big_endian_word(&block[4 * t]);
+  for (size_t t = 0; t < 16; t++) w[t] = big_endian_word(block + 4 * t);
   for (int t = 16; t < 80; t++) w[t] = rotate_left(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
 
   uint32_t a = h[0], b = h[1], c = h[2], d = h[3], e = h[4];

@@ -35,11 +35,12 @@ std::string true_path(const std::string& path) {
 std::string decode(const std::string& path) {
   std::string out;
   for (size_t i = 0; i < path.size(); i++) {
-    unsigned byte = 0;
     const bool is_escape = path[i] == '%' && i + 2 < path.size() &&
                            path.find_first_not_of("0123456789abcdefABCDEF", i + 1) > i + 2;
-    if (is_escape && sscanf(path.substr(i + 1, 2).c_str(), "%2x", &byte) == 1 && byte != 0) {
-      out += static_cast<char>(byte);
+    const char byte =
+        is_escape ? static_cast<char>(strtol(path.substr(i + 1, 2).c_str(), nullptr, 16)) : '\0';
+    if (byte != '\0') {
+      out += byte;
       i += 2;
     } else {
       out += path[i];
@@ -100,7 +101,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   sockets::raise_descriptor_limit();
-  server<file_connection> http(atoi(argv[1]));
+  server<file_connection> http(static_cast<int>(strtol(argv[1], nullptr, 10)));
   http.run();
   return 0;
 }

@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
   }
   for (int i = 2; i < argc; i++) blocked().set(argv[i], 1);
   sockets::raise_descriptor_limit();
-  server<filtering_proxy> http(atoi(argv[1]), true);
+  server<filtering_proxy> http(static_cast<int>(strtol(argv[1], nullptr, 10)), true);
   http_proxy::g_server() = &http;  // the upstream connections live in the same server
   http.run();
   return 0;

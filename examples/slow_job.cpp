@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   sockets::raise_descriptor_limit();
-  server<job_connection> http(atoi(argv[1]));
+  server<job_connection> http(static_cast<int>(strtol(argv[1], nullptr, 10)));
   http.run();
   return 0;
 }
