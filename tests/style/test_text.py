@@ -24,7 +24,8 @@ def test_code_is_formatted():
 
 
 def test_nothing_is_left_in_the_text():
-    leftover = re.compile(r"\b(TODO|FIXME|XXX|HACK)\b|^\s*#\s*if 0")
+    words = "|".join(["TO" + "DO", "FIX" + "ME", "X" * 3, "HA" + "CK"])  # apart, not to find itself
+    leftover = re.compile(rf"\b({words})\b|^\s*#\s*if 0")
     found = []
     for path in code_files():
         for number, line in enumerate(path.read_text().splitlines(), 1):
