@@ -30,6 +30,7 @@ struct connection {
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
+  int refused_writes = 0;             // in a row, by a TLS session on a writable socket
 
   connection();
   connection(const connection&) = delete;

@@ -152,12 +152,13 @@ void server_base::read_from(connection* conn, int64_t now) {
 }
 
 void server_base::write_to(connection* conn, int64_t now) {
+  // Before the loop: a transport that finds the peer gone sets it back, to have the connection time out.
+  conn->last_active = static_cast<int32_t>(now);
   int n = 0;
   while ((n = send(conn, conn->out + conn->out_pos, conn->out_len)) > 0) {
     conn->out_len -= n;
     conn->out_pos += n;
   }
-  conn->last_active = static_cast<int32_t>(now);
   if (!conn->keep && conn->out_len == 0) unlink_and_end(conn);
 }
 

@@ -25,6 +25,10 @@ template <class T>
 struct ssl_server : server<T> {
   static constexpr double check_interval = 60.0;  // seconds between looks at the certificate file
 
+  // So many writes in a row refused on a writable socket tell that the session is dead. A live one holds back
+  // a record at most, and takes a few turns at the worst to get it into the socket.
+  static constexpr int most_refused_writes = 64;
+
   void* ctx = nullptr;      // the SSL_CTX
   bool is_new_api = false;  // OpenSSL 1.1 or later; for the curious
   std::string key_file;
@@ -74,7 +78,12 @@ struct ssl_server : server<T> {
     return n;
   }
 
-  int send(connection* conn, char* buf, int len) override { return openssl::SSL_write(conn->ssl, buf, len); }
+  int send(connection* conn, char* buf, int len) override {
+    int n = openssl::SSL_write(conn->ssl, buf, len);
+    if (n > 0) conn->refused_writes = 0;
+    if (n < 0 && ++conn->refused_writes >= most_refused_writes) end_soon(conn);
+    return n;
+  }
 
   /* Loads the certificate into the context, which must be there, if its file is newer than what is loaded.
    * Looks at it once a minute at most. */
@@ -114,8 +123,13 @@ struct ssl_server : server<T> {
       ioctl(conn->sock, FIONREAD, &after);
       if (n >= 0 || after < before) return n;
     }
+    end_soon(conn);
+    return n;
+  }
+
+  // Has the framework's time-out rule end the connection in the next turn.
+  static void end_soon(connection* conn) {
     conn->timeout = 0;
     conn->last_active = static_cast<int32_t>(time(nullptr) - 2);
-    return n;
   }
 };

@@ -146,6 +146,36 @@ TEST_F(tls_transport, write_that_is_not_taken_is_repeated_with_the_same_bytes) {
   EXPECT_EQ(c.received(), "hello");
 }
 
+// Such a session leaves its socket writable for ever, and a loop that waits for it would spin.
+TEST_F(tls_transport, session_that_refuses_every_write_is_ended_through_the_time_out) {
+  client c = join_quietly();
+  conn->answer = "hello";
+  const int sock = conn->sock;
+  int writes = 0;
+  tls.writes = [&writes](session&, char*, int) {
+    writes++;
+    return -1;
+  };
+  console out;
+  EXPECT_TRUE(repeat_until([&] { turn(); }, [&] { return srv->connections.count == 0; }));
+  EXPECT_EQ(out.text(), std::to_string(sock) + " has timed out.\n");
+  EXPECT_EQ(writes, ssl_server<talker>::most_refused_writes);
+}
+
+TEST_F(tls_transport, refused_writes_count_from_the_last_one_taken) {
+  client c = join_quietly();
+  auto send_for_real = tls.writes;
+  for (int round = 0; round < 3; round++) {
+    conn->answer = "hello";
+    int refusals = ssl_server<talker>::most_refused_writes - 1;
+    tls.writes = [&](session& s, char* buf, int len) {
+      return refusals-- > 0 ? -1 : send_for_real(s, buf, len);
+    };
+    c.forget_received();
+    EXPECT_TRUE(repeat_until([&] { turn(), c.poll(); }, [&] { return c.received() == "hello"; }));
+  }
+}
+
 TEST_F(tls_transport, session_that_takes_its_bytes_lives_however_slowly_they_come) {
   client c = join_quietly();
   swallow(1);

@@ -1,0 +1,235 @@
+"""The certificate file is looked at again once a minute, by a clock that the test sets."""
+
+import os
+import pathlib
+import shutil
+import ssl
+import struct
+import subprocess
+import threading
+import time
+
+import pytest
+
+from mivo_process import PROGRAM
+from upstreams import HERE
+from wire import request, until
+
+pytest_plugins = ["tls_service"]
+
+HELLO = b"hello, world\n"
+RELOADING = "Reloading certificate..."
+INTERVAL = 60  # seconds between two looks at the file
+STEP = 5  # seconds; fewer than end an idle connection
+SOME_TURNS = 0.4  # seconds; a turn in which nothing is ready takes 0.1
+
+
+class Clock:
+    """The time of mivo, ahead of the real one."""
+
+    def __init__(self, path):
+        self.path = pathlib.Path(path)
+        self.path.write_bytes(bytes(8))
+        self.ahead = 0
+
+    def advance(self, seconds):
+        self.ahead += seconds
+        with open(self.path, "r+b", buffering=0) as file:  # in one write, and into the file that mivo has mapped
+            file.write(struct.pack("=q", self.ahead))
+
+    def advance_in_steps(self, seconds):
+        """Connections that are used all the time do not become idle by this."""
+        for _ in range(0, seconds, STEP):
+            self.advance(STEP)
+            time.sleep(0.1)
+
+
+@pytest.fixture(scope="session")
+def clock_library(tmp_path_factory):
+    library = tmp_path_factory.mktemp("clock") / "clock.so"
+    subprocess.run(["cc", "-O1", "-fPIC", "-shared", HERE / "clock.c", "-o", library], check=True)
+    return library
+
+
+@pytest.fixture
+def clock(folder):
+    return Clock(f"{folder}/clock")
+
+
+@pytest.fixture
+def program(folder, clock, clock_library):
+    """Sets the clock and becomes the program."""
+    script = pathlib.Path(folder, "mivo_with_clock")
+    script.write_text(f'#!/bin/sh\nLD_PRELOAD="$LD_PRELOAD:{clock_library}" MIVO_CLOCK={clock.path} '
+                      f'exec {PROGRAM} "$@"\n')
+    script.chmod(0o755)
+    return str(script)
+
+
+class Renewal:
+    """A certificate file that is replaced, with the certificates that it may hold: all for one key."""
+
+    def __init__(self, authority, folder):
+        self.first = authority.issue("first")
+        self.second = authority.issue("second", key=self.first.key)
+        self.path = pathlib.Path(folder, "served.pem")
+        self.time = int(time.time()) - 1000
+        self.install(self.first)
+
+    def install(self, certificate, later=10):
+        """Replaces the file in one step, as a renewal does; `later` is by how much it becomes newer."""
+        self.time += later
+        new = self.path.with_suffix(".new")
+        shutil.copyfile(certificate.crt, new)
+        os.utime(new, (self.time, self.time))
+        new.rename(self.path)
+
+
+@pytest.fixture
+def renewal(authorities, folder):
+    return Renewal(authorities["ecdsa"], folder)
+
+
+@pytest.fixture
+def service(serve_tls, node, renewal):
+    return serve_tls({"node": node.port}, certificate=renewal.first, crt=renewal.path)
+
+
+def reloads(service):
+    return service.mivo.lines(RELOADING)
+
+
+def wait_for_reload(service, count=1):
+    until(lambda: len(reloads(service)) == count, "the certificate is loaded again")
+
+
+def pass_some_turns():
+    time.sleep(SOME_TURNS)
+
+
+class Load:
+    """Clients that ask in bursts, each over a connection that stays and over new ones.
+
+    Between the bursts they pause for longer than a turn waits, because the file is only looked at in a turn
+    in which no socket is ready."""
+
+    CLIENTS, BURST, PAUSE = 6, 10, 0.25
+
+    def __init__(self, service):
+        self.service = service
+        self.kept = [service.handshake() for _ in range(self.CLIENTS)]
+        self.failures, self.served, self.stop = [], 0, False
+        self.together = threading.Barrier(self.CLIENTS)
+        self.threads = [threading.Thread(target=self._ask, args=[wire], daemon=True) for wire in self.kept]
+        for thread in self.threads:
+            thread.start()
+
+    def _ask(self, kept):
+        sent = request("node", "/small")
+        while True:
+            try:
+                for _ in range(self.BURST):
+                    assert kept.ask(sent) == HELLO
+                fresh = self.service.handshake()
+                assert fresh.ask(sent) == HELLO
+                fresh.close()
+                self.served += 1
+            except (AssertionError, OSError) as error:
+                self.failures.append(repr(error))
+                self.stop = True
+            time.sleep(self.PAUSE)
+            self.together.wait(15)
+            stop = self.stop
+            self.together.wait(15)
+            if stop:
+                return
+
+    def finish(self):
+        self.stop = True
+        for thread in self.threads:
+            thread.join(30)
+        assert self.failures == []
+        return self.served
+
+
+def test_certificate_is_replaced_under_load__no_request_fails_and_new_clients_see_the_new_one(
+        service, renewal, clock):
+    assert service.serial() == renewal.first.serial
+    load = Load(service)
+    until(lambda: load.served >= Load.CLIENTS, "the first requests")
+    renewal.install(renewal.second)
+    clock.advance_in_steps(INTERVAL + STEP)
+    wait_for_reload(service)
+    served = load.served
+    until(lambda: load.served >= served + 2 * Load.CLIENTS, "requests after the certificate was loaded")
+    load.finish()
+    assert service.serial() == renewal.second.serial
+    assert len(reloads(service)) == 1
+
+
+def test_second_change_within_a_minute__is_seen_at_the_next_look(service, renewal, clock):
+    renewal.install(renewal.second)
+    clock.advance(INTERVAL // 2)
+    pass_some_turns()
+    assert service.serial() == renewal.first.serial and not reloads(service)
+    clock.advance(INTERVAL // 2 + 1)
+    wait_for_reload(service)
+    assert service.serial() == renewal.second.serial
+    renewal.install(renewal.first)
+    clock.advance(INTERVAL - 10)
+    pass_some_turns()
+    assert service.serial() == renewal.second.serial and len(reloads(service)) == 1
+    clock.advance(11)
+    wait_for_reload(service, 2)
+    assert service.serial() == renewal.first.serial
+
+
+@pytest.mark.parametrize("later", [0, -5])
+def test_file_that_is_not_newer__is_not_loaded(service, renewal, clock, later):
+    renewal.install(renewal.second, later)
+    clock.advance(INTERVAL + 1)
+    pass_some_turns()
+    assert service.serial() == renewal.first.serial and not reloads(service)
+
+
+def test_file_that_goes_and_comes_back__is_loaded_only_when_it_is_newer(service, renewal, clock):
+    renewal.path.unlink()
+    clock.advance(INTERVAL + 1)
+    pass_some_turns()
+    assert service.serial() == renewal.first.serial and not reloads(service)
+    renewal.install(renewal.second)
+    clock.advance(INTERVAL + 1)
+    wait_for_reload(service)
+    assert service.serial() == renewal.second.serial
+
+
+def test_certificate_is_loaded_again__its_chain_is_shown_once(service, renewal, clock):
+    renewal.install(renewal.second)
+    clock.advance(INTERVAL + 1)
+    wait_for_reload(service)
+    told = subprocess.run(["openssl", "s_client", "-connect", f"127.0.0.1:{service.port}", "-showcerts"],
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=True).stdout.decode()
+    shown = told.partition("Server certificate")[0]
+    assert shown.count("-----BEGIN CERTIFICATE-----") == 2
+    assert all(block in shown for block in renewal.second.chain())
+
+
+def test_file_that_is_missing_at_the_start__is_loaded_without_a_word_once_it_is_there(
+        serve_tls, node, renewal, clock):
+    renewal.path.unlink()
+    service = serve_tls({"node": node.port}, certificate=renewal.first, crt=renewal.path)
+    with pytest.raises((ssl.SSLError, ConnectionError)):
+        service.handshake()
+    renewal.install(renewal.first)
+    clock.advance(INTERVAL + 1)
+    pass_some_turns()
+    assert service.serial() == renewal.first.serial and not reloads(service)
+
+
+def test_path_with_needless_parts__is_found_again(serve_tls, node, renewal, clock):
+    roundabout = f"{renewal.path.parent}//.///./{renewal.path.name}"
+    service = serve_tls({"node": node.port}, certificate=renewal.first, crt=roundabout)
+    renewal.install(renewal.second)
+    clock.advance(INTERVAL + 1)
+    wait_for_reload(service)
+    assert service.serial() == renewal.second.serial

@@ -1,0 +1,130 @@
+"""Fixtures and clients for a mivo that serves HTTPS: a plugin that the test files load."""
+
+import ssl
+import time
+
+import pytest
+
+from certificates import Authority
+from mivo_process import ReservedPort, processor_seconds
+from wire import Wire
+
+WATCH_TIME = 1.5  # seconds
+IDLE_SHARE = 0.02  # of one processor
+
+
+class TlsService:
+    """A running mivo with a certificate; its HTTP port redirects. Owns the connections made through it."""
+
+    def __init__(self, start_mivo, certificate, root, hosts, crt=None):
+        self.reserved = ReservedPort()
+        self.port = self.reserved.port
+        self.certificate = certificate
+        self.root = root
+        self.wires = []
+        # The names that a client by address makes of this server are only known here.
+        hosts = {host.replace("{ssl_port}", str(self.port)): port for host, port in hosts.items()}
+        self.mivo = start_mivo(hosts, arguments=["-ssl", str(self.port), str(certificate.key),
+                                                 str(crt or certificate.crt)])
+        self.url = f"https://localhost:{self.port}"
+
+    def context(self):
+        """Trusts the root alone, so the server has to show the intermediate."""
+        return ssl.create_default_context(cafile=self.root.crt)
+
+    def connect(self):
+        """A TCP connection to the HTTPS port."""
+        self.wires.append(Wire.connect(self.port))
+        return self.wires[-1]
+
+    def handshake(self):
+        """A connection with its handshake done and the certificate verified."""
+        tcp = self.connect()
+        self.wires.append(Wire(self.context().wrap_socket(tcp.sock, server_hostname="localhost")))
+        return self.wires[-1]
+
+    def serial(self):
+        """The serial number that a new client is shown."""
+        wire = self.handshake()
+        serial = int(wire.sock.getpeercert()["serialNumber"], 16)
+        wire.close()
+        return serial
+
+    def expect_idle(self):
+        """Nothing to do takes no processor time."""
+        before, start = processor_seconds(self.mivo.pid), time.monotonic()
+        time.sleep(WATCH_TIME)
+        spent = processor_seconds(self.mivo.pid) - before
+        share = spent / (time.monotonic() - start)
+        assert share < IDLE_SHARE, f"{share:.1%} of a processor"
+        return share
+
+    def close(self):
+        for wire in self.wires:
+            wire.close()
+        self.reserved.close()
+
+
+class Handshake:
+    """A client's side of TLS whose bytes the test sends itself, cut as it likes."""
+
+    def __init__(self, service):
+        self.wire = service.connect()
+        self.received, self.sent = ssl.MemoryBIO(), ssl.MemoryBIO()
+        self.tls = service.context().wrap_bio(self.received, self.sent, server_hostname="localhost")
+
+    def next_flight(self):
+        """What the client sends next, or b"" when its handshake is done; reads what it needs for that."""
+        while True:
+            try:
+                self.tls.do_handshake()
+                return self.sent.read()
+            except ssl.SSLWantReadError:
+                if flight := self.sent.read():
+                    return flight
+                data = self.wire.read_some()
+                assert data, "closed during the handshake"
+                self.received.write(data)
+
+    def finish(self):
+        while flight := self.next_flight():
+            self.wire.send(flight)
+
+    def encrypt(self, data):
+        self.tls.write(data)
+        return self.sent.read()
+
+    def read(self, count):
+        """Exactly `count` decrypted bytes."""
+        data = b""
+        while len(data) < count:
+            try:
+                data += self.tls.read(count - len(data))
+            except ssl.SSLWantReadError:
+                self.received.write(self.wire.read_some())
+        return data
+
+
+@pytest.fixture(scope="session")
+def authorities(tmp_path_factory):
+    return {kind: Authority(tmp_path_factory.mktemp(kind), kind) for kind in ("rsa", "ecdsa")}
+
+
+@pytest.fixture(scope="session")
+def certificates(authorities):
+    return {kind: authority.issue("server") for kind, authority in authorities.items()}
+
+
+@pytest.fixture
+def serve_tls(start_mivo, authorities, certificates):
+    """serve_tls({host: port}): a TlsService. Its connections end before its mivo is checked."""
+    started = []
+
+    def serve(hosts, kind="ecdsa", certificate=None, **options):
+        started.append(TlsService(start_mivo, certificate or certificates[kind], authorities[kind].root, hosts,
+                                  **options))
+        return started[-1]
+
+    yield serve
+    for service in started:
+        service.close()
