@@ -100,6 +100,7 @@ int main(int argc, char** argv) {
     printf("USAGE: file_server [port] [folder]\n");
     return 1;
   }
+  if (root() == "/") root().clear();
   sockets::raise_descriptor_limit();
   server<file_connection> http(static_cast<int>(strtol(argv[1], nullptr, 10)));
   http.run();

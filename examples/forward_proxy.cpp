@@ -2,9 +2,10 @@
  *
  *     forward_proxy [port] [blocked host]...
  *
- * A blocked host also blocks the hosts below it: example.org blocks www.example.org. Listens on localhost
- * only, for it lets anybody who reaches it go anywhere. */
+ * Blocked hosts are named in lower case. The hosts below one are blocked, too: example.org blocks
+ * www.example.org. Listens on localhost only, for it lets anybody who reaches it go anywhere. */
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -22,7 +23,10 @@ base::hashmap<int>& blocked() {
 
 struct filtering_proxy : http_proxy {
   bool should_block(const std::string& host) override {
-    for (std::string name = host;;) {
+    std::string name = host;
+    for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    if (!name.empty() && name.back() == '.') name.pop_back();  // the same host, spelled to its end
+    for (;;) {
       if (blocked().get(name)) return true;
       size_t dot = name.find('.');
       if (dot == std::string::npos) return false;

@@ -1,0 +1,98 @@
+"""A headless Chromium, driven through its DevTools protocol.
+
+The Browser owns its process; `close` ends it. A Page is a tab. Each of its calls opens a DevTools connection of
+its own, so a page may be kept and asked in any order.
+"""
+
+import asyncio
+import base64
+import json
+import pathlib
+import subprocess
+import urllib.request
+
+import websockets
+
+from clients import ENVIRONMENT
+from upstreams import end
+from wire import until
+
+START_TIME = 60  # seconds; a browser takes its time on a busy machine
+FLAGS = ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+         "--disable-background-networking", "--disable-component-update", "--disable-sync",
+         "--disable-dev-shm-usage", "--window-size=800,600", "--remote-debugging-port=0")
+
+
+class Page:
+    def __init__(self, address):
+        self.address = address
+
+    def commands(self, *commands):
+        """Gives (method, parameters) commands one after the other; returns the result of the last."""
+        return asyncio.run(asyncio.wait_for(self._run(commands), START_TIME))
+
+    async def _run(self, commands):
+        result = None
+        async with websockets.connect(self.address, max_size=None) as devtools:
+            for number, (method, parameters) in enumerate(commands):
+                await devtools.send(json.dumps({"id": number, "method": method, "params": parameters}))
+                while (answer := json.loads(await devtools.recv())).get("id") != number:
+                    pass  # an event
+                assert "error" not in answer, f"{method}: {answer}"
+                result = answer["result"]
+        return result
+
+    def evaluate(self, expression):
+        parameters = {"expression": expression, "returnByValue": True, "awaitPromise": True}
+        answer = self.commands(("Runtime.evaluate", parameters))
+        assert "exceptionDetails" not in answer, answer
+        return answer["result"].get("value")
+
+    def text(self):
+        return self.evaluate("document.body ? document.body.innerText : ''")
+
+    def wait_for_text(self, text):
+        until(lambda: text in self.text(), f"{text!r} on the page", START_TIME)
+
+    def type_line(self, text):
+        """Types into what has the focus, then presses Enter."""
+        key = {"key": "Enter", "code": "Enter", "windowsVirtualKeyCode": 13}
+        self.commands(("Page.bringToFront", {}), ("Input.insertText", {"text": text}),
+                      ("Input.dispatchKeyEvent", {"type": "keyDown", "text": "\r", **key}),
+                      ("Input.dispatchKeyEvent", {"type": "keyUp", **key}))
+
+    def screenshot(self):
+        """The page as the bytes of a PNG."""
+        answer = self.commands(("Page.bringToFront", {}), ("Page.captureScreenshot", {"format": "png"}))
+        return base64.b64decode(answer["data"])
+
+
+class Browser:
+    def __init__(self, folder, *flags):
+        self.profile = pathlib.Path(folder, "profile")
+        with open(f"{folder}/browser_output", "wb") as output:
+            self.process = subprocess.Popen(
+                ["chromium", *FLAGS, *flags, f"--user-data-dir={self.profile}", "about:blank"],
+                env={**ENVIRONMENT, "HOME": folder}, stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+        try:
+            self.port = until(self._debugging_port, "the browser has started", START_TIME)
+        except AssertionError:
+            self.close()
+            raise
+
+    def _debugging_port(self):
+        try:
+            lines = (self.profile / "DevToolsActivePort").read_text().split()
+        except FileNotFoundError:
+            return None
+        return lines[0] if len(lines) == 2 else None
+
+    def open(self, url):
+        """A new tab."""
+        ask = urllib.request.Request(f"http://127.0.0.1:{self.port}/json/new?{url}", method="PUT")
+        opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        with opener.open(ask, timeout=START_TIME) as answer:
+            return Page(json.load(answer)["webSocketDebuggerUrl"])
+
+    def close(self):
+        end(self.process)

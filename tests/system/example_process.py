@@ -1,0 +1,41 @@
+"""The programs of examples/, which run and end as mivo does, and what their tests need besides.
+
+MIVO_EXAMPLES names their folder. The Node packages of node/package-lock.json are installed once, into the build
+folder, by npm's own client.
+"""
+
+import os
+import pathlib
+import shutil
+import subprocess
+
+from clients import ENVIRONMENT
+from mivo_process import REPOSITORY
+from upstreams import HERE
+
+EXAMPLES = pathlib.Path(os.environ.get("MIVO_EXAMPLES", REPOSITORY / "build/release/examples"))
+NODE_FOLDER = pathlib.Path(os.environ.get("MIVO_NODE_FOLDER", REPOSITORY / "build/node"))
+INSTALL_PATIENCE = 120  # seconds
+
+
+def example(name):
+    return str(EXAMPLES / name)
+
+
+def node_environment():
+    """The environment in which Node finds the packages of the tests."""
+    modules = NODE_FOLDER / "node_modules"
+    if not (modules / "ws/package.json").exists():
+        NODE_FOLDER.mkdir(parents=True, exist_ok=True)
+        for name in ("package.json", "package-lock.json"):
+            shutil.copy(HERE / "node" / name, NODE_FOLDER)
+        subprocess.run(["npm", "ci", "--ignore-scripts", "--no-audit", "--no-fund"], cwd=NODE_FOLDER,
+                       stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=INSTALL_PATIENCE, check=True)
+    return {**ENVIRONMENT, "NODE_PATH": str(modules)}
+
+
+def run_node(script, *arguments):
+    """Runs a script that uses the packages and returns what it printed."""
+    done = subprocess.run(["node", HERE / script, *arguments], env=node_environment(), check=True,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=60)
+    return done.stdout.decode()

@@ -1,0 +1,87 @@
+"""file_server: every size byte for byte, and nothing outside its folder."""
+
+import os
+import pathlib
+
+import pytest
+
+from clients import curl_files, wget_files
+from example_process import example
+from wire import request
+
+NOT_FOUND = (b"HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 23\r\n\r\n",
+             b"There is no such file.\n")
+MIB = 1 << 20
+ESCAPES = ["/../secret", "/%2e%2e/secret", "/%2E./secret", "/..%2fsecret", "/%2e%2e%2fsecret", "/..\\secret",
+           "/..%5csecret", "/%252e%252e/secret", "/link", "/folder_link/secret", "/../root_sibling/secret",
+           "/sub/../../secret", "{folder}/secret", "/{folder}/secret", "/index.html%00", "/%00", "/pipe",
+           "/index.html/", "/empty/", "/none"]
+
+
+@pytest.fixture
+def program():
+    return example("file_server")
+
+
+@pytest.fixture
+def root(folder):
+    root = pathlib.Path(folder, "root")
+    for path in (root / "sub", root / "empty", pathlib.Path(folder, "root_sibling")):
+        path.mkdir(parents=True)
+        (path.parent / "secret").touch()
+    (root / "secret").unlink()
+    for path in (root.parent / "secret", root.parent / "root_sibling/secret"):
+        path.write_text("secret")
+    (root / "index.html").write_text("top")
+    (root / "sub/index.html").write_text("below")
+    (root / "link").symlink_to(root.parent / "secret")
+    (root / "folder_link").symlink_to(root.parent)
+    (root / "a b%.txt").write_text("odd name")
+    os.mkfifo(root / "pipe")
+    return root
+
+
+@pytest.fixture
+def files(start_mivo, root):
+    return start_mivo(arguments=[str(root)])
+
+
+@pytest.mark.parametrize("size", [0, 1, MIB - 1, MIB, MIB + 1, 5 * MIB])
+def test_file_of_any_size__comes_byte_exact_with_its_progress(files, root, connect, site, size):
+    data = b"".join(site.pieces(size))
+    (root / "file").write_bytes(data)
+    wire = connect(files.port)
+    head = b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % size
+    wire.send(request("files", "/file", "HEAD"))
+    assert wire.read(len(head)) == head
+    wire.send(request("files", "/file?query"))
+    assert wire.read_reply() == (head, data)
+    for sent in [*range(MIB, size, MIB), *([size] if size else [])]:
+        files.wait_for_line(rf"\d+ /file: {sent} of {size} bytes")
+
+
+@pytest.mark.parametrize("target, body", [("/", b"top"), ("/sub", b"below"), ("/sub/", b"below"),
+                                          ("/a%20b%.txt", b"odd name"), ("/sub/../index.html", b"top")])
+def test_path__is_decoded_and_a_folder_is_its_index(files, connect, target, body):
+    assert connect(files.port).ask(request("files", target)) == body
+
+
+@pytest.mark.parametrize("target", ESCAPES)
+def test_path_out_of_the_folder_or_to_nothing__is_not_found(files, folder, connect, target):
+    wire = connect(files.port)
+    wire.send(request("files", target.replace("{folder}", folder)))
+    assert wire.read_reply() == NOT_FOUND
+
+
+@pytest.mark.parametrize("method", ["POST", "PUT", "DELETE", "get"])
+def test_other_method__is_not_allowed(files, connect, method):
+    wire = connect(files.port)
+    wire.send(request("files", "/", method))
+    assert wire.read_reply() == (b"HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, HEAD\r\n"
+                                 b"Content-Length: 0\r\n\r\n", b"")
+
+
+@pytest.mark.parametrize("client", [curl_files, wget_files])
+def test_site__is_fetched_whole(start_mivo, folder, site, client):
+    files = start_mivo(arguments=[str(site.folder)])
+    client(folder, f"http://127.0.0.1:{files.port}", site.names).check(site)

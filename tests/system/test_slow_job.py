@@ -1,0 +1,71 @@
+"""slow_job: threads work while the loop serves others, and end with the client who asked."""
+
+import os
+
+import pytest
+
+from example_process import example
+from mivo_process import processor_seconds
+from wire import request, until
+
+HEAD = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n\r\n"
+ENDLESS = "/1000000000000"
+
+
+def answer(primes):
+    return HEAD + b"%X\r\n%s\r\n0\r\n\r\n" % (len(primes), primes)
+
+
+@pytest.fixture
+def program():
+    return example("slow_job")
+
+
+@pytest.fixture
+def jobs(start_mivo):
+    return start_mivo()
+
+
+def wait_for_threads(jobs, count):
+    until(lambda: len(os.listdir(f"/proc/{jobs.pid}/task")) == count, f"{count} threads")
+
+
+@pytest.mark.parametrize("below, primes", [("1", b"0"), ("3", b"1"), ("1000", b"168"), ("1000000", b"78498")])
+def test_number__is_answered_with_the_primes_below_it(jobs, connect, below, primes):
+    wire = connect(jobs.port)
+    for _ in range(2):
+        wire.send(request("jobs", "/" + below))
+        assert wire.read(len(answer(primes))) == answer(primes)
+
+
+@pytest.mark.parametrize("target, method", [("/", "GET"), ("/abc", "GET"), ("/0", "GET"), ("/-5", "GET"),
+                                            ("/1000", "POST")])
+def test_no_number__is_a_bad_request(jobs, connect, target, method):
+    wire = connect(jobs.port)
+    wire.send(request("jobs", target, method))
+    head, body = wire.read_reply()
+    assert head.startswith(b"HTTP/1.1 400 Bad Request\r\n")
+    assert body == b"Ask for a number: GET /1000000\n"
+
+
+@pytest.mark.parametrize("leave", ["close", "reset"])
+def test_client_leaves_early__work_ends(jobs, connect, leave):
+    wires = [connect(jobs.port) for _ in range(2)]
+    for wire in wires:
+        wire.send(request("jobs", ENDLESS))
+    wait_for_threads(jobs, 3)  # two jobs at once
+    other = connect(jobs.port)
+    other.send(request("jobs", "/1000"))  # others are served meanwhile
+    assert other.read(len(answer(b"168"))) == answer(b"168")
+    for wire in wires:
+        getattr(wire, leave)()
+    wait_for_threads(jobs, 1)
+    before = processor_seconds(jobs.pid)
+    other.ask(request("jobs", "/none"))
+    assert processor_seconds(jobs.pid) - before < 0.1
+
+
+def test_interrupt_while_a_job_works__ends_in_good_order(jobs, connect):
+    connect(jobs.port).send(request("jobs", ENDLESS))
+    wait_for_threads(jobs, 2)
+    jobs.interrupt()
