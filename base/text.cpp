@@ -3,6 +3,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 namespace base {
 
@@ -11,6 +12,15 @@ std::string num(double x) {
   double integral = 0;
   snprintf(text, sizeof(text), std::modf(x, &integral) == 0.0 ? "%.0f" : "%g", x);
   return text;
+}
+
+void append_dotted_quad(std::string& text, uint32_t ip) {
+  unsigned char bytes[4];
+  memcpy(bytes, &ip, sizeof(bytes));
+  for (int i = 0; i < 4; i++) {
+    if (i > 0) text += '.';
+    text += std::to_string(bytes[i]);  // at most three digits: no allocation
+  }
 }
 
 std::string base64(const std::string& bytes) {

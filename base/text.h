@@ -10,6 +10,9 @@ namespace base {
 /* `x` as text: all digits ("%.0f") when it has no fractional part, six significant ones ("%g") otherwise. */
 std::string num(double x);
 
+/* Appends an IPv4 address, given in network order, to `text` as a dotted quad. */
+void append_dotted_quad(std::string& text, uint32_t ip);
+
 /* Base64 with the standard alphabet and padding, without line breaks (RFC 4648, section 4).
  * `bytes` is shorter than 2 GiB. */
 std::string base64(const std::string& bytes);

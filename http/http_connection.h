@@ -131,6 +131,11 @@ struct http_connection : connection {
    * when fewer than two bytes follow the name. */
   static std::string get_header(const std::string& name, const std::string& text);
 
+  /* get_header() and info() behind what is in the first argument already: a text that is built anew for each
+   * request then keeps its memory. */
+  static void append_header(std::string& to, const std::string& name, const std::string& text);
+  void append_info(std::string& to, bool with_agent) const;
+
  private:
   void parse_head();
   void on_head(char* rest, int rest_length);

@@ -1,10 +1,11 @@
 // The input side of http_connection: from chunks to requests.
 
-#include <arpa/inet.h>
+#include <netinet/in.h>
 
 #include <cstdlib>
 
 #include "base/find.h"
+#include "base/text.h"
 #include "http/http_connection.h"
 
 namespace {
@@ -68,9 +69,9 @@ void http_connection::parse_head() {
   size_t first_space = head.find(' ');
   size_t second_space = head.find(' ', first_space + 1);
   size_t line_end = head.find("\r\n", second_space + 1);
-  if (position(first_space) > 0) method = head.substr(0, first_space);
-  if (position(second_space) > 0) target = head.substr(first_space + 1, second_space - first_space - 1);
-  if (position(line_end) > 0) version = head.substr(second_space + 1, line_end - second_space - 1);
+  if (position(first_space) > 0) method.assign(head, 0, first_space);
+  if (position(second_space) > 0) target.assign(head, first_space + 1, second_space - first_space - 1);
+  if (position(line_end) > 0) version.assign(head, second_space + 1, line_end - second_space - 1);
 
   content_length = parse_number(get_header("content-length", head));
   // HTTP/1.1 stays open even when the client says "Connection: close": it closes the connection itself.
@@ -79,8 +80,8 @@ void http_connection::parse_head() {
 
   size_t question = target.find('?');
   if (position(question) > 0) {
-    query = target.substr(question + 1);
-    path = target.substr(0, question);
+    query.assign(target, question + 1);
+    path.assign(target, 0, question);
   } else {
     path = target;
   }
@@ -115,18 +116,27 @@ void http_connection::reset() {
 }
 
 std::string http_connection::ip_text() const {
-  char text[INET_ADDRSTRLEN];
-  in_addr address = {ip};
-  return inet_ntop(AF_INET, &address, text, sizeof(text));
+  std::string text;
+  base::append_dotted_quad(text, ip);
+  return text;
 }
 
 std::string http_connection::info(bool with_agent) const {
-  std::string address;
-  if (ip == htonl(INADDR_LOOPBACK)) address = get_header("x-forwarded-for", head);
-  if (address.empty()) address = ip_text();
-  std::string text = address + ":" + std::to_string(port) + " " + method + " " + target + " " + version;
-  if (with_agent) text += " [" + get_header("user-agent", head) + "]";
+  std::string text;
+  append_info(text, with_agent);
   return text;
+}
+
+void http_connection::append_info(std::string& to, bool with_agent) const {
+  const size_t before = to.size();
+  if (ip == htonl(INADDR_LOOPBACK)) append_header(to, "x-forwarded-for", head);
+  if (to.size() == before) base::append_dotted_quad(to, ip);
+  to.append(":").append(std::to_string(port));
+  to.append(" ").append(method).append(" ").append(target).append(" ").append(version);
+  if (!with_agent) return;
+  to += " [";
+  append_header(to, "user-agent", head);
+  to += "]";
 }
 
 namespace {
@@ -146,13 +156,19 @@ size_t find_line(const std::string& name, const std::string& text) {
 
 }  // namespace
 
-std::string http_connection::get_header(const std::string& name, const std::string& text) {
+void http_connection::append_header(std::string& to, const std::string& name, const std::string& text) {
   size_t end = std::string::npos;
   if (base::find_case_insensitive() && name.find_first_of("?*") == std::string::npos)
     end = find_line(name, text);
   else
     base::find(text, "\r\n" + name, end);
-  if (end == std::string::npos) return "";
+  if (end == std::string::npos) return;
   size_t start = end + 2;  // over ": ", whatever stands there
-  return text.substr(start, text.find("\r\n", start) - start);
+  to.append(text, start, text.find("\r\n", start) - start);
+}
+
+std::string http_connection::get_header(const std::string& name, const std::string& text) {
+  std::string value;
+  append_header(value, name, text);
+  return value;
 }

@@ -54,15 +54,20 @@ bool http_proxy::should_block(const std::string&) {
 
 std::string http_proxy::copy_headers(const std::string& head) {
   std::string lines;
+  append_headers(lines, head);
+  return lines;
+}
+
+void http_proxy::append_headers(std::string& to, const std::string& head) {
   size_t p = head.find("\r\n");
-  if (p == 0 || p == std::string::npos) return lines;
+  if (p == 0 || p == std::string::npos) return;
   for (;;) {
     // From p + 4, so that the empty line at the end of a head is not taken for a header.
     size_t end = head.find("\r\n", p + 4);
-    if (end == std::string::npos) return lines;
+    if (end == std::string::npos) return;
     size_t start = p + 2;
     if (head.compare(start, 5, "Proxy") != 0 && head.compare(start, 10, "Connection") != 0)
-      lines.append(head, start, end + 2 - start);
+      to.append(head, start, end + 2 - start);
     p = end;
   }
 }

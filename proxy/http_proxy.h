@@ -44,6 +44,9 @@ struct http_proxy : http_connection {
    * of one byte hides the line behind it from this test. */
   static std::string copy_headers(const std::string& head);
 
+  /* Appends the same lines to `to`. */
+  static void append_headers(std::string& to, const std::string& head);
+
   /* The server that services upstream connections, borrowed; null until the program sets it. Never a TLS
    * server: upstreams are spoken to in plain. */
   static server_base*& g_server();

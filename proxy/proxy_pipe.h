@@ -35,7 +35,7 @@ struct proxy_pipe {
    * two above, to `buf` and stores their number in *len. Returns whether to stay open: there is more, or
    * the partner may bring some. */
   bool drain(base::byte_queue& queue, char* buf, int cap, int* len) {
-    *len = static_cast<int>(queue.consume(buf, static_cast<size_t>(cap)));
+    *len = queue.empty() ? 0 : static_cast<int>(queue.consume(buf, static_cast<size_t>(cap)));
     return !queue.empty() || refs > 1;
   }
 

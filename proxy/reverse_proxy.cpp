@@ -11,9 +11,13 @@ base::hashmap<int>& reverse_proxy::hosts() {
 }
 
 void reverse_proxy::on_headers() {
-  const std::string host = get_header("host", head);
+  static std::string host, line;  // they keep their memory from request to request
+  host.clear();
+  append_header(host, "host", head);
   const int local_port = hosts().get(host);  // 0 when the host is not there
-  printf("%s\n", ("[" + host + "] " + info(true)).c_str());
+  line.assign("[").append(host).append("] ");
+  append_info(line, true);
+  puts(line.c_str());
   if (local_port == echo_port) {
     answer_echo();
   } else if (local_port == 0) {
@@ -34,7 +38,11 @@ void reverse_proxy::answer_echo() {
 // Passes the request head on, with the client's address behind the client's own lines. An X-Forwarded-For
 // line of the client's stays: the upstream sees both, in this order.
 void reverse_proxy::forward() {
-  const std::string request = method + " " + target + " " + version + "\r\n" + copy_headers(head) +
-                              "X-Forwarded-For: " + ip_text() + "\r\n\r\n";
+  static std::string request;  // keeps its memory from request to request
+  request.assign(method).append(" ").append(target).append(" ").append(version).append("\r\n");
+  append_headers(request, head);
+  request += "X-Forwarded-For: ";
+  base::append_dotted_quad(request, ip);
+  request += "\r\n\r\n";
   pipe->append_to_upstream(request.data(), request.size());
 }

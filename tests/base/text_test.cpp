@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string>
+#include <utility>
+#include <vector>
 
 using namespace std::string_literals;
 
@@ -24,6 +27,22 @@ std::string bytes_from_0_to_255() {
   std::string s;
   for (int c = 0; c < 256; c++) s += static_cast<char>(c);
   return s;
+}
+
+TEST(append_dotted_quad, bytes_are_taken_in_network_order_and_appended) {
+  const std::pair<std::vector<unsigned char>, std::string> cases[] = {
+      {{0, 0, 0, 0}, "0.0.0.0"},
+      {{127, 0, 0, 1}, "127.0.0.1"},
+      {{1, 22, 133, 9}, "1.22.133.9"},
+      {{255, 255, 255, 255}, "255.255.255.255"},
+  };
+  for (const auto& [bytes, quad] : cases) {
+    uint32_t ip = 0;
+    memcpy(&ip, bytes.data(), sizeof(ip));
+    std::string text = "from ";
+    base::append_dotted_quad(text, ip);
+    EXPECT_EQ(text, "from " + quad);
+  }
 }
 
 }  // namespace
