@@ -64,6 +64,10 @@ struct linkedlist {
     return free_node(first);
   }
 
+  /* The element behind the one that the pass is on, to be fetched into the cache ahead of its turn; T() when
+   * there is none. */
+  T peek() const { return cursor && cursor->next && cursor->next->next ? cursor->next->next->value : T(); }
+
   /* Starts a pass at the first element. */
   void begin() {
     cursor = head;
