@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "net/name_memory.h"
 #include "net/sockets.h"
 
 namespace sockets {
@@ -43,9 +44,10 @@ void set_nonblocking(int sock) {
   fcntl(sock, F_SETFL, fcntl(sock, F_GETFL) | O_NONBLOCK);
 }
 
-// socket() for an address, with a descriptor that fits into the sets; -1 otherwise.
-int open_socket(const addrinfo& address) {
-  int sock = socket(address.ai_family, address.ai_socktype, address.ai_protocol);
+// socket() for an address, with a descriptor that fits into the sets; -1 otherwise. `flags` may be
+// SOCK_NONBLOCK.
+int open_socket(const addrinfo& address, int flags) {
+  int sock = socket(address.ai_family, address.ai_socktype | flags, address.ai_protocol);
   if (sock == -1 || fits(sock)) return sock;
   ::close(sock);
   return -1;
@@ -99,17 +101,14 @@ int connect_first(const addrinfo* addresses, bool blocking) {
   int failed = 0;
   for (const addrinfo* a = addresses; a; a = a->ai_next) {
     if (a->ai_family == AF_INET6) continue;
-    int sock = open_socket(*a);
+    int sock = open_socket(*a, blocking ? 0 : SOCK_NONBLOCK);
     if (sock != -1) {
       set_option(sock, SOL_SOCKET, SO_RCVBUF, upstream_receive_buffer);
       set_stream_options(sock);
     }
     if (!blocking) {
-      if (sock != -1) {
-        set_nonblocking(sock);
-        // Failed or under way: what became of it shows when the socket is used.
-        static_cast<void>(::connect(sock, a->ai_addr, a->ai_addrlen));
-      }
+      // Failed or under way: what became of it shows when the socket is used.
+      if (sock != -1) static_cast<void>(::connect(sock, a->ai_addr, a->ai_addrlen));
       return sock;
     }
     if (::connect(sock, a->ai_addr, a->ai_addrlen) == 0) return sock;
@@ -143,7 +142,7 @@ bool listen(int& sock, bool localhost_only, int port) {
     return false;
   }
 
-  sock = open_socket(*address);
+  sock = open_socket(*address, 0);
   if (sock == -1) {
     printf("socket() failed\n");
     freeaddrinfo(address);
@@ -170,18 +169,14 @@ bool listen(int& sock, bool localhost_only, int port) {
 }
 
 int connect(const std::string& host, int port, bool blocking) {
-  addrinfo hints = {};
-  hints.ai_socktype = SOCK_STREAM;
-  char service[32];
-  snprintf(service, sizeof(service), "%d", port);
-
-  addrinfo* addresses = nullptr;
-  if (getaddrinfo(host.c_str(), service, &hints, &addresses) != 0) {
+  static name_memory names;
+  int code = 0;
+  const addrinfo* addresses = names.find(host, port, code);
+  if (code != 0) {
     printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
     return -1;
   }
   int sock = connect_first(addresses, blocking);
-  if (addresses) freeaddrinfo(addresses);
   return sock == -1 ? print_no_address(host, port) : sock;
 }
 
