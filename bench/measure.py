@@ -1,162 +1,129 @@
-"""Measures mivo beside its peers, in turns, in one run; writes JSON and a Markdown table of ratios.
+"""Measures mivo beside its peers, in turns, in one run; writes JSON and Markdown tables.
 
-    measure.py [--rounds N] [--seconds S] [--only WORD] [--out FOLDER] [--mivo PROGRAM]
+    measure.py [--rounds N] [--seconds S] [--only WORD]... [--out FOLDER] [--mivo PROGRAM]
 
 Every workload is run on each server in turn, N times over; a figure is the median of its rounds. The proxies
-have one core, load and upstream the other. Processor time is the kernel's account of the proxy's process."""
+have one core, load and upstream the other. Processor time is the kernel's account of the proxy's process.
+The results are written after each round. A workload that fails is noted with its cause, and the run goes
+on."""
 
 import argparse
 import json
-import platform
-import statistics
-import subprocess
+import os
+import re
 import sys
 import tempfile
 from pathlib import Path
 
-import servers
-import workloads
-
-ROOT = servers.ROOT
-
-
-def kept_alive(connections, path, tls=False):
-    def measure(server, seconds):
-        return workloads.wrk(server.url(path, tls), servers.HOST, connections, seconds)
-
-    return measure
+import machine
+import tables
+from process import LOAD_CORE, given_ports
+from servers import ROOT, Bench
+from workloads import WORKLOADS
 
 
-def new_connections(connections, requests):
-    def measure(server, seconds):
-        return workloads.ab(server.url("/128"), servers.HOST, connections, requests)
-
-    return measure
-
-
-def handshakes(clients):
-    def measure(server, seconds):
-        return workloads.handshakes(server.tls_port, clients, seconds)
-
-    return measure
+def unnamed(text, folder):
+    """A command as anybody would run it: without this run's ports and temporary folder, and with programs by
+    their names."""
+    text = text.replace(str(folder), "FOLDER").replace(str(ROOT) + "/", "")
+    return re.sub(r"\b\d{5}\b", lambda m: "PORT" if int(m.group()) in given_ports else m.group(), text)
 
 
-def download(tls=False):
-    def measure(server, seconds):
-        first, total = workloads.curl_time(server.url("/1g", tls), servers.HOST)
-        return workloads.Figures(requests=1, seconds=total, p50=first * 1000)
+class Report:
+    """What a run has found so far."""
 
-    return measure
+    def __init__(self, options):
+        self.path = options.out
+        self.data = {
+            "machine": machine.machine(),
+            "versions": machine.versions(),
+            "flags": machine.flags(),
+            "arguments": {"rounds": options.rounds, "seconds": options.seconds, "only": options.only},
+            "rounds": 0,
+            "commands": {},
+            "results": {},
+            "failures": [],
+        }
 
+    def add(self, name, server, figures):
+        self.data["commands"].setdefault(name, figures.pop("command"))
+        figures.pop("command", None)
+        self.data["results"].setdefault(name, {}).setdefault(server, []).append(figures)
 
-# name: (what it does, over TLS?, servers it makes sense for)
-ALL = ("mivo", "nginx", "nginx unpooled", "haproxy", "floor")
-PEERS = ("mivo", "nginx", "haproxy")
-WORKLOADS = {
-    "keep-alive, 1 client": (kept_alive(1, "/128"), False, ALL),
-    "keep-alive, 16 clients": (kept_alive(16, "/128"), False, ALL),
-    "keep-alive, 64 clients": (kept_alive(64, "/128"), False, ALL),
-    "keep-alive, 400 clients": (kept_alive(400, "/128"), False, ALL),
-    "keep-alive, 64 clients, 16 KiB": (kept_alive(64, "/16k"), False, ALL),
-    "keep-alive, 16 clients, 1 MiB": (kept_alive(16, "/1m"), False, ALL),
-    "new connection per request, 64 at once": (new_connections(64, 10000), False, ALL),
-    "1 GiB download": (download(), False, ALL),
-    "TLS keep-alive, 64 clients": (kept_alive(64, "/128", True), True, PEERS),
-    "TLS handshakes, 4 clients": (handshakes(4), True, PEERS),
-    "TLS 1 GiB download": (download(True), True, PEERS),
-}
+    def add_failure(self, round_number, name, server, error):
+        cause = f"{type(error).__name__}: {error}"
+        self.data["failures"].append(
+            {"round": round_number, "workload": name, "server": server, "cause": cause[:500]}
+        )
 
-
-def one_run(measure, server, seconds):
-    server.reset_peak()
-    before = server.processor()
-    figures = measure(server, seconds)
-    used = server.processor() - before
-    if figures.failed:
-        raise RuntimeError(f"{server.name}: {figures.failed} of {figures.requests} requests failed")
-    return {
-        "processor_us_per_request": used.total * 1e6 / figures.requests,
-        "user_seconds": used.user,
-        "system_seconds": used.system,
-        "requests_per_second": figures.requests / figures.seconds,
-        "p50_ms": figures.p50,
-        "p99_ms": figures.p99,
-        "longest_ms": figures.longest,
-        "peak_kib": server.memory("VmHWM"),
-    }
+    def save(self, rounds):
+        self.data["rounds"] = rounds
+        self.data["bars"] = tables.bars(self.data["results"])
+        self.path.mkdir(parents=True, exist_ok=True)
+        text = json.dumps(self.data, indent=1)
+        # Complete or not at all: a run that is broken off leaves the rounds before.
+        part = self.path / "results.json.part"
+        part.write_text(text)
+        part.replace(self.path / "results.json")
+        (self.path / "results.md").write_text(tables.everything(self.data))
 
 
-def measure_all(bench, options):
-    results = {}
-    chosen = {name: w for name, w in WORKLOADS.items() if options.only in name}
-    for round_number in range(options.rounds):
-        for name, (measure, tls, for_whom) in chosen.items():
-            for proxy in bench.proxies:
-                if proxy.name not in for_whom:
-                    continue
-                server = proxy.tls if tls else proxy
-                runs = results.setdefault(name, {}).setdefault(proxy.name, [])
-                runs.append(one_run(measure, server, options.seconds))
-                cost = runs[-1]["processor_us_per_request"]
-                line = f"round {round_number + 1}/{options.rounds}  {name:42} {proxy.name:15} {cost:12.1f} us"
-                print(line, file=sys.stderr, flush=True)
-    return results
+def show(progress, name, server, text):
+    print(f"{progress}  {name:40} {server:15} {text}", file=sys.stderr, flush=True)
 
 
-def median(runs, figure):
-    return statistics.median(run[figure] for run in runs)
+def measure_one(bench, report, round_number, progress, name, workload, server_name):
+    proxy = bench.proxies[server_name]
+    server = proxy.tls if workload.tls else proxy
+    try:
+        if server.revive():
+            show(progress, name, server_name, "did not run and is started")
+        figures = workload.measure(bench, server, report.data["arguments"]["seconds"])
+    except Exception as error:  # whatever it is, the other figures are still worth having
+        report.add_failure(round_number, name, server_name, error)
+        show(progress, name, server_name, f"FAILED: {error}"[:200])
+        return
+    figures["command"] = unnamed(figures["command"], bench.folder)
+    headline = next(iter(figures))
+    report.add(name, server_name, figures)
+    show(progress, name, server_name, f"{figures[headline]:12.2f} {headline}")
 
 
-def table(results):
-    """Processor time per request, and mivo's as a ratio to each of the others."""
-    lines = ["| workload | mivo, µs | nginx | nginx unpooled | HAProxy | floor | peak MiB |"]
-    lines.append("|---|---|---|---|---|---|---|")
-    for name, by_server in results.items():
-        own = median(by_server["mivo"], "processor_us_per_request")
-        cells = []
-        for other in ALL[1:]:
-            runs = by_server.get(other)
-            cells.append(f"{own / median(runs, 'processor_us_per_request'):.2f}" if runs else "")
-        peak = median(by_server["mivo"], "peak_kib") / 1024
-        lines.append(f"| {name} | {own:.1f} | {' | '.join(cells)} | {peak:.1f} |")
-    return "\n".join(lines) + "\n"
-
-
-def versions():
-    def first_line(*command):
-        done = subprocess.run(command, capture_output=True, text=True)
-        return (done.stdout + done.stderr).splitlines()[0]
-
-    return {
-        "kernel": platform.release(),
-        "nginx": first_line("nginx", "-v"),
-        "haproxy": first_line("haproxy", "-v"),
-        "openssl": first_line("openssl", "version"),
-        "compiler": first_line("c++", "--version"),
-    }
+def measure_all(bench, report, options):
+    words = options.only or [""]
+    chosen = {name: workload for name, workload in WORKLOADS.items() if any(word in name for word in words)}
+    if not chosen:
+        sys.exit(f"No workload has {' or '.join(words)} in its name: {', '.join(WORKLOADS)}")
+    for name, server in bench.proxies.items():
+        report.data["commands"][name] = unnamed(" ".join(server.command), bench.folder)
+    for round_number in range(1, options.rounds + 1):
+        for number, (name, workload) in enumerate(chosen.items(), 1):
+            progress = f"round {round_number}/{options.rounds} {number:2}/{len(chosen)}"
+            for server_name in workload.servers:
+                measure_one(bench, report, round_number, progress, name, workload, server_name)
+        report.save(round_number)
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=3)
-    parser.add_argument("--only", default="")
+    parser.add_argument("--only", action="append", default=[], help="part of a workload's name")
     parser.add_argument("--out", type=Path, default=ROOT / "build" / "bench")
     parser.add_argument("--mivo", default=str(ROOT / "build" / "release" / "mivo"))
     options = parser.parse_args()
 
+    os.sched_setaffinity(0, {int(LOAD_CORE)})  # and every client that is started from here
+    report = Report(options)
     with tempfile.TemporaryDirectory() as folder:
-        bench = servers.Bench(folder, options.mivo)
+        bench = Bench(folder, options.mivo)
         try:
             bench.start()
-            results = measure_all(bench, options)
+            measure_all(bench, report, options)
         finally:
             bench.stop()
-    options.out.mkdir(parents=True, exist_ok=True)
-    report = {"versions": versions(), "rounds": options.rounds, "results": results}
-    (options.out / "results.json").write_text(json.dumps(report, indent=1))
-    (options.out / "results.md").write_text(table(results))
-    print(table(results))
+    print(tables.everything(report.data))
+    print(f"In {report.path}: results.json, results.md")
 
 
 main()

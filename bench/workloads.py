@@ -1,91 +1,130 @@
-"""What is measured: each workload is a load from one client program, and how its figures are read."""
+"""What is measured: each workload by its name, with the function that runs it and the servers it is for."""
 
-import re
-import subprocess
-from dataclasses import dataclass
+from typing import Callable, NamedTuple
 
+import clients
+import extras
+import memory
+from process import settled
+from servers import COUNTED, HOST
 
-@dataclass
-class Figures:
-    """What a load generator says of one run. Latencies are milliseconds; failed requests are counted."""
-
-    requests: int
-    seconds: float
-    p50: float = 0.0
-    p99: float = 0.0
-    longest: float = 0.0
-    failed: int = 0
+ALL = ("mivo", "nginx", "nginx unpooled", "haproxy", "floor")
+PEERS = ("mivo", "nginx", "haproxy")
+OWN = ("mivo",)
 
 
-UNITS = {"us": 0.001, "ms": 1.0, "s": 1000.0, "m": 60000.0}
+class Workload(NamedTuple):
+    measure: Callable  # (bench, server, seconds) -> figures by name, the most telling one first
+    servers: tuple
+    tls: bool = False
 
 
-def milliseconds(text):
-    number, unit = re.fullmatch(r"([\d.]+)(us|ms|s|m)", text).groups()
-    return float(number) * UNITS[unit]
+def timed(load):
+    """A workload of requests on a running server. `load(bench, server, seconds)` returns clients.Figures."""
+
+    def measure(bench, server, seconds):
+        server.reset_peak()
+        before = server.processor()
+        figures = load(bench, server, seconds)
+        used = server.processor() - before
+        if figures.failed or not figures.requests:
+            raise RuntimeError(f"{figures.failed} of {figures.requests} requests failed")
+        return {
+            "processor_us_per_request": used.total * 1e6 / figures.requests,
+            "user_seconds": used.user,
+            "system_seconds": used.system,
+            "requests_per_second": figures.requests / figures.seconds,
+            "p50_ms": figures.p50,
+            "p99_ms": figures.p99,
+            "longest_ms": figures.longest,
+            "peak_kib": server.peak(),
+            "command": figures.command,
+        }
+
+    return measure
 
 
-def run(command):
-    result = subprocess.run(command, capture_output=True, text=True, timeout=120)
-    if result.returncode != 0:
-        raise RuntimeError(f"{' '.join(command)}\n{result.stdout}\n{result.stderr}")
-    return result.stdout
+def kept_alive(connections, path, tls=False):
+    def load(bench, server, seconds):
+        return clients.wrk(server.url(path, tls), HOST, connections, seconds)
+
+    return Workload(timed(load), PEERS if tls else ALL, tls)
 
 
-def wrk(url, host, connections, seconds):
-    """Kept-alive requests, one after the other on each connection."""
-    out = run(
-        ["wrk", "-t1", f"-c{connections}", f"-d{seconds}s", "--timeout", "10s", "--latency"]
-        + ["-H", f"Host: {host}", url]
-    )
-    requests, taken = re.search(r"(\d+) requests in ([\d.]+m?s)", out).groups()
-    errors = re.search(r"Socket errors: connect (\d+), read (\d+), write (\d+), timeout (\d+)", out)
-    statuses = re.search(r"Non-2xx or 3xx responses: (\d+)", out)
-    failed = sum(map(int, errors.groups())) if errors else 0
-    return Figures(
-        requests=int(requests),
-        seconds=milliseconds(taken) / 1000,
-        p50=milliseconds(re.search(r"\n +50%\s+(\S+)", out).group(1)),
-        p99=milliseconds(re.search(r"\n +99%\s+(\S+)", out).group(1)),
-        longest=milliseconds(re.search(r"Latency\s+\S+\s+\S+\s+(\S+)", out).group(1)),
-        failed=failed + (int(statuses.group(1)) if statuses else 0),
-    )
+def new_connections(connections, requests):
+    def load(bench, server, seconds):
+        return clients.ab(server.url("/128"), HOST, connections, requests)
+
+    return Workload(timed(load), ALL)
 
 
-def ab(url, host, connections, requests):
-    """A connection for each request (HTTP/1.0 without keep-alive)."""
-    out = run(["ab", "-q", "-n", str(requests), "-c", str(connections), "-H", f"Host: {host}", url])
-    failed = int(re.search(r"Failed requests:\s+(\d+)", out).group(1))
-    statuses = re.search(r"Non-2xx responses:\s+(\d+)", out)
-    return Figures(
-        requests=int(re.search(r"Complete requests:\s+(\d+)", out).group(1)),
-        seconds=float(re.search(r"Time taken for tests:\s+([\d.]+)", out).group(1)),
-        p50=float(re.search(r"50%\s+(\d+)", out).group(1)),
-        p99=float(re.search(r"99%\s+(\d+)", out).group(1)),
-        longest=float(re.search(r"100%\s+(\d+)", out).group(1)),
-        failed=failed + (int(statuses.group(1)) if statuses else 0),
-    )
+def handshakes(count):
+    def load(bench, server, seconds):
+        return clients.handshakes(server.tls_port, count, seconds)
+
+    return Workload(timed(load), PEERS, tls=True)
 
 
-def handshakes(port, clients, seconds):
-    """TLS handshakes without a request, each on a connection of its own, by several clients at once."""
-    command = ["openssl", "s_time", "-connect", f"127.0.0.1:{port}", "-new", "-time", str(seconds)]
-    running = [
-        subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-        for _ in range(clients)
-    ]
-    outputs = [process.communicate(timeout=120)[0] for process in running]
-    counts = [int(re.search(r"(\d+) connections in \d+ real seconds", out).group(1)) for out in outputs]
-    return Figures(requests=sum(counts), seconds=seconds)
+def fresh_https(count):
+    def load(bench, server, seconds):
+        return clients.fresh_https(server.tls_port, HOST, "/128", count)
+
+    return Workload(timed(load), PEERS, tls=True)
 
 
-def curl_time(url, host, *options):
-    """One request; (seconds to the first byte, seconds in all)."""
-    out = run(
-        ["curl", "-sSk", "-o", "/dev/null", "-H", f"Host: {host}", *options]
-        + ["-w", "%{http_code} %{time_starttransfer} %{time_total}", url]
-    )
-    status, first, total = out.split()
-    if status != "200":
-        raise RuntimeError(f"{url} answered {status}")
-    return float(first), float(total)
+def download(tls=False):
+    def load(bench, server, seconds):
+        return clients.curl(server.url("/1g", tls), HOST)
+
+    return Workload(timed(load), PEERS if tls else ALL, tls)
+
+
+def first_bytes(count):
+    def load(bench, server, seconds):
+        def pause():
+            settled(lambda: server.processor().total, 1e-3, quiet=0.05)
+
+        return clients.first_bytes(server.port, HOST, "/1g", count, pause)
+
+    return Workload(timed(load), PEERS)
+
+
+def upload(tls=False):
+    def load(bench, server, seconds):
+        options = ["-H", "Expect:", "-T", str(bench.folder / "90m")]
+        return clients.curl(server.url("/counted", tls), COUNTED, *options)
+
+    return Workload(timed(load), PEERS, tls)  # the floor knows one upstream only
+
+
+WORKLOADS = {
+    "keep-alive, 1 client": kept_alive(1, "/128"),
+    "keep-alive, 16 clients": kept_alive(16, "/128"),
+    "keep-alive, 64 clients": kept_alive(64, "/128"),
+    "keep-alive, 400 clients": kept_alive(400, "/128"),
+    "keep-alive, 64 clients, 16 KiB": kept_alive(64, "/16k"),
+    "keep-alive, 16 clients, 1 MiB": kept_alive(16, "/1m"),
+    "new connection per request, 64 at once": new_connections(64, 10000),
+    "1 GiB download": download(),
+    "1 GiB, first bytes": first_bytes(20),
+    "90 MiB upload": upload(),
+    "TLS keep-alive, 1 client": kept_alive(1, "/128", tls=True),
+    "TLS keep-alive, 64 clients": kept_alive(64, "/128", tls=True),
+    "TLS keep-alive, 64 clients, 16 KiB": kept_alive(64, "/16k", tls=True),
+    "TLS keep-alive, 16 clients, 1 MiB": kept_alive(16, "/1m", tls=True),
+    "TLS handshakes, 4 clients": handshakes(4),
+    "TLS new connection and request": fresh_https(200),
+    "TLS 1 GiB download": download(tls=True),
+    "TLS 90 MiB upload": upload(tls=True),
+    "slow client": Workload(memory.slow_client, PEERS),
+    "idle client": Workload(memory.idle, PEERS),
+    "idle proxied client": Workload(memory.idle_proxied, PEERS),
+    "TLS idle proxied client": Workload(memory.idle_proxied_tls, PEERS),
+    "resident after start": Workload(memory.after_start, PEERS),
+    "start": Workload(extras.start, PEERS),
+    "stripped program": Workload(extras.program_size, PEERS),
+    "system calls, 1 client": Workload(extras.system_calls(1), PEERS),
+    "system calls, 64 clients": Workload(extras.system_calls(64), PEERS),
+    "allocations, 16 clients": Workload(extras.allocations, OWN),
+    "processes on one port": Workload(extras.processes_on_one_port, OWN),
+}

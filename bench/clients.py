@@ -1,0 +1,212 @@
+"""The load: each function runs one client program, or is one, and returns what it saw."""
+
+import re
+import shlex
+import socket
+import ssl
+import statistics
+import subprocess
+import time
+from contextlib import closing
+from dataclasses import dataclass
+from typing import Optional
+
+
+@dataclass
+class Figures:
+    """What a load generator says of one run. Latencies are milliseconds, None where they mean nothing; failed
+    requests are counted. `command` is what ran, for the report."""
+
+    requests: int
+    seconds: float
+    p50: Optional[float] = None
+    p99: Optional[float] = None
+    longest: Optional[float] = None
+    failed: int = 0
+    command: str = ""
+
+
+UNITS = {"us": 0.001, "ms": 1.0, "s": 1000.0, "m": 60000.0}
+
+
+def milliseconds(text):
+    found = re.fullmatch(r"([\d.]+)(us|ms|s|m)", text)
+    if not found:
+        raise RuntimeError(f"{text!r} is no time")
+    return float(found.group(1)) * UNITS[found.group(2)]
+
+
+def run(command):
+    result = subprocess.run(command, capture_output=True, text=True, timeout=120)
+    if result.returncode != 0:
+        raise RuntimeError(f"{shlex.join(command)}\n{result.stdout}\n{result.stderr}")
+    return result.stdout
+
+
+def wrk(url, host, connections, seconds, threads=1):
+    """Kept-alive requests, one after the other on each connection."""
+    command = ["wrk", f"-t{threads}", f"-c{connections}", f"-d{seconds}s", "--timeout", "10s", "--latency"]
+    command += ["-H", f"Host: {host}", url]
+    out = run(command)
+    requests, taken = re.search(r"(\d+) requests in (\S+),", out).groups()
+    if int(requests) == 0:
+        raise RuntimeError(f"not one request was answered\n{out}")
+    errors = re.search(r"Socket errors: connect (\d+), read (\d+), write (\d+), timeout (\d+)", out)
+    statuses = re.search(r"Non-2xx or 3xx responses: (\d+)", out)
+    failed = sum(map(int, errors.groups())) if errors else 0
+    return Figures(
+        requests=int(requests),
+        seconds=milliseconds(taken) / 1000,
+        p50=milliseconds(re.search(r"50%\s+(\S+)", out).group(1)),
+        p99=milliseconds(re.search(r"99%\s+(\S+)", out).group(1)),
+        longest=milliseconds(re.search(r"Latency\s+\S+\s+\S+\s+(\S+)", out).group(1)),
+        failed=failed + (int(statuses.group(1)) if statuses else 0),
+        command=shlex.join(command),
+    )
+
+
+def ab(url, host, connections, requests):
+    """A connection for each request (HTTP/1.0 without keep-alive)."""
+    command = ["ab", "-q", "-n", str(requests), "-c", str(connections), "-H", f"Host: {host}", url]
+    out = run(command)
+    failed = int(re.search(r"Failed requests:\s+(\d+)", out).group(1))
+    statuses = re.search(r"Non-2xx responses:\s+(\d+)", out)
+    return Figures(
+        requests=int(re.search(r"Complete requests:\s+(\d+)", out).group(1)),
+        seconds=float(re.search(r"Time taken for tests:\s+([\d.]+)", out).group(1)),
+        p50=float(re.search(r"50%\s+(\d+)", out).group(1)),
+        p99=float(re.search(r"99%\s+(\d+)", out).group(1)),
+        longest=float(re.search(r"100%\s+(\d+)", out).group(1)),
+        failed=failed + (int(statuses.group(1)) if statuses else 0),
+        command=shlex.join(command),
+    )
+
+
+def handshakes(port, clients, seconds):
+    """TLS handshakes without a request, each on a connection of its own, by several clients at once. Not by
+    ab: it counts an end of the connection without a close_notify as a failure."""
+    begin = time.monotonic()
+    command = ["openssl", "s_time", "-connect", f"127.0.0.1:{port}", "-new", "-time", str(seconds)]
+    running = [
+        subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        for _ in range(clients)
+    ]
+    try:
+        outputs = [process.communicate(timeout=seconds + 60)[0] for process in running]
+    finally:
+        for process in running:
+            process.kill()
+    counts = [int(re.search(r"(\d+) connections in \d+ real seconds", out).group(1)) for out in outputs]
+    taken = time.monotonic() - begin
+    return Figures(requests=sum(counts), seconds=taken, command=shlex.join(command) + f" ({clients} at once)")
+
+
+def curl(url, host, *options):
+    """One request; `longest` is its time to the last byte."""
+    command = ["curl", "-sSk", "-o", "/dev/null", "-H", f"Host: {host}", *options]
+    command += ["-w", "%{http_code} %{time_total}", url]
+    status, total = run(command).split()
+    if status != "200":
+        raise RuntimeError(f"{url} answered {status}")
+    return Figures(
+        requests=1,
+        seconds=float(total),
+        longest=float(total) * 1000,
+        command=shlex.join(command),
+    )
+
+
+def tls_context():
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname = False
+    context.verify_mode = ssl.CERT_NONE
+    return context
+
+
+class Client:
+    """One connection that asks for `path`. With a `context` over TLS. Small `receive` buffers are for clients
+    that read slowly: the system then holds little for them."""
+
+    def __init__(self, port, host, path, context=None, receive=None):
+        self._request = f"GET {path} HTTP/1.1\r\nHost: {host}\r\n\r\n".encode()
+        self.sock = socket.socket()
+        self.sock.settimeout(30)
+        if receive:
+            self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive)
+        self.sock.connect(("127.0.0.1", port))
+        self.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        if context:
+            self.sock = context.wrap_socket(self.sock)
+
+    def ask(self):
+        self.sock.sendall(self._request)
+
+    def read_head(self):
+        """Reads the head of the reply; returns the length of the body and the part of it that has come."""
+        data = b""
+        while b"\r\n\r\n" not in data:
+            data += self._receive()
+        head, body = data.split(b"\r\n\r\n", 1)
+        if not head.startswith(b"HTTP/1.1 200"):
+            raise RuntimeError(f"the reply begins with {head[:40]}")
+        return int(re.search(rb"\r\ncontent-length: *(\d+)", head, re.I).group(1)), body
+
+    def read_reply(self):
+        length, body = self.read_head()
+        received = len(body)
+        while received < length:
+            received += len(self._receive())
+        return received
+
+    def _receive(self):
+        data = self.sock.recv(65536)
+        if not data:
+            raise RuntimeError("the reply ends early")
+        return data
+
+    def close(self):
+        self.sock.close()
+
+
+def repeated(count, once, command, pause=lambda: None):
+    """Calls `once` that many times, and `pause` before each; figures of what `once` returns, seconds."""
+    taken = []
+    for _ in range(count):
+        pause()
+        taken.append(once() * 1000)
+    return Figures(
+        requests=count,
+        seconds=sum(taken) / 1000,
+        p50=statistics.median(taken),
+        p99=sorted(taken)[(count * 99) // 100],
+        longest=max(taken),
+        command=f"{count} times, one after the other: {command}",
+    )
+
+
+def fresh_https(port, host, path, count):
+    """Connect, handshake, one request, last byte; each on a connection of its own."""
+    context = tls_context()
+
+    def once():
+        begin = time.monotonic()
+        with closing(Client(port, host, path, context)) as client:
+            client.ask()
+            client.read_reply()
+            return time.monotonic() - begin
+
+    return repeated(count, once, f"connect, handshake, GET {path}, last byte")
+
+
+def first_bytes(port, host, path, count, pause):
+    """Connect, ask, first bytes of the reply. The client then leaves: `pause` waits for the server to have
+    done with the rest, which would be counted as the next request's wait."""
+
+    def once():
+        begin = time.monotonic()
+        with closing(Client(port, host, path)) as client:
+            client.ask()
+            client.read_head()
+            return time.monotonic() - begin
+
+    return repeated(count, once, f"connect, GET {path}, first bytes, close, pause", pause)

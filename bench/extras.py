@@ -1,0 +1,165 @@
+"""What needs a tool of its own: start-up time, the program's size, system calls, allocations, and several
+processes on one port."""
+
+import os
+import re
+import shlex
+import shutil
+import signal
+import statistics
+import struct
+import subprocess
+import tempfile
+from contextlib import ExitStack, closing
+from pathlib import Path
+
+import clients
+from process import LOAD_CORE, PROXY_CORE, Server, free_port
+from servers import HOST, PROGRAMS
+
+STARTS = 20
+ROUNDS_OF_REQUESTS = 2000  # requests under strace, at least, and for the allocations
+WAITS = ("select", "pselect6", "poll", "epoll_wait", "epoll_pwait", "epoll_pwait2")
+
+
+def start(bench, server, seconds):
+    """Milliseconds from exec() to the first connect() that succeeds."""
+    taken = []
+    for _ in range(STARTS):
+        other = bench.make(server.name)
+        end = signal.SIGINT if server.name == "mivo" else signal.SIGTERM
+        helper = [str(PROGRAMS / "starter"), str(other.port), PROXY_CORE, str(int(end)), *other.command]
+        taken.append(float(clients.run(helper)))
+    return {
+        "listening_ms": statistics.median(taken),
+        "longest_ms": max(taken),
+        "command": f"starter PORT CORE SIGNAL {shlex.join(other.command)} ({STARTS} times)",
+    }
+
+
+def program_size(bench, server, seconds):
+    program = Path(shutil.which(server.command[0])).resolve()
+    with tempfile.TemporaryDirectory() as folder:
+        stripped = Path(folder) / "stripped"
+        clients.run(["strip", "-s", "-o", str(stripped), str(program)])
+        return {"bytes": stripped.stat().st_size, "command": f"strip -s {program.name}"}
+
+
+class KeptAlive(ExitStack):
+    """Several kept-alive clients; each call of request_all() is a request of each of them."""
+
+    def __init__(self, port, count):
+        super().__init__()
+        self._clients = []
+        with ExitStack() as opened:
+            for _ in range(count):
+                self._clients.append(opened.enter_context(closing(clients.Client(port, HOST, "/128"))))
+            self.push(opened.pop_all())
+
+    def request_all(self, times):
+        for _ in range(times):
+            for client in self._clients:
+                client.ask()
+            for client in self._clients:
+                client.read_reply()
+
+
+def count_calls(pid, work):
+    """System calls of the process during work(), by name."""
+    with tempfile.TemporaryDirectory() as folder:
+        table = Path(folder) / "calls"
+        command = ["strace", "-c", "-f", "-o", str(table), "-p", str(pid)]
+        with subprocess.Popen(command, stderr=subprocess.PIPE, text=True) as strace:
+            try:
+                line = strace.stderr.readline()
+                if "attached" not in line:
+                    raise RuntimeError(f"strace: {line}")
+                work()
+            finally:
+                strace.send_signal(signal.SIGINT)
+                strace.communicate(timeout=30)
+        rows = re.findall(r"^\s*[\d.]+\s+[\d.]+\s+\d+\s+(\d+)\s+(?:\d+\s+)?(\w+)$", table.read_text(), re.M)
+    return {name: int(calls) for calls, name in rows if name != "total"}
+
+
+def system_calls(count):
+    """Per request, with the connections open before: wrk would add theirs to the few requests that strace
+    lets through. What many requests share is counted apart: the waits, and the write() of a full buffer of
+    mivo's console lines. None of the servers answers plain requests with write()."""
+    times = max(ROUNDS_OF_REQUESTS // count, 1)
+
+    def measure(bench, server, seconds):
+        with KeptAlive(server.port, count) as all_clients:
+            all_clients.request_all(2)
+            calls = count_calls(server.pid, lambda: all_clients.request_all(times))
+        requests = times * count
+        waits = sum(n for name, n in calls.items() if name in WAITS)
+        console = calls.get("write", 0)
+        return {
+            "calls_per_request": (sum(calls.values()) - waits - console) / requests,
+            "waits_per_request": waits / requests,
+            "console_writes_per_request": console / requests,
+            "by_name": {name: n / requests for name, n in calls.items()},
+            "command": f"strace -c -f -p PID, {requests} requests of {count} kept-alive clients",
+        }
+
+    return measure
+
+
+def allocations(bench, server, seconds):
+    """malloc(), calloc() and realloc() per request, counted by a library that is loaded before the others."""
+    port = free_port()
+    with tempfile.NamedTemporaryFile() as counter:
+        counter.write(bytes(8))
+        counter.flush()
+        environment = {"LD_PRELOAD": str(PROGRAMS / "libcounted_malloc.so"), "ALLOCATIONS": counter.name}
+        counted = Server("mivo", bench.mivo_command(port), port, environment=environment)
+
+        def allocated():
+            return struct.unpack("Q", Path(counter.name).read_bytes())[0]
+
+        try:
+            counted.start()
+            if allocated() == 0:
+                raise RuntimeError("no allocation is counted, not even at the start")
+            with KeptAlive(port, 16) as all_clients:
+                all_clients.request_all(50)
+                before = allocated()
+                all_clients.request_all(ROUNDS_OF_REQUESTS // 16)
+                after = allocated()
+        finally:
+            counted.stop()
+    requests = ROUNDS_OF_REQUESTS // 16 * 16
+    return {
+        "allocations_per_request": (after - before) / requests,
+        "command": f"LD_PRELOAD=libcounted_malloc.so mivo ..., {requests} requests of 16 kept-alive clients",
+    }
+
+
+def processes_on_one_port(bench, server, seconds):
+    """Requests per second of one and of two processes, on all cores, which they share with load and
+    upstream."""
+    rates = {}
+    for count in (1, 2):
+        port = free_port()
+        cores = f"{PROXY_CORE},{LOAD_CORE}"
+        running = [Server("mivo", bench.mivo_command(port), port, core=cores) for _ in range(count)]
+        own_cores = os.sched_getaffinity(0)
+        try:
+            for one in running:
+                one.start()
+            os.sched_setaffinity(0, {int(PROXY_CORE), int(LOAD_CORE)})
+            figures = clients.wrk(f"http://127.0.0.1:{port}/128", HOST, 64, seconds, threads=2)
+        finally:
+            os.sched_setaffinity(0, own_cores)
+            for one in running:
+                one.stop()
+        if figures.failed:
+            raise RuntimeError(f"{figures.failed} of {figures.requests} requests failed")
+        rates[count] = figures.requests / figures.seconds
+    return {
+        "growth": rates[2] / rates[1],
+        "requests_per_second_1": rates[1],
+        "requests_per_second_2": rates[2],
+        "command": figures.command,
+    }

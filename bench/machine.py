@@ -1,0 +1,66 @@
+"""What the figures hold for: the machine, the versions of the programs, and how mivo was compiled."""
+
+import os
+import platform
+import re
+import subprocess
+from pathlib import Path
+
+from servers import ROOT
+
+
+def field(file, name):
+    found = re.search(rf"^{name}\s*:\s*(.+)$", Path(file).read_text(), re.M)
+    return found.group(1) if found else "unknown"
+
+
+def machine():
+    return {
+        "processor": field("/proc/cpuinfo", "model name"),
+        "cores": os.cpu_count(),
+        "memory_mib": int(field("/proc/meminfo", "MemTotal").split()[0]) // 1024,
+        "kernel": platform.release(),
+    }
+
+
+def versions():
+    def first_line(*command):
+        try:
+            done = subprocess.run(command, capture_output=True, text=True)
+        except OSError:
+            return "not there"
+        line = ((done.stdout + done.stderr).splitlines() or ["unknown"])[0]
+        return re.split(r" \(x86| - http|, Copyright| Copyright| \(Library", line)[0]
+
+    return {
+        "mivo": first_line("git", "-C", str(ROOT), "describe", "--always", "--dirty"),
+        "nginx": first_line("nginx", "-v"),
+        "HAProxy": first_line("haproxy", "-v"),
+        "wrk": first_line("wrk", "-v"),
+        "ab": first_line("ab", "-V"),
+        "curl": first_line("curl", "--version"),
+        "OpenSSL": first_line("openssl", "version"),
+        "compiler": first_line("c++", "--version"),
+    }
+
+
+def flags():
+    """The flags of mivo's main.cpp and of its link, as the build has them; no paths."""
+    lines = (ROOT / "build" / "release" / "build.ninja").read_text().splitlines()
+
+    def of_target(start, variable):
+        """The value of a variable in the block that begins with `start`."""
+        begin = next(i for i, line in enumerate(lines) if line.startswith(start))
+        for line in lines[begin + 1 :]:
+            if not line.startswith(" "):
+                return ""
+            if line.strip().startswith(variable + " ="):
+                return line.split("=", 1)[1].strip()
+        return ""
+
+    compiling = of_target("build CMakeFiles/mivo.dir/main/main.cpp.o:", "FLAGS")
+    linking = of_target("build mivo:", "LINK_FLAGS")
+    return {
+        "compiler": " ".join(word for word in compiling.split() if "/" not in word),
+        "linker": " ".join(word for word in linking.split() if "/" not in word),
+    }
