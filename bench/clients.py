@@ -57,8 +57,8 @@ def wrk(url, host, connections, seconds, threads=1):
     return Figures(
         requests=int(requests),
         seconds=milliseconds(taken) / 1000,
-        p50=milliseconds(re.search(r"50%\s+(\S+)", out).group(1)),
-        p99=milliseconds(re.search(r"99%\s+(\S+)", out).group(1)),
+        p50=milliseconds(re.search(r"\n +50%\s+(\S+)", out).group(1)),
+        p99=milliseconds(re.search(r"\n +99%\s+(\S+)", out).group(1)),
         longest=milliseconds(re.search(r"Latency\s+\S+\s+\S+\s+(\S+)", out).group(1)),
         failed=failed + (int(statuses.group(1)) if statuses else 0),
         command=shlex.join(command),
