@@ -1,0 +1,208 @@
+"""The manual against the program: the same options, the same console lines, and no fault of form."""
+
+import os
+import pathlib
+import re
+import shlex
+import subprocess
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+MANUAL = ROOT / "packaging/mivo.8"
+LAYERS = ["base", "net", "tls", "http", "proxy", "main"]
+SECTIONS = ["NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "CONSOLE OUTPUT", "SIGNALS", "FILES",
+            "EXIT STATUS", "EXAMPLES", "LIMITS", "BUGS", "SECURITY"]
+BLANK = "\0"  # stands for what varies in a message, on both sides of the comparison
+
+sys.path.insert(0, str(ROOT / "tests/system"))
+from mivo_process import PROGRAM, Mivo, ReservedPort  # noqa: E402
+from wire import Wire, request  # noqa: E402
+
+
+# What the manual says.
+
+
+def section(title):
+    """The source lines of a section."""
+    parts = re.split(r"^\.Sh (.+)$", MANUAL.read_text(), flags=re.M)
+    return dict(zip(parts[1::2], parts[2::2]))[title].strip("\n").split("\n")
+
+
+def message_of_item(line):
+    """The message in an .It line of the manual: .Li is its own words, .Ar what varies."""
+    text, kind, joined = "", None, True
+    for word in shlex.split(line.removeprefix(".It "), posix=True):
+        if word in ("Li", "Ar"):
+            kind = word
+        elif word == "Ns":
+            joined = True
+        else:
+            assert kind, f"no macro before {word!r}: {line}"
+            text += ("" if joined else " ") + (word.replace("&", "") if kind == "Li" else BLANK)
+            joined = False
+    return text
+
+
+def manual_messages():
+    lines = [line for line in section("CONSOLE OUTPUT") if line.startswith(".It ")]
+    assert len(lines) == len(set(lines))
+    # A backslash would be read as quoting by the split; in the manual it only begins the empty "\&".
+    return {message_of_item(line.replace("\\&", "&")) for line in lines}
+
+
+# What the program says. An expression whose text stands elsewhere is followed by hand, once, here; one that
+# is not listed fails the test.
+
+OTHER_MEANS = re.compile(r"\b(f?puts|putchar|perror|fwrite|[dv]f?printf)\(|\b(cout|cerr|clog)\b")
+USAGE = {"usage"}  # compared with the options, not with the console lines
+INFO = f"{BLANK}:{BLANK} {BLANK} {BLANK} {BLANK} [{BLANK}]"
+EXPRESSIONS = {
+    "info(true).c_str()": INFO,
+    '("[" + host + "] " + info(true)).c_str()': f"[{BLANK}] {INFO}",
+    "adapter_list().c_str()": BLANK,
+    "error.c_str()": None,  # the assignments to `error` are looked at below
+    "text.c_str()": None,   # what was thrown is `error`
+}
+
+
+def closing_bracket(code, start):
+    """The position of the bracket that ends the call whose arguments begin at `start`."""
+    depth, at = 1, start
+    while depth:
+        literal = re.compile(r'"(\\.|[^"\\])*"').match(code, at)
+        if literal:
+            at = literal.end()
+            continue
+        depth += {"(": 1, ")": -1}.get(code[at], 0)
+        at += 1
+    return at - 1
+
+
+def joined_text(expression):
+    """Literals joined with + or side by side, with BLANK for what is no literal."""
+    text = ""
+    for literal, other in re.findall(r'"((?:\\.|[^"\\])*)"|([^"]+)', expression):
+        if other.strip(" +\n"):
+            text += BLANK
+        text += literal
+    return text
+
+
+def printed_by_call(function, arguments):
+    """The text that one call prints, None if it is followed elsewhere."""
+    if function == "fprintf":
+        stream, arguments = arguments.split(",", 1)
+        assert stream in ("stdout", "stderr")
+    found = re.match(r'\s*((?:"(?:\\.|[^"\\])*"\s*)+)(?:,\s*(.*))?$', arguments, re.S)
+    assert found, f"not understood: {arguments}"
+    pattern = joined_text(found[1])
+    assert pattern.endswith(r"\n"), f"not a whole line: {arguments}"
+    if pattern != r"%s\n":
+        return re.sub(r"%[a-z]+", BLANK, pattern[:-2])
+    expression = found[2].strip()
+    if expression in USAGE:
+        return None
+    if expression in EXPRESSIONS:
+        return EXPRESSIONS[expression]
+    text = joined_text(re.sub(r"^\((.*)\)\.c_str\(\)$", r"\1", expression, flags=re.S))
+    assert text.strip(BLANK), f"what does this print? {expression}"
+    return text
+
+
+def program_messages():
+    messages = set()
+    calls = 0
+    for layer in LAYERS:
+        for path in sorted((ROOT / layer).glob("*.[hc]*")):
+            code = re.sub(r"^\s*//[^\n]*|/\*.*?\*/", "", path.read_text(), flags=re.M | re.S)
+            assert not OTHER_MEANS.search(code), f"{path} prints by other means than printf"
+            for call in re.finditer(r"\b(f?printf)\(", code):
+                calls += 1
+                arguments = code[call.end():closing_bracket(code, call.end())]
+                messages.add(printed_by_call(call[1], arguments))
+            if layer == "tls":
+                # What cannot be opened, or is missing, is gathered in `error`: a heading, then names.
+                for value in re.findall(r"\berror \+?= ([^;]+);", code):
+                    messages.add(joined_text(value).removeprefix(r"\n"))
+    assert calls > 30
+    return messages - {None}
+
+
+def test_every_line_of_the_program_is_in_the_manual_and_no_other():
+    program, manual = program_messages(), manual_messages()
+    assert program - manual == set(), "not in the manual"
+    assert manual - program == set(), "not in the program"
+
+
+def test_options_are_those_of_the_usage_text():
+    usage = subprocess.run([PROGRAM], capture_output=True, text=True, check=True).stdout
+    synopsis = usage.split("\n")[1].split()
+    assert synopsis[0] == "mivo"
+    options, current = {"": []}, ""
+    for word in synopsis[1:]:
+        if word.startswith("-"):
+            options[current := word] = []
+        else:
+            options[current].append(word.strip("[]"))
+    documented = {"": []}
+    for line in section("OPTIONS"):
+        if line.startswith(".It Fl "):
+            flag, *values = line.removeprefix(".It Fl ").replace(" Ar ", " ").split()
+            documented["-" + flag] = values
+        elif line.startswith(".It Ar "):
+            documented[""].append(line.removeprefix(".It Ar "))
+    assert documented == options
+    shown = " ".join(section("SYNOPSIS"))
+    assert {"-" + flag for flag in re.findall(r"Fl (\w+)", shown)} == set(options) - {""}
+
+
+def test_lines_of_a_run_are_as_the_manual_says(tmp_path):
+    """The program's own word against the manual's, so that nothing rests on how the sources are read."""
+    patterns = [re.escape(message).replace(BLANK, ".*") for message in manual_messages() - {BLANK}]
+    known = re.compile("|".join(patterns) + r"|[0-9.]+")  # the addresses of the banner
+    upstream = ReservedPort("127.0.0.1")
+    mivo = Mivo.serve(tmp_path, {"echo": -1, "refused": upstream.port})
+    try:
+        for host in ("echo", "nobody", "refused"):
+            client = Wire.connect(mivo.port)
+            client.send(request(host, "/a", headers=["User-Agent: x y"]))
+            client.read_head()
+            client.close()
+        mivo.wait_until_idle()
+        mivo.interrupt()
+    finally:
+        mivo.kill()
+        upstream.close()
+    lines = mivo.console().splitlines()
+    assert len([line for line in lines if line.startswith("[")]) == 3
+    assert [line for line in lines if not known.fullmatch(line)] == []
+
+
+def test_sections_are_there():
+    titles = re.findall(r"^\.Sh (.+)$", MANUAL.read_text(), re.M)
+    assert [title for title in SECTIONS if title not in titles] == []
+
+
+def test_sections_that_are_referred_to_are_there():
+    text = MANUAL.read_text()
+    titles = set(re.findall(r"^\.Sh (.+)$", text, re.M))
+    assert set(re.findall(r"^\.Sx (.+?)(?: [.,;])?$", text, re.M)) <= titles
+
+
+@pytest.mark.parametrize("command", [
+    ["mandoc", "-T", "lint", "-W", "style"],
+    ["man", "--warnings", "-E", "UTF-8", "-l"],
+    ["groff", "-mandoc", "-Tutf8", "-ww", "-z"],
+])
+def test_form_is_without_fault(command):
+    # man follows MANROFFOPT, and a terminal's width where there is one.
+    environment = {"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "MANWIDTH": "80"}
+    result = subprocess.run([*command, str(MANUAL)], capture_output=True, text=True, env=environment)
+    assert result.returncode <= 1 if command[0] == "mandoc" else result.returncode == 0
+    output = result.stdout + result.stderr if command[0] == "mandoc" else result.stderr
+    # Which other manuals are installed, and indexed, is this machine's business.
+    faults = [line for line in output.splitlines()
+              if "mandoc.db" not in line and "referenced manual not found" not in line]
+    assert faults == []
