@@ -1,24 +1,20 @@
 """The manual against the program: the same options, the same console lines, and no fault of form."""
 
 import os
-import pathlib
 import re
 import shlex
 import subprocess
-import sys
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-MANUAL = ROOT / "packaging/mivo.8"
+from mivo_process import PROGRAM, REPOSITORY, Mivo, ReservedPort
+from wire import Wire, request
+
+MANUAL = REPOSITORY / "packaging/mivo.8"
 LAYERS = ["base", "net", "tls", "http", "proxy", "main"]
 SECTIONS = ["NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "CONSOLE OUTPUT", "SIGNALS", "FILES",
             "EXIT STATUS", "EXAMPLES", "LIMITS", "BUGS", "SECURITY"]
 BLANK = "\0"  # stands for what varies in a message, on both sides of the comparison
-
-sys.path.insert(0, str(ROOT / "tests/system"))
-from mivo_process import PROGRAM, Mivo, ReservedPort  # noqa: E402
-from wire import Wire, request  # noqa: E402
 
 
 # What the manual says.
@@ -115,7 +111,7 @@ def program_messages():
     messages = set()
     calls = 0
     for layer in LAYERS:
-        for path in sorted((ROOT / layer).glob("*.[hc]*")):
+        for path in sorted((REPOSITORY / layer).glob("*.[hc]*")):
             code = re.sub(r"^\s*//[^\n]*|/\*.*?\*/", "", path.read_text(), flags=re.M | re.S)
             assert not OTHER_MEANS.search(code), f"{path} prints by other means than printf"
             for call in re.finditer(r"\b(f?printf)\(", code):

@@ -1,0 +1,25 @@
+# Runs at installation, with CMAKE_INSTALL_PREFIX as it is then. `source` and `work` are the folder of this
+# file and a folder for what is made of it. file(INSTALL) puts DESTDIR before every path.
+
+set(etc "${CMAKE_INSTALL_PREFIX}/etc")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(etc "/etc")
+endif()
+
+# One unit, and the same once more as a template, which systemd does not let one file be.
+macro(install_unit file comment description identifier)
+  set(UNIT_COMMENT "${comment}")
+  set(UNIT_DESCRIPTION "${description}")
+  set(UNIT_IDENTIFIER "${identifier}")
+  configure_file("${source}/mivo.service.in" "${work}/${file}" @ONLY)
+  file(INSTALL "${work}/${file}" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/systemd/system")
+endmacro()
+
+install_unit(mivo.service "mivo, with the arguments that ${etc}/default/mivo holds."
+  "mivo front server" "mivo")
+install_unit(mivo@.service
+  "One of several mivo processes that share their ports; see SEVERAL PROCESSES in mivo(8)."
+  "mivo front server, process %i" "mivo-%i")
+
+file(INSTALL "${source}/mivo.default" DESTINATION "${etc}/default" RENAME mivo)
+file(INSTALL "${source}/mivo.sysusers" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/sysusers.d" RENAME mivo.conf)
