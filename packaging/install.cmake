@@ -21,5 +21,15 @@ install_unit(mivo@.service
   "One of several mivo processes that share their ports; see SEVERAL PROCESSES in mivo(8)."
   "mivo front server, process %i" "mivo-%i")
 
-file(INSTALL "${source}/mivo.default" DESTINATION "${etc}/default" RENAME mivo)
+# What someone has written there is kept; the package manager takes care of its own copy.
+if(NOT EXISTS "$ENV{DESTDIR}${etc}/default/mivo")
+  file(INSTALL "${source}/mivo.default" DESTINATION "${etc}/default" RENAME mivo)
+endif()
 file(INSTALL "${source}/mivo.sysusers" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/sysusers.d" RENAME mivo.conf)
+
+# Debian's zsh looks into a folder of its own for what packages bring.
+set(zsh_folder "site-functions")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(zsh_folder "vendor-completions")
+endif()
+file(INSTALL "${source}/mivo.zsh" DESTINATION "${CMAKE_INSTALL_PREFIX}/share/zsh/${zsh_folder}" RENAME _mivo)

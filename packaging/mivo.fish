@@ -1,0 +1,37 @@
+# fish completion for mivo(8).
+
+# Prints what the next word is: "port", "option", or an option with the number of values that it lacks.
+function __mivo_next
+    set -l words (commandline -opc)
+    if test (count $words) -lt 2
+        echo port
+        return
+    end
+    # An option takes the words behind it as they come, even if they look like options.
+    set -l value 0
+    set -l option
+    for word in $words[3..-1]
+        if test $value -gt 0
+            set value (math $value - 1)
+        else
+            set option $word
+            switch $word
+                case -ssl
+                    set value 3
+                case -map
+                    set value 2
+            end
+        end
+    end
+    if test $value -eq 0
+        echo option
+    else
+        echo -- $option $value
+    end
+end
+
+complete -c mivo -f
+complete -c mivo -n 'test (__mivo_next) = option' -a '-ssl' -d 'HTTPS: port, key and certificate'
+complete -c mivo -n 'test (__mivo_next) = option' -a '-map' -d 'Host header and local port'
+complete -c mivo -n 'string match -qr -- "^-ssl [12]\$" (__mivo_next)' -F
+complete -c mivo -n 'test (__mivo_next) = "-map 1"' -a '-1' -d 'the echo page'
