@@ -12,7 +12,7 @@ namespace {
 constexpr size_t smallest_block = 512;  // bytes with the header, as all block sizes here
 constexpr size_t largest_block = 65536;
 constexpr size_t kept_when_empty = 4096;
-constexpr int most_spare_blocks = 32;  // 2 MiB at most: what one turn moves through a pipe, twice
+constexpr int most_spare_blocks = 64;  // 4 MiB at most: what a turn moves through eight pipes
 
 }  // namespace
 

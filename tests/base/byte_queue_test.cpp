@@ -21,7 +21,7 @@ constexpr size_t mib = 1024 * kib;
 // What an emptied queue may keep, and what all queues together may keep for reuse, with some room for the
 // allocator's own rounding.
 constexpr size_t kept_by_a_queue = 4 * kib;
-constexpr size_t kept_by_all = 2 * mib + 64 * kib;
+constexpr size_t kept_by_all = 4 * mib + 64 * kib;
 
 // Lengths around the block sizes, with and without room for a block's header.
 constexpr size_t lengths[] = {0,     1,     31,    32,    479,   480,   481,   511,    512,
