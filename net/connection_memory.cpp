@@ -1,14 +1,16 @@
-// Where connection objects stand: each on pages of its own, mapped from the system.
+// Where connection objects stand: in rows of eight, back to back, on pages mapped from the system.
 //
-// A fresh page is zero and costs nothing until it is touched, so an object of over 1 MiB costs the two or
-// three pages that a small exchange uses. malloc would do for that, but calloc writes zeros over memory
-// that it has had back, a MiB for each connection. Here an ended object's first and last pages are kept and
-// wiped, the pages between are returned to the system, and up to `most_spare` such objects wait to be used
-// again, which saves the page faults that dominate the cost of short connections.
+// A fresh page is zero and costs nothing until it is touched, so an object of over 1 MiB costs the page or
+// two that a small exchange uses: its last fields share a page with the first ones of the object behind it.
+// malloc would do for fresh memory, but calloc writes zeros over memory that it has had back, a MiB for each
+// connection. Here an ended object is wiped at both ends, and the pages between are returned to the system.
+// Rows without an object go back to it too, but for some whose slots wait to be used again, which saves the
+// page faults that dominate the cost of short connections.
 
 #include <sys/mman.h>
 
 #include <cstring>
+#include <vector>
 
 #include "net/connection.h"
 
@@ -24,77 +26,88 @@
 namespace {
 
 constexpr size_t page = 4096;
-constexpr int most_spare = 64;
+constexpr size_t cache_line = 64;
+constexpr unsigned slots = 8;                      // of a row
+constexpr unsigned all_free = (1U << slots) - 1U;  // as row::free
+constexpr unsigned most_spare = 64;                // slots that are kept for the next connections
 
-// Objects start at different offsets within a page. All at the same offset, their hot fields would share a
-// few cache sets and throw each other out.
-constexpr size_t colour_step = 64;
-constexpr size_t colours = 32;
+// The distance from object to object: whole cache lines, and an odd number of them, so that the hot fields
+// at the front of many objects spread over all sets of the cache instead of throwing each other out.
+size_t stride_for(size_t size) {
+  return ((size + cache_line - 1) / cache_line | 1) * cache_line;
+}
 
-// The mapping of one object, found again from the object's address: its offset is below a page.
-struct mapping {
+struct row {
   char* base;
-  size_t length;
+  size_t size;    // of its objects
+  unsigned free;  // a bit for each slot
 
-  mapping(void* object, size_t size)
-      : base(reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(object) & ~(page - 1))),
-        length(length_for(size)) {}
-
-  static size_t length_for(size_t size) { return (size + colours * colour_step + page - 1) / page * page; }
+  size_t length() const { return (slots * stride_for(size) + page - 1) / page * page; }
+  char* at(unsigned slot) const { return base + slot * stride_for(size); }
+  bool holds(const char* object) const { return object >= base && object < base + length(); }
 };
 
-struct spare_objects {
-  void* object[most_spare];
-  size_t size[most_spare];
-  int count = 0;
+struct row_list {
+  std::vector<row> rows;
+  unsigned spare = 0;  // free slots in all of them
 };
 
-spare_objects& spare() {
-  static spare_objects s;
-  return s;
+row_list& memory() {
+  static auto* list = new row_list;  // never deleted: connections are ended until the very end of the process
+  return *list;
 }
 
-void* take_spare(size_t size) {
-  spare_objects& s = spare();
-  for (int i = s.count - 1; i >= 0; i--) {
-    if (s.size[i] != size) continue;
-    void* object = s.object[i];
-    s.count--;
-    s.object[i] = s.object[s.count];
-    s.size[i] = s.size[s.count];
-    OPEN_FOR_USE(object, size);
-    return object;
+// The first row with a free slot for `size` bytes, a new one if need be; null when the system has no memory.
+row* find_row(size_t size) {
+  std::vector<row>& rows = memory().rows;
+  for (row& r : rows) {
+    if (r.size == size && r.free != 0) return &r;
   }
-  return nullptr;
-}
-
-void* map_object(size_t size) {
-  static size_t colour = 0;
-  size_t length = mapping::length_for(size);
+  row r = {nullptr, size, all_free};
   void* base =
-      mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+      mmap(nullptr, r.length(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (base == MAP_FAILED) return nullptr;
-  madvise(base, length, MADV_NOHUGEPAGE);  // a huge page would make every object cost 2 MiB
-  colour = (colour + 1) % colours;
-  return static_cast<char*>(base) + colour * colour_step;
+  madvise(base, r.length(), MADV_NOHUGEPAGE);  // a huge page would make every object cost 2 MiB
+  r.base = static_cast<char*>(base);
+  HIDE_FROM_USE(r.base, r.length());
+  rows.push_back(r);
+  memory().spare += slots;
+  return &rows.back();
 }
 
-// Makes an ended object all zero again. The page where it starts and those behind the output buffer are kept,
-// for the next object will touch them; what lies between is zero once it is faulted in again.
-void wipe(void* object, size_t size) {
-  char* start = static_cast<char*>(object);
-  char* middle = mapping(object, size).base + page;
-  char* tail = mapping(start + connection::out_capacity, 0).base;
-  memset(start, 0, static_cast<size_t>(middle - start));
+char* page_of(char* place) {
+  return reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(place) & ~(page - 1));
+}
+
+// Makes an ended object all zero again. The pages that it shares with its neighbours, and the one behind the
+// output buffer, are kept, for the next object will touch them; what lies between is zero once it is faulted
+// in again.
+void wipe(char* object, size_t size) {
+  char* middle = page_of(object + page - 1);
+  char* tail = page_of(object + connection::out_capacity);
+  memset(object, 0, static_cast<size_t>(middle - object));
   madvise(middle, static_cast<size_t>(tail - middle), MADV_DONTNEED);
-  memset(tail, 0, static_cast<size_t>(start + size - tail));
+  memset(tail, 0, static_cast<size_t>(object + size - tail));
+}
+
+void give_back(row& r) {
+  memory().spare -= slots;
+  OPEN_FOR_USE(r.base, r.length());
+  munmap(r.base, r.length());
+  r = memory().rows.back();
+  memory().rows.pop_back();
 }
 
 }  // namespace
 
 void* connection::operator new(size_t size, const std::nothrow_t&) noexcept {
-  void* object = take_spare(size);
-  return object ? object : map_object(size);
+  row* r = find_row(size);
+  if (!r) return nullptr;
+  const auto slot = static_cast<unsigned>(__builtin_ctz(r->free));
+  r->free &= ~(1U << slot);
+  memory().spare--;
+  OPEN_FOR_USE(r->at(slot), size);
+  return r->at(slot);
 }
 
 void* connection::operator new(size_t size) {
@@ -104,18 +117,17 @@ void* connection::operator new(size_t size) {
 }
 
 void connection::operator delete(void* object, size_t size) noexcept {
-  if (!object) return;
-  spare_objects& s = spare();
-  if (s.count == most_spare) {
-    mapping m(object, size);
-    munmap(m.base, m.length);
+  auto* place = static_cast<char*>(object);
+  for (row& r : memory().rows) {
+    if (!r.holds(place)) continue;
+    wipe(place, size);
+    HIDE_FROM_USE(place, size);
+    r.free |= 1U << static_cast<size_t>(place - r.base) / stride_for(size);
+    memory().spare++;
+    if (r.free == all_free && memory().spare >= most_spare + slots) give_back(r);
     return;
   }
-  wipe(object, size);
-  HIDE_FROM_USE(object, size);
-  s.object[s.count] = object;
-  s.size[s.count++] = size;
 }
 
-// Only for a constructor that throws, after which the size is not known: the pages stay mapped.
+// Only for a constructor that throws, after which the size is not known: the slot stays taken.
 void connection::operator delete(void*, const std::nothrow_t&) noexcept {}

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -164,13 +165,44 @@ TEST_F(connection_test, memory_is_zero_when_only_a_byte_was_written) {
   }
 }
 
-int64_t resident_bytes() {
-  long total = 0;
-  long resident = 0;
+TEST_F(connection_test, ended_object_leaves_its_neighbours_as_they_are) {
+  using wide = larger_connection<3000>;
+  std::vector<std::unique_ptr<wide>> objects;
+  for (int i = 0; i < 20; i++) {
+    objects.emplace_back(new wide);
+    fill(objects.back()->out, sizeof(wide::out));
+    fill(objects.back()->extra, sizeof(wide::extra));
+  }
+  for (size_t i = 0; i < objects.size(); i += 2) objects[i].reset();
+  for (size_t i = 1; i < objects.size(); i += 2) {
+    for (char c : objects[i]->out) ASSERT_EQ(c, '\x5a') << i;
+    for (char c : objects[i]->extra) ASSERT_EQ(c, '\x5a') << i;
+  }
+}
+
+// A cache of 64 sets, found by the address within a page.
+TEST_F(connection_test, fronts_of_many_objects_spread_over_the_sets_of_a_cache) {
+  std::vector<std::unique_ptr<connection>> objects;
+  std::map<uintptr_t, int> in_set;
+  for (int i = 0; i < 64; i++) {
+    objects.emplace_back(new silent_connection);
+    in_set[reinterpret_cast<uintptr_t>(objects.back().get()) % 4096 / 64]++;
+  }
+  for (const auto& [set, count] : in_set) EXPECT_LE(count, 8) << set;
+}
+
+enum class memory_kind { mapped, resident };
+
+int64_t bytes_of(memory_kind kind) {
+  long pages[2] = {};
   FILE* file = fopen("/proc/self/statm", "r");
-  EXPECT_EQ(fscanf(file, "%ld %ld", &total, &resident), 2);
+  EXPECT_EQ(fscanf(file, "%ld %ld", &pages[0], &pages[1]), 2);
   fclose(file);
-  return resident * sysconf(_SC_PAGESIZE);
+  return pages[kind == memory_kind::resident] * sysconf(_SC_PAGESIZE);
+}
+
+int64_t resident_bytes() {
+  return bytes_of(memory_kind::resident);
 }
 
 constexpr int many = 200;
@@ -195,6 +227,14 @@ TEST_F(connection_test, ended_objects_give_back_their_output_buffers) {
   int64_t full = resident_bytes();
   objects.clear();
   EXPECT_GT(full - resident_bytes(), output_buffers / 8 * 7);
+}
+
+TEST_F(connection_test, ended_objects_give_back_their_addresses_but_for_some) {
+  std::vector<std::unique_ptr<connection>> objects;
+  for (int i = 0; i < many; i++) objects.emplace_back(new silent_connection);
+  int64_t full = bytes_of(memory_kind::mapped);
+  objects.clear();
+  EXPECT_GT(full - bytes_of(memory_kind::mapped), output_buffers / 2);
 }
 
 }  // namespace
