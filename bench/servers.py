@@ -38,6 +38,7 @@ PROXY_SITE = """
   server {{
     listen 127.0.0.1:{port} backlog=1024;
     listen 127.0.0.1:{tls_port} ssl backlog=1024;
+    ssl_protocols TLSv1.2 TLSv1.3;
     ssl_certificate {certificates}/crt.pem; ssl_certificate_key {certificates}/key.pem;
     location / {{ proxy_pass http://{target}; }}
     location /counted {{ proxy_pass http://127.0.0.1:{counted}; }}
