@@ -1,0 +1,378 @@
+// Whole conversations: clients and upstreams that send, read slowly, close, reset and wait, calls that fail
+// and a clock that jumps, against the servers of the program on a network in memory.
+//
+// Input: a byte of flags, then operations, each a character with its operands behind it; see step(). Operands
+// that choose something count from '0'. Rules, after every turn: no set holds a closed descriptor, every open
+// one belongs to one connection, and every client has got exactly what its upstreams sent, in order, up to
+// some point. When everybody has become quiet, so do the servers, and nothing is missing; when the clients
+// have gone, nothing is left; and after stop() no descriptor is open and no set holds any.
+
+#include "main/https.h"
+#include "net/server.h"
+#include "net/sockets.h"
+#include "proxy/reverse_proxy.h"
+#include "tests/fuzz/fuzz.h"
+#include "tests/fuzz/network.h"
+
+using fuzz::expect;
+using network::net;
+using network::stream;
+
+namespace {
+
+enum ports { relay_port = 80, forward_port = 81, redirect_port = 82, chat_port = 83 };
+
+constexpr int most_streams = 40;
+constexpr int turns_to_rest = 400;  // far more than any conversation of this size needs
+constexpr int big_reply = 1300000;  // more than an output buffer and a read hold
+
+// What the upstreams of a client send is stamped with the number of the upstream and the position, in bytes
+// that nobody else sends to a client of a proxy.
+char stamp(const stream& upstream, int64_t position) {
+  return static_cast<char>(0x80 | (upstream.number & 7) << 4 | (position & 15));
+}
+
+// A connection of a program on the library: it is in a channel, and passes every message on to all others.
+struct chatter : http_connection {
+  void on_upgrade() override {
+    auto* members = channels().get("room");
+    if (!members) {
+      members = new base::arraylist<http_connection*>;  // deleted when its last member leaves
+      channels().set("room", members);
+    }
+    members->add(this);
+    subscriptions.set("room", 1);
+  }
+
+  void on_message() override {
+    const auto* members = channels().get("room");
+    for (uint32_t i = 0; i < members->count; i++) members->data[i]->send_message(message, 1);
+  }
+};
+
+class conversation {
+ public:
+  explicit conversation(fuzz::input& in) : in_(in) {
+    http_proxy::g_server() = &relay_;
+    for (server_base* s : servers_) s->start();
+  }
+
+  void play(bool ends_in_order) {
+    while (!in_.is_at_end()) step();
+    if (ends_in_order) {
+      calm_down();
+      rest();
+      check_completeness();
+      leave();
+    }
+    for (server_base* s : servers_) s->stop();
+    expect(net().open.empty(), "no descriptor is open after stop()");
+    for (const fd_set* set : sets()) expect(network::members(set).empty(), "the sets are empty after stop()");
+    expect(http_connection::channels().count == 0, "no channel is left without members");
+  }
+
+ private:
+  fuzz::input& in_;
+  server<reverse_proxy> relay_{relay_port};
+  server<http_proxy> forward_{forward_port};
+  redirect_server<reverse_proxy> redirect_{redirect_port};
+  server<chatter> chat_{chat_port};
+  server_base* servers_[4] = {&relay_, &forward_, &redirect_, &chat_};
+  std::vector<size_t> parsed_;     // of each stream's received bytes, how many are checked
+  std::vector<int> source_;        // of each client, the upstream whose bytes it is getting
+  std::vector<int64_t> position_;  // and the position of the next
+  bool has_sent_big_reply_ = false;
+
+  static std::vector<const fd_set*> sets() {
+    return {sockets::all(), sockets::ready(), sockets::readable(), sockets::writable(), sockets::errors()};
+  }
+
+  int choice(int count) { return static_cast<uint8_t>(in_.byte() - '0') % count; }
+
+  // A stream that is not closed, chosen by an operand; null when there is none.
+  stream* choose(bool is_upstream) {
+    std::vector<stream*> candidates;
+    for (stream& s : net().streams) {
+      if (s.is_upstream == is_upstream && !s.is_closed) candidates.push_back(&s);
+    }
+    const auto chosen = static_cast<uint8_t>(in_.byte() - '0');
+    return candidates.empty() ? nullptr : candidates[chosen % candidates.size()];
+  }
+
+  // Lower case is what a client does, upper case the same for an upstream.
+  void step() {
+    const char operation = static_cast<char>(in_.byte());
+    switch (operation) {
+      case 'n': {
+        const int port = relay_port + choice(4);
+        if (net().streams.size() < most_streams) network::add_client(port);
+        break;
+      }
+      case 'c':
+      case 'C':
+        say(choose(operation == 'C'), in_.field());
+        break;
+      case 'S':
+        send_stamped(choose(true), in_.byte());
+        break;
+      case 'B':
+        if (!has_sent_big_reply_) send_stamped(choose(true), big_reply);
+        has_sent_big_reply_ = true;
+        break;
+      case 'e':
+      case 'E':
+        if (stream* s = disturb(choose(operation == 'E'))) s->has_ended = true;
+        break;
+      case 'r':
+      case 'R':
+        reset(disturb(choose(operation == 'R')));
+        break;
+      case 'u':
+      case 'U':
+        if (stream* s = disturb(choose(operation == 'U'))) s->is_urgent = true;
+        break;
+      case 'w':
+      case 'W':
+        set_rate(choose(operation == 'W'), in_.byte());
+        break;
+      case 't':
+        net().now += in_.byte();
+        break;
+      case 'T':
+        net().now -= in_.byte();
+        break;
+      case 'k':
+        net().next_outcome = static_cast<network::outcomes>(choice(5));
+        break;
+      case 'y':
+        network::settle();
+        break;
+      case 'x':
+        add_fault(choice(9));
+        break;
+      case 'i':
+        net().is_trickling = !net().is_trickling;
+        break;
+      case '.':
+        turn();
+        break;
+      default:  // nothing: a changed byte is not to change the meaning of those behind it
+        break;
+    }
+  }
+
+  // Bytes that no stamped one can be taken for, except where there are no upstreams.
+  static void say(stream* s, std::string text) {
+    if (!s || s->has_ended || s->is_reset) return;
+    if (s->port != chat_port || s->is_upstream) {
+      for (char& c : text) c = static_cast<char>(c & 0x7F);
+    }
+    s->inbox += text;
+  }
+
+  // Only as many upstreams of a client as a stamp can tell apart.
+  static void send_stamped(stream* s, int count) {
+    if (!s || s->has_ended || s->is_reset || s->number > 7) return;
+    for (int i = 0; i < count; i++) s->inbox += stamp(*s, s->stamped++);
+  }
+
+  static stream* disturb(stream* s) {
+    if (s) s->is_disturbed = true;
+    return s;
+  }
+
+  static void reset(stream* s) {
+    if (!s || s->is_reset) return;
+    s->is_reset = true;
+    s->inbox.clear();
+    s->error = ECONNRESET;
+  }
+
+  static void set_rate(stream* s, int operand) {
+    if (s) s->rate = operand > 200 ? network::unlimited : operand;
+  }
+
+  static void add_fault(int which) {
+    static const struct {
+      const char* call;
+      int error;
+    } faults[] = {{"socket", EMFILE}, {"accept4", EMFILE},     {"connect", ENETUNREACH},
+                  {"recv", EINTR},    {"send", EAGAIN},        {"select", EINTR},
+                  {"select", EBADF},  {"getsockopt", ENOBUFS}, {"bind", EADDRINUSE}};
+    net().faults[faults[which].call] = faults[which].error;
+  }
+
+  void turn() {
+    network::begin_turn();
+    sockets::select_all();
+    for (server_base* s : servers_) s->update();
+    if (sockets::num_ready() == 0) {
+      for (server_base* s : servers_) s->on_idle();
+    }
+    check_turn();
+  }
+
+  void check_turn() {
+    expect(connection::selected() == nullptr, "no connection is selected between turns");
+    for (const fd_set* set : sets()) {
+      for (int fd : network::members(set))
+        expect(net().open.count(fd) == 1, "no set holds a closed descriptor");
+    }
+    check_ownership();
+    parsed_.resize(net().streams.size());
+    source_.resize(net().streams.size(), network::none);
+    position_.resize(net().streams.size());
+    for (size_t i = 0; i < net().streams.size(); i++) {
+      stream& s = net().streams[i];
+      if (s.is_upstream)
+        check_tunnel(s);
+      else if (s.port != chat_port)
+        check_relay(static_cast<int>(i));
+      if (s.is_closed && !s.is_upstream) check_delivery(static_cast<int>(i));
+    }
+  }
+
+  // Every open descriptor is a listening socket's or a connection's, and of one of them.
+  void check_ownership() {
+    std::map<int, int> owners;
+    for (server_base* s : servers_) {
+      if (s->sock != -1) owners[s->sock]++;
+      int count = 0;
+      for (auto* node = s->connections.head->next; node; node = node->next, count++) {
+        const connection* conn = node->value;
+        owners[conn->sock]++;
+        expect(
+            conn->out_pos >= 0 && (conn->out_len <= 0 || conn->out_pos + conn->out_len <= conn->out_capacity),
+            "output is inside its buffer");
+      }
+      expect(count == s->connections.count, "a list has as many elements as it counts");
+    }
+    for (const auto& owner : owners) expect(owner.second == 1, "a descriptor has one owner");
+    for (const auto& entry : net().open) expect(owners.count(entry.first) == 1, "a descriptor has an owner");
+    expect(owners.size() == net().open.size(), "what is owned is open");
+  }
+
+  // The stamped bytes of a client come from its upstreams one after the other, each from its beginning and
+  // without a gap.
+  void check_relay(int client) {
+    const auto at = static_cast<size_t>(client);
+    const std::string& received = net().streams[at].received;
+    for (; parsed_[at] < received.size(); parsed_[at]++) {
+      const char c = received[parsed_[at]];
+      if (!(c & 0x80)) continue;
+      if (source_[at] == network::none || c != stamp(upstream(source_[at]), position_[at])) {
+        source_[at] = next_source(client, c);
+        position_[at] = 0;
+      }
+      position_[at]++;
+      expect(position_[at] <= upstream(source_[at]).stamped, "no upstream's byte is sent twice");
+    }
+  }
+
+  static stream& upstream(int index) { return net().streams[static_cast<size_t>(index)]; }
+
+  // The upstream that a byte is the first one of, behind the one that the client has been getting.
+  int next_source(int client, char c) {
+    for (size_t i = static_cast<size_t>(source_[static_cast<size_t>(client)] + 1); i < net().streams.size();
+         i++) {
+      const stream& s = net().streams[i];
+      if (s.is_upstream && s.owner == client && s.stamped > 0 && stamp(s, 0) == c) return static_cast<int>(i);
+    }
+    fuzz::fail("a client gets its upstreams' bytes in order");
+  }
+
+  // Whether the stream's first request opens a tunnel; everything behind its head is then the tunnel's.
+  static bool is_tunnel(const stream& client) {
+    return client.port == forward_port && client.taken.compare(0, 8, "CONNECT ") == 0;
+  }
+
+  static std::string tunnelled(const stream& client) {
+    const size_t end = client.taken.find("\r\n\r\n");
+    return end == client.taken.npos ? "" : client.taken.substr(end + 4);
+  }
+
+  static void check_tunnel(const stream& s) {
+    const stream& client = upstream(s.owner);
+    if (!is_tunnel(client)) return;
+    expect(s.number == 0, "a tunnel has one upstream");
+    const std::string bytes = tunnelled(client);
+    expect(bytes.compare(0, s.received.size(), s.received) == 0, "a tunnel passes on what the client sent");
+  }
+
+  // A client whose connection the program has ended has got all that was read from its upstream before.
+  void check_delivery(int client) {
+    const stream& s = upstream(client);
+    if (s.is_disturbed || net().is_disturbed || s.last_upstream == network::none) return;
+    const auto at = static_cast<size_t>(client);
+    const bool is_current = source_[at] == s.last_upstream;
+    const int64_t taken = upstream(s.last_upstream).stamped_taken;
+    expect((is_current ? position_[at] : 0) == taken, "what was read from an upstream reaches the client");
+  }
+
+  // From here on everybody behaves.
+  void calm_down() {
+    net().faults.clear();
+    net().is_trickling = false;
+    for (stream& s : net().streams) {
+      s.rate = network::unlimited;
+      if (s.outcome == network::never_established) s.outcome = network::late_refused;
+    }
+    network::settle();
+    net().next_outcome = network::established;
+  }
+
+  // Turns until nothing is ready, twice: the first such turn may have queued something.
+  void rest() {
+    for (int turns = 0, quiet = 0; quiet < 2; turns++) {
+      expect(turns < turns_to_rest, "the servers come to rest");
+      turn();
+      quiet = net().ready == 0 ? quiet + 1 : 0;
+    }
+  }
+
+  void check_completeness() {
+    for (size_t i = 0; i < net().streams.size(); i++) {
+      const stream& s = net().streams[i];
+      if (s.is_closed || s.fd == network::none || s.is_upstream) continue;
+      check_delivery(static_cast<int>(i));
+      if (!is_tunnel(s) || s.last_upstream == network::none) continue;
+      const stream& far = upstream(s.last_upstream);
+      if (!far.is_closed)
+        expect(far.received.size() == tunnelled(s).size(), "a tunnel passes on all that the client sent");
+    }
+  }
+
+  // Without clients there are no connections: upstreams do not outlive those that they were opened for.
+  void leave() {
+    for (stream& s : net().streams) {
+      if (!s.is_upstream && !s.is_closed) disturb(&s)->has_ended = true;
+    }
+    rest();
+    for (const server_base* s : servers_) {
+      if (s->sock != -1 && sockets::fits(s->sock))
+        expect(s->connections.count == 0, "no connection is left when the clients have gone");
+    }
+  }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const bool is_mapped = [] {
+    reverse_proxy::hosts().set("a", 8001);
+    reverse_proxy::hosts().set("b", 8002);
+    reverse_proxy::hosts().set("e", reverse_proxy::echo_port);
+    redirector::ssl_port() = 8443;
+    return true;
+  }();
+  fuzz::input in(data, size);
+  const int flags = in.byte();
+  network::clear();
+  // With numbers close to the end of the sets, few clients fit.
+  if (is_mapped && (flags & 1)) net().first_descriptor = FD_SETSIZE - 5 - (flags >> 4);
+  {
+    conversation c(in);
+    c.play((flags & 2) == 0);
+  }
+  return 0;
+}

@@ -1,0 +1,96 @@
+/* network: a network in memory, for a fuzzer that plays both the clients and the upstreams of a server.
+ *
+ * The calls into the system that the code under test makes are replaced when the fuzzer is linked. A stream
+ * is one TCP connection, seen from the far end: the fuzzer says what the far end does, and reads what the
+ * program did. Descriptors are numbered as the system does, the lowest free one first, but from
+ * first_descriptor() on.
+ *
+ * Using a descriptor that is not open, in whatever call or set, ends the process by fuzz::fail(). */
+#pragma once
+
+#include <sys/select.h>
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace network {
+
+constexpr int none = -1;
+constexpr int64_t unlimited = -1;
+
+/* What becomes of an outgoing connection. */
+enum outcomes {
+  established = 0,
+  refused = 1,            // before connect() returns
+  late_established = 2,   // under way until settle()
+  late_refused = 3,       // the same
+  never_established = 4,  // under way until it is closed
+};
+
+struct stream {
+  int fd = none;  // while the program has it open
+  int port = 0;   // of the server that the client came to, or of the upstream
+  bool is_upstream = false;
+  int owner = none;          // of an upstream: the client that the program was reading from when it connected
+  int number = 0;            // of an upstream: how many its owner had before
+  int last_upstream = none;  // of a client: where its bytes go now; none after a connection that failed
+
+  // The far end.
+  std::string inbox;          // sent, and not read by the program yet
+  int64_t stamped = 0;        // how many stamped bytes it has sent
+  bool has_ended = false;     // it has closed its side,
+  bool is_reset = false;      // or the connection altogether
+  bool is_urgent = false;     // there is urgent data
+  int64_t rate = unlimited;   // bytes that it takes in a turn
+  bool is_disturbed = false;  // it has done something that may cost bytes under way
+
+  // The program's end.
+  outcomes outcome = established;
+  int error = 0;              // errno that the next recv() or send() gives
+  int64_t window = 0;         // bytes that it can still send in this turn
+  std::string taken;          // read by the program, of a client
+  int64_t stamped_taken = 0;  // how many of the bytes that it has read are stamped
+  std::string received;       // written by the program
+  bool is_closed = false;
+};
+
+struct state {
+  std::vector<stream> streams;
+  std::map<int, int> open;                  // descriptor to stream; listening sockets have none
+  std::map<int, int> ports;                 // of listening descriptors
+  std::map<int, std::vector<int>> waiting;  // streams that wait to be accepted, by port
+  std::map<std::string, int> faults;        // the errno with which the next call of that name fails
+  outcomes next_outcome = established;
+  int first_descriptor = 100;
+  int64_t now = 1700000000;
+  bool is_trickling = false;  // recv() and send() move one byte a call
+  bool is_disturbed = false;  // a call has failed that makes the servers start over
+  int64_t calls = 0;          // since the last turn began
+  int ready = 0;              // what the last select() returned
+};
+
+state& net();
+
+/* Starts with nothing open. */
+void clear();
+
+/* A client that connects to the server on `port`; returns its stream. */
+int add_client(int port);
+
+/* A turn begins: windows open again by their rates. */
+void begin_turn();
+
+/* The connections that are under way are established or refused now. */
+void settle();
+
+/* The descriptors in a set. */
+std::vector<int> members(const fd_set* set);
+
+inline bool is_ours(int fd) {
+  return fd >= 100;
+}
+
+}  // namespace network
