@@ -3,9 +3,10 @@
 //
 // Input: a byte of flags, then operations, each a character with its operands behind it; see step(). Operands
 // that choose something count from '0'. Rules, after every turn: no set holds a closed descriptor, every open
-// one belongs to one connection, and every client has got exactly what its upstreams sent, in order, up to
-// some point. When everybody has become quiet, so do the servers, and nothing is missing; when the clients
-// have gone, nothing is left; and after stop() no descriptor is open and no set holds any.
+// one belongs to one connection, every client has got exactly what its upstreams sent, in order, up to some
+// point, and every upstream the bodies that its client sent. When everybody has become quiet, so do the
+// servers, and nothing is missing; when the clients have gone, nothing is left; and after stop() no
+// descriptor is open and no set holds any.
 
 #include "main/https.h"
 #include "net/server.h"
@@ -79,6 +80,7 @@ class conversation {
   server<chatter> chat_{chat_port};
   server_base* servers_[4] = {&relay_, &forward_, &redirect_, &chat_};
   std::vector<size_t> parsed_;     // of each stream's received bytes, how many are checked
+  std::vector<size_t> body_;       // of each upstream, which of its client's bodies it is getting
   std::vector<int> source_;        // of each client, the upstream whose bytes it is getting
   std::vector<int64_t> position_;  // and the position of the next
   bool has_sent_big_reply_ = false;
@@ -110,8 +112,17 @@ class conversation {
       }
       case 'c':
       case 'C':
-        say(choose(operation == 'C'), in_.field());
+        if (stream* s = choose(operation == 'C')) {
+          s->speaks_freely = true;
+          say(s, in_.field());
+        }
         break;
+      case 'p': {
+        stream* s = choose(false);
+        const bool is_first = choice(2) == 0;
+        post(s, is_first ? "a" : "b", in_.byte() & 0x7F);
+        break;
+      }
       case 'S':
         send_stamped(choose(true), in_.byte());
         break;
@@ -163,11 +174,20 @@ class conversation {
 
   // Bytes that no stamped one can be taken for, except where there are no upstreams.
   static void say(stream* s, std::string text) {
-    if (!s || s->has_ended || s->is_reset) return;
+    if (s->has_ended || s->is_reset) return;
     if (s->port != chat_port || s->is_upstream) {
       for (char& c : text) c = static_cast<char>(c & 0x7F);
     }
     s->inbox += text;
+  }
+
+  // A request whose body is stamped with the positions in it.
+  static void post(stream* s, const std::string& host, int length) {
+    if (!s || s->port != relay_port || s->has_ended || s->is_reset) return;
+    s->inbox +=
+        "POST / HTTP/1.1\r\nHost: " + host + "\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+    for (int i = 0; i < length; i++) s->inbox += static_cast<char>(0x80 | i);
+    if (length > 0) s->bodies.push_back(length);
   }
 
   // Only as many upstreams of a client as a stamp can tell apart.
@@ -219,14 +239,16 @@ class conversation {
         expect(net().open.count(fd) == 1, "no set holds a closed descriptor");
     }
     check_ownership();
+    body_.resize(net().streams.size());
     parsed_.resize(net().streams.size());
     source_.resize(net().streams.size(), network::none);
     position_.resize(net().streams.size());
     for (size_t i = 0; i < net().streams.size(); i++) {
       stream& s = net().streams[i];
-      if (s.is_upstream)
+      if (s.is_upstream) {
         check_tunnel(s);
-      else if (s.port != chat_port)
+        check_bodies(i);
+      } else if (s.port != chat_port)
         check_relay(static_cast<int>(i));
       if (s.is_closed && !s.is_upstream) check_delivery(static_cast<int>(i));
     }
@@ -299,6 +321,30 @@ class conversation {
     expect(bytes.compare(0, s.received.size(), s.received) == 0, "a tunnel passes on what the client sent");
   }
 
+  // The bodies of a client that sends nothing else reach its upstreams in order and without a gap; each goes
+  // to one upstream, so that only the last one that an upstream got may be incomplete.
+  void check_bodies(size_t at) {
+    const stream& s = net().streams[at];
+    const stream& client = upstream(s.owner);
+    if (client.speaks_freely || client.port != relay_port) return;
+    for (; parsed_[at] < s.received.size(); parsed_[at]++) {
+      const char c = s.received[parsed_[at]];
+      if (!(c & 0x80)) continue;
+      if ((c & 0x7F) == 0) {
+        pass_body(at, client);
+        position_[at] = 0;
+      }
+      expect((c & 0x7F) == position_[at]++, "a body reaches the upstream in order and without a gap");
+    }
+  }
+
+  // The body that an upstream got last is complete: finds it among those that the client sent.
+  void pass_body(size_t at, const stream& client) {
+    if (position_[at] == 0) return;
+    while (body_[at] < client.bodies.size() && client.bodies[body_[at]] != position_[at]) body_[at]++;
+    expect(body_[at]++ < client.bodies.size(), "a body is complete before the next one comes");
+  }
+
   // A client whose connection the program has ended has got all that was read from its upstream before.
   void check_delivery(int client) {
     const stream& s = upstream(client);
@@ -335,8 +381,11 @@ class conversation {
       const stream& s = net().streams[i];
       if (s.is_closed || s.fd == network::none || s.is_upstream) continue;
       check_delivery(static_cast<int>(i));
-      if (!is_tunnel(s) || s.last_upstream == network::none) continue;
+      if (s.last_upstream == network::none) continue;
       const stream& far = upstream(s.last_upstream);
+      if (!far.is_closed && !s.speaks_freely && s.port == relay_port && !net().is_disturbed)
+        pass_body(static_cast<size_t>(s.last_upstream), s);
+      if (!is_tunnel(s)) continue;
       if (!far.is_closed)
         expect(far.received.size() == tunnelled(s).size(), "a tunnel passes on all that the client sent");
     }

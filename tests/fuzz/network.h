@@ -39,13 +39,15 @@ struct stream {
   int last_upstream = none;  // of a client: where its bytes go now; none after a connection that failed
 
   // The far end.
-  std::string inbox;          // sent, and not read by the program yet
-  int64_t stamped = 0;        // how many stamped bytes it has sent
-  bool has_ended = false;     // it has closed its side,
-  bool is_reset = false;      // or the connection altogether
-  bool is_urgent = false;     // there is urgent data
-  int64_t rate = unlimited;   // bytes that it takes in a turn
-  bool is_disturbed = false;  // it has done something that may cost bytes under way
+  std::vector<int> bodies;     // of a client: the lengths of the stamped bodies that it has sent
+  bool speaks_freely = false;  // a client has sent something else
+  std::string inbox;           // sent, and not read by the program yet
+  int64_t stamped = 0;         // how many stamped bytes it has sent
+  bool has_ended = false;      // it has closed its side,
+  bool is_reset = false;       // or the connection altogether
+  bool is_urgent = false;      // there is urgent data
+  int64_t rate = unlimited;    // bytes that it takes in a turn
+  bool is_disturbed = false;   // it has done something that may cost bytes under way
 
   // The program's end.
   outcomes outcome = established;

@@ -1,8 +1,9 @@
 """Runs one fuzzer: run.py NAME SECONDS, or keeps what the fuzzers found worth keeping: run.py NAME merge.
 
 A run takes SECONDS, and longer if it would otherwise have fewer runs than the fuzzer's floor. What it finds new
-paths with stays in build/fuzz/corpus, where the next run goes on from; `merge` makes the seeds in the repository
-anew, the smallest set that covers the same code. Ends with 255 on a finding, upon which xargs stops.
+paths with stays in build/fuzz/corpus, where the next run goes on from. `merge` makes the seeds in the
+repository anew from it: a small set that covers the same code. Seeds with a name of their own stay. Ends with
+255 on a finding, upon which xargs stops.
 """
 
 import re
@@ -92,12 +93,15 @@ def run(name, seconds):
 
 
 def merge(name):
+    by_hand = [path for path in seeds(name).glob("*") if not re.fullmatch("[0-9a-f]{40}", path.name)]
     with tempfile.TemporaryDirectory(prefix="mivo_fuzz_") as folder:
-        # Edges alone: how often each is passed is for the fuzzer to find again.
-        line = command(name, "-set_cover_merge=1", "-use_counters=0")
-        subprocess.run([*line, folder, str(seeds(name)), str(working_corpus(name))], check=True, capture_output=True)
+        for path in by_hand:
+            (Path(folder) / path.name).write_bytes(path.read_bytes())
+        # With seeds by hand the others are added to them; without, the smallest set is looked for.
+        mode = "-merge=1" if by_hand else "-set_cover_merge=1"
+        line = command(name, mode) + [folder, str(seeds(name)), str(working_corpus(name))]
+        subprocess.run(line, check=True, capture_output=True)
         kept = {path.name: path.read_bytes() for path in Path(folder).iterdir()}
-    seeds(name).mkdir(parents=True, exist_ok=True)
     for path in seeds(name).iterdir():
         path.unlink()
     for file_name, content in kept.items():
