@@ -320,7 +320,13 @@ int __wrap_fcntl(int fd, int command, long argument) {
 
 int __wrap_getaddrinfo(const char*, const char* service, const addrinfo* hints, addrinfo** out) {
   const bool is_upstream = (hints->ai_flags & AI_PASSIVE) == 0;
-  if (is_upstream) net().streams[static_cast<size_t>(selected_client())].last_upstream = network::none;
+  if (is_upstream) {
+    stream& client = net().streams[static_cast<size_t>(selected_client())];
+    client.last_upstream = network::none;
+    // The connection is to close behind what is being sent, and does, whatever a request that comes now asks
+    // for: as if it had come a moment later.
+    if (!connection::selected()->keep) client.is_disturbed = true;
+  }
   if (fails("getaddrinfo")) return EAI_AGAIN;
   auto* r = static_cast<resolved*>(calloc(1, sizeof(resolved)));  // freed by freeaddrinfo()
   r->address.sin_family = AF_INET;
