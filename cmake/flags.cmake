@@ -22,3 +22,7 @@ set(CMAKE_EXE_LINKER_FLAGS_ASAN "-fsanitize=address,undefined")
 # ended are hidden from use.
 set(CMAKE_CXX_FLAGS_FUZZ "${CMAKE_CXX_FLAGS_ASAN} -D__SANITIZE_ADDRESS__=1")
 set(CMAKE_EXE_LINKER_FLAGS_FUZZ "${CMAKE_EXE_LINKER_FLAGS_ASAN}")
+
+# Coverage: counts what the tests reach. The processes of a run add up in a few files.
+set(CMAKE_CXX_FLAGS_COVERAGE
+  "-O1 -g -fprofile-instr-generate=${CMAKE_BINARY_DIR}/profiles/%4m.profraw -fcoverage-mapping")
