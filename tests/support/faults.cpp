@@ -2,15 +2,20 @@
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -28,6 +33,16 @@ std::map<std::string, int>& calls() {
 
 size_t& most_bytes() {
   static size_t limit = 0;
+  return limit;
+}
+
+bool& suspended() {
+  static bool flag = false;
+  return flag;
+}
+
+int64_t& longest_wait_us() {
+  static int64_t limit = 0;
   return limit;
 }
 
@@ -60,6 +75,8 @@ void clear() {
   of().clear();
   calls().clear();
   most_bytes() = 0;
+  suspended() = false;
+  longest_wait_us() = 0;
   clock_offset() = 0;
   frozen_clock() = 0;
   resolved().clear();
@@ -67,26 +84,31 @@ void clear() {
   last_select() = {};
 }
 
-}  // namespace faults
-
-namespace {
-
-// Counts a use; true when it is to fail, with errno set and the value to return in `result`.
 bool fails(const char* name, int& result) {
-  faults::calls()[name]++;
-  auto found = faults::of().find(name);
-  if (found == faults::of().end()) return false;
-  faults::fault& f = found->second;
+  if (suspended()) return false;
+  calls()[name]++;
+  auto found = of().find(name);
+  if (found == of().end()) return false;
+  fault& f = found->second;
   if (f.skip > 0) {
     f.skip--;
     return false;
   }
   if (f.times <= 0) return false;
-  f.times--;
+  if (f.gap > 0)
+    f.skip = f.gap;
+  else
+    f.times--;
   errno = f.error;
   result = f.result;
   return true;
 }
+
+}  // namespace faults
+
+namespace {
+
+using faults::fails;
 
 template <class F>
 F real(F, const char* name) {
@@ -94,7 +116,8 @@ F real(F, const char* name) {
 }
 
 size_t limited(size_t len) {
-  return faults::most_bytes() ? std::min(len, faults::most_bytes()) : len;
+  const bool is_limited = faults::most_bytes() != 0 && !faults::suspended();
+  return is_limited ? std::min(len, faults::most_bytes()) : len;
 }
 
 // Turns a text into a socket address; neither IPv4 nor IPv6: one of the family AF_UNIX.
@@ -196,7 +219,8 @@ int select(int count, fd_set* r, fd_set* w, fd_set* e, timeval* wait) {
   faults::last_select() = {count, wait->tv_sec * 1000000 + wait->tv_usec};
   if (fails("select", result)) return result;
   static auto next = real(&select, "select");
-  return next(count, r, w, e, wait);
+  timeval shorter = {0, static_cast<suseconds_t>(faults::longest_wait_us())};
+  return next(count, r, w, e, faults::longest_wait_us() ? &shorter : wait);
 }
 
 ssize_t recv(int sock, void* buf, size_t len, int flags) {
@@ -211,6 +235,42 @@ ssize_t send(int sock, const void* buf, size_t len, int flags) {
   if (fails("send", result)) return result;
   static auto next = real(&send, "send");
   return next(sock, buf, limited(len), flags);
+}
+
+int close(int sock) {
+  int result = 0;
+  static auto next = real(&close, "close");
+  if (!fails("close", result)) return next(sock);
+  const int error = errno;
+  next(sock);
+  errno = error;
+  return result;
+}
+
+// Every command that is used here takes an int, or nothing.
+int fcntl(int sock, int command, ...) {
+  int result = 0;
+  if (fails("fcntl", result)) return result;
+  va_list arguments;
+  va_start(arguments, command);
+  const int argument = va_arg(arguments, int);
+  va_end(arguments);
+  static auto next = real(&fcntl, "fcntl");
+  return next(sock, command, argument);
+}
+
+int setsockopt(int sock, int level, int name, const void* value, socklen_t length) noexcept {
+  int result = 0;
+  if (fails("setsockopt", result)) return result;
+  static auto next = real(&setsockopt, "setsockopt");
+  return next(sock, level, name, value, length);
+}
+
+int getsockopt(int sock, int level, int name, void* value, socklen_t* length) noexcept {
+  int result = 0;
+  if (fails("getsockopt", result)) return result;
+  static auto next = real(&getsockopt, "getsockopt");
+  return next(sock, level, name, value, length);
 }
 
 int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** out) {
@@ -233,6 +293,35 @@ int getifaddrs(ifaddrs** out) noexcept {
   }
   static auto next = real(&getifaddrs, "getifaddrs");
   return next(out);
+}
+
+int getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t host_length, char* service,
+                socklen_t service_length, int flags) {
+  int result = 0;
+  if (fails("getnameinfo", result)) return result;
+  static auto next = real(&getnameinfo, "getnameinfo");
+  return next(address, length, host, host_length, service, service_length, flags);
+}
+
+int stat(const char* path, struct stat* status) noexcept {
+  int result = 0;
+  if (fails("stat", result)) return result;
+  static auto next = reinterpret_cast<int (*)(const char*, struct stat*)>(dlsym(RTLD_NEXT, "stat"));
+  return next(path, status);
+}
+
+FILE* fopen(const char* path, const char* mode) {
+  int result = 0;
+  if (fails("fopen", result)) return nullptr;
+  static auto next = real(&fopen, "fopen");
+  return next(path, mode);
+}
+
+void* mmap(void* place, size_t length, int protection, int flags, int file, off_t offset) noexcept {
+  int result = 0;
+  if (fails("mmap", result)) return MAP_FAILED;
+  static auto next = real(&mmap, "mmap");
+  return next(place, length, protection, flags, file, offset);
 }
 
 time_t time(time_t* out) noexcept {

@@ -15,18 +15,32 @@ struct fault {
   int skip = 0;     // uses that still succeed
   int times = 0;    // uses that then fail
   int error = 0;    // errno of the failure
-  int result = -1;  // returned by a failing use
+  int result = -1;  // returned by a failing use, unless that returns a pointer, which is null then
+  int gap = 0;      // if not 0, so many uses succeed behind each failure, and it fails again, for ever
 };
 
 /* The fault of each function: "socket", "bind", "listen", "accept4", "connect", "select", "recv", "send",
- * "getaddrinfo", "getifaddrs". */
+ * "close", "fcntl", "setsockopt", "getsockopt", "getaddrinfo", "getnameinfo", "getifaddrs", "stat", "fopen",
+ * "mmap" (which returns MAP_FAILED), and any name that a test gives to fails(). A close() that fails has
+ * closed, as on Linux. */
 std::map<std::string, fault>& of();
+
+/* Counts a use of the function `name`. True when it is to fail: errno is set then, and `result` is what the
+ * function is to return. */
+bool fails(const char* name, int& result);
+
+/* While this is true, calls are neither counted nor failed nor limited in their bytes: those that a test
+ * makes in the role of a peer. The clock, the addresses and the limit on waits hold on. */
+bool& suspended();
 
 /* How often each of those functions was called since clear(). */
 std::map<std::string, int>& calls();
 
 /* recv() and send() move at most this many bytes a call; 0: no limit. */
 size_t& most_bytes();
+
+/* select() waits no longer than this, in microseconds; 0: as long as it is told to. */
+int64_t& longest_wait_us();
 
 /* Added to what time() returns, in seconds. */
 int64_t& clock_offset();

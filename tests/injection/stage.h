@@ -1,0 +1,166 @@
+/* stage: the servers of one run, on a port that nobody else gets. Faults hold while they start, take a turn
+ * or stop, and at no other time; the clock stands still unless the conversation sets it forward. */
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "main/https.h"
+#include "net/server.h"
+#include "proxy/reverse_proxy.h"
+#include "tests/proxy/proxy_fixtures.h"
+#include "tests/support/faults.h"
+#include "tests/tls/fake_openssl.h"
+#include "tests/tls/temp_folder.h"
+
+/* A port for servers that allow others to bind beside them, as ours do. Nothing listens at this socket. */
+class shared_port {
+ public:
+  shared_port() : sock_(socket(AF_INET, SOCK_STREAM, 0)) {
+    const int on = 1;
+    setsockopt(sock_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    setsockopt(sock_, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    socklen_t length = sizeof(address);
+    bind(sock_, reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(sock_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+  }
+  shared_port(const shared_port&) = delete;
+  shared_port& operator=(const shared_port&) = delete;
+  ~shared_port() { close(sock_); }
+  int port() const { return port_; }
+
+ private:
+  int sock_;
+  int port_;
+};
+
+/* Faults hold while it lives. */
+struct with_faults {
+  with_faults() { faults::suspended() = false; }
+  with_faults(const with_faults&) = delete;
+  with_faults& operator=(const with_faults&) = delete;
+  ~with_faults() { faults::suspended() = true; }
+};
+
+class stage {
+ public:
+  stage() {
+    // Seconds that no run had before: what the resolver answered is remembered for one.
+    static int64_t second = 1700000000;
+    faults::frozen_clock() = second += 10000;
+    faults::longest_wait_us() = 100;
+    faults::suspended() = true;
+    FD_ZERO(sockets::ready());
+  }
+  stage(const stage&) = delete;
+  stage& operator=(const stage&) = delete;
+  virtual ~stage() {
+    http_proxy::g_server() = nullptr;
+    base::hashmap<int>& hosts = reverse_proxy::hosts();
+    while (hosts.count > 0) hosts.remove(std::string(*hosts.keys[0]));
+    sockets::num_ready() = 0;
+    faults::clear();
+  }
+
+  int port() const { return own_port_.port(); }
+
+  /* Whoever reaches it gets the conversation's pages. */
+  virtual server_base& front() = 0;
+
+  bool start() {
+    with_faults on;
+    return start_servers();
+  }
+
+  /* Clients can be accepted, and are not refused for what failed at the start. */
+  virtual bool is_serving() { return front().sock != -1; }
+
+  /* A turn of the loop that drives the servers. */
+  void turn() {
+    with_faults on;
+    sockets::select_all();
+    for (server_base* s : servers_) s->update();
+    if (sockets::num_ready() != 0) return;
+    for (server_base* s : servers_) s->on_idle();
+  }
+
+  void stop() {
+    with_faults on;
+    for (server_base* s : servers_) s->stop();
+  }
+
+  /* The files that the servers look at have changed. */
+  virtual void change_files() {}
+
+  int connections() const {
+    int count = 0;
+    for (const server_base* s : servers_) count += s->connections.count;
+    return count;
+  }
+
+ protected:
+  virtual bool start_servers() {
+    bool have_started = true;
+    for (server_base* s : servers_) have_started = have_started && s->start();
+    return have_started;
+  }
+
+  std::vector<server_base*> servers_;  // borrowed, in the order of their turns
+
+ private:
+  shared_port own_port_;
+};
+
+/* One plain server, which carries the upstream connections, too. */
+class plain_stage : public stage {
+ public:
+  plain_stage() {
+    servers_ = {&front_};
+    http_proxy::g_server() = &front_;
+  }
+  server_base& front() override { return front_; }
+
+ private:
+  server<reverse_proxy> front_{port()};
+};
+
+/* A TLS server over a faked OpenSSL, and a plain one for the upstream connections. The fake speaks plain
+ * text, and so do the clients. */
+class tls_stage : public stage {
+ public:
+  tls_stage() {
+    servers_ = {&holder_, front_.get()};
+    http_proxy::g_server() = &holder_;
+  }
+  ~tls_stage() override {
+    with_faults on;
+    front_.reset();  // before the fake
+  }
+  server_base& front() override { return *front_; }
+  bool is_serving() override { return stage::is_serving() && front_->ctx; }
+  void change_files() override { set_file_time(front_->crt_file, ++file_time_); }
+
+ protected:
+  // May be called again when it could not, or when the library gave no context.
+  bool start_servers() override {
+    if (!front_->ctx) https::create_context(*front_);
+    for (server_base* s : servers_)
+      if (s->sock == -1 && !s->start()) return false;
+    return true;
+  }
+
+ private:
+  int64_t file_time_ = 1000;
+  fake_openssl tls_;
+  temp_folder folder_;
+  server<reverse_proxy> holder_{0};
+  std::unique_ptr<ssl_server<reverse_proxy>> front_ = std::make_unique<ssl_server<reverse_proxy>>(
+      port(), "key.pem", folder_.write("crt.pem", "-----BEGIN CERTIFICATE-----\n"));
+};
