@@ -19,19 +19,20 @@ bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
   pipe = new proxy_pipe;  // deleted by whoever drops the last reference
   pipe->client_sock = sock;
 
-  int upstream_sock = sockets::connect(host, target_port, false);
-  if (upstream_sock != -1 && sockets::has_failed(upstream_sock)) {
-    sockets::close(upstream_sock);
-    upstream_sock = -1;
+  const int upstream_sock = sockets::connect(host, target_port, false);
+  proxy_connection* upstream = nullptr;
+  if (upstream_sock != -1 && !sockets::has_failed(upstream_sock)) {
+    // Deleted by the server that gets it. Without memory for it, the upstream cannot be reached either.
+    upstream = new (std::nothrow) proxy_connection(upstream_sock, pipe);
   }
-  if (upstream_sock == -1) {
+  if (!upstream) {
+    sockets::close(upstream_sock);
     pipe->to_client = bad_gateway_answer;
     sockets::mark_ready(sock);
     keep_alive = false;
     return false;
   }
 
-  auto* upstream = new proxy_connection(upstream_sock, pipe);  // deleted by the server that gets it
   if (g_server()) {
     g_server()->add_connection(upstream);
   } else {
