@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 
 #include "net/sockets.h"
@@ -16,11 +15,9 @@ constexpr int read_capacity = 1048576;  // bytes
 
 constexpr int report_interval = 5;  // seconds
 
-// The buffer that all servers read into: a pass uses it for one connection at a time.
-char* read_buffer() {
-  static char* buf = static_cast<char*>(malloc(read_capacity));  // kept to the end
-  return buf;
-}
+// The buffer that all servers read into: a pass uses it for one connection at a time. Its pages come with the
+// first bytes read into them. Allocated at the first read, it could be refused in the middle of a turn.
+alignas(4096) char read_buffer[read_capacity];
 
 // Both times are taken as 32 bits, which wrap in 2038; their difference does not. A connection of this very
 // second is told by the fields before its buffer: `timeout` stands behind it, on a page of its own, and with
@@ -149,11 +146,10 @@ void server_base::service_pass(int64_t now) {
 // Reads until the transport has no more for now. The peer's closing ends the connection, pending output or
 // not.
 void server_base::read_from(connection* conn, int64_t now) {
-  char* buf = read_buffer();
   already_read = nullptr;
   int n = 0;
-  while ((n = recv(conn, buf, read_capacity)) > 0) {
-    conn->on_recv(buf, n);
+  while ((n = recv(conn, read_buffer, read_capacity)) > 0) {
+    conn->on_recv(read_buffer, n);
     conn->last_active = static_cast<int32_t>(now);
   }
   already_read = nullptr;

@@ -1,10 +1,22 @@
-// Memory that the system does not give: the pages of a connection.
+// Memory that the system does not give: the pages of a connection, and the blocks of a queue.
 
 #include <cerrno>
 #include <memory>
 #include <vector>
 
 #include "tests/injection/fault_run.h"
+
+extern "C" {
+
+void* __real_malloc(size_t size);
+
+// The linker puts this in place of malloc() in our own code, and there alone.
+void* __wrap_malloc(size_t size) {
+  int result = 0;
+  return faults::fails("malloc", result) ? nullptr : __real_malloc(size);
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -37,4 +49,9 @@ TEST(allocation, connection_without_pages_is_the_only_one_harmed) {
 
 TEST(allocation, connections_without_pages_are_survived) {
   run_for_every_use<stage_without_spares>({"mmap", ENOMEM, harm::one_client}, 5);
+}
+
+// There is no way to go on: what the peer sent has been read, and cannot be kept.
+TEST(allocation, queue_without_memory_ends_the_run_and_everything_is_released) {
+  run_for_every_use<plain_stage>({"malloc", ENOMEM, harm::the_whole_run}, 1);
 }
