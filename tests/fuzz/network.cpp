@@ -26,7 +26,10 @@ state& net() {
 }
 
 void clear() {
+  // What the resolver said in the second of another conversation must not be known in this one.
+  const int64_t begin = net().begin + (net().begin == state().begin ? 1000000 : -1000000);
   net() = state();
+  net().begin = net().now = begin;
 }
 
 int add_client(int port) {
@@ -139,6 +142,16 @@ int selected_client() {
   return net().open[conn->sock];
 }
 
+// A request wants an upstream: the client has let go of the one before. Told by the look-up of its name,
+// which may fail, or by its socket, when the name is known.
+void leave_upstream() {
+  stream& client = net().streams[static_cast<size_t>(selected_client())];
+  client.last_upstream = network::none;
+  // The connection is to close behind what is being sent, and does, whatever a request that comes now asks
+  // for: as if it had come a moment later.
+  if (!connection::selected()->keep) client.is_disturbed = true;
+}
+
 // The resolver's list of one address is one block, as the C library's is.
 struct resolved {
   addrinfo info;
@@ -152,7 +165,8 @@ extern "C" {
 int __real_close(int fd);
 int __real_fcntl(int fd, int command, ...);
 
-int __wrap_socket(int, int, int) {
+int __wrap_socket(int, int type, int) {
+  if ((type & SOCK_NONBLOCK) != 0) leave_upstream();
   if (fails("socket")) return -1;
   const int fd = new_descriptor();
   net().open[fd] = network::none;
@@ -320,13 +334,7 @@ int __wrap_fcntl(int fd, int command, long argument) {
 
 int __wrap_getaddrinfo(const char*, const char* service, const addrinfo* hints, addrinfo** out) {
   const bool is_upstream = (hints->ai_flags & AI_PASSIVE) == 0;
-  if (is_upstream) {
-    stream& client = net().streams[static_cast<size_t>(selected_client())];
-    client.last_upstream = network::none;
-    // The connection is to close behind what is being sent, and does, whatever a request that comes now asks
-    // for: as if it had come a moment later.
-    if (!connection::selected()->keep) client.is_disturbed = true;
-  }
+  if (is_upstream) leave_upstream();
   if (fails("getaddrinfo")) return EAI_AGAIN;
   auto* r = static_cast<resolved*>(calloc(1, sizeof(resolved)));  // freed by freeaddrinfo()
   r->address.sin_family = AF_INET;

@@ -67,7 +67,8 @@ struct state {
   std::map<std::string, int> faults;        // the errno with which the next call of that name fails
   outcomes next_outcome = established;
   int first_descriptor = 100;
-  int64_t now = 1700000000;
+  int64_t begin = 1700000000;  // the clock at first, and now
+  int64_t now = begin;
   bool is_trickling = false;  // recv() and send() move one byte a call
   bool is_disturbed = false;  // a call has failed that makes the servers start over
   int64_t calls = 0;          // since the last turn began
