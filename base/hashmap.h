@@ -53,7 +53,8 @@ struct hashmap {
   V get(const std::string& key) const {
     if (count == 0) return V();
     const slot* found = find_slot(hash_of(key), key, nullptr);
-    return found && found->key ? found->value : V();
+    if (!found || !found->key) return V();
+    return found->value;
   }
 
   /* Inserts, or replaces the value of a key that is there. The map copies the key, so the caller's string

@@ -66,7 +66,10 @@ struct linkedlist {
 
   /* The element behind the one that the pass is on, to be fetched into the cache ahead of its turn; T() when
    * there is none. */
-  T peek() const { return cursor && cursor->next && cursor->next->next ? cursor->next->next->value : T(); }
+  T peek() const {
+    if (!cursor || !cursor->next || !cursor->next->next) return T();
+    return cursor->next->next->value;
+  }
 
   /* Starts a pass at the first element. */
   void begin() {

@@ -1,5 +1,7 @@
 #include "proxy/redirector.h"
 
+#include <algorithm>
+
 #include "net/redirect_server.h"
 
 constexpr int32_t default_ssl_port = 443;  // needs no mention in a URL
@@ -12,7 +14,7 @@ int32_t& redirector::ssl_port() {
 void redirector::on_request() {
   std::string suffix = ssl_port() == default_ssl_port ? "" : ":" + std::to_string(ssl_port());
   std::string host = get_header("host", head);
-  host = host.substr(0, host.find(':'));
+  host.erase(std::min(host.find(':'), host.size()));
   redirect("https://" + host + suffix + path, true);
   keep_alive = false;
 }
