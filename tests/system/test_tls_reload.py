@@ -203,6 +203,17 @@ def test_file_that_goes_and_comes_back__is_loaded_only_when_it_is_newer(service,
     assert service.serial() == renewal.second.serial
 
 
+def test_certificate_for_another_key__clients_fail_from_then_on(service, renewal, clock, authorities):
+    """OpenSSL lets go of a key that does not fit, so the right certificate alone does not help any more."""
+    renewal.install(authorities["ecdsa"].issue("other"))
+    for count, certificate in [(1, renewal.second), (2, renewal.first)]:
+        clock.advance(INTERVAL + 1)
+        wait_for_reload(service, count)
+        with pytest.raises((ssl.SSLError, ConnectionError)):
+            service.serial()
+        renewal.install(certificate)
+
+
 def test_certificate_is_loaded_again__its_chain_is_shown_once(service, renewal, clock):
     renewal.install(renewal.second)
     clock.advance(INTERVAL + 1)
