@@ -1,7 +1,8 @@
 """Certificates as a real authority issues them, made by the openssl program.
 
 A root, which the clients trust; an intermediate, which only the server can show them; and server certificates
-for this machine. Key files may be used for several certificates, as a renewal does.
+for this machine, also under the name that the README uses. Key files may be used for several certificates, as
+a renewal does.
 """
 
 import pathlib
@@ -19,7 +20,7 @@ subjectKeyIdentifier = hash
 basicConstraints = critical, CA:FALSE
 keyUsage = critical, digitalSignature, keyEncipherment
 extendedKeyUsage = serverAuth
-subjectAltName = DNS:localhost, IP:127.0.0.1
+subjectAltName = DNS:localhost, DNS:www.example.org, IP:127.0.0.1
 subjectKeyIdentifier = hash
 authorityKeyIdentifier = keyid
 """
