@@ -23,6 +23,10 @@ FLAGS = ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-
          "--disable-dev-shm-usage", "--window-size=800,600", "--remote-debugging-port=0")
 
 
+class NoPageYet(Exception):
+    """The tab is between two pages, as it is for a moment during a redirect."""
+
+
 class Page:
     def __init__(self, address):
         self.address = address
@@ -38,6 +42,8 @@ class Page:
                 await devtools.send(json.dumps({"id": number, "method": method, "params": parameters}))
                 while (answer := json.loads(await devtools.recv())).get("id") != number:
                     pass  # an event
+                if "default execution context" in answer.get("error", {}).get("message", ""):
+                    raise NoPageYet
                 assert "error" not in answer, f"{method}: {answer}"
                 result = answer["result"]
         return result
@@ -49,15 +55,22 @@ class Page:
         return answer["result"].get("value")
 
     def text(self):
-        return self.evaluate("document.body ? document.body.innerText : ''")
+        try:
+            return self.evaluate("document.body ? document.body.innerText : ''")
+        except NoPageYet:
+            return ""
 
     def wait_for_text(self, text):
         until(lambda: text in self.text(), f"{text!r} on the page", START_TIME)
 
     def type_line(self, text):
-        """Types into what has the focus, then presses Enter."""
+        """Types into what has the focus, then presses Enter. A tab that comes to the front is given the focus a
+        little later, and what is typed before goes nowhere."""
+        self.commands(("Page.bringToFront", {}))
+        until(lambda: self.evaluate("document.hasFocus() && document.activeElement !== document.body"), "focus",
+              START_TIME)
         key = {"key": "Enter", "code": "Enter", "windowsVirtualKeyCode": 13}
-        self.commands(("Page.bringToFront", {}), ("Input.insertText", {"text": text}),
+        self.commands(("Input.insertText", {"text": text}),
                       ("Input.dispatchKeyEvent", {"type": "keyDown", "text": "\r", **key}),
                       ("Input.dispatchKeyEvent", {"type": "keyUp", **key}))
 

@@ -1,0 +1,59 @@
+"""What a person sees: the echo page, and a site over HTTPS, in a browser's window.
+
+Where MIVO_SCREENSHOT_DIR names a folder, the pictures go there; script/screenshots sets it. That of the chat is
+taken by test_chat.py.
+"""
+
+import os
+import pathlib
+
+import pytest
+
+from devtools import Browser
+
+pytest_plugins = ["tls_service"]
+
+SITE = """<!doctype html><html lang="en"><meta charset="utf-8"><title>A site behind mivo</title>
+<link rel="icon" href="data:,">
+<style>
+  body { font: 18px/1.5 "DejaVu Sans", sans-serif; max-width: 34em; margin: 3em auto; color: #222 }
+  h1 { font-size: 1.5em } code { background: #eee; padding: 0 .3em }
+</style>
+<h1>A site behind mivo</h1>
+<p>This file comes from Python's <code>http.server</code>, which speaks plain HTTP on a local port.</p>
+<p>The browser has it from <code id="address"></code>.</p>
+<script>address.textContent = location.href;</script></html>
+"""
+SMALL = 60000  # bytes; the pictures are in the repository
+
+
+@pytest.fixture
+def browser(start_mivo, folder):
+    """The certificates of the tests have no authority that a browser knows."""
+    started = Browser(folder, "--no-proxy-server", "--ignore-certificate-errors")
+    yield started
+    started.close()
+
+
+def keep(tab, name):
+    picture = tab.screenshot()
+    assert picture.startswith(b"\x89PNG")
+    if "MIVO_SCREENSHOT_DIR" in os.environ:
+        assert len(picture) < SMALL
+        pathlib.Path(os.environ["MIVO_SCREENSHOT_DIR"], name).write_bytes(picture)
+
+
+def test_echo_page__shows_the_request_of_the_browser(start_mivo, browser):
+    mivo = start_mivo({"localhost:{port}": -1})
+    tab = browser.open(f"http://localhost:{mivo.port}/some/path?with=query")
+    tab.wait_for_text("Your IPv4 address is: 127.0.0.1")
+    assert tab.text().startswith("GET /some/path?with=query HTTP/1.1")
+    keep(tab, "echo_page.png")
+
+
+def test_http_address_of_a_site_behind_https__ends_on_its_page(serve_tls, browser, python_site, site):
+    (site.folder / "site.html").write_text(SITE)
+    service = serve_tls({"localhost:{ssl_port}": python_site.port})
+    tab = browser.open(f"http://localhost:{service.mivo.port}/site.html")
+    tab.wait_for_text(f"from {service.url}/site.html")
+    keep(tab, "https_site.png")
