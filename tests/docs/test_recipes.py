@@ -1,0 +1,202 @@
+"""Every recipe of the README, taken from its text and run, with free ports in place of those that it names.
+
+Two things are left out, for they need what no test machine has. certbot only gets a certificate for a name
+that leads to this machine from everywhere; the server it talks to, in both of its turns, is tested here. The
+service recipe installs a package and needs systemd; what it writes for the service is run as the service does.
+"""
+
+import os
+import pathlib
+import re
+import shlex
+import signal
+import subprocess
+
+import pytest
+
+from certificates import Authority
+from clients import curl
+from mivo_process import PROGRAM, REPOSITORY, Mivo, ReservedPort
+from upstreams import PythonSite
+
+PATIENCE = 60  # seconds until a recipe that does not end fails the test
+CHALLENGE = ".well-known/acme-challenge/token"
+LIVE = "/etc/letsencrypt/live/www.example.org"
+
+
+def read_recipes():
+    """The text of each recipe, by the name in the comment above it."""
+    text = (REPOSITORY / "README.md").read_text()
+    return dict(re.findall(r"<!-- recipe: ([^>]+) -->\n```sh\n(.*?)```", text, re.DOTALL))
+
+
+RECIPES = read_recipes()
+RUN_WHOLE = {"two names": ["This is one.", "This is two."],
+             "self-signed": ["This came over HTTPS."],
+             "echo page": ["GET /any/path?and=query HTTP/1.1", "Your IPv4 address is: 127.0.0.1"]}
+RUN_IN_PART = ["first certificate", "full chain", "service"]
+
+
+@pytest.fixture
+def ports():
+    """Free ports, which stay free, by those in the README."""
+    reserved = {port: ReservedPort() for port in (8080, 8443, 3000, 3001)}
+    yield {old: new.port for old, new in reserved.items()}
+    for port in reserved.values():
+        port.close()
+
+
+@pytest.fixture
+def site(tmp_path):
+    """The site on port 3000, with the file that certbot puts there to prove who it is."""
+    file = tmp_path / "site" / CHALLENGE
+    file.parent.mkdir(parents=True)
+    file.write_text("the proof\n")
+    served = PythonSite(tmp_path / "site")
+    yield served
+    served.close()
+
+
+@pytest.fixture
+def start(tmp_path):
+    """start(arguments): mivo with these arguments, which has to end in good order after the test."""
+    started = []
+
+    def run(arguments):
+        started.append(Mivo(tmp_path, arguments))
+        started[-1].wait_until_it_runs()
+        return started[-1]
+
+    yield run
+    try:
+        for mivo in started:
+            mivo.interrupt()
+    finally:
+        for mivo in started:
+            mivo.kill()
+
+
+def arguments_of(recipe):
+    """What the recipe's line with mivo gives to it."""
+    line = next(line for line in RECIPES[recipe].replace("\\\n", " ").split("\n") if line.startswith("mivo "))
+    return [word for word in shlex.split(line)[1:] if word != "&"]
+
+
+def test_readme__has_these_recipes():
+    assert sorted(RECIPES) == sorted([*RUN_WHOLE, *RUN_IN_PART])
+
+
+def test_commands_of_the_readme__are_there():
+    commands = re.findall(r"(?:^ {4}|^|`)\./(script/\w+)", (REPOSITORY / "README.md").read_text(), re.MULTILINE)
+    assert {"script/run", "script/test"} <= set(commands)
+    for command in {"script/run", "script/test"}:
+        assert os.access(REPOSITORY / command, os.X_OK)
+
+
+@pytest.mark.parametrize("name", RUN_WHOLE)
+def test_recipe__runs_as_pasted(name, ports, tmp_path):
+    script = re.sub(r"\b(8080|8443|3000|3001)\b", lambda match: str(ports[int(match[0])]), RECIPES[name])
+    bin_folder = tmp_path / "bin"
+    bin_folder.mkdir()
+    (bin_folder / "mivo").symlink_to(PROGRAM)
+    environment = {"PATH": f"{bin_folder}:/usr/bin:/bin", "HOME": str(tmp_path)}
+    process = subprocess.Popen(["bash", "-c", script], cwd=tmp_path, env=environment, start_new_session=True,
+                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    try:
+        output = process.communicate(timeout=PATIENCE)[0].decode()
+    finally:
+        end_group(process)
+    for line in RUN_WHOLE[name]:
+        assert line in output.replace("\r", "").split("\n"), output
+
+
+def end_group(process):
+    """Ends what a recipe that failed has left behind; one that worked has ended its servers itself."""
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait()
+
+
+def test_certificate_recipes__serve_the_proof_before_and_after_and_the_whole_chain(site, start, tmp_path):
+    """Before there is a certificate, certbot's proof is fetched through plain HTTP; for a renewal, through the
+    redirect. A client that trusts nothing but the root reaches the site when it is shown the whole chain."""
+    plain = arguments_of("first certificate")
+    assert plain == ["80", "-map", "www.example.org", "3000"]
+    mivo = start(["{port}", "-map", "www.example.org:{port}", str(site.port)])
+    address = f"http://www.example.org:{mivo.port}/{CHALLENGE}"
+    name = f"www.example.org:{mivo.port}:127.0.0.1"
+    assert curl("--resolve", name, address) == "the proof\n"
+
+    chain = arguments_of("full chain")
+    assert chain == ["80", "-ssl", "443", f"{LIVE}/privkey.pem", f"{LIVE}/fullchain.pem",
+                     "-map", "www.example.org", "3000"]
+    authority = Authority(tmp_path)
+    certificate = authority.issue("server")
+    https = ReservedPort()
+    mivo = start(["{port}", "-ssl", str(https.port), str(certificate.key), str(certificate.crt),
+                  "-map", f"www.example.org:{https.port}", str(site.port)])
+    try:
+        fetched = curl("--location", "--cacert", str(authority.root.crt),
+                       "--resolve", f"www.example.org:{mivo.port}:127.0.0.1",
+                       "--resolve", f"www.example.org:{https.port}:127.0.0.1",
+                       f"http://www.example.org:{mivo.port}/{CHALLENGE}")
+        assert fetched == "the proof\n"
+    finally:
+        https.close()
+
+
+def test_certificate_recipe__keeps_the_key():
+    """A renewal with another key would not fit to the one that mivo has loaded."""
+    assert "--reuse-key" in RECIPES["first certificate"]
+
+
+def test_service_recipe__writes_arguments_that_serve(site, start):
+    line = re.search(r"^echo '(.*)' >/etc/default/mivo$", RECIPES["service"], re.MULTILINE)[1]
+    arguments = shlex.split(line.removeprefix("MIVO_ARGS="))[0].split()
+    assert arguments == ["80", "-map", "www.example.org", "3000"]
+    # A client on port 80 does not name the port, so the map has none either.
+    mivo = start(["{port}", *arguments[1:3], str(site.port)])
+    answer = curl("--header", "Host: www.example.org", f"http://127.0.0.1:{mivo.port}/{CHALLENGE}")
+    assert answer == "the proof\n"
+
+
+# The table
+
+
+PEERS = REPOSITORY / "docs/peers"
+CHECKS = {"nginx.conf": ("nginx", ["-t", "-p", ".", "-e", "errors", "-c"]),
+          "haproxy.cfg": ("haproxy", ["-c", "-f"]),
+          "Caddyfile": ("caddy", ["validate", "--adapter", "caddyfile", "--config"])}
+
+
+def lines_of_configuration(name):
+    return sum(not line.startswith("#") for line in (PEERS / name).read_text().splitlines())
+
+
+def test_table__counts_the_lines_of_the_configurations():
+    readme = (REPOSITORY / "README.md").read_text()
+    row = re.search(r"^\| lines of configuration \|(.*)\|$", readme, re.MULTILINE)
+    told = [cell.strip() for cell in row[1].split("|")]
+    assert told[1:] == [str(lines_of_configuration(name)) for name in CHECKS]
+
+
+@pytest.mark.parametrize("name", CHECKS)
+def test_configuration_of_a_peer__is_accepted_by_it(name, tmp_path):
+    program, arguments = CHECKS[name]
+    found = [path for path in ("/usr/sbin", "/usr/bin") if pathlib.Path(path, program).exists()]
+    if not found:
+        pytest.skip(f"{program} is not installed; its package would start a server on this machine")
+    text = (PEERS / name).read_text()
+    if program == "nginx":
+        text = f"pid {tmp_path}/pid;\n" + text
+    (tmp_path / name).write_text(text)
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=one.example",
+                    "-keyout", "key.pem", "-out", "crt.pem"], cwd=tmp_path, check=True, capture_output=True)
+    both = (tmp_path / "key.pem").read_text() + (tmp_path / "crt.pem").read_text()
+    (tmp_path / "both.pem").write_text(both)
+    done = subprocess.run([f"{found[0]}/{program}", *arguments, str(tmp_path / name)], cwd=tmp_path,
+                          env={"HOME": str(tmp_path)}, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          timeout=PATIENCE, check=False)
+    assert done.returncode == 0, done.stdout.decode()
