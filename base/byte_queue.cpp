@@ -1,5 +1,7 @@
 #include "base/byte_queue.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +14,8 @@ namespace {
 constexpr size_t smallest_block = 512;  // bytes with the header, as all block sizes here
 constexpr size_t largest_block = 65536;
 constexpr size_t kept_when_empty = 4096;
-constexpr int most_spare_blocks = 64;  // 4 MiB at most: what a turn moves through eight pipes
+constexpr int most_spare_blocks = 64;    // 4 MiB at most: what a turn moves through eight pipes
+constexpr int blocks_before_trim = 256;  // 16 MiB
 
 }  // namespace
 
@@ -32,6 +35,8 @@ namespace {
 struct spare_blocks {
   void* blocks[most_spare_blocks];
   int count = 0;
+  int in_queues = 0;  // full-size blocks that queues hold
+  int freed = 0;      // full-size blocks that malloc has had back since its memory was last trimmed
 };
 
 spare_blocks& spare() {
@@ -121,15 +126,31 @@ byte_queue::block* byte_queue::new_block(size_t bytes) {
   spare_blocks& s = spare();
   void* memory = bytes == largest_block && s.count > 0 ? s.blocks[--s.count] : malloc(bytes);
   if (!memory) throw std::bad_alloc();
+  if (bytes == largest_block) s.in_queues++;
   return new (memory) block{nullptr, bytes - sizeof(block), 0, 0};
 }
 
+// After a long queue, a single block that is still in use near the end of the heap, a spare one for example,
+// would keep all the free memory before it from the system. So malloc is told to return it, once the queues
+// are short again. Mapping every block on its own would do as well, at the price of a mapping and 16 page
+// faults for each block of a download that runs ahead.
 void byte_queue::free_block(block* b) {
-  spare_blocks& s = spare();
-  if (b->capacity + sizeof(block) == largest_block && s.count < most_spare_blocks)
-    s.blocks[s.count++] = b;
-  else
+  if (b->capacity + sizeof(block) != largest_block) {
     free(b);
+    return;
+  }
+  spare_blocks& s = spare();
+  s.in_queues--;
+  if (s.count < most_spare_blocks) {
+    s.blocks[s.count++] = b;
+  } else {
+    free(b);
+    s.freed++;
+  }
+  if (s.freed >= blocks_before_trim && s.in_queues <= most_spare_blocks) {
+    malloc_trim(0);
+    s.freed = 0;
+  }
 }
 
 }  // namespace base

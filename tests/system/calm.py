@@ -1,0 +1,59 @@
+"""What mivo takes when it has nothing to do, before and after somebody was hostile to it."""
+
+import pathlib
+import re
+import time
+
+from mivo_process import PROGRAM
+from wire import request
+
+WATCH_TIME = 1  # seconds
+IDLE_SHARE = 0.02  # of one processor
+# Resident memory may be higher than before by this: buffers that are kept for the next connections (1 MiB to
+# read into, 2 MiB of queue blocks, a few pages for each of 64 connection objects), and what the allocator has
+# had back and not returned.
+RESIDENT_TOLERANCE_KIB = 8 * 1024
+
+
+class Calm:
+    """Taken before the trouble, when nobody is connected; `echo` has to be mapped to the echo page."""
+
+    def __init__(self, mivo, connect, tolerance_kib=RESIDENT_TOLERANCE_KIB):
+        self.mivo = mivo
+        self.connect = lambda: connect(mivo.port)
+        self.tolerance_kib = tolerance_kib
+        self.expect_service()
+        mivo.wait_until_idle()
+        self.resident_kib = self._resident_kib()
+
+    def taken_kib(self):
+        """Resident now, beyond what was before."""
+        return self._resident_kib() - self.resident_kib
+
+    def _resident_kib(self):
+        status = pathlib.Path(f"/proc/{self.mivo.pid}/status").read_text()
+        return int(re.search(r"VmRSS:\s+(\d+) kB", status)[1])
+
+    def _processor_seconds(self):
+        return int(pathlib.Path(f"/proc/{self.mivo.pid}/schedstat").read_text().split()[0]) / 1e9
+
+    def expect_service(self):
+        client = self.connect()
+        assert client.ask(request("echo", "/calm")).startswith(b"GET /calm ")
+        client.close()
+
+    def expect_idle(self):
+        """Whoever may be connected says nothing, so next to no processor time is taken."""
+        before, start = self._processor_seconds(), time.monotonic()
+        time.sleep(WATCH_TIME)
+        share = (self._processor_seconds() - before) / (time.monotonic() - start)
+        assert share < IDLE_SHARE, f"{share:.1%} of a processor"
+
+    def expect_again(self):
+        """Everybody has gone: descriptors, memory and processor time are as before, and newcomers are served."""
+        self.mivo.wait_until_idle()
+        self.expect_idle()
+        if self.mivo.process.args[2] == PROGRAM:  # the sanitizers keep freed memory on purpose
+            taken = self.taken_kib()
+            assert taken <= self.tolerance_kib, f"{taken} KiB more than the {self.resident_kib} before"
+        self.expect_service()
