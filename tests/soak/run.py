@@ -25,8 +25,8 @@ WARM_UP_SHARE = 0.2  # of the run, which is left out when growth is measured
 GROWTH_LIMIT = 16 * MIB  # of the resident memory, between the first and the last quarter of the rest; the large
 # bodies alone make it go up and down by that much
 GROWTH_TAKES = 120  # seconds; in a shorter run the buffers of the connections still fill up
-REST_LIMIT = 64 * MIB  # resident when all connections are gone, above what was there before the first: so much
-# free memory the C library may keep at the end of its heap
+REST_LIMIT = 64 * MIB  # resident when all connections are gone, above what was there before the first: buffers
+# that are kept for the next ones, and free memory between what the C library still has in use
 DESCRIPTOR_LIMIT = 400  # at any moment; soak_load has fewer than 100 clients, each takes two or briefly more
 EXPECTED_LINES = re.compile(r"Binding to port \d+ on all adapters:|\d+\.\d+\.\d+\.\d+|\d+ connections"
                             r"|Shutting down\.\.\.")

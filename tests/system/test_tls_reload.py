@@ -4,15 +4,13 @@ import os
 import pathlib
 import shutil
 import ssl
-import struct
 import subprocess
 import threading
 import time
 
 import pytest
 
-from mivo_process import PROGRAM
-from upstreams import HERE
+from fake_clock import STEP, clock, clock_library, program  # noqa: F401
 from wire import request, until
 
 pytest_plugins = ["tls_service"]
@@ -20,50 +18,7 @@ pytest_plugins = ["tls_service"]
 HELLO = b"hello, world\n"
 RELOADING = "Reloading certificate..."
 INTERVAL = 60  # seconds between two looks at the file
-STEP = 5  # seconds; fewer than end an idle connection
 SOME_TURNS = 0.4  # seconds; a turn in which nothing is ready takes 0.1
-
-
-class Clock:
-    """The time of mivo, ahead of the real one."""
-
-    def __init__(self, path):
-        self.path = pathlib.Path(path)
-        self.path.write_bytes(bytes(8))
-        self.ahead = 0
-
-    def advance(self, seconds):
-        self.ahead += seconds
-        with open(self.path, "r+b", buffering=0) as file:  # in one write, and into the file that mivo has mapped
-            file.write(struct.pack("=q", self.ahead))
-
-    def advance_in_steps(self, seconds):
-        """Connections that are used all the time do not become idle by this."""
-        for _ in range(0, seconds, STEP):
-            self.advance(STEP)
-            time.sleep(0.1)
-
-
-@pytest.fixture(scope="session")
-def clock_library(tmp_path_factory):
-    library = tmp_path_factory.mktemp("clock") / "clock.so"
-    subprocess.run(["cc", "-O1", "-fPIC", "-shared", HERE / "clock.c", "-o", library], check=True)
-    return library
-
-
-@pytest.fixture
-def clock(folder):
-    return Clock(f"{folder}/clock")
-
-
-@pytest.fixture
-def program(folder, clock, clock_library):
-    """Sets the clock and becomes the program."""
-    script = pathlib.Path(folder, "mivo_with_clock")
-    script.write_text(f'#!/bin/sh\nLD_PRELOAD="$LD_PRELOAD:{clock_library}" MIVO_CLOCK={clock.path} '
-                      f'exec {PROGRAM} "$@"\n')
-    script.chmod(0o755)
-    return str(script)
 
 
 class Renewal:
@@ -165,6 +120,28 @@ def test_certificate_is_replaced_under_load__no_request_fails_and_new_clients_se
     load.finish()
     assert service.serial() == renewal.second.serial
     assert len(reloads(service)) == 1
+
+
+def test_certificate_is_replaced_every_second_under_load__no_request_fails_and_nothing_stays(
+        service, renewal, clock):
+    service.mivo.wait_until_idle()
+    load = Load(service)
+    installed = 0
+    start = time.monotonic()
+    while installed < 6:
+        if time.monotonic() - start > installed:
+            renewal.install([renewal.second, renewal.first][installed % 2])
+            installed += 1
+        clock.advance_in_steps(STEP)  # a minute of mivo's in little more than a second
+    clock.advance_in_steps(INTERVAL + STEP)
+    until(lambda: service.serial() == renewal.first.serial, "the last one is shown")
+    assert load.finish() > Load.CLIENTS * installed
+    assert len(reloads(service)) >= installed // 2
+    for wire in load.kept:
+        wire.close()
+    service.mivo.wait_until_idle()
+    service.expect_idle()
+    assert service.handshake().ask(request("node", "/small")) == HELLO
 
 
 def test_second_change_within_a_minute__is_seen_at_the_next_look(service, renewal, clock):

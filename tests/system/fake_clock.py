@@ -1,0 +1,55 @@
+"""A clock for mivo that the test sets. Import the fixtures: `program` has to win over the one of conftest.py."""
+
+import pathlib
+import struct
+import subprocess
+import time
+
+import pytest
+
+from mivo_process import PROGRAM
+from upstreams import HERE
+
+STEP = 5  # seconds; fewer than end an idle connection
+
+
+class Clock:
+    """The time of mivo, ahead of the real one."""
+
+    def __init__(self, path):
+        self.path = pathlib.Path(path)
+        self.path.write_bytes(bytes(8))
+        self.ahead = 0
+
+    def advance(self, seconds):
+        self.ahead += seconds
+        with open(self.path, "r+b", buffering=0) as file:  # in one write, and into the file that mivo has mapped
+            file.write(struct.pack("=q", self.ahead))
+
+    def advance_in_steps(self, seconds):
+        """Connections that are used all the time do not become idle by this."""
+        for _ in range(0, seconds, STEP):
+            self.advance(STEP)
+            time.sleep(0.1)
+
+
+@pytest.fixture(scope="session")
+def clock_library(tmp_path_factory):
+    library = tmp_path_factory.mktemp("clock") / "clock.so"
+    subprocess.run(["cc", "-O1", "-fPIC", "-shared", HERE / "clock.c", "-o", library], check=True)
+    return library
+
+
+@pytest.fixture
+def clock(folder):
+    return Clock(f"{folder}/clock")
+
+
+@pytest.fixture
+def program(folder, clock, clock_library):
+    """Sets the clock and becomes the program."""
+    script = pathlib.Path(folder, "mivo_with_clock")
+    script.write_text(f'#!/bin/sh\nLD_PRELOAD="$LD_PRELOAD:{clock_library}" MIVO_CLOCK={clock.path} '
+                      f'exec {PROGRAM} "$@"\n')
+    script.chmod(0o755)
+    return str(script)

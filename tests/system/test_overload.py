@@ -1,0 +1,136 @@
+"""More of everything than there is room for. Afterwards mivo is what it was before."""
+
+import re
+import selectors
+import socket
+import time
+
+import pytest
+
+from answers import BAD_GATEWAY
+from calm import Calm
+from clients import run
+from crowd import Crowd, many_descriptors  # noqa: F401
+from wire import request, until
+
+MIB = 1 << 20
+CROWD = 3000
+PATIENCE = 40  # seconds; what finds the queue of the listening socket full tries again after 1, 2, 4 ... s
+
+
+@pytest.fixture
+def mivo(start_mivo, node):
+    return start_mivo({"echo": -1, "node": node.port})
+
+
+@pytest.fixture
+def calm(mivo, connect):
+    # Strings and list nodes of 1018 connections, each some KiB, lie between what the allocator still has in use.
+    return Calm(mivo, connect, 16 * 1024)
+
+
+class Caller:
+    """One of many clients that connect at the same moment, ask, and then stay until all have an answer."""
+
+    def __init__(self, port, sent):
+        self.sent, self.received, self.answered = sent, b"", False
+        self.sock = socket.socket()
+        self.sock.setblocking(False)
+        self.sock.connect_ex(("127.0.0.1", port))
+
+    def go_on(self):
+        """Returns whether there is an end to it: a reply or the end of the connection."""
+        try:
+            self.sock.sendall(self.sent)
+            self.sent = b""
+            data = self.sock.recv(65536)
+            self.received += data
+            self.answered = b"hello, world\n" in self.received or b"Your IPv4" in self.received
+            return self.answered or not data
+        except BlockingIOError:
+            return False
+        except ConnectionError:
+            return True
+
+
+def answers_of_a_crowd(port, *sent):
+    """What each of the clients received; they send one or the other in turn."""
+    callers = [Caller(port, sent[number % len(sent)]) for number in range(CROWD)]
+    with selectors.DefaultSelector() as selector:
+        for caller in callers:
+            selector.register(caller.sock, selectors.EVENT_READ | selectors.EVENT_WRITE, caller)
+        end = time.monotonic() + PATIENCE
+        while selector.get_map():
+            assert time.monotonic() < end, f"{len(selector.get_map())} clients got neither a reply nor a close"
+            for key, _ in selector.select(1):
+                selector.modify(key.fd, selectors.EVENT_READ, key.data)
+                if key.data.go_on():
+                    selector.unregister(key.fd)
+                elif key.data.sent:
+                    selector.modify(key.fd, selectors.EVENT_READ | selectors.EVENT_WRITE, key.data)
+    for caller in callers:
+        caller.sock.close()
+    return [caller.received for caller in callers]
+
+
+def test_3000_clients_connect_at_once__each_is_answered_or_closed(mivo, calm):
+    answers = answers_of_a_crowd(mivo.port, request("echo"), request("node", "/small"))
+    served = [text for text in answers if text.startswith(b"HTTP/1.1 200 OK\r\n")
+              and text.endswith((b"Your IPv4 address is: 127.0.0.1", b"hello, world\n"))]
+    refused = [text for text in answers if text in (b"", BAD_GATEWAY)]
+    assert len(served) > 600  # one with an upstream takes two of the 1018 places
+    assert len(served) + len(refused) == CROWD
+    calm.expect_again()
+    assert not mivo.lines(".*failed.*")
+
+
+def test_slow_senders_on_every_place__are_all_served_and_so_is_a_quick_one_meanwhile(mivo, calm, connect):
+    crowd = Crowd(mivo, connect)
+    quick = connect(mivo.port)
+    crowd.room -= 1
+    quick.ask(request("echo"))
+    mivo.idle_descriptors, alone = mivo.descriptors(), mivo.idle_descriptors
+    crowd.fill_up()
+    slowest = 0
+    for _ in range(5):
+        for number, client in enumerate(crowd.inside):
+            client.send(b"s")
+            if number % 50 == 0:
+                start = time.monotonic()
+                assert quick.ask(request("echo", "/quick")).startswith(b"GET /quick ")
+                slowest = max(slowest, time.monotonic() - start)
+    assert slowest < 0.5
+    crowd.expect_inside_served()
+    crowd.leave()
+    quick.close()
+    mivo.idle_descriptors = alone
+    calm.expect_again()
+
+
+def percentile_99(mivo, name):
+    """Of the milliseconds that a request of 100 clients takes, who all ask for a file of nginx for a second."""
+    told = run("wrk", "-t1", "-c100", "-d1s", "--latency", "-H", "Host: nginx",
+               f"http://127.0.0.1:{mivo.port}/{name}")
+    assert "Non-2xx" not in told and "Socket errors" not in told, told
+    value, unit = re.search(r"\b99%\s+([\d.]+)(us|ms|s)\b", told).groups()
+    return float(value) * {"us": 0.001, "ms": 1, "s": 1000}[unit]
+
+
+def test_client_that_never_reads_a_reply_of_300_mib__100_others_wait_less_than_5_times_as_long(
+        start_mivo, node, nginx, connect, site):
+    mivo = start_mivo({"echo": -1, "node": node.port, "nginx": nginx.port})
+    calm = Calm(mivo, connect)
+    small = min((name for name in site.names), key=lambda name: abs(len(site.read(name)) - 1000))
+    percentile_99(mivo, small)  # from now on the file is in memory
+    ratios = []
+    while len(ratios) < 4 and min(ratios, default=5) >= 5:
+        quiet = percentile_99(mivo, small)
+        client = connect(mivo.port)
+        client.send(request("node", f"/repeat/{300 * MIB}"))
+        while_it_comes = percentile_99(mivo, small)
+        until(lambda: calm.taken_kib() > 290 * 1024, "mivo keeps the reply")
+        while_it_is_kept = percentile_99(mivo, small)
+        client.reset()
+        ratios.append(max(while_it_comes, while_it_is_kept) / quiet)
+    calm.expect_again()
+    assert min(ratios) < 5, ratios
