@@ -235,7 +235,7 @@ TEST_F(relay_test, client_that_was_only_answered_by_us_is_timed_out_as_usual) {
   EXPECT_EQ(out.text(), std::to_string(sock) + " has timed out.\n");
 }
 
-TEST_F(relay_test, websocket_goes_through_in_both_directions) {
+TEST_F(relay_test, websocket_upgrade_is_relayed_and_not_answered_here) {
   client c = connect();
   const std::string lines = "Upgrade: websocket\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
   c.send(request_to("a", "/chat", lines));
