@@ -64,13 +64,6 @@ struct linkedlist {
     return free_node(first);
   }
 
-  /* The element behind the one that the pass is on, to be fetched into the cache ahead of its turn; T() when
-   * there is none. */
-  T peek() const {
-    if (!cursor || !cursor->next || !cursor->next->next) return T();
-    return cursor->next->next->value;
-  }
-
   /* Starts a pass at the first element. */
   void begin() {
     cursor = head;

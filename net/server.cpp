@@ -102,6 +102,7 @@ void server_base::update() {
     return;
   }
   const int64_t now = time(nullptr);
+  prefetch_connections();
   service_pass(now);
   if (port != 0 && sockets::has(sockets::readable(), sock) && !accept_connection()) {
     stop();
@@ -120,6 +121,12 @@ void server_base::restart() {
   errno = cause;  // the next server looks at it too
 }
 
+// Has the fields at the front of every connection fetched into the cache, all at once. In a pass over many
+// connections each of these would be waited for, one after the other.
+void server_base::prefetch_connections() const {
+  for (auto* node = connections.head->next; node; node = node->next) __builtin_prefetch(node->value);
+}
+
 void server_base::service_pass(int64_t now) {
   fd_set* const errors = sockets::errors();
   fd_set* const readable = sockets::readable();
@@ -127,7 +134,6 @@ void server_base::service_pass(int64_t now) {
   connection*& selected = connection::selected();
   connection* conn = nullptr;
   for (connections.begin(); connections.current(conn); connections.next()) {
-    __builtin_prefetch(connections.peek());
     selected = conn;
     if (has_timed_out(conn, now)) {
       printf("%d has timed out.\n", conn->sock);
@@ -191,7 +197,6 @@ void server_base::output_pass() {
   connection*& selected = connection::selected();
   connection* conn = nullptr;
   for (connections.begin(); connections.current(conn); connections.next()) {
-    __builtin_prefetch(connections.peek());
     selected = conn;
     if (conn->out_len != 0) {
       sockets::mark_ready(conn->sock);

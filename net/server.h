@@ -92,6 +92,7 @@ struct server_base : abstract_server {
  private:
   void restart();
   void refuse(connection* conn);
+  void prefetch_connections() const;
   void service_pass(int64_t now);
   void output_pass();
   void report(int64_t now);

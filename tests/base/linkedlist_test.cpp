@@ -55,23 +55,6 @@ struct counted {
 
 int counted::living = 0;
 
-TEST_F(linkedlist_of_letters, peek_is_the_element_behind_the_one_that_the_pass_is_on) {
-  push("abc");
-  std::string peeked;
-  char c = 0;
-  for (list.begin(); list.current(c); list.next()) peeked += list.peek() ? list.peek() : '-';
-  EXPECT_EQ(peeked, "bc-");
-}
-
-TEST_F(linkedlist_of_letters, peek_finds_nothing_in_an_empty_list_and_after_a_removal) {
-  list.begin();
-  EXPECT_EQ(list.peek(), '\0');
-  push("abc");
-  list.begin();
-  list.remove();
-  EXPECT_EQ(list.peek(), '\0');
-}
-
 }  // namespace
 
 TEST_F(linkedlist_of_letters, is_made_of_its_five_fields_in_order_and_starts_at_the_sentinel) {

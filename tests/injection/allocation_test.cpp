@@ -30,11 +30,14 @@ class stage_without_spares : public plain_stage {
   }
 
  private:
-  // The object that needs new pages is the first behind the last spare.
+  static constexpr int mapped_at_once = 8;
+
+  // The object that needs new pages is the first behind the last spare, and brings spares of its own.
   template <class Make>
   void take_spares(Make make) {
     const int mapped = faults::calls()["mmap"];
     while (faults::calls()["mmap"] == mapped) taken_.emplace_back(make());
+    for (int i = 1; i < mapped_at_once; i++) taken_.emplace_back(make());
   }
 
   proxy_pipe unused_;

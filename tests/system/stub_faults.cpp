@@ -120,9 +120,10 @@ void* dlopen(const char* path, int flags) noexcept {
   return fails("dlopen") ? nullptr : next(path, flags);
 }
 
-// Of mappings, those of connections. The sanitizer maps memory before there is anybody to find a name.
+// Of mappings, those of connections, eight at a time. The sanitizer maps memory before there is anybody to
+// find a name.
 void* mmap(void* place, size_t length, int protection, int flags, int file, off_t offset) noexcept {
-  const bool is_counted = (flags & MAP_NORESERVE) && length > (1 << 20) && length < (2 << 20);
+  const bool is_counted = (flags & MAP_NORESERVE) && length > (8 << 20) && length < (9 << 20);
   if (is_counted && fails("mmap")) return MAP_FAILED;
   return reinterpret_cast<void*>(syscall(SYS_mmap, place, length, protection, flags, file, offset));
 }
