@@ -17,7 +17,7 @@ void reverse_proxy::on_headers() {
   const int local_port = hosts().get(host);  // 0 when the host is not there
   line.assign("[").append(host).append("] ");
   append_info(line, true);
-  puts(line.c_str());
+  printf("%s\n", line.c_str());
   if (local_port == echo_port) {
     answer_echo();
   } else if (local_port == 0) {
