@@ -56,7 +56,7 @@ USAGE = {"usage"}  # compared with the options, not with the console lines
 INFO = f"{BLANK}:{BLANK} {BLANK} {BLANK} {BLANK} [{BLANK}]"
 EXPRESSIONS = {
     "info(true).c_str()": INFO,
-    '("[" + host + "] " + info(true)).c_str()': f"[{BLANK}] {INFO}",
+    "line.c_str()": f"[{BLANK}] {INFO}",  # of a request, put together above it
     "adapter_list().c_str()": BLANK,
     "error.c_str()": None,  # the assignments to `error` are looked at below
     "text.c_str()": None,   # what was thrown is `error`
