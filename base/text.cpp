@@ -14,6 +14,12 @@ std::string num(double x) {
   return text;
 }
 
+void empty_for_reuse(std::string& s) {
+  constexpr size_t most_kept = 65536;
+  s.clear();
+  if (s.capacity() > most_kept) s.shrink_to_fit();
+}
+
 void append_dotted_quad(std::string& text, uint32_t ip) {
   unsigned char bytes[4];
   memcpy(bytes, &ip, sizeof(bytes));

@@ -10,6 +10,9 @@ namespace base {
 /* `x` as text: all digits ("%.0f") when it has no fractional part, six significant ones ("%g") otherwise. */
 std::string num(double x);
 
+/* Empties `s` for the next text. It keeps its memory, unless that is more than 64 KiB. */
+void empty_for_reuse(std::string& s);
+
 /* Appends an IPv4 address, given in network order, to `text` as a dotted quad. */
 void append_dotted_quad(std::string& text, uint32_t ip);
 

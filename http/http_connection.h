@@ -137,6 +137,7 @@ struct http_connection : connection {
   void append_info(std::string& to, bool with_agent) const;
 
  private:
+  void receive_head(char* data, int len);
   void parse_head();
   void on_head(char* rest, int rest_length);
   void finish_request_maybe();

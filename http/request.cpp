@@ -3,12 +3,15 @@
 #include <netinet/in.h>
 
 #include <cstdlib>
+#include <string_view>
 
 #include "base/find.h"
 #include "base/text.h"
 #include "http/http_connection.h"
 
 namespace {
+
+constexpr char head_end[] = "\r\n\r\n";
 
 // Counters wrap; signed addition must not.
 int32_t wrapping_sum(int32_t a, int len) {
@@ -37,18 +40,29 @@ void http_connection::on_recv(char* data, int len) {
     on_data(data, len);
   } else {
     if (len <= 0) return;
-    size_t before = head.size();
-    head.append(data, static_cast<size_t>(len));
-    size_t end = head.find("\r\n\r\n", before < 3 ? 0 : before - 3);
-    // A request that begins with the empty line is never parsed.
-    if (position(end) > 0 && head.compare(0, 4, "\r\n\r\n") != 0) {
-      int rest =
-          static_cast<int>(head.size() - end - 4);  // the end of the head is new, so all of it is in data
-      head.resize(end + 2);
-      on_head(data + len - rest, rest);
-    }
+    receive_head(data, len);
   }
   finish_request_maybe();
+}
+
+void http_connection::receive_head(char* data, int len) {
+  const std::string_view chunk(data, static_cast<size_t>(len));
+  const size_t before = head.size();
+  // A head mostly comes whole, with its body behind it or without, and is then found where it is: a MiB of
+  // body is not to pass through `head`.
+  size_t end = before == 0 ? chunk.find(head_end) : std::string::npos;
+  if (end != std::string::npos && end > 0) {
+    head.assign(data, end + 2);
+  } else {
+    head.append(chunk);
+    end = head.find(head_end, before < 3 ? 0 : before - 3);
+    // A request that begins with the empty line is never parsed.
+    if (position(end) <= 0 || head.compare(0, 4, head_end) == 0) return;
+    head.resize(end + 2);
+  }
+  // The last byte of the end is new, so all that comes behind it is in this chunk.
+  const int rest = static_cast<int>(before + chunk.size() - end - 4);
+  on_head(data + len - rest, rest);
 }
 
 // The head is complete: parses it and calls the hooks. `rest` is what came behind it.
@@ -111,7 +125,7 @@ void http_connection::reset() {
   request_length = 0;
   for (std::string* s :
        {&head, &content, &message, &response_headers, &cookie, &query, &path, &version, &target, &method}) {
-    s->clear();
+    base::empty_for_reuse(*s);
   }
 }
 

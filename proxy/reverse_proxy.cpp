@@ -11,13 +11,15 @@ base::hashmap<int>& reverse_proxy::hosts() {
 }
 
 void reverse_proxy::on_headers() {
-  static std::string host, line;  // they keep their memory from request to request
+  static std::string host, line;  // they keep their memory from request to request, unless it is much
   host.clear();
   append_header(host, "host", head);
   const int local_port = hosts().get(host);  // 0 when the host is not there
   line.assign("[").append(host).append("] ");
   append_info(line, true);
   printf("%s\n", line.c_str());
+  base::empty_for_reuse(host);
+  base::empty_for_reuse(line);
   if (local_port == echo_port) {
     answer_echo();
   } else if (local_port == 0) {
@@ -38,11 +40,12 @@ void reverse_proxy::answer_echo() {
 // Passes the request head on, with the client's address behind the client's own lines. An X-Forwarded-For
 // line of the client's stays: the upstream sees both, in this order.
 void reverse_proxy::forward() {
-  static std::string request;  // keeps its memory from request to request
+  static std::string request;  // as above
   request.assign(method).append(" ").append(target).append(" ").append(version).append("\r\n");
   append_headers(request, head);
   request += "X-Forwarded-For: ";
   base::append_dotted_quad(request, ip);
   request += "\r\n\r\n";
   pipe->append_to_upstream(request.data(), request.size());
+  base::empty_for_reuse(request);
 }

@@ -29,6 +29,21 @@ std::string bytes_from_0_to_255() {
   return s;
 }
 
+TEST(empty_for_reuse, text_of_usual_length_keeps_its_memory) {
+  std::string text(60000, 'x');
+  const size_t capacity = text.capacity();
+  base::empty_for_reuse(text);
+  EXPECT_EQ(text, "");
+  EXPECT_EQ(text.capacity(), capacity);
+}
+
+TEST(empty_for_reuse, long_text_gives_its_memory_back) {
+  std::string text(70000, 'x');
+  base::empty_for_reuse(text);
+  EXPECT_EQ(text, "");
+  EXPECT_LT(text.capacity(), 100U);
+}
+
 TEST(append_dotted_quad, bytes_are_taken_in_network_order_and_appended) {
   const std::pair<std::vector<unsigned char>, std::string> cases[] = {
       {{0, 0, 0, 0}, "0.0.0.0"},

@@ -38,6 +38,19 @@ TEST_F(http_request_body, in_the_chunk_of_its_head_is_delivered_in_one_call) {
   EXPECT_EQ(c().events, (events{"headers", "data hello", "request"}));
 }
 
+TEST_F(http_request_body, leaves_no_trace_of_its_length_in_the_memory_of_the_head) {
+  const std::string body(900000, 'b');
+  receive(c(), post(900000) + body);
+  EXPECT_EQ(c().body, body);
+  EXPECT_LT(c().head.capacity(), 70000U);
+}
+
+TEST_F(http_request_body, long_one_gives_its_memory_back_for_the_next_request) {
+  receive_chunks({post(300000), std::string(300000, 'b')});
+  EXPECT_EQ(c().times("request"), 1);
+  EXPECT_LT(c().content.capacity(), 70000U);
+}
+
 TEST_F(http_request_body, is_delivered_chunk_by_chunk_until_the_announced_length_is_there) {
   receive(c(), post(5) + "hel");
   EXPECT_EQ(c().events, (events{"headers", "data hel"}));
