@@ -19,7 +19,7 @@ def machine():
         "processor": field("/proc/cpuinfo", "model name"),
         "cores": os.cpu_count(),
         "memory_mib": int(field("/proc/meminfo", "MemTotal").split()[0]) // 1024,
-        "kernel": platform.release(),
+        "kernel": platform.release().split("-")[0],
     }
 
 
