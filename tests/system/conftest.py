@@ -4,6 +4,7 @@ import tempfile
 
 import pytest
 
+from calm import Calm
 from mivo_process import PROGRAM, Mivo, ReservedPort
 from upstreams import Nginx, NodeUpstream, PythonSite, Site
 from wire import Listener, Wire
@@ -90,6 +91,18 @@ def connect(start_mivo):
 def listen(start_mivo):
     """listen(): a scripted upstream."""
     yield from closing_after_the_test(Listener)
+
+
+@pytest.fixture
+def upstream(listen):
+    """A scripted upstream, for the tests that need one."""
+    return listen()
+
+
+@pytest.fixture
+def calm(mivo, connect):
+    """What the module's `mivo` took before the trouble; it maps `echo` to the echo page."""
+    return Calm(mivo, connect)
 
 
 @pytest.fixture

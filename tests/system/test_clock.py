@@ -2,7 +2,6 @@
 
 import pytest
 
-from calm import Calm
 from fake_clock import clock, clock_library, program  # noqa: F401
 from wire import reply, request
 
@@ -12,18 +11,8 @@ TIMED_OUT = r"\d+ has timed out\."
 
 
 @pytest.fixture
-def upstream(listen):
-    return listen()
-
-
-@pytest.fixture
 def mivo(start_mivo, upstream):
     return start_mivo({"echo": -1, "up": upstream.port})
-
-
-@pytest.fixture
-def calm(mivo, connect):
-    return Calm(mivo, connect)
 
 
 class Scene:

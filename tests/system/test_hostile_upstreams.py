@@ -24,18 +24,8 @@ def program(request):
 
 
 @pytest.fixture
-def upstream(listen):
-    return listen()
-
-
-@pytest.fixture
 def mivo(start_mivo, upstream):
     return start_mivo({"echo": -1, "up": upstream.port})
-
-
-@pytest.fixture
-def calm(mivo, connect):
-    return Calm(mivo, connect)
 
 
 @pytest.fixture

@@ -7,7 +7,6 @@ import time
 
 import pytest
 
-from calm import Calm
 from mivo_process import programs
 from wire import request
 
@@ -21,18 +20,8 @@ def program(request):
 
 
 @pytest.fixture
-def upstream(listen):
-    return listen()
-
-
-@pytest.fixture
 def mivo(start_mivo, upstream, node):
     return start_mivo({"echo": -1, "up": upstream.port, "node": node.port})
-
-
-@pytest.fixture
-def calm(mivo, connect):
-    return Calm(mivo, connect)
 
 
 class Bystander:

@@ -12,11 +12,6 @@ CROWD = 1500
 
 
 @pytest.fixture
-def upstream(listen):
-    return listen()
-
-
-@pytest.fixture
 def crowd(start_mivo, connect, upstream):
     return Crowd(start_mivo({"echo": -1, "up": upstream.port}), connect)
 
