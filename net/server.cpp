@@ -19,9 +19,9 @@ constexpr int report_interval = 5;  // seconds
 // first bytes read into them. Allocated at the first read, it could be refused in the middle of a turn.
 alignas(4096) char read_buffer[read_capacity];
 
-// Both times are taken as 32 bits, which wrap in 2038; their difference does not. A connection of this very
-// second is told by the fields before its buffer: `timeout` stands behind it, on a page of its own, and with
-// many busy connections reading that page for each of them is most of what a pass costs.
+// Both times are taken as 32 bits, which wrap in 2038; their difference does not. A connection that was
+// active in this very second is told by the fields before its buffer: `timeout` stands behind it, in memory
+// that a pass over many busy connections need not touch.
 bool has_timed_out(const connection* conn, int64_t now) {
   auto idle_seconds =
       static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(conn->last_active));
