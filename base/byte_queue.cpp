@@ -14,8 +14,9 @@ namespace {
 constexpr size_t smallest_block = 512;  // bytes with the header, as all block sizes here
 constexpr size_t largest_block = 65536;
 constexpr size_t kept_when_empty = 4096;
-constexpr int most_spare_blocks = 64;    // 4 MiB at most: what a turn moves through eight pipes
-constexpr int blocks_before_trim = 256;  // 16 MiB
+constexpr int most_spare_blocks = 64;       // 4 MiB at most: what a turn moves through eight pipes
+constexpr int blocks_before_trim = 256;     // 16 MiB
+constexpr int blocks_of_short_queues = 16;  // what is freed after a trim stays with malloc: 1 MiB of it
 
 }  // namespace
 
@@ -147,7 +148,7 @@ void byte_queue::free_block(block* b) {
     free(b);
     s.freed++;
   }
-  if (s.freed >= blocks_before_trim && s.in_queues <= most_spare_blocks) {
+  if (s.freed >= blocks_before_trim && s.in_queues <= blocks_of_short_queues) {
     malloc_trim(0);
     s.freed = 0;
   }
