@@ -55,23 +55,31 @@ void append_integer(std::string& out, uint32_t q, uint32_t bias) {
   out += alphabet[q];
 }
 
+// Appends the ASCII code points of `input` to `out` and marks their places in `handled`. Returns the places
+// of the others, by code point, then by place.
+std::vector<size_t> append_basic(const std::vector<uint32_t>& input, std::string& out,
+                                 position_counter& handled) {
+  std::vector<size_t> others;
+  for (size_t i = 0; i < input.size(); i++) {
+    if (input[i] < initial_n) {
+      out += static_cast<char>(input[i]);
+      handled.mark(i);
+    } else {
+      others.push_back(i);
+    }
+  }
+  std::stable_sort(others.begin(), others.end(), [&](size_t a, size_t b) { return input[a] < input[b]; });
+  return others;
+}
+
 }  // namespace
 
 std::string punycode(const std::vector<uint32_t>& input) {
   std::string out;
   position_counter smaller(input.size());  // where the code points are that are handled already
-  std::vector<size_t> order;               // the positions of the others, by code point, then by place
-  for (size_t i = 0; i < input.size(); i++) {
-    if (input[i] < initial_n) {
-      out += static_cast<char>(input[i]);
-      smaller.mark(i);
-    } else {
-      order.push_back(i);
-    }
-  }
-  auto basic = static_cast<uint32_t>(out.size());
+  const std::vector<size_t> order = append_basic(input, out, smaller);
+  const auto basic = static_cast<uint32_t>(out.size());
   if (basic > 0 && !order.empty()) out += '-';
-  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return input[a] < input[b]; });
 
   uint32_t n = initial_n;
   uint32_t bias = initial_bias;

@@ -73,11 +73,46 @@ std::string adapter_list() {
   return text;
 }
 
+void print_binding(bool localhost_only, int port) {
+  if (localhost_only) {
+    printf("Binding to port %d on localhost only\n", port);
+  } else {
+    printf("Binding to port %d on all adapters:\n", port);
+    printf("%s\n", adapter_list().c_str());
+  }
+}
+
 // Closes a socket that could not be made to listen, and returns listen()'s false.
 bool give_up(int& sock) {
   ::close(sock);
   sock = -1;
   return false;
+}
+
+// Opens, binds and sets listening a socket for one address; the rest is as listen() says.
+bool listen_on(int& sock, const addrinfo& address) {
+  sock = open_socket(address, 0);
+  if (sock == -1) {
+    printf("socket() failed\n");
+    return false;
+  }
+  set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1);
+  set_option(sock, SOL_SOCKET, SO_REUSEPORT, 1);
+  set_stream_options(sock);  // inherited by what is accepted, which saves the calls there
+  int bound = bind(sock, address.ai_addr, address.ai_addrlen);
+  if (bound == -1) {
+    // The resolver's text for bind()'s result, not the text of errno: people search for this line.
+    printf("bind() failed: %d %s\n", bound, gai_strerror(bound));
+    printf("Check that the port isn't already taken.\n");
+    printf("This can be done with 'netstat -an' on windows/mac/linux.\n");
+    return give_up(sock);
+  }
+  if (::listen(sock, backlog) == -1) {
+    printf("listen() failed\n");
+    return give_up(sock);
+  }
+  set_nonblocking(sock);
+  return true;
 }
 
 // The dotted form of an address; what cannot be printed is named so.
@@ -121,51 +156,22 @@ int connect_first(const addrinfo* addresses, bool blocking) {
 }  // namespace
 
 bool listen(int& sock, bool localhost_only, int port) {
+  print_binding(localhost_only, port);
   addrinfo hints = {};
   hints.ai_flags = AI_PASSIVE;
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_protocol = IPPROTO_TCP;
-  char service[32];
-  snprintf(service, sizeof(service), "%d", port);
-
-  if (localhost_only) {
-    printf("Binding to port %d on localhost only\n", port);
-  } else {
-    printf("Binding to port %d on all adapters:\n", port);
-    printf("%s\n", adapter_list().c_str());
-  }
   addrinfo* address = nullptr;
-  int code = getaddrinfo(localhost_only ? "127.0.0.1" : nullptr, service, &hints, &address);
+  int code =
+      getaddrinfo(localhost_only ? "127.0.0.1" : nullptr, std::to_string(port).c_str(), &hints, &address);
   if (code != 0) {
     printf("getaddrinfo() failed: %d %s\n", code, gai_strerror(code));
     return false;
   }
-
-  sock = open_socket(*address, 0);
-  if (sock == -1) {
-    printf("socket() failed\n");
-    freeaddrinfo(address);
-    return false;
-  }
-  set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1);
-  set_option(sock, SOL_SOCKET, SO_REUSEPORT, 1);
-  set_stream_options(sock);  // inherited by what is accepted, which saves the calls there
-  int bound = bind(sock, address->ai_addr, address->ai_addrlen);
+  bool is_listening = listen_on(sock, *address);
   freeaddrinfo(address);
-  if (bound == -1) {
-    // The resolver's text for bind()'s result, not the text of errno: people search for this line.
-    printf("bind() failed: %d %s\n", bound, gai_strerror(bound));
-    printf("Check that the port isn't already taken.\n");
-    printf("This can be done with 'netstat -an' on windows/mac/linux.\n");
-    return give_up(sock);
-  }
-  if (::listen(sock, backlog) == -1) {
-    printf("listen() failed\n");
-    return give_up(sock);
-  }
-  set_nonblocking(sock);
-  return true;
+  return is_listening;
 }
 
 int connect(const std::string& host, int port, bool blocking) {
