@@ -60,7 +60,7 @@ struct chat_connection : http_connection {
   static void publish(const std::string& channel, const std::string& text) {
     base::arraylist<http_connection*>* members = channels().get(channel);
     if (!members) return;
-    for (uint32_t i = 0; i < members->count; i++) members->data[i]->send_message(text, 1);
+    for (uint32_t i = 0; i < members->count; i++) members->data[i]->send_message(text, text_frame);
   }
 
   void on_request() override {

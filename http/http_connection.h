@@ -47,6 +47,16 @@ struct http_connection : connection {
     ~response_part();
   };
 
+  /* What a WebSocket frame carries (RFC 6455, section 11.8). The last three are control frames. */
+  enum opcodes {
+    continuation_frame = 0,
+    text_frame = 1,
+    binary_frame = 2,
+    close_frame = 8,
+    ping_frame = 9,
+    pong_frame = 10,
+  };
+
   bool headers_received = false;
   std::string head;
   bool written = false;                             // the answer to this request is queued
@@ -107,8 +117,8 @@ struct http_connection : connection {
   /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. */
   void redirect(const std::string& url, bool permanent);
 
-  /* Queues one unfragmented, unmasked WebSocket frame (RFC 6455, section 5.2). At 1 MiB or more it says so
-   * and queues the frame without its length. */
+  /* Queues one unfragmented, unmasked WebSocket frame (RFC 6455, section 5.2) with one of the `opcodes`. At
+   * 1 MiB or more it says so and queues the frame without its length. */
   void send_message(const std::string& payload, int opcode);
 
   /* Consumes every complete frame at the front of `content`. */

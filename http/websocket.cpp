@@ -8,15 +8,6 @@
 
 namespace {
 
-enum opcodes {
-  continuation_frame = 0,
-  text_frame = 1,
-  binary_frame = 2,
-  close_frame = 8,
-  ping_frame = 9,
-  pong_frame = 10,
-};
-
 const char handshake_guid[] = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 
 // A client's frame as its first bytes describe it.

@@ -47,7 +47,7 @@ struct chatter : http_connection {
 
   void on_message() override {
     const auto* members = channels().get("room");
-    for (uint32_t i = 0; i < members->count; i++) members->data[i]->send_message(message, 1);
+    for (uint32_t i = 0; i < members->count; i++) members->data[i]->send_message(message, text_frame);
   }
 };
 
