@@ -7,6 +7,7 @@
 
 #include "tests/http/delivery.h"
 #include "tests/http/recorder.h"
+#include "tests/net/child.h"
 #include "tests/support/console.h"
 
 namespace {
@@ -59,6 +60,20 @@ TEST_F(http_request_body, is_delivered_chunk_by_chunk_until_the_announced_length
   EXPECT_EQ(c().events, (events{"headers", "data hel", "data lo", "request"}));
 }
 
+TEST_F(http_request_body, is_counted_before_it_is_delivered) {
+  struct : http_connection {
+    std::vector<int32_t> seen;
+    void on_headers() override {}
+    void on_data(char*, int) override {
+      seen.push_back(request_length);
+      seen.push_back(content_received);
+    }
+  } counting;
+  receive_all(counting, {post(5) + "hel", "lo"});
+  const auto head = static_cast<int32_t>(post(5).size());
+  EXPECT_EQ(counting.seen, (std::vector<int32_t>{head + 3, 3, head + 5, 5}));
+}
+
 TEST_F(http_request_body, of_no_bytes_is_not_delivered) {
   receive(c(), get_1_1);
   EXPECT_EQ(c().events, (events{"headers", "request"}));
@@ -96,6 +111,15 @@ TEST_F(http_request_body, chunk_of_no_bytes_changes_nothing_before_the_head_is_c
   EXPECT_TRUE(c().events.empty());
   EXPECT_EQ(c().head, "GET / HTTP/1.1\r\n");
   EXPECT_EQ(c().request_length, 16);
+}
+
+TEST_F(http_request_body, chunk_of_less_than_no_bytes_only_lowers_the_count_before_the_head_is_complete) {
+  receive(c(), "GET / HTTP/1.1\r\n\r");
+  char bytes[] = "\n";
+  c().on_recv(bytes, -2);
+  EXPECT_TRUE(c().events.empty());
+  EXPECT_EQ(c().head, "GET / HTTP/1.1\r\n\r");
+  EXPECT_EQ(c().request_length, 15);
 }
 
 TEST_F(http_request_body, chunk_of_no_bytes_reaches_on_data_behind_the_head) {
@@ -230,6 +254,14 @@ TEST_F(http_request_body, default_on_headers_prints_the_description_with_the_age
   EXPECT_EQ(console_.text(), "10.0.0.7:51234 GET /index.html?a=1 HTTP/1.1 [curl/8.0]\n");
 }
 
+TEST_F(http_request_body,
+       default_on_headers_prints_no_further_than_a_zero_byte_and_percent_signs_as_they_are) {
+  using namespace std::string_literals;
+  auto plain = std::make_unique<http_connection>();
+  receive(*plain, "GET /%s%d%% HTTP/1.1\r\nUser-Agent: a%xb\0c\r\n\r\n"s);
+  EXPECT_EQ(console_.text(), "0.0.0.0:0 GET /%s%d%% HTTP/1.1 [a%xb\n");
+}
+
 TEST_F(http_request_body, default_on_data_appends_to_the_content) {
   auto plain = std::make_unique<http_connection>();
   char bytes[] = "ab\0d";
@@ -238,4 +270,17 @@ TEST_F(http_request_body, default_on_data_appends_to_the_content) {
   plain->on_data(bytes, 1);
   EXPECT_EQ(plain->content, std::string("ab\0da", 5));
   EXPECT_EQ(plain->content_received, 0) << "on_recv counts";
+}
+
+TEST_F(http_request_body, lines_on_the_console_are_not_flushed) {
+  EXPECT_TRUE(run_in_child([&] {
+    setvbuf(stdout, nullptr, _IOFBF, 65536);
+    auto plain = std::make_unique<http_connection>();
+    plain->keep_alive = false;
+    receive(*plain, "G / V\r\n\r\n");
+    plain->max_request_length = 1;
+    receive(*plain, "x");
+    EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
+  }));
+  EXPECT_EQ(console_.text(), "0.0.0.0:0 G / V []\nWarning! Request exceeds max length of 1.\n");
 }
