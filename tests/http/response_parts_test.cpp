@@ -95,6 +95,24 @@ TEST_F(http_response_parts, go_out_one_at_a_time_in_order_even_on_a_closing_conn
   EXPECT_FALSE(send_once(c()).stays);
 }
 
+TEST_F(http_response_parts, of_every_kind_keep_a_closing_connection_open_until_the_last_has_gone) {
+  c().keep_alive = false;
+  c().written = true;
+  queue_file("0123456", 4);
+  queue_file("", 0);
+  counted_job& job = queue_job();
+  for (const char* expected : {"0123", "", "", "", ""}) {
+    const sending one = send_once(c(), 4);
+    EXPECT_TRUE(one.stays);
+    EXPECT_EQ(one.bytes, expected);
+  }
+  job.done = true;
+  job.result = "";
+  queue_data("abcde");
+  EXPECT_EQ(drain(4), (slices{"0\r\n\r", "\n0\r\n", "\r\n", "abcd", "e"}));
+  EXPECT_FALSE(send_once(c()).stays);
+}
+
 TEST_F(http_response_parts, of_bytes_longer_than_the_buffer_go_out_in_slices) {
   queue_data("0123456789");
   queue_data("ab");
@@ -242,7 +260,9 @@ TEST_F(http_response_parts, jobs_result_beyond_the_buffer_is_dropped_with_a_warn
   counted_job& too_long = queue_job(33);
   too_long.result = std::string(1048563, 'x');
   too_long.done = true;
+  c().last_active = 0;
   EXPECT_EQ(drain(megabyte), slices{"0\r\n\r\n"});
+  EXPECT_GT(c().last_active, 0) << "the end of the chunks counts as activity, too";
   EXPECT_EQ(console_.text(), "Warning! Thread response (1048577) exceeds buffer size (1048576).\n");
   EXPECT_EQ(c().timeout, 33);
   EXPECT_EQ(jobs_deleted, 2);
