@@ -8,6 +8,7 @@
 #include <ctime>
 #include <memory>
 
+#include "net/sockets.h"
 #include "tests/http/delivery.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
@@ -161,6 +162,18 @@ TEST_F(http_response_parts, from_a_file_count_down_whole_buffers_alone) {
 TEST_F(http_response_parts, from_a_file_start_where_it_stands) {
   fseek(queue_file("0123456789").file, 7, SEEK_SET);
   EXPECT_EQ(drain(megabyte), slices{"789"});
+}
+
+// The slice was as long as was asked for, so only the next read finds the end, and gives nothing to send.
+TEST_F(http_response_parts, from_a_file_that_end_with_an_empty_slice_announce_that_more_may_follow) {
+  const int number = 700;  // nothing is open under it
+  c().sock = number;
+  queue_file("0123");
+  EXPECT_EQ(send_once(c(), 4).bytes, "0123");
+  EXPECT_FALSE(sockets::has(sockets::ready(), number)) << "a server does that for what it sends";
+  EXPECT_EQ(send_once(c(), 4).bytes, "");
+  EXPECT_TRUE(sockets::has(sockets::ready(), number));
+  FD_CLR(number, sockets::ready());
 }
 
 TEST_F(http_response_parts, from_a_file_that_cannot_be_read_are_empty) {

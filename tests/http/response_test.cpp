@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "net/sockets.h"
 #include "tests/http/delivery.h"
 #include "tests/http/recorder.h"
 #include "tests/support/console.h"
@@ -100,6 +101,15 @@ TEST_F(http_response, is_queued_as_bytes_and_marks_the_request_as_answered) {
   EXPECT_EQ(part->remaining, -1.0);
   EXPECT_EQ(part->thread, nullptr);
   EXPECT_EQ(part->data, "S\r\nContent-Length: 1\r\n\r\nx");
+}
+
+TEST_F(http_response, announces_that_there_is_output_for_its_socket) {
+  const int number = 700;  // nothing is open under it
+  c().sock = number;
+  ASSERT_FALSE(sockets::has(sockets::ready(), number));
+  c().write("S\r\n", "x");
+  EXPECT_TRUE(sockets::has(sockets::ready(), number));
+  FD_CLR(number, sockets::ready());
 }
 
 TEST_F(http_response, second_of_a_request_is_refused) {
