@@ -10,6 +10,7 @@
 
 #include "net/sockets.h"
 #include "tests/http/delivery.h"
+#include "tests/net/child.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
 
@@ -279,6 +280,18 @@ TEST_F(http_response_parts, jobs_result_beyond_the_buffer_is_dropped_with_a_warn
   EXPECT_EQ(console_.text(), "Warning! Thread response (1048577) exceeds buffer size (1048576).\n");
   EXPECT_EQ(c().timeout, 33);
   EXPECT_EQ(jobs_deleted, 2);
+}
+
+TEST_F(http_response_parts, warning_of_a_dropped_result_is_not_flushed_to_the_console) {
+  EXPECT_TRUE(run_in_child([&] {
+    setvbuf(stdout, nullptr, _IOFBF, 65536);
+    counted_job& job = queue_job();
+    job.result = std::string(1048576, 'x');
+    job.done = true;
+    send_once(c());
+    EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
+  }));
+  EXPECT_EQ(console_.text(), "Warning! Thread response (1048591) exceeds buffer size (1048576).\n");
 }
 
 TEST_F(http_response_parts, jobs_result_longer_than_the_buffer_offered_goes_out_in_slices) {

@@ -8,6 +8,7 @@
 #include "net/sockets.h"
 #include "tests/http/delivery.h"
 #include "tests/http/recorder.h"
+#include "tests/net/child.h"
 #include "tests/support/console.h"
 
 namespace {
@@ -118,6 +119,16 @@ TEST_F(http_response, second_of_a_request_is_refused) {
   c().redirect("u", true);
   EXPECT_EQ(console_.text(), double_write + double_write);
   EXPECT_EQ(send_everything(c()), "S\r\nContent-Length: 5\r\n\r\nfirst");
+}
+
+TEST_F(http_response, refusal_is_not_flushed_to_the_console) {
+  EXPECT_TRUE(run_in_child([&] {
+    setvbuf(stdout, nullptr, _IOFBF, 65536);
+    c().written = true;
+    c().write("S\r\n", "x");
+    EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
+  }));
+  EXPECT_EQ(console_.text(), double_write);
 }
 
 TEST_F(http_response, after_reset_is_queued_behind_the_one_before) {
