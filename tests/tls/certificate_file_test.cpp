@@ -133,6 +133,11 @@ TEST_F(certificate_file, words_in_the_middle_of_a_line_are_no_certificate) {
   EXPECT_EQ(count_in("see -----BEGIN CERTIFICATE-----\n" + certificate), 1);
 }
 
+TEST_F(certificate_file, file_is_closed_once_its_certificates_are_counted) {
+  EXPECT_EQ(count_in(certificate), 1);
+  EXPECT_FALSE(is_open(folder.path() + "/crt.pem"));
+}
+
 TEST_F(certificate_file, missing_file_holds_no_certificate) {
   EXPECT_EQ(count_certificates(folder.path() + "/missing.pem"), 0);
 }

@@ -102,6 +102,15 @@ TEST_F(strings_scan, failed_read_ends_the_scan_with_success) {
   EXPECT_EQ(out, "before\n");
 }
 
+TEST_F(strings_scan, file_is_closed_at_the_end_of_the_scan_and_after_a_failed_read) {
+  const std::string file = folder.write("file", "12345" + nul);
+  for (const std::string& path : {file, folder.path()}) {
+    std::string out;
+    EXPECT_TRUE(get_strings(path, out));
+    EXPECT_FALSE(is_open(path)) << path;
+  }
+}
+
 TEST_F(strings_scan, any_bytes_give_the_runs_that_a_search_of_the_whole_text_finds) {
   std::mt19937 next(4096);
   for (size_t size : {block - 1, block, block + 1, 2 * block, 2 * block + 7, 5 * block}) {

@@ -32,6 +32,15 @@ class temp_folder {
   std::string path_;
 };
 
+/* Whether this process has the file open. */
+inline bool is_open(const std::string& path) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code is_gone;  // the descriptor of the listing itself
+    if (std::filesystem::read_symlink(entry.path(), is_gone) == path) return true;
+  }
+  return false;
+}
+
 /* Makes the file look modified at that moment, given in seconds since the epoch and nanoseconds. */
 inline void set_file_time(const std::string& path, int64_t seconds, int64_t nanoseconds = 0) {
   const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
