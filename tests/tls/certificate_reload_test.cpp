@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <stdio_ext.h>
 
 #include <filesystem>
 
@@ -151,6 +152,24 @@ TEST_F(certificate_reload, rejected_certificate_counts_as_loaded) {
   EXPECT_EQ(srv->crt_mtime, static_cast<double>(old_time));
   check_in(61);
   expect_no_load();
+}
+
+TEST_F(certificate_reload, reload_is_told_and_remembered_before_the_library_is_asked) {
+  load_first();
+  modify_file(old_time + 1);
+  pass(61);
+  tls.remove(openssl::SSL_CTX_use_certificate_file);
+  EXPECT_THROW(check(), std::string);
+  expect_console(reloading);
+  EXPECT_EQ(srv->crt_mtime, static_cast<double>(old_time + 1));
+}
+
+TEST_F(certificate_reload, line_of_a_reload_is_not_flushed) {
+  if (__flbf(stdout)) GTEST_SKIP() << "a terminal gets each line at once";
+  load_first();
+  modify_file(old_time + 1);
+  check_in(61);
+  EXPECT_EQ(__fpending(stdout), reloading.size());
 }
 
 TEST_F(certificate_reload, clock_that_is_set_back_stops_the_looking) {
