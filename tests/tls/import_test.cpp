@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <stdio_ext.h>
 
 #include <fstream>
 #include <iterator>
@@ -9,6 +10,7 @@
 #include <sstream>
 
 #include "tests/support/console.h"
+#include "tests/support/faults.h"
 #include "tests/tls/printable_runs.h"
 #include "tls/openssl.h"
 
@@ -90,6 +92,12 @@ TEST(import_probe, unknown_name_comes_back_unchanged_and_nothing_is_printed) {
   EXPECT_EQ(found, missing_library);
 }
 
+TEST(import_probe, cache_is_read_from_its_file_only_once) {
+  faults::clear();
+  for (const char* name : {"libc.so", missing_library}) _import_probe(name);
+  EXPECT_EQ(faults::calls()["fopen"], 0);
+}
+
 TEST(import_library, opened_library_has_the_prefix_of_the_error_text) {
 import library("libm.so");
   EXPECT_NE(library.handle, nullptr);
@@ -109,6 +117,17 @@ TEST(import_library, missing_library_is_told_on_standard_error_alone) {
   EXPECT_EQ(screen.text(), "");
 }
 
+TEST(import_library, missing_library_is_told_at_once_even_where_standard_error_is_buffered) {
+  size_t unflushed = 1;
+  standard_error_of([&] {
+    setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+import library(missing_library);
+    unflushed = __fpending(stderr);
+    setvbuf(stderr, nullptr, _IONBF, 0);
+  });
+  EXPECT_EQ(unflushed, 0U);
+}
+
 TEST(import_library, missing_library_leaves_a_usable_object_without_a_handle) {
   standard_error_of([] {
 import library(missing_library);
@@ -124,6 +143,14 @@ TEST(import_library, without_a_handle_the_whole_process_is_searched) {
 import library(missing_library);
     EXPECT_EQ(library.proc("qsort", fallback), dlsym(RTLD_DEFAULT, "qsort"));
     EXPECT_EQ(library.error, "Unable to load libmivo_has_no_such_library.so");
+  });
+}
+
+TEST(import_library, without_a_handle_nothing_of_openssl_is_found) {
+  standard_error_of([] {
+import library(missing_library);
+    for (const char* symbol : {"OpenSSL_version_num", "SSL_read", "SSL_CTX_new"})
+      EXPECT_EQ(library.proc(symbol, fallback), fallback) << symbol;
   });
 }
 
