@@ -19,6 +19,7 @@ from mivo_process import ReservedPort, programs
 from wire import Wire, request, until
 
 HERE = pathlib.Path(__file__).resolve().parent
+REPOSITORY = HERE.parents[1]
 
 # In the order in which the program looks them up.
 NAMES = """
@@ -50,6 +51,8 @@ def compiled(tmp_path_factory):
         subprocess.run(["g++", "-std=c++17", "-O1", "-fPIC", "-c", HERE / f"{name}.cpp", "-o", folder / f"{name}.o"],
                        check=True)
     subprocess.run(["g++", "-shared", folder / "stub_system.o", "-o", folder / "stub_system.so"], check=True)
+    subprocess.run(["g++", "-std=c++17", f"-I{REPOSITORY}", HERE / "ask_loader.cpp", REPOSITORY / "tls/import.cpp",
+                    "-o", folder / "ask_loader"], check=True)
     return folder
 
 
@@ -76,11 +79,11 @@ class Stage:
         }
         self.mivo = None
 
-    def add_library(self, without=(), name=None):
+    def add_library(self, without=(), name=None, more=()):
         script = self.folder / "exports"
         exported = [symbol for symbol in [*NAMES, CHAIN] if symbol not in without]
         script.write_text("{ global: " + " ".join(f"{symbol};" for symbol in exported) + " local: *; };")
-        subprocess.run(["g++", "-shared", self.compiled / "stub_libssl.o", f"-Wl,--version-script={script}",
+        subprocess.run(["g++", "-shared", self.compiled / "stub_libssl.o", f"-Wl,--version-script={script}", *more,
                         "-o", self.libraries / (name or name_in_cache())], check=True)
 
     def break_library(self, name=None):
@@ -430,3 +433,69 @@ def test_no_linkers_cache__says_so_and_tries_the_plain_name(stage, is_broken):
     broken = "Unable to load libssl.so\n" if is_broken else ""
     assert stage.mivo.errors() == "Unable to find ld.so.cache!\n" + broken
     assert stage.log() == ([] if is_broken else ["loaded libssl.so"])
+
+
+def test_library_calls_what_nobody_has__is_opened_all_the_same(stage):
+    """As long as nothing makes the call: a library may need another one only for functions that are not used."""
+    source = stage.folder / "caller.cpp"
+    source.write_text("void nobody_has_this(); void caller() { nobody_has_this(); }")
+    stage.add_library(more=["-fPIC", "-Wl,-z,lazy", source])
+    stage.run()
+    assert stage.wait_for_exit() == 0
+    assert stage.log() == [f"loaded {name_in_cache()}"]
+    assert stage.mivo.errors() == ""
+
+
+class Loader:
+    """The loader's answers in a process of their own, over linker's caches that change while it runs."""
+
+    def __init__(self, folder, compiled):
+        self.etc, self.var = pathlib.Path(folder, "etc"), pathlib.Path(folder, "var")
+        self.answers, self.told = pathlib.Path(folder, "answers"), pathlib.Path(folder, "told")
+        self.count = 0
+        with open(self.answers, "wb") as answers, open(self.told, "wb") as told:
+            self.process = subprocess.Popen(
+                [compiled / "ask_loader"], stdin=subprocess.PIPE, stdout=answers, stderr=told,
+                env={"LD_PRELOAD": compiled / "stub_system.so", "MIVO_STUB_ETC_CACHE": self.etc,
+                     "MIVO_STUB_VAR_CACHE": self.var})
+
+    def ask(self, name):
+        self.process.stdin.write(f"{name}\n".encode())
+        self.process.stdin.flush()
+        self.count += 1
+        until(lambda: self.answers.read_text().count("\n") == self.count, f"an answer for {name}")
+        return self.answers.read_text().splitlines()[-1]
+
+    def errors(self):
+        return self.told.read_text()
+
+    def close(self):
+        self.process.stdin.close()
+        assert self.process.wait(15) == 0
+
+
+@pytest.fixture
+def loader(folder, compiled):
+    loader = Loader(folder, compiled)
+    yield loader
+    loader.close()
+
+
+def test_no_linkers_cache_yet__is_looked_for_again_at_every_call_and_said_at_once(loader):
+    for count in (1, 2):
+        assert loader.ask("libssl.so") == "libssl.so"
+        assert loader.errors() == "Unable to find ld.so.cache!\n" * count
+    loader.var.write_bytes(b"/a/libssl.so.77\0")
+    assert loader.ask("libssl.so") == "libssl.so.77"
+    assert loader.errors() == "Unable to find ld.so.cache!\n" * 2
+
+
+def test_linkers_cache_changes__is_read_again_as_long_as_nothing_was_found_in_it(loader):
+    loader.etc.write_bytes(b"/a\0")
+    assert loader.ask("libssl.so") == "libssl.so"
+    loader.etc.write_bytes(b"/a/libssl.so.77\0")
+    assert loader.ask("libssl.so") == "libssl.so.77"
+    loader.etc.write_bytes(b"/a/libssl.so.78\0/a/libother.so.1\0")
+    assert loader.ask("libssl.so") == "libssl.so.77"
+    assert loader.ask("libother.so") == "libother.so"
+    assert loader.errors() == ""
