@@ -1,4 +1,4 @@
-/* run_in_child: for what would change the process that the tests run in. */
+/* For what would change the process that the tests run in. */
 #pragma once
 
 #include <gtest/gtest.h>
@@ -30,6 +30,17 @@ inline bool run_in_child(const std::function<void()>& body) {
     waitpid(child, &status, 0);
   }
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/* Runs `body` in a child whose standard output has a large buffer. False when something was written out
+ * before the body ended; what it printed is there afterwards. */
+inline bool prints_without_flush(const std::function<void()>& body) {
+  return run_in_child([&] {
+    setvbuf(stdout, nullptr, _IOFBF, 65536);
+    const off_t before = lseek(STDOUT_FILENO, 0, SEEK_END);
+    body();
+    EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), before);
+  });
 }
 
 /* Calls `handler` every 5 ms from now on, as a signal that interrupts waits. */

@@ -259,14 +259,21 @@ TEST_F(server_start, server_on_port_0_services_what_is_put_into_its_list) {
 }
 
 TEST_F(server_start, messages_are_not_flushed) {
-  idle(join(), 11);
-  screen.clear();
-  EXPECT_TRUE(run_in_child([&] {
-    setvbuf(stdout, nullptr, _IOFBF, 65536);
+  link& a = join();
+  link& b = join();
+  idle(a, 11);
+  b.deliver_urgent_byte();
+  client waiting = connect_client();
+  EXPECT_TRUE(prints_without_flush([&] {
+    srv.last_report = 0;
     turn();
-    EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
+    turn();
+    srv.start();
+    faults::of()["accept4"] = {0, 1, EMFILE};
+    srv.accept_connection();
   }));
-  expect_console(line(links[0], "has timed out"));
+  expect_console(line(a, "has timed out") + "2 connections\n" + line(b, "has errors") +
+                 "server already started\naccept() failed\n");
 }
 
 }  // namespace

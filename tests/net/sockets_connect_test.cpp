@@ -13,6 +13,7 @@
 #include <cerrno>
 
 #include "net/sockets.h"
+#include "tests/net/child.h"
 #include "tests/support/client.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
@@ -195,6 +196,18 @@ TEST_F(sockets_connect, blocking__sockets_of_failed_addresses_are_closed) {
   close(next);
   faults::resolved() = {"127.0.0.9", "127.0.0.8", "127.0.0.1"};
   EXPECT_EQ(connect("many.example", true), next);
+}
+
+TEST_F(sockets_connect, messages_are_not_flushed) {
+  EXPECT_TRUE(prints_without_flush([&] {
+    faults::resolved() = {"127.0.0.9"};
+    connect("far.example", true);
+    faults::of()["getaddrinfo"] = {0, 1, 0, EAI_NONAME};
+    connect("nosuch.example", false);
+  }));
+  const std::string port = ":" + std::to_string(upstream.port());
+  expect_console("Address 0 failed: 127.0.0.9\nNo addresses worked for host far.example" + port +
+                 ".\ngetaddrinfo() failed for host nosuch.example" + port + "!\n");
 }
 
 TEST_F(sockets_connect, refused_connection_is_known_to_have_failed) {

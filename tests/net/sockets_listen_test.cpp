@@ -12,6 +12,7 @@
 #include <cerrno>
 
 #include "net/sockets.h"
+#include "tests/net/child.h"
 #include "tests/support/client.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
@@ -212,6 +213,28 @@ TEST_F(sockets_listen, refused_listening_is_printed_and_the_socket_closed) {
   EXPECT_EQ(sock, -1);
   EXPECT_EQ(next_descriptor(), next);
   expect_console(localhost_line() + "listen() failed\n");
+}
+
+TEST_F(sockets_listen, nothing_is_flushed_to_the_console) {
+  struct {
+    bool localhost_only;
+    const char* failing;
+    std::string last_line;
+  } const cases[] = {{true, "", "on localhost only\n"},
+                     {false, "", "192.0.2.1\n"},
+                     {true, "getaddrinfo", "getaddrinfo() failed: -1 Bad value for ai_flags\n"},
+                     {true, "socket", "socket() failed\n"},
+                     {true, "bind", port_taken_lines},
+                     {true, "listen", "listen() failed\n"}};
+  for (const auto& c : cases) {
+    EXPECT_TRUE(prints_without_flush([&] {
+      faults::adapters() = {"192.0.2.1"};
+      faults::of()[c.failing] = {0, 1, EIO};
+      listen(c.localhost_only);
+    })) << c.failing;
+    EXPECT_THAT(screen.text(), EndsWith(c.last_line));
+    screen.clear();
+  }
 }
 
 }  // namespace
