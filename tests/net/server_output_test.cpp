@@ -140,6 +140,14 @@ TEST_F(server_report, first_turn_of_a_server_prints_that_there_are_none) {
   EXPECT_EQ(fresh.last_report, start_time);
 }
 
+TEST_F(server_report, first_turn_prints_it_after_2038_too) {
+  faults::frozen_clock() = int64_t{INT32_MAX} + 1000;
+  recording_server fresh(0, notes);
+  fresh.update();
+  expect_console("0 connections\n");
+  EXPECT_EQ(fresh.last_report, int64_t{INT32_MAX} + 1000);
+}
+
 TEST_F(server_report, count_is_printed_when_more_than_5_seconds_have_passed) {
   join_for_ever();
   join_for_ever();

@@ -60,6 +60,21 @@ TEST_F(server_service, connection_times_out_after_10_seconds_of_silence_by_defau
   expect_console(message);
 }
 
+TEST_F(server_service, idle_seconds_are_counted_on_when_the_time_outgrows_31_bits) {
+  for (int beyond : {-3, 1, 1000}) {
+    faults::frozen_clock() = int64_t{INT32_MAX} + beyond;
+    faults::clock_offset() = 0;
+    std::string message = line(join(), "has timed out");
+    srv.last_report = faults::frozen_clock() + 60;
+    faults::clock_offset() = 10;
+    turn();
+    expect_console("");
+    faults::clock_offset() = 11;
+    turn();
+    expect_console(message);
+  }
+}
+
 TEST_F(server_service, time_out_ends_the_connection) {
   link& a = join();
   idle(a, 11);
