@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "tests/net/child.h"
 #include "tests/net/server_fixture.h"
 
 namespace {
@@ -91,6 +92,22 @@ TEST_F(server_accept, accepted_socket_sends_small_packets_at_once_and_probes_sil
   int sock = join().conn->sock;
   EXPECT_EQ(option(sock, IPPROTO_TCP, TCP_NODELAY), 1);
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 1);
+}
+
+TEST_F(server_accept, client_on_descriptor_0_is_served_like_any_other) {
+  client waiting = connect_client();
+  EXPECT_TRUE(run_in_child([&] {
+    ::close(0);
+    turn();
+    ASSERT_EQ(srv.connections.count, 1);
+    EXPECT_EQ(srv.connections.tail->value->sock, 0);
+    waiting.send("hello");
+    ASSERT_TRUE(wait_for(0, POLLIN));
+    EXPECT_THAT(notes_of_a_turn(), testing::Contains("c1 received hello"));
+    srv.stop();
+    EXPECT_FALSE(is_open(0));
+  }));
+  expect_console("");
 }
 
 TEST_F(server_accept, connections_are_listed_in_order_of_arrival) {

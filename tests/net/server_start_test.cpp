@@ -67,6 +67,21 @@ TEST(server, port_0_starts_without_listening) {
   EXPECT_EQ(screen.text(), "");
 }
 
+TEST_F(server_start, descriptor_0_is_one_like_any_other) {
+  const int port = free_port();
+  EXPECT_TRUE(run_in_child([&] {
+    close(0);
+    plain_server s(port, true);
+    EXPECT_TRUE(s.start());
+    EXPECT_EQ(s.sock, 0);
+    EXPECT_TRUE(FD_ISSET(0, sockets::all()));
+    EXPECT_FALSE(s.start());
+    s.stop();
+    EXPECT_FALSE(is_open(0));
+    EXPECT_FALSE(FD_ISSET(0, sockets::all()));
+  }));
+}
+
 TEST_F(server_start, start_listens_and_registers_the_socket) {
   plain_server s(free_port(), true);
   EXPECT_TRUE(s.start());
