@@ -94,6 +94,13 @@ TEST_F(server_accept, accepted_socket_sends_small_packets_at_once_and_probes_sil
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 1);
 }
 
+TEST_F(server_accept, silent_peer_is_given_up_after_two_minutes_of_probes) {
+  int sock = join().conn->sock;
+  EXPECT_EQ(option(sock, IPPROTO_TCP, TCP_KEEPIDLE) +
+                option(sock, IPPROTO_TCP, TCP_KEEPINTVL) * option(sock, IPPROTO_TCP, TCP_KEEPCNT),
+            120);
+}
+
 TEST_F(server_accept, client_on_descriptor_0_is_served_like_any_other) {
   client waiting = connect_client();
   EXPECT_TRUE(run_in_child([&] {

@@ -89,6 +89,13 @@ TEST_P(either_way, socket_sends_small_packets_at_once_and_probes_silent_peers) {
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 1);
 }
 
+TEST_P(either_way, silent_peer_is_given_up_after_two_minutes_of_probes) {
+  ASSERT_GE(connect("127.0.0.1"), 0);
+  EXPECT_EQ(option(sock, IPPROTO_TCP, TCP_KEEPIDLE) +
+                option(sock, IPPROTO_TCP, TCP_KEEPINTVL) * option(sock, IPPROTO_TCP, TCP_KEEPCNT),
+            120);
+}
+
 TEST_P(either_way, receive_buffer_is_set_and_at_most_a_megabyte) {
   ASSERT_GE(connect("127.0.0.1"), 0);
   client untouched(upstream.port());
