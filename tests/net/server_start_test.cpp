@@ -67,6 +67,34 @@ TEST(server, port_0_starts_without_listening) {
   EXPECT_EQ(screen.text(), "");
 }
 
+TEST(server, negative_port_is_not_port_0) {
+  console screen;
+  plain_server s(-1, true);
+  EXPECT_FALSE(s.start());
+  EXPECT_EQ(s.sock, -1);
+  EXPECT_THAT(screen.text(), testing::StartsWith("Binding to port -1 on localhost only\n"));
+}
+
+TEST(server, plain_transport_is_one_call_of_the_system_outside_of_a_turn) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+  plain_server s(0);
+  std::unique_ptr<connection> c(s.create_connection(0));
+  c->sock = ends[0];
+  char buf[4] = "";
+  ASSERT_EQ(write(ends[1], "abc", 3), 3);
+  EXPECT_EQ(s.recv(c.get(), buf, 2), 2);
+  EXPECT_EQ(s.recv(c.get(), buf + 2, 2), 1);
+  EXPECT_STREQ(buf, "abc");
+  EXPECT_EQ(s.recv(c.get(), buf, 2), -1);
+  EXPECT_EQ(s.send(c.get(), buf, 3), 3);
+  EXPECT_EQ(read(ends[1], buf, 4), 3);
+  close(ends[1]);
+  EXPECT_EQ(s.recv(c.get(), buf, 2), 0);
+  EXPECT_EQ(s.send(c.get(), buf, 3), -1);
+  close(ends[0]);
+}
+
 TEST_F(server_start, descriptor_0_is_one_like_any_other) {
   const int port = free_port();
   EXPECT_TRUE(run_in_child([&] {

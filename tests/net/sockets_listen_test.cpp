@@ -119,6 +119,13 @@ TEST_F(sockets_listen, unknown_adapters_print_an_empty_line) {
   expect_console(all_adapters_line() + "\n");
 }
 
+TEST_F(sockets_listen, adapter_whose_address_has_no_text_is_left_out) {
+  faults::adapters() = {"192.0.2.1", "192.0.2.2", "192.0.2.3"};
+  faults::of()["getnameinfo"] = {1, 1, 0, EAI_FAIL};
+  ASSERT_TRUE(listen(false));
+  expect_console(all_adapters_line() + "192.0.2.1\n192.0.2.3\n");
+}
+
 TEST_F(sockets_listen, adapters_are_not_listed_for_localhost_only) {
   ASSERT_TRUE(listen());
   EXPECT_EQ(faults::calls()["getifaddrs"], 0);
