@@ -49,6 +49,17 @@ bool interrupt_and_start() {
   return true;
 }
 
+// What is done about each signal, by its number.
+std::vector<sighandler_t> handlers() {
+  std::vector<sighandler_t> all;
+  for (int number = 0; number < NSIG; number++) {
+    struct sigaction action = {};
+    sigaction(number, nullptr, &action);
+    all.push_back(action.sa_handler);
+  }
+  return all;
+}
+
 // From now on SIGINT arrives while the loop waits; before the loop has a handler for it, it is held back.
 void interrupt_during_the_wait() {
   interrupt_regularly([](int) {
@@ -76,6 +87,12 @@ class run_test : public testing::Test {
   abstract_server** both() {
     servers = {&a, &b, nullptr};
     return servers.data();
+  }
+
+  // Both loops, each over the server a alone.
+  std::vector<std::function<void()>> loops_over_a() {
+    servers = {&a, nullptr};
+    return {[this] { a.run(); }, [this] { abstract_server::run(servers.data()); }};
   }
 
   // Makes every wait end at once, with something ready.
@@ -127,6 +144,24 @@ TEST_F(run_test, one_server__interrupt_during_the_wait_ends_the_run_without_an_e
         EXPECT_EQ(sockets::num_ready(), -1);
       },
       "Shutting down...\n");
+}
+
+// Whenever the signal comes in the second turn, each wait is followed by its update.
+TEST_F(run_test, one_server__interrupted_turn_is_completed) {
+  static volatile sig_atomic_t is_second;
+  is_second = false;
+  int turns = 0;
+  a.updates = [&] {
+    turns++;
+    is_second = true;
+  };
+  EXPECT_TRUE(run_in_child([&] {
+    interrupt_regularly([](int) {
+      if (is_second) raise(SIGINT);
+    });
+    a.run();
+    EXPECT_EQ(turns, faults::calls()["select"]);
+  }));
 }
 
 TEST_F(run_test, one_server__port_0_serves_nothing_until_the_interrupt) {
@@ -275,6 +310,60 @@ TEST_F(run_test, stop_flag_stays_set) {
         a.run();
       },
       "a start\na update\nShutting down...\na start\nShutting down...\n");
+}
+
+TEST_F(run_test, stop_flag_of_several_servers_stays_set) {
+  servers = {&a, nullptr};
+  a.idles = interrupt;
+  expect_prints(
+      [&] {
+        abstract_server::run(servers.data());
+        abstract_server::run(servers.data());
+      },
+      "a start\na update\na idle\nShutting down...\na start\nShutting down...\n");
+}
+
+TEST_F(run_test, interrupt_may_come_again_and_behind_the_end) {
+  a.updates = [] {
+    interrupt();
+    interrupt();
+  };
+  for (const auto& loop : loops_over_a()) {
+    EXPECT_TRUE(run_in_child([&] {
+      make_a_socket_readable();
+      loop();
+      interrupt();
+    }));
+  }
+}
+
+TEST_F(run_test, sigint_is_the_only_signal_that_is_handled) {
+  a.updates = interrupt;
+  for (const auto& loop : loops_over_a()) {
+    EXPECT_TRUE(run_in_child([&] {
+      const std::vector<sighandler_t> before = handlers();
+      loop();
+      const std::vector<sighandler_t> after = handlers();
+      for (size_t number = 0; number < NSIG; number++)
+        EXPECT_EQ(before[number] != after[number], number == SIGINT) << number;
+    }));
+  }
+}
+
+TEST_F(run_test, messages_are_not_flushed) {
+  a.updates = interrupt;
+  for (bool can_start : {true, false}) {
+    a.starts = [=] { return can_start; };
+    for (const auto& loop : loops_over_a()) {
+      screen.clear();
+      EXPECT_TRUE(run_in_child([&] {
+        setvbuf(stdout, nullptr, _IOFBF, 65536);
+        loop();
+        EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
+      }));
+      EXPECT_NE(screen.text(), "");
+    }
+  }
 }
 
 TEST_F(run_test, each_loop_has_a_stop_flag_of_its_own) {
