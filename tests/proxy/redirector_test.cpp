@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +15,7 @@
 #include "proxy/reverse_proxy.h"
 #include "tests/support/client.h"
 #include "tests/support/console.h"
+#include "tests/support/faults.h"
 
 namespace {
 
@@ -74,7 +77,7 @@ TEST_F(redirects, port_443_is_not_named) {
 }
 
 TEST_F(redirects, any_other_port_is_named) {
-  for (int port : {8443, 1, 444, 65535, 0, -1}) {
+  for (int port : {8443, 1, 444, 65535, 65536, INT32_MAX, 0, -1, INT32_MIN}) {
     redirector::ssl_port() = port;
     EXPECT_EQ(answer_to_get("/x", "Host: h:8080\r\n"), moved_to("https://h:" + std::to_string(port) + "/x"));
   }
@@ -130,6 +133,10 @@ TEST_F(redirects, query_is_dropped_and_nothing_else_of_the_target) {
         << c.target;
 }
 
+TEST_F(redirects, request_line_without_a_target_leads_to_the_host_itself) {
+  EXPECT_EQ(answer_to("GET\r\nHost: h\r\n\r\n"), moved_to("https://h"));
+}
+
 TEST_F(redirects, every_method_is_redirected) {
   for (const char* method : {"GET", "HEAD", "POST", "DELETE", "OPTIONS"})
     EXPECT_EQ(answer_to(std::string(method) + " /x HTTP/1.1\r\nHost: h\r\n\r\n"), moved_to("https://h/x"));
@@ -158,6 +165,29 @@ TEST_F(redirects, connection_closes_even_when_the_client_asks_to_keep_it) {
   EXPECT_EQ(answer_to_get("/x", "Host: h\r\nConnection: keep-alive\r\n"), moved_to("https://h/x"));
 }
 
+TEST(redirector, only_keep_alive_is_changed_by_the_answer) {
+  console out;
+  redirector r;
+  std::string request = "GET / HTTP/1.1\r\nHost: h\r\n\r\n";
+  r.on_recv(request.data(), static_cast<int>(request.size()));
+  EXPECT_FALSE(r.keep_alive);
+  EXPECT_EQ(r.timeout, 10);
+  EXPECT_EQ(r.head, "GET / HTTP/1.1\r\nHost: h\r\n") << "no reset() behind the last request";
+}
+
+// Both handshakes are answered before on_request, which can only close the connection.
+TEST_F(redirects, websocket_handshake_is_answered_instead_of_redirected) {
+  const std::string handshake =
+      "Host: h\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: ";  // of RFC 6455, section 1.3
+  EXPECT_EQ(answer_to_get("/", handshake + "13\r\n"),
+            "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+            "Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(answer_to_get("/", handshake + "12\r\n"),
+            "HTTP/1.1 400 Bad Request\r\nSec-WebSocket-Version: 13\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(out.text(), "Warning! Double write() detected!\n");
+}
+
 TEST_F(redirects, http_1_0_client_gets_no_length_unless_it_asks_to_stay) {
   const std::string answer =
       "HTTP/1.1 301 Moved Permanently\r\nLocation: https://h/x\r\nConnection: close\r\n";
@@ -180,6 +210,30 @@ TEST_F(redirects, server_makes_redirectors_whatever_its_connection_class_is) {
     std::unique_ptr<connection> made(server->create_connection(0));
     EXPECT_NE(dynamic_cast<redirector*>(made.get()), nullptr);
   }
+}
+
+TEST(redirector, class_adds_no_fields) {
+  EXPECT_EQ(sizeof(redirector), sizeof(http_connection));
+}
+
+TEST(redirect_server, made_connection_is_like_any_new_one) {
+  redirect_server<reverse_proxy> fresh(0);
+  std::unique_ptr<connection> made(fresh.create_connection(0x0100007f));
+  EXPECT_EQ(made->sock, -1);
+  EXPECT_EQ(made->ip, 0U);
+  EXPECT_EQ(made->timeout, 10);
+  EXPECT_TRUE(made->keep);
+}
+
+TEST(redirect_server, client_is_refused_when_there_is_no_memory_for_a_connection) {
+  redirect_server<reverse_proxy> fresh(0);
+  std::vector<std::unique_ptr<connection>> made;  // what still stands in memory that was had before
+  faults::of()["mmap"] = {0, 1000, ENOMEM};
+  while (connection* next = fresh.create_connection(0)) {
+    made.emplace_back(next);
+    ASSERT_LT(made.size(), 1000U);
+  }
+  faults::clear();
 }
 
 TEST(redirect_server, new_server_is_like_any_other) {
