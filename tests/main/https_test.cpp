@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -123,6 +124,17 @@ TEST_F(https_run, whatever_the_probe_throws_means_the_older_library) {
   EXPECT_EQ(tls.notes[0], "SSL_load_error_strings()");
 }
 
+TEST_F(https_run, generation_of_the_library_is_noted_in_the_server) {
+  ssl_server<reverse_proxy> newer(ssl_port, key, crt);
+  https::create_context(newer);
+  EXPECT_TRUE(newer.is_new_api);
+  tls.remove(openssl::OpenSSL_version_num);
+  ssl_server<reverse_proxy> older(ssl_port, key, crt);
+  older.is_new_api = true;
+  https::create_context(older);
+  EXPECT_FALSE(older.is_new_api);
+}
+
 TEST_F(https_run, statuses_of_the_library_are_ignored) {
   tls.result = 0;
   EXPECT_TRUE(run_until_start_fails(0));
@@ -172,6 +184,13 @@ TEST_F(https_run, library_that_is_missing_altogether_prints_the_text_of_the_load
   EXPECT_EQ(screen.text(), "Unable to load libssl.so\nOpenSSL_version_num\n");
 }
 
+TEST_F(https_run, text_of_the_loader_is_printed_when_everything_is_gone) {
+  tls.replace(openssl::SSL_CTX_free, [](void*) { printf("context freed\n"); });
+  tls.remove(openssl::SSL_CTX_ctrl, "text");
+  EXPECT_FALSE(run(http_port));
+  EXPECT_EQ(screen.text(), "context freed\ntext\n");
+}
+
 TEST_F(https_run, exceptions_of_other_types_are_not_caught) {
   tls.replace(openssl::SSL_CTX_new, [](const void*) -> void* { throw 1; });
   EXPECT_THROW(run(0), int);
@@ -194,6 +213,25 @@ TEST_F(https_run, failed_start_closes_what_was_open) {
   EXPECT_EQ(tls.notes.back(), "SSL_CTX_free(ctx)");
 }
 
+TEST_F(https_run, negative_http_port_is_a_port_too) {
+  EXPECT_TRUE(run_until_start_fails(-1));
+  EXPECT_EQ(screen.text(), "Redirecting http (-1) to https (" + std::to_string(ssl_port) + ")\n" +
+                               binding(-1) + "getaddrinfo() failed: " + std::to_string(EAI_SERVICE) + " " +
+                               gai_strerror(EAI_SERVICE) + "\nFailed to start server(s).\n");
+}
+
+TEST_F(https_run, lines_are_not_flushed) {
+  for (int port : {0, http_port}) {
+    screen.clear();
+    EXPECT_TRUE(run_in_child([&] {
+      setvbuf(stdout, nullptr, _IOFBF, 65536);
+      run_until_start_fails(port);
+      EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
+    }));
+    EXPECT_NE(screen.text(), "");
+  }
+}
+
 TEST_F(https_run, without_an_http_port_nothing_but_tls_is_bound) {
   redirector::ssl_port() = 1234;
   EXPECT_TRUE(run_until_start_fails(0));
@@ -204,6 +242,18 @@ TEST_F(https_run, without_an_http_port_nothing_but_tls_is_bound) {
 TEST_F(https_run, sigint_ends_it_in_good_order) {
   run_in_child_with(http_port, [](int) { raise(SIGINT); });
   EXPECT_EQ(screen.text(), redirecting() + binding(http_port) + binding(ssl_port) + "Shutting down...\n");
+}
+
+TEST_F(https_run, second_server_ends_before_the_context_and_the_tls_server_behind_it) {
+  static int ports[2];
+  ports[0] = http_port;
+  ports[1] = ssl_port;
+  tls.replace(openssl::SSL_CTX_free, [](void*) {
+    for (int port : ports) printf("%s, ", client(port).ok() ? "open" : "closed");
+    printf("context freed\n");
+  });
+  run_in_child_with(http_port, [](int) { raise(SIGINT); });
+  EXPECT_THAT(screen.text(), testing::EndsWith("Shutting down...\nclosed, open, context freed\n"));
 }
 
 TEST_F(https_run, upstream_connections_belong_to_the_redirect_server) {
