@@ -2,6 +2,8 @@
 
 import array
 import fcntl
+import pathlib
+import re
 import signal
 import socket
 import struct
@@ -101,6 +103,17 @@ WALKS = {
                        {"a": "echo"}),
     "ssl_takes_flags_as_its_files": (["-ssl", "0", "-map", "a", "-1", "-map", "b", "-1"],
                                      {"a": "404", "b": "echo"}),
+    "ssl_takes_map_as_its_last_file": (["-ssl", "0", "k.pem", "-map", "a", "-1"], {"a": "404"}),
+    "ssl_in_other_spellings": (
+        [text for flag in ("-SSL", "--ssl", "-ssl=8443", "-sslx", "-ss")
+         for text in (flag, "8443", "k.pem", "c.pem")] + ["-map", "a", "-1"], {"a": "echo"}),
+    "map_in_other_spellings": (
+        [text for flag in ("-mapx", "-ma", "map", "-map ", " -map") for text in (flag, "a", "-1")], {"a": "404"}),
+    "map_to_a_port_beyond_32_bits": (["-map", "a", str((1 << 32) - 1), "-map", "b", str(1 << 32)],
+                                     {"a": "echo", "b": "404"}),
+    "ssl_with_a_port_that_is_zero_in_32_bits": (["-ssl", str(1 << 32), "k.pem", "c.pem", "-map", "a", "-1"],
+                                                {"a": "echo"}),
+    "host_that_differs_in_case": (["-map", "A.Example", "-1"], {"A.Example": "echo", "a.example": "404"}),
     "empty_host": (["-map", "", "-1"], {"": "echo", "a": "404"}),
     "forty_maps": ([text for i in range(40) for text in ("-map", f"host{i}.example", "-1")],
                    {f"host{i}.example": "echo" for i in range(40)} | {"host40.example": "404"}),
@@ -129,9 +142,11 @@ def test_port_that_is_not_just_digits__is_read_up_to_the_first_other_character(r
     mivo.interrupt()
 
 
-@pytest.mark.parametrize("port", ["0", "-map", "-ssl", "x{port}", "", "-0"])
-def test_port_that_reads_as_zero__serves_nothing_until_sigint(run_mivo, port):
-    mivo = run_mivo(port, "-map", "a", "-1")
+@pytest.mark.parametrize("arguments", [
+    *([port, "-map", "a", "-1"] for port in ("0", "-map", "-ssl", "x{port}", "", "-0", str(1 << 32))),
+    ["-ssl", "{port}", "k.pem", "c.pem"]], ids=lambda arguments: arguments[0] + arguments[1])
+def test_port_that_reads_as_zero__serves_nothing_until_sigint(run_mivo, arguments):
+    mivo = run_mivo(*arguments)
     mivo.wait_until_it_runs()
     assert {"0", "1", "2"} == mivo.descriptors()
     mivo.interrupt()
@@ -179,6 +194,27 @@ def test_sigint_during_a_download__ends_the_run_within_a_turn(start_mivo, connec
     client.read(1 << 20)
     mivo.interrupt()
     client.wait_closed()
+
+
+def signals(mivo, kind):
+    """The signals that /proc says mivo catches ("SigCgt") or ignores ("SigIgn")."""
+    status = pathlib.Path(f"/proc/{mivo.pid}/status").read_text()
+    mask = int(re.search(rf"^{kind}:\s+([0-9a-f]+)$", status, re.M)[1], 16)
+    return {number for number in range(1, 65) if mask >> (number - 1) & 1}
+
+
+def test_signals__sigint_alone_is_caught_and_sigpipe_ignored(start_mivo):
+    mivo = start_mivo()
+    assert signals(mivo, "SigCgt") == {signal.SIGINT}
+    assert signal.SIGPIPE in signals(mivo, "SigIgn")
+
+
+def test_sigterm__ends_the_run_at_once_and_not_in_order(run_mivo):
+    mivo = run_mivo("{port}")
+    mivo.wait_until_it_runs()
+    mivo.process.send_signal(signal.SIGTERM)
+    assert mivo.wait_for_exit() == -signal.SIGTERM
+    assert "Shutting down" not in mivo.console()
 
 
 def test_sigpipe_and_a_second_sigint__do_no_harm(start_mivo):
