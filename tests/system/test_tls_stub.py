@@ -16,7 +16,7 @@ import subprocess
 import pytest
 
 from mivo_process import ReservedPort, programs
-from wire import Wire, request, until
+from wire import Wire, reply, request, until
 
 HERE = pathlib.Path(__file__).resolve().parent
 REPOSITORY = HERE.parents[1]
@@ -101,8 +101,8 @@ class Stage:
         self.mivo = self.run_mivo(*settings, self.program, *arguments)
         return self.mivo
 
-    def run_tls(self, http_port="{port}", hosts=("h",)):
-        maps = [text for host in hosts for text in ("-map", host, "-1")]
+    def run_tls(self, http_port="{port}", hosts=(("h", -1),)):
+        maps = [text for host, port in dict(hosts).items() for text in ("-map", host, str(port))]
         return self.run(http_port, "-ssl", str(self.ssl_port), str(self.key), str(self.crt), *maps)
 
     def serve_tls(self, **options):
@@ -222,6 +222,30 @@ def test_no_http_port__https_only(stage):
     wire.close()
     stage.interrupt()
     assert stage.console() == "Using https only (no http)\n" + stage.binding(stage.ssl_port) + "Shutting down...\n"
+
+
+def test_no_http_port__requests_are_relayed_all_the_same(stage, listen):
+    upstream = listen()
+    stage.add_library()
+    stage.serve_tls(http_port="0", hosts={"h": upstream.port})
+    wire = stage.connect()
+    wire.send(request("h", "/x"))
+    served = upstream.accept()
+    assert served.read_head() == b"GET /x HTTP/1.1\r\nHost: h\r\nX-Forwarded-For: 127.0.0.1\r\n\r\n"
+    served.send(reply(b"a body"))
+    assert wire.read_reply() == (b"HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\n", b"a body")
+    wire.close()
+    stage.interrupt()
+
+
+def test_negative_https_port__is_a_port_that_cannot_be_had(stage):
+    stage.add_library()
+    stage.ssl_port = -1
+    stage.run_tls(http_port="0")
+    assert stage.wait_for_exit() == 0
+    assert stage.console() == ("Using https only (no http)\n" + stage.binding(-1) +
+                               "getaddrinfo() failed: -8 Servname not supported for ai_socktype\n"
+                               "Failed to start server(s).\n")
 
 
 def test_http_port__every_request_is_sent_to_the_https_port(stage):
