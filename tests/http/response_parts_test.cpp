@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -192,6 +193,14 @@ TEST_F(http_response_parts, file_is_closed_when_its_last_byte_is_out) {
   EXPECT_FALSE(is_open(descriptor));
 }
 
+TEST_F(http_response_parts, file_with_a_limit_is_closed_when_the_limit_is_reached) {
+  const int descriptor = fileno(queue_file("0123456789", 4).file);
+  send_once(c(), 4);
+  EXPECT_TRUE(is_open(descriptor));
+  send_once(c(), 4);
+  EXPECT_FALSE(is_open(descriptor));
+}
+
 TEST_F(http_response_parts, file_goes_before_job_and_job_before_bytes) {
   part& both = queue_file("file");
   both.thread = new counted_job(jobs_deleted);
@@ -251,6 +260,15 @@ TEST_F(http_response_parts, jobs_result_sets_the_idle_time_out_and_the_last_acti
   EXPECT_GE(c().last_active, before);
   EXPECT_LE(c().last_active, time(nullptr));
   EXPECT_EQ(c().timeout, 33);
+}
+
+// 0 ends the connection soon, less than 0 never.
+TEST_F(http_response_parts, jobs_result_sets_any_idle_time_out) {
+  for (int32_t timeout : {0, -1, INT32_MAX}) {
+    queue_job(timeout).done = true;
+    send_once(c());
+    EXPECT_EQ(c().timeout, timeout);
+  }
 }
 
 TEST_F(http_response_parts, other_kinds_leave_the_idle_time_out_and_the_last_activity_alone) {
