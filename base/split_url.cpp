@@ -1,6 +1,5 @@
 #include "base/split_url.h"
 
-#include <cstdlib>
 #include <vector>
 
 #include "base/punycode.h"
@@ -39,7 +38,7 @@ split_url::split_url(const std::string& url) : scheme("http"), path("/") {
 
   size_t colon = rest.find(':');
   if (is_inside(colon)) {
-    port = static_cast<int32_t>(strtol(rest.c_str() + colon + 1, nullptr, 10));
+    port = base::parse_int(rest.c_str() + colon + 1);
     rest.resize(colon);
   } else {
     port = default_port(scheme);

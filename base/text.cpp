@@ -3,6 +3,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace base {
@@ -12,6 +13,10 @@ std::string num(double x) {
   double integral = 0;
   snprintf(text, sizeof(text), std::modf(x, &integral) == 0.0 ? "%.0f" : "%g", x);
   return text;
+}
+
+int32_t parse_int(const char* text) {
+  return static_cast<int32_t>(strtol(text, nullptr, 10));
 }
 
 void empty_for_reuse(std::string& s) {

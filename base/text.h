@@ -10,6 +10,10 @@ namespace base {
 /* `x` as text: all digits ("%.0f") when it has no fractional part, six significant ones ("%g") otherwise. */
 std::string num(double x);
 
+/* The decimal number that `text` begins with, behind blanks and a sign, as strtol() reads it and cut to its
+ * low 32 bits; 0 when there is none. */
+int32_t parse_int(const char* text);
+
 /* Empties `s` for the next text. It keeps its memory, unless that is more than 64 KiB. */
 void empty_for_reuse(std::string& s);
 

@@ -31,11 +31,10 @@ struct http_connection : connection {
     virtual ~job() = default;
   };
 
-  /* One queued piece of output: a file, if `file` is set; else a job's result, if `thread` is; else `data`.
-   */
+  /* One queued piece of output: a file if `file` is set, else a job's result if `thread` is, else `data`. */
   struct response_part {
     FILE* file = nullptr;     // owned; sent from where it stands
-    double remaining = -1.0;  // bytes still to be read from it; negative: all
+    double remaining = -1.0;  // bytes still to be read from it; negative: all; see send_file()
     std::string data;
     job* thread = nullptr;  // owned; its result is sent as one chunk and the last chunk
     int32_t timeout = 0;    // the connection's idle time-out from when a job's result is sent
@@ -57,16 +56,18 @@ struct http_connection : connection {
     pong_frame = 10,
   };
 
+  static constexpr int32_t usual_max_length = 104857600;  // of a request
+
   bool headers_received = false;
   std::string head;
   bool written = false;                             // the answer to this request is queued
   base::linkedlist<response_part*> response_parts;  // owned
-  int32_t max_request_length = 104857600;           // of head and body; 0 or less: no limit
+  int32_t max_request_length = usual_max_length;    // of head and body; 0 or less: no limit
   int32_t request_length = 0;                       // received so far, head and body
   int32_t content_received = 0;                     // of the body
   int32_t content_length = 0;                       // announced; 0 when it was not
   std::string content;     // the body as on_data gathers it; after an upgrade, the unread frames
-  bool keep_alive = true;  // stay open after the answer; nothing sets it back to true
+  bool keep_alive = true;  // stay open after the answer; reset() leaves it
   std::string method;
   std::string target;   // as sent
   std::string version;  // "HTTP/1.1", say
@@ -86,14 +87,18 @@ struct http_connection : connection {
   /* Ends the connection's subscriptions and deletes the parts still queued. */
   ~http_connection() override;
 
+  /* Takes the next bytes of the input, however it is cut, and calls the hooks for what is complete. */
   void on_recv(char* data, int len) override;
+
+  /* Hands out one queued part, or a slice of it. Stays open while any are queued or nothing was answered. */
   bool on_send(char* buf, int cap, int* len) override;
 
-  /* The head of a request has been parsed; no byte of the body was delivered yet. Prints info(true). */
+  /* The head of a request has been parsed; no byte of the body was delivered yet, though content_received
+   * counts those that came with the head. Prints info(true). */
   virtual void on_headers();
 
-  /* A run of body bytes, which die after the call. Gathers them in `content`; after an upgrade reads the
-   * frames in it. */
+  /* A run of body bytes, counted already, which die after the call; there may be none. Gathers them in
+   * `content`; after an upgrade reads the frames in it. */
   virtual void on_data(char* data, int len);
 
   /* The connection speaks WebSocket now. Closes it once the handshake is sent: override to stay. */
@@ -102,7 +107,7 @@ struct http_connection : connection {
   /* A WebSocket message is complete, in `message`, which is emptied afterwards. Echoes it as text. */
   virtual void on_message();
 
-  /* The request is complete. Answers with its head and the length of its body, as plain text. */
+  /* The request is complete. Answers with the request's head and the length of its body, as text. */
   virtual void on_request();
 
   /* Makes the fields of a request ready for the next one. keep_alive, the queued parts, the upgrade and the
@@ -114,7 +119,8 @@ struct http_connection : connection {
    * transfer coding is there; `body` is left out for HEAD. Only the first call of a request counts. */
   void write(std::string answer_head, const std::string& body);
 
-  /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. */
+  /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. The 301
+   * announces that the connection closes; keep_alive decides. */
   void redirect(const std::string& url, bool permanent);
 
   /* Queues one unfragmented, unmasked WebSocket frame (RFC 6455, section 5.2) with one of the `opcodes`. At

@@ -2,7 +2,6 @@
 
 #include <netinet/in.h>
 
-#include <cstdlib>
 #include <string_view>
 
 #include "base/find.h"
@@ -18,13 +17,9 @@ int32_t wrapping_sum(int32_t a, int len) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(len));
 }
 
-// Positions are 32 bits wide and signed, so npos is -1.
-int32_t position(size_t found) {
+// Positions count as signed 32-bit numbers, so npos is -1.
+int32_t signed_position(size_t found) {
   return static_cast<int32_t>(found);
-}
-
-int32_t parse_number(const std::string& text) {
-  return static_cast<int32_t>(strtol(text.c_str(), nullptr, 10));
 }
 
 }  // namespace
@@ -49,15 +44,15 @@ void http_connection::receive_head(char* data, int len) {
   const std::string_view chunk(data, static_cast<size_t>(len));
   const size_t before = head.size();
   // A head mostly comes whole, with its body behind it or without, and is then found where it is: a MiB of
-  // body is not to pass through `head`.
+  // body is not to pass through `head`. A request that begins with the empty line is never parsed.
   size_t end = before == 0 ? chunk.find(head_end) : std::string::npos;
   if (end != std::string::npos && end > 0) {
     head.assign(data, end + 2);
   } else {
     head.append(chunk);
     end = head.find(head_end, before < 3 ? 0 : before - 3);
-    // A request that begins with the empty line is never parsed.
-    if (position(end) <= 0 || head.compare(0, 4, head_end) == 0) return;
+    // Here the search may begin behind the first byte, so the empty line in front is looked for by itself.
+    if (signed_position(end) <= 0 || head.compare(0, 4, head_end) == 0) return;
     head.resize(end + 2);
   }
   // The last byte of the end is new, so all that comes behind it is in this chunk.
@@ -83,17 +78,17 @@ void http_connection::parse_head() {
   size_t first_space = head.find(' ');
   size_t second_space = head.find(' ', first_space + 1);
   size_t line_end = head.find("\r\n", second_space + 1);
-  if (position(first_space) > 0) method.assign(head, 0, first_space);
-  if (position(second_space) > 0) target.assign(head, first_space + 1, second_space - first_space - 1);
-  if (position(line_end) > 0) version.assign(head, second_space + 1, line_end - second_space - 1);
+  if (signed_position(first_space) > 0) method.assign(head, 0, first_space);
+  if (signed_position(second_space) > 0) target.assign(head, first_space + 1, second_space - first_space - 1);
+  if (signed_position(line_end) > 0) version.assign(head, second_space + 1, line_end - second_space - 1);
 
-  content_length = parse_number(get_header("content-length", head));
-  // HTTP/1.1 stays open even when the client says "Connection: close": it closes the connection itself.
+  content_length = base::parse_int(get_header("content-length", head).c_str());
+  // HTTP/1.1 stays open even when the client says "Connection: close": the client is left to close it.
   if (version == "HTTP/1.0" && get_header("connection", head) != "Keep-Alive") keep_alive = false;
   cookie = get_header("cookie", head);
 
   size_t question = target.find('?');
-  if (position(question) > 0) {
+  if (signed_position(question) > 0) {
     query.assign(target, question + 1);
     path.assign(target, 0, question);
   } else {
@@ -112,12 +107,13 @@ void http_connection::on_headers() {
 }
 
 void http_connection::on_data(char* data, int len) {
+  // append() would take a negative length for a huge one.
   if (len > 0) content.append(data, static_cast<size_t>(len));
   if (upgraded && keep_alive) read_frames();
 }
 
 void http_connection::reset() {
-  max_request_length = 104857600;
+  max_request_length = usual_max_length;
   headers_received = false;
   written = false;
   content_length = 0;
@@ -160,7 +156,7 @@ namespace {
 size_t find_line(const std::string& name, const std::string& text) {
   size_t at = text.find("\r\n");
   while (at != std::string::npos) {
-    at += 2;
+    at += 2;  // over the CRLF
     if (text.size() - at >= name.size() && base::is_equal_folded(text.data() + at, name.data(), name.size()))
       return at + name.size();
     at = text.find("\r\n", at);

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 #include "base/text.h"
 #include "http/http_connection.h"
@@ -47,12 +48,12 @@ void http_connection::append_part(std::string data) {
   auto* part = new response_part;  // deleted by pop_part() or the destructor
   part->data = std::move(data);
   response_parts.push(part);
-  // The server may pass this connection over in the turn that follows; it must not wait for the next event.
+  // The pass that follows may leave this connection out; the next wait is then to end at once.
   sockets::mark_ready(sock);
 }
 
 bool http_connection::on_send(char* buf, int cap, int* len) {
-  if (response_parts.count == 0) return written ? keep_alive : true;
+  if (response_parts.count == 0) return !written || keep_alive;  // not answered yet: wait
   response_part& part = *response_parts.head->next->value;
   if (part.file) return send_file(part, buf, cap, len);
   if (part.thread) return send_job(part, buf, cap, len);
@@ -60,7 +61,8 @@ bool http_connection::on_send(char* buf, int cap, int* len) {
 }
 
 // A slice of a file, until a read comes short. A limit that is not a multiple of `cap` is not counted down
-// in its last step: that slice repeats until the file ends, so a limit is to be the file's own length.
+// in its last step: that slice repeats until the file ends. So a limit is exact when it is a multiple of
+// `cap` or reaches the end of the file.
 bool http_connection::send_file(response_part& part, char* buf, int cap, int* len) {
   int n = cap;
   if (part.remaining >= 0) {
@@ -74,7 +76,7 @@ bool http_connection::send_file(response_part& part, char* buf, int cap, int* le
     if (*len >= n) return true;
   }
   pop_part();
-  if (*len == 0) sockets::mark_ready(sock);  // what comes next, be it the end, need not wait either
+  if (*len == 0) sockets::mark_ready(sock);  // nothing goes out, so no event would wake what comes next
   return true;
 }
 
@@ -82,7 +84,7 @@ bool http_connection::send_file(response_part& part, char* buf, int cap, int* le
 bool http_connection::send_job(response_part& part, char* buf, int cap, int* len) {
   if (!__atomic_load_n(&part.thread->done, __ATOMIC_ACQUIRE)) return true;
   std::string result = part.thread->result;
-  char length[32];
+  char length[32];  // up to 16 digits and CRLF
   snprintf(length, sizeof(length), "%zX\r\n", result.size());
   std::string text = length + result + "\r\n0\r\n\r\n";
   if (text.size() > static_cast<size_t>(out_capacity)) {
@@ -93,7 +95,7 @@ bool http_connection::send_job(response_part& part, char* buf, int cap, int* len
   last_active = static_cast<int32_t>(time(nullptr));
   timeout = part.timeout;
   delete part.thread;
-  part.thread = nullptr;
+  part.thread = nullptr;  // from here on it is a part like any other text, and may go out in slices
   part.data = std::move(text);
   return send_data(part, buf, cap, len);
 }

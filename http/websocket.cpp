@@ -1,7 +1,6 @@
 // WebSocket (RFC 6455), server side: the opening handshake, frames in and out, and the end of subscriptions.
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "base/text.h"
 #include "http/http_connection.h"
@@ -65,7 +64,7 @@ parse_results parse_frame_header(const std::string& text, size_t off, frame_head
 // handler then finds the answer already written.
 void http_connection::start_websocket() {
   std::string key = get_header("Sec-WebSocket-Key", head);
-  auto wanted = static_cast<int32_t>(strtol(get_header("Sec-WebSocket-Version", head).c_str(), nullptr, 10));
+  int32_t wanted = base::parse_int(get_header("Sec-WebSocket-Version", head).c_str());
   if (wanted != 13 || key.empty()) {
     write("HTTP/1.1 400 Bad Request\r\nSec-WebSocket-Version: 13\r\n", "");
     return;

@@ -1,9 +1,9 @@
 /* mivo: the command line. Fills the host map and runs the server; see usage. Always exits with 0. */
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "base/text.h"
 #include "main/https.h"
 #include "net/server.h"
 #include "net/sockets.h"
@@ -24,28 +24,24 @@ const char* usage =
 
 namespace {
 
-// What does not begin with a number reads as 0; no error is reported.
-int parse_number(const char* text) {
-  return static_cast<int>(strtol(text, nullptr, 10));
-}
-
 struct tls_options {
   int port = 0;  // 0: no TLS
   const char* key = nullptr;
   const char* crt = nullptr;
 };
 
-// Walks the arguments behind the port. The values of a flag are taken as they are, even if they look like
-// flags; a flag with too few values behind it is passed over like any unknown argument.
+// Walks the arguments behind the port. A number that is none reads as 0, without a word. The values of a flag
+// are taken as they are, even if they look like flags; a flag with too few values behind it is passed over
+// like any unknown argument.
 tls_options parse_arguments(int argc, char** argv) {
   tls_options tls;
   for (int i = 2; i < argc; i++) {
     const int rest = argc - i - 1;
     if (strcmp(argv[i], "-ssl") == 0 && rest >= 3) {
-      tls = {parse_number(argv[i + 1]), argv[i + 2], argv[i + 3]};
+      tls = {base::parse_int(argv[i + 1]), argv[i + 2], argv[i + 3]};
       i += 3;
     } else if (strcmp(argv[i], "-map") == 0 && rest >= 2) {
-      reverse_proxy::hosts().set(argv[i + 1], parse_number(argv[i + 2]));
+      reverse_proxy::hosts().set(argv[i + 1], base::parse_int(argv[i + 2]));
       i += 2;
     }
   }
@@ -66,7 +62,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   sockets::raise_descriptor_limit();
-  const int port = parse_number(argv[1]);
+  const int port = base::parse_int(argv[1]);
   const tls_options tls = parse_arguments(argc, argv);
   if (tls.port != 0)
     https::run<reverse_proxy>(tls.port, tls.key, tls.crt, port);
