@@ -35,7 +35,8 @@ const char page[] = R"(<!doctype html>
   socket.onopen = () => show("You are in.");
   socket.onmessage = event => show(event.data);
   socket.onclose = () => show("You are out.");
-  // 125 bytes are what one frame carries by this server's reading of longer lengths.
+  // Longer frames would not be understood: the server reads their lengths least significant byte first, and
+  // browsers send them the other way round.
   const fits = text => new TextEncoder().encode(text).length <= 125;
   say.onchange = () => {
     if (fits(say.value)) { socket.send(say.value); say.value = ""; }
@@ -45,8 +46,8 @@ const char page[] = R"(<!doctype html>
 )";
 
 struct chat_connection : http_connection {
-  /* Joins a channel. Kept in both places: this connection's keys and the channel's list, which is made with
-   * its first member; the destructor of http_connection takes both apart again. */
+  /* Joins a channel, once. Kept in both places: this connection's keys and the channel's list, which is made
+   * with its first member; the destructor of http_connection takes both apart again. */
   void subscribe(const std::string& channel) {
     subscriptions.set(channel, 1);
     base::arraylist<http_connection*>* members = channels().get(channel);

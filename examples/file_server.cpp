@@ -64,31 +64,36 @@ struct file_connection : http_connection {
     if (!file.empty() && stat(file.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
       file = true_path(file + "/index.html");
     const bool is_inside = file.compare(0, root().size() + 1, root() + "/") == 0;
-    if (!is_inside || stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !send(file, status))
+    if (!is_inside || stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        !queue_file(file, status))
       write("HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\n", "There is no such file.\n");
   }
 
   /* Queues the answer: its head, which announces the length, and the file as a part of its own. */
-  bool send(const std::string& file, const struct stat& status) {
+  bool queue_file(const std::string& file, const struct stat& status) {
     FILE* stream = fopen(file.c_str(), "rb");
     if (!stream) return false;
     write("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(status.st_size) + "\r\n", "");
     sending = file.substr(root().size());
     total = status.st_size;
     sent = 0;
-    auto* part = new response_part;  // deleted by the connection
+    if (method == "HEAD") {
+      fclose(stream);
+      return true;
+    }
+    auto* part = new response_part;  // deleted by the connection, which closes the file
     part->file = stream;
-    if (method == "HEAD")
-      delete part;  // closes the file
-    else
-      response_parts.push(part);
+    response_parts.push(part);
     return true;
   }
 
   bool on_send(char* buf, int cap, int* len) override {
     const bool is_file = response_parts.count > 0 && response_parts.head->next->value->file;
     const bool stay = http_connection::on_send(buf, cap, len);
-    if (is_file && *len > 0) printf("%d %s: %ld of %ld bytes\n", sock, sending.c_str(), sent += *len, total);
+    if (is_file && *len > 0) {
+      sent += *len;
+      printf("%d %s: %ld of %ld bytes\n", sock, sending.c_str(), sent, total);
+    }
     return stay;
   }
 };

@@ -30,7 +30,7 @@ struct prime_count : http_connection::job {
   std::thread thread_;  // last, so that it starts when all else is there
 
   void work(long below) {
-    int primes = 0;
+    int primes = 0;  // a var holds no long
     for (long n = 2; n < below && !is_cancelled_; n++) primes += is_prime(n);
     result = var(primes);
     // The loop polls `done` from its own thread: the result must be visible before it.
@@ -54,8 +54,8 @@ struct job_connection : http_connection {
     }
     // The result becomes the one chunk of the body.
     write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n", "");
-    auto* part = new response_part;  // deleted by the connection
-    part->thread = new prime_count(below);
+    auto* part = new response_part;         // deleted by the connection
+    part->thread = new prime_count(below);  // a thread for each request: a real server would limit them
     part->timeout = 10;
     response_parts.push(part);
     timeout = -1;  // until the job is done, which sets the part's time-out

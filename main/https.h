@@ -5,14 +5,15 @@
 #include <string>
 
 #include "net/redirect_server.h"
+#include "net/server.h"
 #include "proxy/http_proxy.h"
 #include "proxy/redirector.h"
 #include "tls/ssl_server.h"
 
 namespace https {
 
-/* Initialises the library, whichever generation of its API is there, and returns the method for a server.
- * Throws the loader's text when an entry point is missing. */
+/* Initialises the library, whichever generation of its API is there, stores in `is_new_api` which it is, and
+ * returns the method for a server. Throws the loader's text when an entry point is missing. */
 inline const void* init_library(bool& is_new_api) {
   try {
     openssl::OpenSSL_version_num();
@@ -35,23 +36,25 @@ template <class T>
 void create_context(ssl_server<T>& tls) {
   const void* method = init_library(tls.is_new_api);
   tls.ctx = openssl::SSL_CTX_new(method);
-  if (!tls.ctx) return;  // every client is then refused
+  if (!tls.ctx) return;  // OpenSSL would crash on it; every client is refused
   openssl::SSL_CTX_use_PrivateKey_file(tls.ctx, tls.key_file.c_str(), openssl::filetype_pem);
   tls.load_certificate_maybe();
   // SSL_write may then write less than asked, as send() does and as the server's write loop expects.
   openssl::SSL_CTX_ctrl(tls.ctx, openssl::ctrl_mode, openssl::enable_partial_write, nullptr);
 }
 
-/* Drives the two servers until SIGINT. Upstream connections live in `second`, for they are plain. */
+/* Drives the two servers, both borrowed, until SIGINT. Upstream connections live in `second`, for they are
+ * plain. g_server() dangles once `second` is gone. */
 inline void serve(server_base& second, abstract_server& tls) {
   http_proxy::g_server() = &second;
   abstract_server* servers[] = {&second, &tls, nullptr};
   abstract_server::run(servers);
 }
 
-/* Serves T connections over TLS on `ssl_port`, and redirects `http_port` to it unless that is 0. Returns
- * after SIGINT, or when a server cannot start: true; or false, after printing why, when the TLS library
- * lacks something. */
+/* Serves T connections over TLS on `ssl_port`, and redirects `http_port` to it unless that is 0. Returns true
+ * after SIGINT and also when a server cannot start; false, after printing why, when the TLS library lacks
+ * something. Everything is closed by then: first the second server with the upstream connections, then the
+ * context, then the TLS clients. */
 template <class T>
 bool run(int ssl_port, const char* key, const char* crt, int http_port) {
   try {

@@ -7,8 +7,10 @@
 #include "main/https.h"
 #include "net/server.h"
 #include "net/sockets.h"
+#include "proxy/http_proxy.h"
 #include "proxy/reverse_proxy.h"
 
+// printf() adds one more line feed.
 const char* usage =
     "USAGE:\n\tmivo [port] -ssl [ssl_port] [key] [crt] -map [host_header] [local_port]\nWHERE:\n"
     "\t-[port] is the http port\n"
@@ -30,7 +32,8 @@ struct tls_options {
   const char* crt = nullptr;
 };
 
-// Walks the arguments behind the port. A number that is none reads as 0, without a word. The values of a flag
+// Fills the host map from -map and returns the last -ssl, whose texts are argv's. Walks the arguments behind
+// the port. A number that is none reads as 0, without a word. The values of a flag
 // are taken as they are, even if they look like flags; a flag with too few values behind it is passed over
 // like any unknown argument.
 tls_options parse_arguments(int argc, char** argv) {

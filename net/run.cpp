@@ -8,11 +8,12 @@
 
 namespace {
 
-// One flag for each `Loop`, and the signal handler that raises it and does nothing else.
+// One flag for each `Loop`, and the signal handler that raises it and does nothing else. A template, because
+// the local classes of the two loops can inherit static data but have none of their own.
 template <class Loop>
 struct stop_flag {
   static volatile sig_atomic_t& done() {
-    static volatile sig_atomic_t flag = false;
+    static volatile sig_atomic_t flag = false;  // the only type that a handler may store to
     return flag;
   }
   static void on_signal(int) { done() = true; }
@@ -37,9 +38,10 @@ void abstract_server::run(abstract_server** servers) {
 
   signal(SIGINT, local::on_signal);
   for (abstract_server** s = servers; *s; s++) {
-    if ((*s)->start()) continue;
-    printf("Failed to start server(s).\n");
-    return;
+    if (!(*s)->start()) {
+      printf("Failed to start server(s).\n");
+      return;
+    }
   }
   while (!local::done()) {
     sockets::select_all();

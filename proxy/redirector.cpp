@@ -1,10 +1,15 @@
 #include "proxy/redirector.h"
 
-#include <algorithm>
+#include <new>
+#include <string>
 
 #include "net/redirect_server.h"
 
+namespace {
+
 constexpr int32_t default_ssl_port = 443;  // needs no mention in a URL
+
+}  // namespace
 
 int32_t& redirector::ssl_port() {
   static int32_t port = default_ssl_port;
@@ -14,7 +19,7 @@ int32_t& redirector::ssl_port() {
 void redirector::on_request() {
   std::string suffix = ssl_port() == default_ssl_port ? "" : ":" + std::to_string(ssl_port());
   std::string host = get_header("host", head);
-  host.erase(std::min(host.find(':'), host.size()));
+  host = host.substr(0, host.find(':'));
   redirect("https://" + host + suffix + path, true);
   keep_alive = false;
 }

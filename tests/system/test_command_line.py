@@ -203,9 +203,13 @@ def signals(mivo, kind):
     return {number for number in range(1, 65) if mask >> (number - 1) & 1}
 
 
+# A program with sanitizers catches them on its own account.
+SIGNS_OF_A_FAULT = {signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, signal.SIGILL, signal.SIGABRT}
+
+
 def test_signals__sigint_alone_is_caught_and_sigpipe_ignored(start_mivo):
     mivo = start_mivo()
-    assert signals(mivo, "SigCgt") == {signal.SIGINT}
+    assert signals(mivo, "SigCgt") - SIGNS_OF_A_FAULT == {signal.SIGINT}
     assert signal.SIGPIPE in signals(mivo, "SigIgn")
 
 
