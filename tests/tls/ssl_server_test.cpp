@@ -132,6 +132,12 @@ TEST_F(tls_hooks, removing_shuts_the_session_down_once_and_frees_it) {
   }
 }
 
+TEST_F(tls_hooks, removed_connection_has_no_session_any_more) {
+  accept();
+  srv->on_remove(&lone);
+  EXPECT_EQ(lone.ssl, nullptr);
+}
+
 TEST_F(tls_hooks, removing_a_connection_without_a_session_calls_nothing) {
   srv->on_remove(&lone);
   expect_notes({});

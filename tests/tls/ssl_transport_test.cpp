@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <functional>
 
 #include "tests/tls/ssl_server_fixture.h"
@@ -229,6 +230,25 @@ TEST_F(tls_transport, session_behind_the_end_of_the_stream_is_dead) {
   script_reads({});
   c.shutdown_write();
   wait_for(conn->sock, POLLIN);
+  expect_death(c);
+}
+
+TEST_F(tls_transport, session_behind_the_end_of_the_stream_is_read_only_once) {
+  client c = join_quietly();
+  script_reads({});
+  c.shutdown_write();
+  wait_for(conn->sock, POLLIN);
+  turn();
+  expect_notes({read_call + "-1"});
+}
+
+TEST_F(tls_transport, look_at_the_socket_that_a_signal_interrupts_is_no_sign_of_death) {
+  client c = join_quietly();
+  script_reads({});
+  deliver(c, "not a handshake");
+  faults::of()["recv"] = {0, 1, EINTR};
+  turn();
+  EXPECT_EQ(faults::of()["recv"].times, 0) << "it has not looked";
   expect_death(c);
 }
 
