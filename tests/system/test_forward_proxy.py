@@ -24,7 +24,7 @@ def program():
 
 @pytest.fixture
 def proxy(start_mivo):
-    return start_mivo(arguments=["localhost", "7.0.0.1"])
+    return start_mivo(arguments=["LocalHost", "7.0.0.1"])  # letter case does not count
 
 
 def test_plain_url__is_fetched_by_curl_and_wget(proxy, python_site, site):
