@@ -12,7 +12,7 @@ std::string clean_path(const std::string& path) {
     if (path[i] == '/' || path[i] == '\\') {
       if (!after_slash) clean += '/';
     } else if (path[i] == '.' && after_slash && i + 1 < path.size() && path[i + 1] == '/') {
-      i++;
+      // Dropped; the slash behind it is then a doubled one. A backslash there does not make it one.
     } else {
       clean += path[i];
     }
@@ -27,16 +27,27 @@ double certificate_file_time(const std::string& path) {
   return static_cast<double>(status.st_mtim.tv_sec);
 }
 
+namespace {
+
+bool begins_certificate(const char* line) {
+  for (const char* begin : {"-----BEGIN CERTIFICATE-----", "-----BEGIN X509 CERTIFICATE-----",
+                            "-----BEGIN TRUSTED CERTIFICATE-----"}) {
+    if (strncmp(line, begin, strlen(begin)) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 int count_certificates(const std::string& path) {
   FILE* file = fopen(path.c_str(), "rb");
   if (!file) return 0;
   int count = 0;
-  char line[256];  // PEM lines are shorter; a longer one comes in pieces, none of which looks like this
+  char line[256];
+  bool is_start = true;  // a line that is longer than PEM allows comes in pieces
   while (fgets(line, sizeof(line), file)) {
-    for (const char* begin : {"-----BEGIN CERTIFICATE-----", "-----BEGIN X509 CERTIFICATE-----",
-                              "-----BEGIN TRUSTED CERTIFICATE-----"}) {
-      if (strncmp(line, begin, strlen(begin)) == 0) count++;
-    }
+    if (is_start && begins_certificate(line)) count++;
+    is_start = strchr(line, '\n') != nullptr;
   }
   fclose(file);
   return count;

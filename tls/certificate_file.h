@@ -1,10 +1,10 @@
-/* What the TLS server wants to know about its certificate file. */
+/* What the TLS server wants to know about its certificate file. Nothing is kept between calls. */
 #pragma once
 
 #include <string>
 
 /* The modification time of the file at `path` in whole seconds since the epoch; 0 when there is none.
- * Doubled slashes, "/./" and backslashes in the path are put right first. */
+ * The path is put right by clean_path() first. */
 double certificate_file_time(const std::string& path);
 
 /* `path` with backslashes as slashes, and without doubled slashes, "/./" and a slash at the end. Two dots

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr size_t block_size = 4096;  // bytes
-constexpr size_t longest_noise = 4;  // printable runs up to this length are chance
+constexpr size_t longest_noise = 4;  // bytes; printable runs up to this length are chance
 
 }  // namespace
 
@@ -41,11 +41,11 @@ std::string _import_probe(const std::string& name) {
     fflush(stderr);
   }
   size_t slash = cache.find("/" + name);
-  size_t end = slash == std::string::npos ? slash : cache.find('\n', slash);
-  return end == std::string::npos ? name : cache.substr(slash + 1, end - slash - 1);
+  if (slash == std::string::npos) return name;
+  return cache.substr(slash + 1, cache.find('\n', slash) - slash - 1);
 }
 
-// The formatter takes the class's name for the keyword of a later standard.
+// C++20 makes a keyword of the class's name, and the formatter takes it for one already.
 // clang-format off
 import::import(const std::string& name) : handle(dlopen(_import_probe(name).c_str(), RTLD_LAZY)) {
   if (handle) {

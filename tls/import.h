@@ -11,7 +11,8 @@
 bool get_strings(const std::string& path, std::string& out);
 
 /* The file name to open for the library `name`: the last component of the first path in the linker's cache
- * that has one beginning with `name`, or `name` itself. Says so on standard error when there is no cache. */
+ * that has one beginning with `name`, or `name` itself. Says so on standard error when there is no cache.
+ * What was read of the cache is kept for the process. */
 std::string _import_probe(const std::string& name);
 
 struct import {
@@ -24,6 +25,7 @@ struct import {
   import& operator=(const import&) = delete;
   ~import();
 
-  /* The address of `symbol`; when it is missing, its name is added to `error` and `fallback` returned. */
+  /* The address of `symbol`; when it is missing, its name is added to `error`, each time, and `fallback`
+   * returned. Without a handle the whole process is searched. */
   void* proc(const std::string& symbol, void* fallback);
 };

@@ -40,31 +40,34 @@ void load(F*& pointer, const char* name) {
   pointer = reinterpret_cast<F*>(find(name));
 }
 
+// The pointer's name is the symbol's: written once, they cannot drift apart.
+#define LOAD(name) load(name, #name)
+
 // All names are looked up in this order, so that the error text lists every one that is missing. Those that
 // are not stored are of no use to a server.
 bool load_all() {
-  load(OpenSSL_version_num, "OpenSSL_version_num");
-  load(SSL_load_error_strings, "SSL_load_error_strings");
-  load(SSL_library_init, "SSL_library_init");
-  load(OPENSSL_init_ssl, "OPENSSL_init_ssl");
-  load(SSL_CTX_new, "SSL_CTX_new");
-  load(SSLv23_server_method, "SSLv23_server_method");
+  LOAD(OpenSSL_version_num);
+  LOAD(SSL_load_error_strings);
+  LOAD(SSL_library_init);
+  LOAD(OPENSSL_init_ssl);
+  LOAD(SSL_CTX_new);
+  LOAD(SSLv23_server_method);
   find("SSLv23_client_method");
-  load(TLS_server_method, "TLS_server_method");
+  LOAD(TLS_server_method);
   find("TLS_client_method");
-  load(SSL_CTX_free, "SSL_CTX_free");
-  load(SSL_CTX_use_PrivateKey_file, "SSL_CTX_use_PrivateKey_file");
-  load(SSL_CTX_use_certificate_file, "SSL_CTX_use_certificate_file");
-  load(SSL_new, "SSL_new");
-  load(SSL_free, "SSL_free");
-  load(SSL_set_fd, "SSL_set_fd");
-  load(SSL_accept, "SSL_accept");
+  LOAD(SSL_CTX_free);
+  LOAD(SSL_CTX_use_PrivateKey_file);
+  LOAD(SSL_CTX_use_certificate_file);
+  LOAD(SSL_new);
+  LOAD(SSL_free);
+  LOAD(SSL_set_fd);
+  LOAD(SSL_accept);
   find("SSL_connect");
-  load(SSL_shutdown, "SSL_shutdown");
-  load(SSL_read, "SSL_read");
-  load(SSL_write, "SSL_write");
+  LOAD(SSL_shutdown);
+  LOAD(SSL_read);
+  LOAD(SSL_write);
   find("SSL_set_verify");
-  load(SSL_CTX_ctrl, "SSL_CTX_ctrl");
+  LOAD(SSL_CTX_ctrl);
   for (const char* name :
        {"SSL_get_error", "SSL_ctrl", "SSL_get_peer_certificate", "SSL_get1_peer_certificate", "BIO_s_mem",
         "BIO_new", "PEM_write_bio_X509", "BIO_ctrl", "BIO_free", "X509_free"}) {
@@ -73,7 +76,9 @@ bool load_all() {
   return true;
 }
 
-const bool is_loaded = load_all();
+#undef LOAD
+
+const bool is_loaded = load_all();  // for the sake of the call: before main()
 
 }  // namespace
 

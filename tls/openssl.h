@@ -1,9 +1,10 @@
 /* openssl: the entry points of OpenSSL's libssl, found at run time.
  *
  * The pointers are filled before main() and never change. One whose entry point is missing throws the text
- * of the loader as a std::string when it is called; so the program runs without the library as long as it
- * does not serve TLS. Contexts, sessions and methods are opaque; their types are OpenSSL's own
- * (SSL_CTX*, SSL*, const SSL_METHOD*), written as void*. See OpenSSL's manual for each function. */
+ * of the loader as a std::string when it is called, which https::run catches; so the program runs without
+ * the library as long as it does not serve TLS. Contexts, sessions and methods are opaque; their types are
+ * OpenSSL's own (SSL_CTX*, SSL*, const SSL_METHOD*), written as void*. See OpenSSL's manual for each
+ * function. */
 #pragma once
 
 #include <cstdint>
@@ -24,10 +25,10 @@ constexpr long enable_partial_write = 1;  // SSL_MODE_ENABLE_PARTIAL_WRITE
 extern unsigned long (*OpenSSL_version_num)();  // 1.1 and later have it: a throw means the older API
 extern void (*SSL_load_error_strings)();        // older API
 extern int (*SSL_library_init)();               // older API
-extern int (*OPENSSL_init_ssl)(uint64_t options, const void* settings);
+extern int (*OPENSSL_init_ssl)(uint64_t options, const void* settings);  // newer API
 extern void* (*SSL_CTX_new)(const void* method);
 extern const void* (*SSLv23_server_method)();  // older API
-extern const void* (*TLS_server_method)();
+extern const void* (*TLS_server_method)();     // newer API
 extern void (*SSL_CTX_free)(void* ctx);
 extern int (*SSL_CTX_use_PrivateKey_file)(void* ctx, const char* path, int type);
 extern int (*SSL_CTX_use_certificate_file)(void* ctx, const char* path, int type);
@@ -41,7 +42,8 @@ extern int (*SSL_write)(void* ssl, const void* buf, int len);
 extern long (*SSL_CTX_ctrl)(void* ctx, int command, long number, void* pointer);
 
 /* Loads a certificate and those that follow it in the file. Not one of the table's names: a library without
- * it serves all the same, and no error text mentions it. False when the library lacks it. */
+ * it serves all the same, and no error text mentions it. False when the library lacks it; whether the file
+ * was good is not told. */
 bool use_certificate_chain_file(void* ctx, const char* path);
 
 }  // namespace openssl

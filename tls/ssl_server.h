@@ -3,10 +3,11 @@
  * Only the transport differs: each accepted connection gets a session, in its field `ssl`, from on_accept to
  * on_remove, and its bytes pass through SSL_read and SSL_write. The handshake is finished inside these, so
  * no state of it is kept. No OpenSSL error code is looked at. The certificate is loaded again when its file
- * has changed; the key never is.
+ * has changed; the key never is. A session that cannot go on and leaves its socket ready, on which the loop
+ * would spin, is made to time out: see read_unless_dead() and most_refused_writes.
  *
- * Owns the context, which the driver creates. Whoever calls a hook must be ready for the std::string that a
- * missing entry point throws. */
+ * Owns the context, which the driver creates. The hooks throw the std::string of a missing entry point;
+ * https::run catches it. */
 #pragma once
 
 #include <sys/ioctl.h>
@@ -30,7 +31,7 @@ struct ssl_server : server<T> {
   static constexpr int most_refused_writes = 64;
 
   void* ctx = nullptr;      // the SSL_CTX
-  bool is_new_api = false;  // OpenSSL 1.1 or later; for the curious
+  bool is_new_api = false;  // OpenSSL 1.1 or later; noted by the driver, read by nobody here
   std::string key_file;
   std::string crt_file;
   double crt_mtime = 0;    // of the certificate that is loaded, in seconds since the epoch; 0: none yet
@@ -73,6 +74,7 @@ struct ssl_server : server<T> {
 
   int recv(connection* conn, char* buf, int len) override {
     int n = openssl::SSL_read(conn->ssl, buf, len);
+    // Behind bytes of the same pass, a negative result only means that there are no more.
     if (n < 0 && conn != this->already_read) n = read_unless_dead(conn, n, buf, len);
     if (n > 0) this->already_read = conn;
     return n;
@@ -86,7 +88,7 @@ struct ssl_server : server<T> {
   }
 
   /* Loads the certificate into the context, which must be there, if its file is newer than what is loaded.
-   * Looks at it once a minute at most. */
+   * Looks at it once a minute at most. A file counts as loaded even if the library rejects it or throws. */
   void load_certificate_maybe() {
     const auto now = static_cast<double>(time(nullptr));
     if (now - last_check <= check_interval) return;
@@ -100,8 +102,8 @@ struct ssl_server : server<T> {
   }
 
  private:
-  // The call above takes the first certificate of the file only. Clients other than browsers need the
-  // intermediate ones behind it, too; and those of an earlier file must not outlive it.
+  // SSL_CTX_use_certificate_file takes the first certificate of the file only. Clients other than browsers
+  // need the intermediate ones behind it, too; and those of an earlier file must not outlive it.
   void load_chain_maybe() {
     const bool is_chain = count_certificates(crt_file) > 1;
     if (is_chain || has_chain) openssl::use_certificate_chain_file(ctx, crt_file.c_str());
@@ -127,7 +129,8 @@ struct ssl_server : server<T> {
     return n;
   }
 
-  // Has the framework's time-out rule end the connection in the next turn.
+  // Has the framework's time-out rule end the connection in the next turn, even if the clock steps back by a
+  // second until then.
   static void end_soon(connection* conn) {
     conn->timeout = 0;
     conn->last_active = static_cast<int32_t>(time(nullptr) - 2);

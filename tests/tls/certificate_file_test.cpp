@@ -133,6 +133,11 @@ TEST_F(certificate_file, words_in_the_middle_of_a_line_are_no_certificate) {
   EXPECT_EQ(count_in("see -----BEGIN CERTIFICATE-----\n" + certificate), 1);
 }
 
+TEST_F(certificate_file, words_far_behind_the_start_of_a_line_are_no_certificate_either) {
+  for (size_t length : {254, 255, 256, 510})
+    EXPECT_EQ(count_in(std::string(length, ' ') + certificate), 0) << length;
+}
+
 TEST_F(certificate_file, file_is_closed_once_its_certificates_are_counted) {
   EXPECT_EQ(count_in(certificate), 1);
   EXPECT_FALSE(is_open(folder.path() + "/crt.pem"));
