@@ -299,6 +299,14 @@ TEST_F(hashmap_of_first_bytes, equal_hashes_do_not_make_keys_equal) {
   EXPECT_EQ(map.get("AC"), 0);
 }
 
+TEST_F(hashmap_of_first_bytes, stored_hash_is_compared_before_the_bytes) {
+  map.set("A", 1);
+  map.hash = [](const char*, unsigned) { return uint32_t{'A' + 3}; };  // the same slot of three, another hash
+  EXPECT_EQ(map.get("A"), 0);
+  map.hash = first_byte_hash;
+  EXPECT_EQ(map.get("A"), 1);
+}
+
 TEST_F(hashmap_of_first_bytes, removal_rebuilds_the_table_at_its_capacity_and_leaves_no_hole) {
   for (const char* key : {"A1", "A2", "A3"}) map.set(key, 1);
   map.remove("A1");  // slots 5, 0, 1 were taken; A2 is moved first
@@ -363,6 +371,23 @@ TEST(hashmap, destructor_passes_over_a_null_in_the_key_list) {
   map.set("b", 2);
   delete map.keys[0];
   map.keys[0] = nullptr;
+}
+
+// The largest table has 3 * 2^30 slots, more than a test can have. It can pretend to: a key whose hash is
+// below 3 is found in the first slots, and replacing its value touches no other.
+TEST(hashmap, table_that_would_overflow_the_counters_is_not_doubled) {
+  hashmap<int> map;
+  map.hash = [](const char*, unsigned) { return uint32_t{1}; };
+  map.set("a", 1);
+  for (uint32_t largest : {3u << 30, 1u << 31, UINT32_MAX}) {
+    map.capacity = largest;
+    map.count = largest / 2;
+    map.set("a", 2);
+    EXPECT_EQ(map.capacity, largest);
+  }
+  map.capacity = 3;
+  map.count = 1;
+  EXPECT_EQ(map.get("a"), 2);
 }
 
 // A table can only be full when its capacity can double no more, so the test fills the slots by hand.
