@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <random>
@@ -66,6 +67,39 @@ TEST_F(arraylist_of_ints, null_follows_the_last_element_after_every_add) {
     add({1});
     ASSERT_EQ(list.data[i], nullptr);
   }
+}
+
+TEST_F(arraylist_of_ints, reserved_room_is_closed_by_a_null_and_used_up_before_the_list_grows) {
+  list.reserve(3);
+  EXPECT_EQ(content(), ints{});
+  EXPECT_EQ(list.data[0], nullptr);
+  add({1, 2});
+  list.reserve(5);
+  EXPECT_EQ(content(), (ints{1, 2}));
+  const auto* data = list.data;
+  add({3, 4, 5});
+  EXPECT_EQ(list.data, data);
+  EXPECT_EQ(list.capacity, 5u);
+  EXPECT_EQ(content(), (ints{1, 2, 3, 4, 5}));
+  add({6});
+  EXPECT_EQ(list.capacity, 10u);
+}
+
+// Address space alone, 16 GiB of it; the only page that is memory holds the end of the array.
+TEST_F(arraylist_of_ints, list_that_would_overflow_its_counters_is_not_doubled) {
+  constexpr size_t largest = size_t{1} << 31, page = 4096, bytes = largest * sizeof(int*) + page;
+  void* space = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  ASSERT_NE(space, MAP_FAILED);
+  ASSERT_EQ(mprotect(static_cast<char*>(space) + bytes - page, page, PROT_READ | PROT_WRITE), 0);
+  list.data = static_cast<int**>(space);
+  list.count = list.capacity = uint32_t{largest};
+  add({1});
+  EXPECT_EQ(list.capacity, largest);
+  EXPECT_EQ(list.count, largest + 1);
+  EXPECT_EQ(list.data, space);
+  EXPECT_EQ(list.data[largest], &values[1]);
+  list.data = nullptr;
+  munmap(space, bytes);
 }
 
 TEST_F(arraylist_of_ints, elements_stand_in_the_order_of_their_adding) {
