@@ -1,8 +1,11 @@
 #include "base/byte_queue.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
+#include <ctime>
 #include <memory>
 #include <random>
 #include <string>
@@ -15,6 +18,19 @@ using namespace std::string_literals;
 
 namespace {
 
+int trims = 0;  // calls of malloc_trim()
+
+}  // namespace
+
+// In place of the C library's own, to which it passes on.
+extern "C" int malloc_trim(size_t pad) noexcept {
+  trims++;
+  static auto next = reinterpret_cast<int (*)(size_t)>(dlsym(RTLD_NEXT, "malloc_trim"));
+  return next(pad);
+}
+
+namespace {
+
 constexpr size_t kib = 1024;
 constexpr size_t mib = 1024 * kib;
 
@@ -22,6 +38,17 @@ constexpr size_t mib = 1024 * kib;
 // allocator's own rounding.
 constexpr size_t kept_by_a_queue = 4 * kib;
 constexpr size_t kept_by_all = 4 * mib + 64 * kib;
+
+// Block sizes count the block's header, and the C library rounds what it gives by up to so many bytes.
+constexpr size_t header = 32;
+constexpr size_t rounding = 24;
+
+// Of all queues together: how many full-size blocks are kept, after how many that were freed malloc is
+// trimmed, and how many may then still be in use.
+constexpr size_t full_block = 64 * kib;
+constexpr size_t spare_blocks = 64;
+constexpr size_t blocks_before_trim = 256;
+constexpr size_t blocks_of_short_queues = 16;
 
 // Lengths around the block sizes, with and without room for a block's header.
 constexpr size_t lengths[] = {0,     1,     31,    32,    479,   480,   481,   511,    512,
@@ -52,6 +79,22 @@ std::string consume(byte_queue& q, size_t cap) {
 
 void drain(byte_queue& q, size_t step = 16 * kib) {
   while (!q.empty()) consume(q, step);
+}
+
+// A queue of so many full-size blocks.
+std::string blocks(size_t count) {
+  return stream(count * (full_block - header));
+}
+
+// For tests that count: takes all the spare blocks for as long as it lives.
+struct byte_queue_without_spares : testing::Test {
+  byte_queue holder{blocks(spare_blocks)};
+};
+
+double cpu_seconds() {
+  timespec t;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
 }
 
 }  // namespace
@@ -276,4 +319,117 @@ TEST(byte_queue, destructor_frees_everything) {
   const size_t before = bytes_in_use();
   for (int i = 0; i < 10; i++) byte_queue q(stream(8 * mib));
   EXPECT_LE(bytes_in_use(), before + kept_by_all);
+}
+
+TEST(byte_queue, emptied_queue_keeps_its_block_for_the_next_message) {
+  for (size_t len : {size_t{1}, 512 - header, 4 * kib - header}) {
+    byte_queue q(stream(len));
+    const size_t filled = bytes_in_use();
+    for (int i = 0; i < 3; i++) {
+      drain(q);
+      EXPECT_EQ(bytes_in_use(), filled) << len;
+      q.append(stream(len).data(), len);
+      EXPECT_EQ(bytes_in_use(), filled) << len;
+    }
+    q.clear();
+    EXPECT_EQ(bytes_in_use(), filled) << len;
+  }
+}
+
+TEST_F(byte_queue_without_spares, emptied_queue_keeps_no_block_of_more_than_4_kib) {
+  for (size_t len : {4 * kib - header + 1, 8 * kib, full_block - header - 1}) {
+    const std::string bytes = stream(len);
+    const size_t before = bytes_in_use();
+    byte_queue q(bytes);
+    EXPECT_GE(bytes_in_use(), before + len);
+    drain(q, len);
+    EXPECT_LE(bytes_in_use(), before + rounding) << len;
+    q = bytes;
+    q.clear();
+    EXPECT_LE(bytes_in_use(), before + rounding) << len;
+  }
+}
+
+TEST_F(byte_queue_without_spares, blocks_grow_with_the_queue_from_512_bytes_to_64_kib) {
+  byte_queue q;
+  size_t last = bytes_in_use(), previous = 0;
+  for (size_t size = 1; size <= mib; size++) {
+    q.append("x", 1);
+    const size_t block = bytes_in_use() - last;
+    last += block;
+    if (block == 0) continue;
+    const size_t expected = std::clamp(size, size_t{512}, full_block);
+    ASSERT_GE(block, expected) << size << " bytes in the queue";
+    ASSERT_LE(block, expected + rounding) << size << " bytes in the queue";
+    previous = block;
+  }
+  EXPECT_GE(previous, full_block);
+}
+
+TEST_F(byte_queue_without_spares, message_stands_in_one_block_as_far_as_64_kib_reach) {
+  for (size_t len : {size_t{512}, size_t{1000}, 4 * kib, 30 * kib, full_block - header}) {
+    const std::string bytes = stream(len);
+    const size_t before = bytes_in_use();
+    byte_queue q;
+    q.append(bytes.data(), len);
+    EXPECT_LE(bytes_in_use(), before + len + header + rounding) << len;
+  }
+}
+
+TEST_F(byte_queue_without_spares, sixty_four_full_blocks_are_kept_and_serve_again) {
+  const std::string bytes = blocks(spare_blocks + 10);
+  byte_queue q;
+  const size_t before = bytes_in_use();
+  for (int i = 0; i < 3; i++) {
+    q.append(bytes.data(), bytes.size());
+    EXPECT_GE(bytes_in_use(), before + (spare_blocks + 10) * full_block);
+    EXPECT_LE(bytes_in_use(), before + (spare_blocks + 10) * (full_block + rounding));
+    q.clear();
+    EXPECT_GE(bytes_in_use(), before + spare_blocks * full_block);
+    EXPECT_LE(bytes_in_use(), before + spare_blocks * (full_block + rounding));
+  }
+}
+
+// The rounds before the long queue have blocks of every size, which count for nothing but themselves.
+TEST(byte_queue, memory_of_a_long_queue_is_trimmed_once_when_a_mib_of_it_is_left) {
+  for (int round = 0; round < 40; round++) {
+    byte_queue q;
+    for (size_t size = 0; size < 100 * kib; size += kib) q += stream(kib);
+  }
+  const size_t all = spare_blocks + blocks_before_trim + 100;
+  byte_queue q(blocks(all));
+  trims = 0;
+  for (size_t left = all; left-- > 0;) {
+    consume(q, full_block - header);
+    ASSERT_EQ(trims, left > blocks_of_short_queues ? 0 : 1) << left << " blocks left";
+  }
+}
+
+TEST(byte_queue, memory_is_not_trimmed_before_16_mib_of_it_are_free) {
+  byte_queue(blocks(spare_blocks + blocks_before_trim + 100)).clear();
+  trims = 0;
+  const size_t freed_since = blocks_of_short_queues;  // those that were left at the trim
+  const size_t few = blocks_before_trim - freed_since - 1;
+  byte_queue(blocks(spare_blocks + few)).clear();
+  EXPECT_EQ(trims, 0);
+  byte_queue(blocks(spare_blocks + 1)).clear();
+  EXPECT_EQ(trims, 1);
+}
+
+// The same bytes in the same steps, through one long queue and through short ones. A queue that moved what is
+// left of it would take many times as long.
+TEST(byte_queue, consuming_costs_the_same_however_long_the_queue_is) {
+  constexpr size_t length = 2 * mib, step = 512, parts = 64;
+  const std::string all = stream(length), part = stream(length / parts);
+  char buf[step];
+  auto drain_time = [&buf](const std::string& bytes) {
+    byte_queue q(bytes);
+    const double start = cpu_seconds();
+    while (!q.empty()) q.consume(buf, step);
+    return cpu_seconds() - start;
+  };
+  double of_parts = 0;
+  for (size_t i = 0; i < parts; i++) of_parts += drain_time(part);
+  const double of_all = std::min({drain_time(all), drain_time(all), drain_time(all)});
+  EXPECT_LT(of_all, 16 * of_parts);
 }
