@@ -1,7 +1,9 @@
 #include "net/name_memory.h"
 
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "tests/support/faults.h"
 
@@ -68,6 +70,37 @@ TEST_F(a_name_memory, hosts_and_ports_are_told_apart) {
   EXPECT_EQ(find("another", 80), "7:80");
   EXPECT_EQ(find("localhost", 81), "1:81");
   EXPECT_EQ(look_ups(), 3);
+}
+
+TEST_F(a_name_memory, digits_of_a_host_are_told_from_those_of_a_port) {
+  EXPECT_EQ(find("host", 180), "1:180");
+  EXPECT_EQ(find("host1", 80), "1:80");
+  EXPECT_EQ(look_ups(), 2);
+}
+
+TEST_F(a_name_memory, remembered_answer_is_a_success_after_another_name_has_failed) {
+  find("localhost", 80);
+  faults::of()["getaddrinfo"] = {0, 1, 0, EAI_NONAME};
+  EXPECT_EQ(find("another", 80), "nothing");
+  EXPECT_EQ(code, EAI_NONAME);
+  EXPECT_EQ(find("localhost", 80), "1:80");
+  EXPECT_EQ(code, 0);
+}
+
+// Numbers need no resolver, so these are real answers.
+TEST_F(a_name_memory, resolver_is_asked_for_streams_of_any_family) {
+  faults::resolved().clear();
+  const struct {
+    const char* host;
+    int family;
+  } rows[] = {{"127.0.0.1", AF_INET}, {"::1", AF_INET6}};
+  for (const auto& row : rows) {
+    const addrinfo* list = names.find(row.host, 80, code);
+    ASSERT_TRUE(list) << row.host << ": " << gai_strerror(code);
+    EXPECT_EQ(list->ai_family, row.family);
+    EXPECT_EQ(list->ai_socktype, SOCK_STREAM);
+    EXPECT_FALSE(list->ai_next) << row.host << " has other kinds of sockets, too";
+  }
 }
 
 TEST_F(a_name_memory, failure_is_not_remembered) {
