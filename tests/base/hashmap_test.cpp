@@ -235,6 +235,15 @@ TEST(hashmap, stored_zero_looks_like_a_miss_but_is_counted) {
   EXPECT_EQ(map.count, 1u);
 }
 
+TEST(hashmap, stored_zero_is_replaced_like_any_other_value) {
+  hashmap<int> map;
+  map.set("a", 0);
+  map.set("a", 0);
+  map.set("a", 5);
+  EXPECT_EQ(map.get("a"), 5);
+  EXPECT_EQ(keys_of(map), keys{"a"});
+}
+
 TEST_F(hashmap_of_first_bytes, key_stands_in_the_first_free_slot_from_its_hash_on) {
   map.set("A1", 1);  // 65 % 3
   EXPECT_EQ(slot_of(map, "A1"), 2);
