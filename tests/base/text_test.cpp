@@ -44,6 +44,16 @@ TEST(empty_for_reuse, long_text_gives_its_memory_back) {
   EXPECT_LT(text.capacity(), 100U);
 }
 
+TEST(empty_for_reuse, memory_is_kept_up_to_64_kib_and_no_byte_further) {
+  std::string longest_kept(65536, 'x'), longer(65537, 'x');
+  ASSERT_EQ(longest_kept.capacity(), 65536U);
+  ASSERT_EQ(longer.capacity(), 65537U);
+  base::empty_for_reuse(longest_kept);
+  base::empty_for_reuse(longer);
+  EXPECT_EQ(longest_kept.capacity(), 65536U);
+  EXPECT_LT(longer.capacity(), 100U);
+}
+
 TEST(append_dotted_quad, bytes_are_taken_in_network_order_and_appended) {
   const std::pair<std::vector<unsigned char>, std::string> cases[] = {
       {{0, 0, 0, 0}, "0.0.0.0"},
@@ -202,4 +212,9 @@ TEST(sha1, message_may_end_anywhere_in_a_block) {
   };
   for (const auto& row : rows)
     EXPECT_EQ(hex(base::sha1(std::string(row.length, 'a'))), row.digest) << row.length << " bytes";
+}
+
+// Its length in bits needs 28 of the 32 that are hashed. Digest by Python's hashlib.
+TEST(sha1, message_may_be_many_megabytes_long) {
+  EXPECT_EQ(hex(base::sha1(std::string(20000000, 'a'))), "c774e73ff141873fd8a6f7758ee99b685cb4bf28");
 }
