@@ -191,3 +191,53 @@ TEST(find, agrees_with_trying_every_run_on_random_words) {
     ASSERT_EQ(find(text, pattern), find_by_trial(text, pattern)) << text << " " << pattern;
   }
 }
+
+namespace {
+
+bool is_equal_folded(const std::string& a, const std::string& b) {
+  // Copies on the heap, where the sanitizer sees a read behind the end.
+  const std::vector<char> left(a.begin(), a.end()), right(b.begin(), b.end());
+  return base::is_equal_folded(left.data(), right.data(), left.size());
+}
+
+}  // namespace
+
+TEST(is_equal_folded, of_all_pairs_of_bytes_only_a_letter_and_its_other_case_are_equal) {
+  const std::string upper = "ABCDEFGHIJKLMNOPQRSTUVWXYZ", lower = "abcdefghijklmnopqrstuvwxyz";
+  auto is_pair = [&](char a, char b) {
+    const size_t at = upper.find(a);
+    return at != npos && lower[at] == b;
+  };
+  for (int i = 0; i < 256; i++) {
+    for (int j = 0; j < 256; j++) {
+      const char a = static_cast<char>(i), b = static_cast<char>(j);
+      const bool expected = i == j || is_pair(a, b) || is_pair(b, a);
+      ASSERT_EQ(is_equal_folded(std::string(1, a), std::string(1, b)), expected) << i << " " << j;
+    }
+  }
+}
+
+TEST(is_equal_folded, every_byte_counts_up_to_the_length_and_none_behind_it) {
+  const std::string word = "Content-Length";
+  EXPECT_TRUE(is_equal_folded(word, "cONTENT-lENGTH"));
+  for (size_t i = 0; i < word.size(); i++) {
+    std::string other = word;
+    other[i] = '!';
+    EXPECT_FALSE(is_equal_folded(word, other)) << i;
+    EXPECT_TRUE(base::is_equal_folded(word.data(), other.data(), i)) << i;
+  }
+}
+
+TEST(is_equal_folded, zero_byte_does_not_end_the_comparison) {
+  EXPECT_FALSE(is_equal_folded("a\0b"s, "a\0c"s));
+  EXPECT_TRUE(is_equal_folded("a\0b"s, "A\0B"s));
+}
+
+TEST(is_equal_folded, nothing_equals_nothing) {
+  EXPECT_TRUE(base::is_equal_folded("a", "b", 0));
+}
+
+TEST(is_equal_folded, the_flag_of_the_search_has_no_say) {
+  case_matters now;
+  EXPECT_TRUE(is_equal_folded("Host", "hOST"));
+}
