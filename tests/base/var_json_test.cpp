@@ -79,6 +79,17 @@ TEST(var_json, string_is_escaped_as_json) {
             "\"a\\\"\\\\\\n\\0\\u0001\\u00e9\\ud83d\\ude00\\uffff\"");
 }
 
+TEST(var_json, missing_payload_prints_as_an_empty_value) {
+  const std::pair<int32_t, std::string> rows[] = {{3, "\"\""}, {4, "[]"}, {5, "{}"}};
+  for (const auto& [kind, text] : rows) {
+    var v;
+    v.kind = kind;
+    EXPECT_EQ(pretty(v), text);
+    EXPECT_EQ(compact(v), text);
+    EXPECT_EQ(as_text(v), text) << "only a string with a payload is raw";
+  }
+}
+
 TEST(var_json, unknown_kind_prints_nothing) {
   for (int32_t kind : {6, 1000, -1}) {
     var v;
@@ -115,6 +126,25 @@ TEST(var_json, pretty_array_of_arrays_has_a_line_for_each) {
 TEST(var_json, array_that_is_not_all_arrays_stays_on_one_line) {
   EXPECT_EQ(pretty(array_of({array_of({1}), 2})), "[ [ 1 ], 2 ]");
   EXPECT_EQ(pretty(array_of({1, array_of({2})})), "[ 1, [ 2 ] ]");
+}
+
+TEST(var_json, missing_element_prints_as_null_and_is_no_array) {
+  var array = array_of({array_of({1})});
+  list_in(array).add(nullptr);
+  EXPECT_EQ(pretty(array), "[ [ 1 ], null ]");
+  EXPECT_EQ(compact(array), "[ [ 1 ],null ]");
+}
+
+TEST(var_json, array_on_one_line_adds_to_the_depth) {
+  EXPECT_EQ(pretty(array_of({1, array_of({2, array_of({array_of({3})})})})),
+            "[ 1, [ 2, [\n"
+            "      [ 3 ]\n"
+            "    ] ] ]");
+  EXPECT_EQ(pretty(array_of({1, array_of({2, object_of({{"k", 3}})})})),
+            "[ 1, [ 2, \n"
+            "    {\n"
+            "      \"k\" : 3\n"
+            "    } ] ]");
 }
 
 TEST(var_json, arrays_of_arrays_of_arrays_are_indented_by_depth) {
