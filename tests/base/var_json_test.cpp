@@ -197,6 +197,23 @@ TEST(var_json, objects_are_indented_by_depth) {
             "}");
 }
 
+TEST(var_json, indent_grows_by_two_blanks_at_every_depth) {
+  const size_t depth = 8;
+  var object(1), array = array_of({1});
+  std::string objects, arrays, objects_end, arrays_end;
+  for (size_t i = 0; i < depth; i++) {
+    object = object_of({{"k", object}});
+    array = array_of({array});
+    const std::string indent(2 * i, ' ');
+    objects += (i > 0 ? "\n" + indent : "") + "{\n  " + indent + "\"k\" : ";
+    objects_end = "\n" + indent + "}" + objects_end;
+    arrays += "[\n  " + indent;
+    arrays_end = "\n" + indent + "]" + arrays_end;
+  }
+  EXPECT_EQ(pretty(object), objects + "1" + objects_end);
+  EXPECT_EQ(pretty(array), arrays + "[ 1 ]" + arrays_end);
+}
+
 TEST(var_json, empty_containers_stay_short_inside_others) {
   const var object = object_of({{"a", var::object()}, {"b", var::array()}});
   EXPECT_EQ(pretty(object), "{\n  \"a\" : {},\n  \"b\" : []\n}");
@@ -283,6 +300,22 @@ TEST(var_json, cycle_through_others_is_cut_where_it_recurs) {
   EXPECT_EQ(compact(outer), "{\"self\":[ ERROR_CYCLE ]}");
   EXPECT_EQ(compact(inner), "[ {\"self\":ERROR_CYCLE} ]");
   break_cycle(outer);
+}
+
+TEST(var_json, cycle_is_found_however_deep_it_lies_and_however_far_back_it_leads) {
+  var innermost = var::array();
+  var v = innermost;
+  std::string before, behind;
+  for (int i = 0; i < 20; i++) {
+    v = array_of({v});
+    before += "[ ";
+    behind += " ]";
+  }
+  for (const var& target : {innermost, v, v.get(0), v.get(0).get(0)}) {
+    innermost.push(target);
+    EXPECT_EQ(compact(v), before + "[ ERROR_CYCLE ]" + behind);
+    break_cycle(innermost);
+  }
 }
 
 TEST(var_json, same_payload_side_by_side_is_no_cycle) {
