@@ -136,6 +136,14 @@ TEST(var, ref_of_a_missing_payload_copies_the_kind) {
   }
 }
 
+TEST(var, ref_does_not_release_what_was_held_before) {
+  var holder("held"), other(holder);
+  holder.ref(var(2.5));
+  EXPECT_EQ(holder.number, 2.5);
+  EXPECT_EQ(other.data->refs, 2u);
+  other.data->refs--;  // the reference that `holder` forgot
+}
+
 TEST(var, unref_makes_every_kind_null) {
   for (var v : values_of_all_kinds()) {
     v.unref();
@@ -274,6 +282,13 @@ TEST(var, setting_a_key_again_releases_its_old_value) {
   EXPECT_EQ(map_in(object).count, 2u);
 }
 
+TEST(var, key_is_set_to_its_own_old_value) {
+  var object = object_of({{"a", "text"}});
+  object.set("a", *map_in(object).get("a"));
+  expect_string(object.get(0), "text");
+  EXPECT_EQ(map_in(object).get("a")->data->refs, 1u);
+}
+
 TEST(var, get_counts_from_either_end) {
   const var array = array_of({10, 11, 12});
   const var object = object_of({{"x", 10}, {"a", 11}, {"m", 12}});  // in the order of their insertion
@@ -285,6 +300,18 @@ TEST(var, get_counts_from_either_end) {
     const var letter = var("xyz").get(i);
     expect_string(letter, std::string(1, "xyz"[i < 0 ? i + 3 : i]));
   }
+}
+
+TEST(var, get_reaches_the_far_end_of_a_long_value) {
+  const int length = 70000;
+  const var text("a" + std::string(length - 1, 'z'));
+  var array = var::array();
+  for (int i = 0; i < length; i++) array.push(i);
+  expect_string(text.get(-length), "a");
+  expect_null(text.get(-length - 1));
+  EXPECT_EQ(array.get(-length).number, 0.0);
+  EXPECT_EQ(array.get(length - 1).number, length - 1.0);
+  expect_null(array.get(-length - 1));
 }
 
 TEST(var, get_outside_of_the_value_is_null) {
@@ -302,6 +329,31 @@ TEST(var, get_of_a_scalar_is_null) {
   }
 }
 
+TEST(var, get_of_a_missing_payload_or_of_an_unknown_kind_is_null) {
+  for (int32_t kind : {3, 4, 5, 6, -1}) {
+    var v;
+    v.kind = kind;
+    for (int i : {-1, 0, 1}) expect_null(v.get(i));
+  }
+  for (int32_t kind : {3, 4, 5}) {
+    int ends = 0;
+    var v;
+    watch(v, kind, nullptr, ends);
+    for (int i : {-1, 0, 1}) expect_null(v.get(i));
+  }
+}
+
+TEST(var, push_and_set_do_nothing_without_a_payload) {
+  for (int32_t kind : {4, 5}) {
+    var v;
+    v.kind = kind;
+    v.push(1);
+    v.set("k", 1);
+    EXPECT_EQ(v.kind, kind);
+    EXPECT_EQ(v.data, nullptr);
+  }
+}
+
 TEST(var, get_of_a_missing_element_is_null) {
   var array = array_of({1}), object = object_of({{"a", 1}});
   list_in(array).add(nullptr);
@@ -312,6 +364,8 @@ TEST(var, get_of_a_missing_element_is_null) {
 
 TEST(var, get_of_a_string_is_one_byte_of_any_value) {
   const var v("a\0\xff"s);
+  EXPECT_NE(v.get(0).data, v.data);
+  EXPECT_EQ(v.get(0).data->refs, 1u);
   expect_string(v.get(1), "\0"s);
   expect_string(v.get(2), "\xff");
 }
