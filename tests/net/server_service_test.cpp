@@ -186,6 +186,35 @@ TEST_F(server_service, socket_is_read_once_a_turn) {
   EXPECT_EQ(faults::calls()["recv"], 1);
 }
 
+TEST_F(server_service, reads_before_and_after_the_service_pass_are_not_the_one_of_the_pass) {
+  link& a = join();
+  char byte = 0;
+  a.deliver("abc");
+  EXPECT_EQ(srv.server_base::recv(a.conn, &byte, 1), 1);
+  a.conn->answers = {[&](char*, int, int*) {
+    a.deliver("d");
+    EXPECT_EQ(srv.server_base::recv(a.conn, &byte, 1), 1);
+    return true;
+  }};
+  EXPECT_THAT(notes_of_a_turn(),
+              ElementsAre("c1 recv 1048576 -> 2", "c1 received bc", "c1 recv 1048576 -> -1", "c1 asked"));
+  EXPECT_EQ(byte, 'd');
+}
+
+TEST_F(server_service, second_read_of_a_pass_fails_as_that_of_an_empty_socket_does) {
+  link& a = join();
+  a.deliver("hello");
+  int error = 0;
+  srv.receives = [&](connection* conn, char* buf, int len) {
+    errno = 0;
+    int n = srv.server_base::recv(conn, buf, len);
+    error = errno;
+    return n;
+  };
+  turn();
+  EXPECT_EQ(error, EAGAIN);
+}
+
 TEST_F(server_service, full_read_is_continued_in_the_next_turn) {
   link& a = join();
   a.deliver("abc");
