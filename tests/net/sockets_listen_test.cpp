@@ -168,6 +168,13 @@ TEST_F(sockets_listen, only_the_first_address_found_is_used) {
   EXPECT_EQ(faults::calls()["socket"], 1);
 }
 
+TEST_F(sockets_listen, ipv6_addresses_are_not_even_asked_for) {
+  faults::resolved() = {"::1", "127.0.0.3"};
+  ASSERT_TRUE(listen());
+  EXPECT_EQ(bound_address().sin_family, AF_INET);
+  EXPECT_EQ(bound_address().sin_addr.s_addr, htonl(0x7f000003));
+}
+
 TEST_F(sockets_listen, unresolved_address_is_printed_and_sock_left_untouched) {
   faults::of()["getaddrinfo"] = {0, 1, 0, EAI_MEMORY};
   EXPECT_FALSE(listen());

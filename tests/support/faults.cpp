@@ -139,15 +139,18 @@ sockaddr_storage parse_address(const std::string& text, uint16_t port) {
 
 // Both lists are laid out as the C library does, whose functions free them: each addrinfo is one block with
 // its address, a list of adapters is one block in all.
-addrinfo* resolved_list(const char* service) {
+addrinfo* resolved_list(const char* service, const addrinfo& hints) {
   struct entry {
     addrinfo info;
     sockaddr_storage address;
   };
   addrinfo* list = nullptr;
   for (size_t i = faults::resolved().size(); i-- > 0;) {
+    const sockaddr_storage address =
+        parse_address(faults::resolved()[i], static_cast<uint16_t>(atoi(service)));
+    if (hints.ai_family != AF_UNSPEC && hints.ai_family != address.ss_family) continue;
     auto* e = static_cast<entry*>(calloc(1, sizeof(entry)));
-    e->address = parse_address(faults::resolved()[i], static_cast<uint16_t>(atoi(service)));
+    e->address = address;
     e->info.ai_family = e->address.ss_family;
     e->info.ai_socktype = SOCK_STREAM;
     e->info.ai_protocol = IPPROTO_TCP;
@@ -277,7 +280,7 @@ int getaddrinfo(const char* node, const char* service, const addrinfo* hints, ad
   int result = 0;
   if (fails("getaddrinfo", result)) return result;
   if (!faults::resolved().empty()) {
-    *out = resolved_list(service);
+    *out = resolved_list(service, *hints);
     return 0;
   }
   static auto next = real(&getaddrinfo, "getaddrinfo");

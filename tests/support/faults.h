@@ -48,9 +48,9 @@ int64_t& clock_offset();
 /* While this is not 0, time() stands still at it, in seconds since the epoch; clock_offset() still counts. */
 int64_t& frozen_clock();
 
-/* What getaddrinfo() finds instead of asking the resolver, on the port that it is asked for, and the adapters
- * that getifaddrs() lists. Texts of IPv4 or IPv6 addresses; "" stands for an address of a family that is
- * neither, and for an adapter without an address. Empty: the real answer. */
+/* What getaddrinfo() finds instead of asking the resolver, on the port and of the family that it is asked
+ * for, and the adapters that getifaddrs() lists. Texts of IPv4 or IPv6 addresses; "" stands for an address of
+ * a family that is neither, and for an adapter without an address. Empty: the real answer. */
 std::vector<std::string>& resolved();
 std::vector<std::string>& adapters();
 
