@@ -168,6 +168,11 @@ TEST_F(sockets_listen, only_the_first_address_found_is_used) {
   EXPECT_EQ(faults::calls()["socket"], 1);
 }
 
+TEST_F(sockets_listen, localhost_is_asked_for_by_its_number_which_needs_no_file) {
+  ASSERT_TRUE(listen());
+  EXPECT_EQ(faults::last_node(), "127.0.0.1");
+}
+
 TEST_F(sockets_listen, ipv6_addresses_are_not_even_asked_for) {
   faults::resolved() = {"::1", "127.0.0.3"};
   ASSERT_TRUE(listen());

@@ -66,6 +66,11 @@ std::vector<std::string>& adapters() {
   return addresses;
 }
 
+std::string& last_node() {
+  static std::string node;
+  return node;
+}
+
 select_call& last_select() {
   static select_call call;
   return call;
@@ -81,6 +86,7 @@ void clear() {
   frozen_clock() = 0;
   resolved().clear();
   adapters().clear();
+  last_node().clear();
   last_select() = {};
 }
 
@@ -278,6 +284,7 @@ int getsockopt(int sock, int level, int name, void* value, socklen_t* length) no
 
 int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** out) {
   int result = 0;
+  faults::last_node() = node ? node : "";
   if (fails("getaddrinfo", result)) return result;
   if (!faults::resolved().empty()) {
     *out = resolved_list(service, *hints);

@@ -54,6 +54,9 @@ int64_t& frozen_clock();
 std::vector<std::string>& resolved();
 std::vector<std::string>& adapters();
 
+/* The node that getaddrinfo() was asked for last; empty for the wildcard. */
+std::string& last_node();
+
 /* The last call of select(): its first argument, and its time-out in microseconds. */
 struct select_call {
   int count = 0;
