@@ -231,6 +231,14 @@ TEST_F(sockets_connect, connection_to_a_listener_has_not_failed) {
   EXPECT_FALSE(sockets::has_failed(sock));
 }
 
+TEST_F(sockets_connect, connection_that_the_peer_has_closed_has_not_failed) {
+  connect("127.0.0.1", false);
+  upstream.accept().close();
+  pollfd readable = {sock, POLLIN, 0};
+  ASSERT_EQ(poll(&readable, 1, 10000), 1);
+  EXPECT_FALSE(sockets::has_failed(sock));
+}
+
 TEST_F(sockets_connect, no_socket_counts_as_failed) {
   EXPECT_TRUE(sockets::has_failed(-1));
 }
