@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -154,6 +155,12 @@ TEST_F(connection_test, memory_is_zero_for_every_size_of_class) {
 TEST_F(connection_test, memory_is_zero_for_more_objects_than_are_kept) {
   expect_zero_and_spoil<silent_connection>(70);
   expect_zero_and_spoil<silent_connection>(70);
+}
+
+TEST_F(connection_test, server_makes_none_when_the_system_has_no_memory) {
+  server<larger_connection<123456>> maker(0);
+  faults::of()["mmap"] = {0, 1, ENOMEM};
+  EXPECT_EQ(maker.create_connection(0), nullptr);
 }
 
 TEST_F(connection_test, memory_is_zero_when_only_a_byte_was_written) {
