@@ -18,6 +18,10 @@
 #include "net/server.h"
 #include "tests/support/faults.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace {
 
 struct silent_connection : connection {
@@ -163,6 +167,11 @@ TEST_F(connection_test, server_makes_none_when_the_system_has_no_memory) {
   EXPECT_EQ(maker.create_connection(0), nullptr);
 }
 
+TEST_F(connection_test, plain_new_throws_when_the_system_has_no_memory) {
+  faults::of()["mmap"] = {0, 1, ENOMEM};
+  EXPECT_THROW(new larger_connection<234567>, std::bad_alloc);
+}
+
 TEST_F(connection_test, memory_is_zero_when_only_a_byte_was_written) {
   for (size_t at : {size_t{0}, size_t{4095}, size_t{4096}, size_t{524288}, sizeof(connection::out) - 1}) {
     auto* c = new silent_connection;
@@ -255,5 +264,23 @@ TEST_F(connection_test, ended_objects_give_back_their_addresses_but_for_some) {
   EXPECT_GT(given_back, output_buffers / 2);
   EXPECT_LT(given_back, output_buffers / 8 * 7);
 }
+
+#if defined(__SANITIZE_ADDRESS__)
+
+TEST_F(connection_test, places_of_ended_objects_are_hidden_from_use_until_they_are_given_back) {
+  std::vector<std::unique_ptr<connection>> objects;
+  std::vector<const void*> places;
+  for (int i = 0; i < many; i++) {
+    objects.emplace_back(new silent_connection);
+    places.push_back(objects.back().get());
+  }
+  objects.clear();
+  int hidden = 0;
+  for (const void* place : places) hidden += __asan_address_is_poisoned(place);
+  EXPECT_GT(hidden, 0);
+  EXPECT_LT(hidden, many / 2);
+}
+
+#endif
 
 }  // namespace
