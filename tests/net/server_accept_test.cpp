@@ -150,6 +150,15 @@ TEST_F(server_accept, client_is_refused_quietly_by_on_accept) {
   expect_console("");
 }
 
+TEST_F(server_accept, client_is_refused_when_on_accept_throws) {
+  client waiting = connect_client();
+  srv.when_called = [](connection*) { throw std::string("no such function"); };
+  EXPECT_THROW(srv.accept_connection(), std::string);
+  EXPECT_THAT(notes, ElementsAre("create for 127.0.0.1", "c1 deleted"));
+  EXPECT_EQ(srv.connections.count, 0);
+  EXPECT_TRUE(repeat_until([&] { waiting.poll(); }, [&] { return waiting.is_closed(); }));
+}
+
 TEST_F(server_accept, refused_object_is_deleted_before_its_socket_is_closed) {
   client waiting = connect_client();
   srv.accepts = false;

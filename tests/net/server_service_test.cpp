@@ -86,6 +86,18 @@ TEST_F(server_service, time_out_ends_the_connection) {
   a.expect_closed();
 }
 
+TEST_F(server_service, connection_is_deleted_when_on_remove_throws) {
+  link& a = join();
+  idle(a, 11);
+  srv.when_called = [](connection*) { throw std::string("no such function"); };
+  notes.clear();
+  EXPECT_THROW(turn(), std::string);
+  EXPECT_THAT(notes, ElementsAre("c1 deleted"));
+  EXPECT_EQ(srv.connections.count, 0);
+  a.expect_closed();
+  srv.when_called = nullptr;
+}
+
 TEST_F(server_service, error_condition_ends_the_connection_and_takes_it_off_the_list) {
   link& a = join();
   std::string message = line(a, "has errors");
