@@ -2,7 +2,7 @@
  *
  * Owns the array `data` (from realloc, freed by the destructor), never the elements.
  * Between calls: (1) count <= capacity; (2) data[count] is null, so the array can be walked to its end;
- * (3) data is null exactly when capacity is 0. Capacities run 2, 4, 8, ... */
+ * (3) data is null exactly when capacity is 0. Capacities run 2, 4, 8, ... unless reserve() sets another. */
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ struct arraylist {
   arraylist& operator=(const arraylist&) = delete;
   ~arraylist() { free(data); }
 
-  /* Appends `x`. */
+  /* Appends `x`. The array may move: pointers into `data` die. */
   void add(T x) {
     if (capacity == 0)
       reserve(2);
@@ -52,7 +52,8 @@ struct arraylist {
     if (count > 0) data[--count] = nullptr;
   }
 
-  /* Makes room for `wanted` elements, at least `count`, and the null behind them. */
+  /* Sets the capacity to `wanted` elements, at least `count`, less than before or more; the null behind them
+   * has a place of its own. */
   void reserve(uint32_t wanted) {
     capacity = wanted;
     data = static_cast<T*>(realloc(data, (static_cast<size_t>(capacity) + 1) * sizeof(T)));

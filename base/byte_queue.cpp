@@ -16,7 +16,7 @@ constexpr size_t largest_block = 65536;
 constexpr size_t kept_when_empty = 4096;
 constexpr int most_spare_blocks = 64;       // 4 MiB at most: what a turn moves through eight pipes
 constexpr int blocks_before_trim = 256;     // 16 MiB
-constexpr int blocks_of_short_queues = 16;  // what is freed after a trim stays with malloc: 1 MiB of it
+constexpr int blocks_of_short_queues = 16;  // 1 MiB: what these free later stays with malloc
 
 }  // namespace
 
@@ -73,7 +73,7 @@ byte_queue& byte_queue::append(const char* data, size_t len) {
 void byte_queue::clear() {
   while (head_ && head_->next) drop_head();
   size_ = 0;
-  trim();
+  reset_last_block();
 }
 
 size_t byte_queue::consume(char* buf, size_t cap) {
@@ -87,7 +87,7 @@ size_t byte_queue::consume(char* buf, size_t cap) {
     size_ -= n;
     if (b->begin == b->end && b->next) drop_head();
   }
-  if (size_ == 0) trim();
+  if (size_ == 0) reset_last_block();
   return done;
 }
 
@@ -115,7 +115,7 @@ void byte_queue::drop_head() {
 }
 
 // An empty queue keeps a small block for the next message, and nothing larger.
-void byte_queue::trim() {
+void byte_queue::reset_last_block() {
   if (!head_) return;
   if (head_->capacity + sizeof(block) > kept_when_empty)
     drop_head();
@@ -131,10 +131,20 @@ byte_queue::block* byte_queue::new_block(size_t bytes) {
   return new (memory) block{nullptr, bytes - sizeof(block), 0, 0};
 }
 
+namespace {
+
 // After a long queue, a single block that is still in use near the end of the heap, a spare one for example,
 // would keep all the free memory before it from the system. So malloc is told to return it, once the queues
 // are short again. Mapping every block on its own would do as well, at the price of a mapping and 16 page
 // faults for each block of a download that runs ahead.
+void trim_malloc_maybe(spare_blocks& s) {
+  if (s.freed < blocks_before_trim || s.in_queues > blocks_of_short_queues) return;
+  malloc_trim(0);
+  s.freed = 0;
+}
+
+}  // namespace
+
 void byte_queue::free_block(block* b) {
   if (b->capacity + sizeof(block) != largest_block) {
     free(b);
@@ -148,10 +158,7 @@ void byte_queue::free_block(block* b) {
     free(b);
     s.freed++;
   }
-  if (s.freed >= blocks_before_trim && s.in_queues <= blocks_of_short_queues) {
-    malloc_trim(0);
-    s.freed = 0;
-  }
+  trim_malloc_maybe(s);
 }
 
 }  // namespace base

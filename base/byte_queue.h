@@ -2,11 +2,12 @@
  *
  * The bytes stand in a chain of blocks, so both ends cost O(1) per byte however long the queue is and
  * however slowly it drains; nothing is ever moved to make room. Owns its blocks. Blocks grow with the
- * queue, from 512 bytes to 64 KiB, and full-size ones are shared through a small free list. An emptied
- * queue keeps at most one block of 4 KiB. Sizes are bytes.
+ * queue, from 512 bytes to 64 KiB. Up to 64 full-size ones that no queue needs are kept for all queues, and
+ * once 16 MiB more were freed and the queues are short, malloc is told to return them to the system. An
+ * emptied queue keeps at most one block of 4 KiB. Sizes are bytes.
  *
- * Between calls: (1) size is the sum of what the blocks hold; (2) no block but the last is empty;
- * (3) head is null exactly when tail is. */
+ * Between calls: (1) size_ is the sum of what the blocks hold; (2) no block but the last is empty;
+ * (3) head_ is null exactly when tail_ is. */
 #pragma once
 
 #include <cstddef>
@@ -23,10 +24,12 @@ class byte_queue {
   byte_queue& operator=(const byte_queue&) = delete;
   ~byte_queue();
 
+  /* Replaces the content. */
   byte_queue& operator=(const std::string& s);
   byte_queue& operator=(const char* s) { return *this = std::string(s); }
 
-  /* Appends `len` bytes, which are copied. */
+  /* Appends `len` bytes, which are copied. Throws std::bad_alloc when there is no memory; the queue is then
+   * fit for nothing but its destruction. */
   byte_queue& append(const char* data, size_t len);
   byte_queue& append(const std::string& s) { return append(s.data(), s.size()); }
   byte_queue& operator+=(const std::string& s) { return append(s); }
@@ -34,6 +37,8 @@ class byte_queue {
   size_t size() const { return size_; }
   size_t length() const { return size_; }
   bool empty() const { return size_ == 0; }
+
+  /* Drops the content. */
   void clear();
 
   /* Moves the first min(cap, size()) bytes to `buf` and returns their number. */
@@ -52,7 +57,7 @@ class byte_queue {
 
   block* add_block(size_t wanted);
   void drop_head();
-  void trim();
+  void reset_last_block();
 
   static block* new_block(size_t bytes);
   static void free_block(block* b);

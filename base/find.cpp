@@ -13,8 +13,8 @@ char fold(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-bool is_match(char text, char pattern, bool fold_case) {
-  return pattern == '?' || text == pattern || (fold_case && fold(text) == fold(pattern));
+bool is_match(char byte, char wanted, bool fold_case) {
+  return wanted == '?' || byte == wanted || (fold_case && fold(byte) == fold(wanted));
 }
 
 // Whether the whole of `pattern` matches at text[start]; `end` is then the position behind the match.
@@ -48,12 +48,13 @@ bool match_at(const std::string& text, size_t start, const std::string& pattern,
 
 bool is_equal_folded(const char* a, const char* b, size_t len) {
   for (size_t i = 0; i < len; i++) {
-    if (a[i] != b[i] && fold(a[i]) != fold(b[i])) return false;
+    if (fold(a[i]) != fold(b[i])) return false;
   }
   return true;
 }
 
 size_t find(const std::string& text, const std::string& pattern, size_t& end) {
+  // The end counts as a place, too: an empty pattern matches there, and so does a star.
   for (size_t start = 0; start <= text.size(); start++) {
     if (match_at(text, start, pattern, end)) return start;
   }

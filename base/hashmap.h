@@ -4,7 +4,7 @@
  * cannot be told from an absent key. Slots are found by linear probing; the table doubles when it is half
  * full (3, 6, 12, 24, ...), and a removal rebuilds it, so no probe chain ever has a hole.
  *
- * Between calls: (1) count <= capacity / 2 + 1, unless doubling would overflow; (2) keys[0..count-1] are
+ * Between calls: (1) count <= capacity / 2, unless doubling would overflow; (2) keys[0..count-1] are
  * the keys in the order of their first insertion, keys[count] is null; (3) slots and keys are null exactly
  * when capacity is 0. V is copied with its slot, byte for byte, and must allow that. */
 #pragma once
@@ -34,10 +34,10 @@ struct hashmap {
 
   slot* slots = nullptr;
   std::string** keys = nullptr;
-  uint32_t count = 0;
-  uint32_t capacity = 0;
+  uint32_t count = 0;       // keys
+  uint32_t capacity = 0;    // slots
   uint32_t collisions = 0;  // insertions' steps past another key; statistics only, wraps
-  uint32_t (*hash)(const char*, unsigned) = tovel_hash;
+  uint32_t (*hash)(const char*, unsigned) = tovel_hash;  // set before the first key: stored hashes stay
 
   hashmap() = default;
   hashmap(const hashmap&) = delete;
@@ -58,7 +58,8 @@ struct hashmap {
   }
 
   /* Inserts, or replaces the value of a key that is there. The map copies the key, so the caller's string
-   * may die at once. When no slot is free (only after 2^31 keys) it says so and stores nothing. */
+   * may die at once. When no slot is free (only after 3 * 2^30 keys, when doubling would overflow) it says so
+   * and stores nothing. */
   void set(const std::string& key, V value) {
     grow_maybe();
     uint32_t h = hash_of(key);
@@ -77,8 +78,9 @@ struct hashmap {
     place->value = value;
   }
 
-  /* Removes `key` if it is there; its value is the caller's to free. Costs a walk over all keys and a
-   * rebuild of the table: cheaper than tombstones for a map that hardly ever removes. */
+  /* Removes `key`, which may be the map's own string, if it is there; its value is the caller's to free.
+   * Costs a walk over all keys and a rebuild of the table: cheaper than tombstones for a map that hardly ever
+   * removes. */
   void remove(const std::string& key) {
     if (count == 0) return;
     slot* found = find_slot(hash_of(key), key, nullptr);

@@ -9,8 +9,8 @@
  *
  * Between calls: (1) tail->next is null, and tail == head exactly when count is 0; (2) cursor is the node
  * before the visited element, or null after remove(); (3) resume is where the pass goes on after remove(),
- * otherwise null. pop() must not be called between remove() and the next() that follows it: it could free
- * the node that resume points to. */
+ * and null while cursor is not. pop() must not be called between remove() and the next() that follows it: it
+ * could free the node that resume points to. */
 #pragma once
 
 #include <cstdint>
@@ -77,7 +77,7 @@ struct linkedlist {
     return true;
   }
 
-  /* Goes on to the next element; after remove(), to the one behind it, which is thereby passed over. */
+  /* Goes on to the next element; after remove(), past the one behind the removed element. */
   void next() {
     if (cursor && cursor->next) {
       cursor = cursor->next;
@@ -100,7 +100,7 @@ struct linkedlist {
   }
 
  private:
-  // Frees `n` alone, not the chain behind it.
+  // Frees `n` alone, not the chain behind it, and returns its value.
   static T free_node(node* n) {
     T value = n->value;
     n->next = nullptr;

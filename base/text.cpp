@@ -65,6 +65,17 @@ uint32_t rotate_left(uint32_t x, int bits) {
   return x << bits | x >> (32 - bits);
 }
 
+// FIPS 180-4, section 4.1.1.
+uint32_t choose(uint32_t x, uint32_t y, uint32_t z) {
+  return (x & y) ^ (~x & z);
+}
+uint32_t parity(uint32_t x, uint32_t y, uint32_t z) {
+  return x ^ y ^ z;
+}
+uint32_t majority(uint32_t x, uint32_t y, uint32_t z) {
+  return (x & y) ^ (x & z) ^ (y & z);
+}
+
 uint32_t big_endian_word(const char* bytes) {
   uint32_t word = 0;
   for (int i = 0; i < 4; i++) word = word << 8 | static_cast<unsigned char>(bytes[i]);
@@ -87,16 +98,16 @@ void hash_block(sha1_state& h, const char* block) {
   for (int t = 0; t < 80; t++) {
     uint32_t f, k;
     if (t < 20) {
-      f = (b & c) ^ (~b & d);
+      f = choose(b, c, d);
       k = 0x5A827999;
     } else if (t < 40) {
-      f = b ^ c ^ d;
+      f = parity(b, c, d);
       k = 0x6ED9EBA1;
     } else if (t < 60) {
-      f = (b & c) ^ (b & d) ^ (c & d);
+      f = majority(b, c, d);
       k = 0x8F1BBCDC;
     } else {
-      f = b ^ c ^ d;
+      f = parity(b, c, d);
       k = 0xCA62C1D6;
     }
     uint32_t next = rotate_left(a, 5) + f + e + k + w[t];
@@ -115,7 +126,7 @@ std::string sha1(const std::string& bytes) {
   std::string padded = bytes;
   padded += '\x80';
   while (padded.size() % 64 != 56) padded += '\0';
-  append_big_endian(padded, 0);
+  append_big_endian(padded, 0);  // the upper half of the length is not used
   append_big_endian(padded, static_cast<uint32_t>(bytes.size() * 8));
 
   sha1_state h = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0};
@@ -127,7 +138,7 @@ std::string sha1(const std::string& bytes) {
 }
 
 uint32_t utf8_decode(const std::string& s, size_t& pos) {
-  // Bits of a code point by the number of its continuation bytes.
+  // The largest code point by the number of its continuation bytes.
   static const uint32_t masks[] = {0x7F, 0x7FF, 0xFFFF, 0x1FFFFF};
 
   uint32_t lead = static_cast<unsigned char>(s[pos++]);
@@ -159,7 +170,7 @@ void append_u_escape(std::string& out, uint32_t unit) {
 
 void append_code_point(std::string& out, uint32_t code) {
   if (code == invalid_code_point) {
-    append_u_escape(out, 0xFFFF);
+    append_u_escape(out, 0xFFFF);  // what U+FFFF itself gives, too
   } else if (code < 0x10000) {
     append_u_escape(out, code);
   } else {
@@ -169,7 +180,7 @@ void append_code_point(std::string& out, uint32_t code) {
   }
 }
 
-// The character after the backslash for bytes that have a short escape; 0 for the others.
+// The character after the backslash for bytes that have a short escape; a null character for the others.
 char short_escape(char c) {
   switch (c) {
     case '"':

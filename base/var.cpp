@@ -19,8 +19,7 @@ var var::object() {
 }
 
 var& var::operator=(const var& other) {
-  if (this == &other) return *this;
-  var keep(other);  // `other` may live inside the payload that is released here
+  var keep(other);  // `other` may live inside the payload that is released here, or be this one
   unref();
   ref(keep);
   return *this;
@@ -113,6 +112,7 @@ var var::split(const std::string& separators) const {
   const std::string s = *this;
   auto is_separator = [&](char c) { return separators.find(c) != std::string::npos; };
   var result = array();
+  // Exactly as many as there will be pieces.
   result.as_array().reserve(1 + static_cast<uint32_t>(std::count_if(s.begin(), s.end(), is_separator)));
   for (size_t start = 0;;) {
     size_t hit = s.find_first_of(separators, start);
@@ -128,8 +128,16 @@ var::operator std::string() const {
   return to_json_helper(visited, true);
 }
 
+namespace {
+
+std::string quoted(const std::string& s) {
+  return "\"" + base::escape(s, true) + "\"";
+}
+
+}  // namespace
+
 std::string var::to_json_helper(base::arraylist<var_data*>& visited, bool pretty) const {
-  if (kind >= string_kind) {
+  if (kind >= string_kind) {  // the word of a number or a boolean is no pointer
     for (uint32_t i = 0; i < visited.count; i++) {
       if (visited.data[i] == data) return "ERROR_CYCLE";
     }
@@ -142,7 +150,7 @@ std::string var::to_json_helper(base::arraylist<var_data*>& visited, bool pretty
     case bool_kind:
       return boolean ? "true" : "false";
     case string_kind:
-      return "\"" + (has_payload(kind) ? base::escape(as_string(), true) : "") + "\"";
+      return quoted(has_payload(kind) ? as_string() : "");
     case array_kind:
       return has_payload(kind) ? array_to_json(visited, pretty) : "[]";
     case object_kind:
@@ -194,9 +202,9 @@ std::string var::object_to_json(base::arraylist<var_data*>& visited, bool pretty
   for (uint32_t i = 0; i < map.count; i++) {
     if (i > 0) out += pretty ? ",\n" : ",";
     if (pretty) out += indent + "  ";
-    out += var(*map.keys[i]).to_json_helper(visited, pretty);
-    out += pretty ? " : " : ":";
-    var* value = map.get(*map.keys[i]);
+    const std::string& key = *map.keys[i];
+    out += quoted(key) + (pretty ? " : " : ":");
+    var* value = map.get(key);
     out += value ? value->to_json_helper(visited, pretty) : "null";
   }
   if (pretty) out += "\n" + indent;

@@ -39,7 +39,7 @@ struct var {
 
   var() {}
   var(const std::string& s);
-  var(const char* s);
+  var(const char* s);  // without it, a literal would become a boolean
   var(double x) : kind(number_kind), number(x) {}
   var(int x) : kind(number_kind), number(x) {}
   var(bool x) : kind(bool_kind), boolean(x) {}
@@ -47,6 +47,7 @@ struct var {
   var& operator=(const var& other);
   ~var() { unref(); }
 
+  /* A new empty array or object, which nobody else shares. */
   static var array();
   static var object();
 
@@ -81,6 +82,7 @@ struct var {
  private:
   var(int32_t data_kind, void* payload);
 
+  // Only after has_payload() of that kind.
   std::string& as_string() const { return *static_cast<std::string*>(data->payload); }
   base::arraylist<var*>& as_array() const { return *static_cast<base::arraylist<var*>*>(data->payload); }
   base::hashmap<var*>& as_object() const { return *static_cast<base::hashmap<var*>*>(data->payload); }

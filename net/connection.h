@@ -7,7 +7,8 @@
  * stand on zero pages of their own, so only the pages that are used cost memory; see connection_memory.cpp.
  *
  * Between calls of the server: (1) 0 <= out_pos, and out_pos + out_len <= sizeof(out) while out_len > 0;
- * (2) out_len is 0 when on_send is called. */
+ * (2) out_len is 0 when on_send is called; (3) a negative out_len counts as output that is never sent. `keep`
+ * is true at first: a connection may be written to before it was ever asked for output. */
 #pragma once
 
 #include <cstddef>
@@ -30,7 +31,7 @@ struct connection {
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
-  int refused_writes = 0;             // in a row, by a TLS session on a writable socket
+  int refused_writes = 0;             // in a row, by a TLS session on a writable socket; see ssl_server
 
   connection();
   connection(const connection&) = delete;

@@ -28,7 +28,7 @@ namespace {
 constexpr size_t page = 4096;
 constexpr size_t cache_line = 64;
 constexpr unsigned slots = 8;                      // of a row
-constexpr unsigned all_free = (1U << slots) - 1U;  // as row::free
+constexpr unsigned all_free = (1U << slots) - 1U;  // as row::free_slots
 constexpr unsigned most_spare = 64;                // slots that are kept for the next connections
 
 // The distance from object to object: whole cache lines, and an odd number of them, so that the hot fields
@@ -39,8 +39,8 @@ size_t stride_for(size_t size) {
 
 struct row {
   char* base;
-  size_t size;    // of its objects
-  unsigned free;  // a bit for each slot
+  size_t size;          // of its objects
+  unsigned free_slots;  // a bit for each
 
   size_t length() const { return (slots * stride_for(size) + page - 1) / page * page; }
   char* at(unsigned slot) const { return base + slot * stride_for(size); }
@@ -52,16 +52,17 @@ struct row_list {
   unsigned spare = 0;  // free slots in all of them
 };
 
-row_list& memory() {
+row_list& all_rows() {
   static auto* list = new row_list;  // never deleted: connections are ended until the very end of the process
   return *list;
 }
 
 // The first row with a free slot for `size` bytes, a new one if need be; null when the system has no memory.
+// A walk over all rows, of which a full server has about 130.
 row* find_row(size_t size) {
-  std::vector<row>& rows = memory().rows;
+  std::vector<row>& rows = all_rows().rows;
   for (row& r : rows) {
-    if (r.size == size && r.free != 0) return &r;
+    if (r.size == size && r.free_slots != 0) return &r;
   }
   row r = {nullptr, size, all_free};
   void* base =
@@ -71,7 +72,7 @@ row* find_row(size_t size) {
   r.base = static_cast<char*>(base);
   HIDE_FROM_USE(r.base, r.length());
   rows.push_back(r);
-  memory().spare += slots;
+  all_rows().spare += slots;
   return &rows.back();
 }
 
@@ -91,11 +92,11 @@ void wipe(char* object, size_t size) {
 }
 
 void give_back(row& r) {
-  memory().spare -= slots;
+  all_rows().spare -= slots;
   OPEN_FOR_USE(r.base, r.length());
   munmap(r.base, r.length());
-  r = memory().rows.back();
-  memory().rows.pop_back();
+  r = all_rows().rows.back();
+  all_rows().rows.pop_back();
 }
 
 }  // namespace
@@ -103,9 +104,9 @@ void give_back(row& r) {
 void* connection::operator new(size_t size, const std::nothrow_t&) noexcept {
   row* r = find_row(size);
   if (!r) return nullptr;
-  const auto slot = static_cast<unsigned>(__builtin_ctz(r->free));
-  r->free &= ~(1U << slot);
-  memory().spare--;
+  const auto slot = static_cast<unsigned>(__builtin_ctz(r->free_slots));
+  r->free_slots &= ~(1U << slot);
+  all_rows().spare--;
   OPEN_FOR_USE(r->at(slot), size);
   return r->at(slot);
 }
@@ -118,13 +119,13 @@ void* connection::operator new(size_t size) {
 
 void connection::operator delete(void* object, size_t size) noexcept {
   auto* place = static_cast<char*>(object);
-  for (row& r : memory().rows) {
+  for (row& r : all_rows().rows) {
     if (!r.holds(place)) continue;
     wipe(place, size);
     HIDE_FROM_USE(place, size);
-    r.free |= 1U << static_cast<size_t>(place - r.base) / stride_for(size);
-    memory().spare++;
-    if (r.free == all_free && memory().spare >= most_spare + slots) give_back(r);
+    r.free_slots |= 1U << static_cast<size_t>(place - r.base) / stride_for(size);
+    all_rows().spare++;
+    if (r.free_slots == all_free && all_rows().spare >= most_spare + slots) give_back(r);
     return;
   }
 }

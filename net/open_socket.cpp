@@ -30,7 +30,7 @@ void set_option(int sock, int level, int name, int value) {
 }
 
 // Without TCP_NODELAY, the second of two small packets waits for the peer's delayed acknowledgement, 40 ms.
-// Keepalive finds peers that vanished without a word, after about two minutes; proxied connections have no
+// Keepalive finds peers that vanished without a word, after 60 + 4 * 15 s; proxied connections have no
 // time-out that would.
 void set_stream_options(int sock) {
   set_option(sock, IPPROTO_TCP, TCP_NODELAY, 1);
@@ -55,7 +55,8 @@ int open_socket(const addrinfo& address, int flags) {
 
 // The IPv4 addresses of the adapters, one a line.
 std::string adapter_list() {
-  // The list of the last call stays: a server is started once, and restarted only in trouble.
+  // The list of the last call stays, for the next one to free: a server is started once, and restarted only
+  // in trouble.
   static ifaddrs* adapters = nullptr;
   if (adapters) freeifaddrs(adapters);
   adapters = nullptr;
@@ -125,27 +126,36 @@ std::string address_text(const addrinfo& address) {
   return "(Unknown address family)";
 }
 
-int print_no_address(const std::string& host, int port) {
-  printf("No addresses worked for host %s:%d.\n", host.c_str(), port);
-  return -1;
+// A socket for an upstream; -1 when there is none to be had.
+int open_upstream_socket(const addrinfo& address, int flags) {
+  int sock = open_socket(address, flags);
+  if (sock == -1) return -1;
+  set_option(sock, SOL_SOCKET, SO_RCVBUF, upstream_receive_buffer);
+  set_stream_options(sock);
+  return sock;
 }
 
-// Tries the addresses in turn until one accepts. IPv6 is passed over: upstreams are reached over IPv4 only.
-// Returns -1 when none did; without blocking the first one decides.
-int connect_first(const addrinfo* addresses, bool blocking) {
+// The first address from `a` on that is not IPv6, over which no upstream is reached; null when there is none.
+const addrinfo* skip_ipv6(const addrinfo* a) {
+  while (a && a->ai_family == AF_INET6) a = a->ai_next;
+  return a;
+}
+
+// Starts connecting to the first address, which decides. Failed or under way: what became of it shows when
+// the socket is used.
+int connect_to_first(const addrinfo* addresses) {
+  const addrinfo* a = skip_ipv6(addresses);
+  if (!a) return -1;
+  int sock = open_upstream_socket(*a, SOCK_NONBLOCK);
+  if (sock != -1) static_cast<void>(::connect(sock, a->ai_addr, a->ai_addrlen));
+  return sock;
+}
+
+// Tries the addresses in turn until one accepts.
+int connect_to_any(const addrinfo* addresses) {
   int failed = 0;
-  for (const addrinfo* a = addresses; a; a = a->ai_next) {
-    if (a->ai_family == AF_INET6) continue;
-    int sock = open_socket(*a, blocking ? 0 : SOCK_NONBLOCK);
-    if (sock != -1) {
-      set_option(sock, SOL_SOCKET, SO_RCVBUF, upstream_receive_buffer);
-      set_stream_options(sock);
-    }
-    if (!blocking) {
-      // Failed or under way: what became of it shows when the socket is used.
-      if (sock != -1) static_cast<void>(::connect(sock, a->ai_addr, a->ai_addrlen));
-      return sock;
-    }
+  for (const addrinfo* a = skip_ipv6(addresses); a; a = skip_ipv6(a->ai_next)) {
+    int sock = open_upstream_socket(*a, 0);
     if (::connect(sock, a->ai_addr, a->ai_addrlen) == 0) return sock;
     printf("Address %d failed: %s\n", failed++, address_text(*a).c_str());
     if (sock != -1) ::close(sock);
@@ -182,8 +192,9 @@ int connect(const std::string& host, int port, bool blocking) {
     printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
     return -1;
   }
-  int sock = connect_first(addresses, blocking);
-  return sock == -1 ? print_no_address(host, port) : sock;
+  int sock = blocking ? connect_to_any(addresses) : connect_to_first(addresses);
+  if (sock == -1) printf("No addresses worked for host %s:%d.\n", host.c_str(), port);
+  return sock;
 }
 
 bool has_failed(int sock) {

@@ -19,12 +19,12 @@ constexpr int report_interval = 5;  // seconds
 // first bytes read into them. Allocated at the first read, it could be refused in the middle of a turn.
 alignas(4096) char read_buffer[read_capacity];
 
-// Both times are taken as 32 bits, which wrap in 2038; their difference does not. A connection that was
-// active in this very second is told by the fields before its buffer: `timeout` stands behind it, in memory
-// that a pass over many busy connections need not touch.
+// Both times are taken as 32 bits, which wrap in 2038; their difference does not.
 bool has_timed_out(const connection* conn, int64_t now) {
   auto idle_seconds =
       static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(conn->last_active));
+  // Active in this very second: `timeout` stands behind the output buffer, in memory that a pass over many
+  // busy connections need not touch.
   return idle_seconds > 0 && conn->timeout >= 0 && idle_seconds > conn->timeout;
 }
 
@@ -104,16 +104,13 @@ void server_base::update() {
   const int64_t now = time(nullptr);
   prefetch_connections();
   service_pass(now);
-  if (port != 0 && sockets::has(sockets::readable(), sock) && !accept_connection()) {
-    stop();
-    start();
-  }
+  if (port != 0 && sockets::has(sockets::readable(), sock) && !accept_connection()) restart();
   output_pass();
   report(now);
   connection::selected() = nullptr;
 }
 
-// After a failed select() nothing is known about any socket: all connections go.
+// After a failed select() or accept(): nothing is known about any socket, so all connections go.
 void server_base::restart() {
   const int cause = errno;
   stop();
@@ -152,13 +149,13 @@ void server_base::service_pass(int64_t now) {
 // Reads until the transport has no more for now. The peer's closing ends the connection, pending output or
 // not.
 void server_base::read_from(connection* conn, int64_t now) {
-  already_read = nullptr;
+  already_read = nullptr;  // left over if a hook has thrown
   int n = 0;
   while ((n = recv(conn, read_buffer, read_capacity)) > 0) {
     conn->on_recv(read_buffer, n);
     conn->last_active = static_cast<int32_t>(now);
   }
-  already_read = nullptr;
+  already_read = nullptr;  // what hooks read later goes to the system
   if (n == 0) unlink_and_end(conn);
 }
 
@@ -173,9 +170,9 @@ void server_base::write_to(connection* conn, int64_t now) {
   if (!conn->keep && conn->out_len == 0) unlink_and_end(conn);
 }
 
-// One read() a pass is enough: fewer bytes than asked for means that the socket is drained, and as many as
-// asked for are a stream that would keep the others waiting. So the second call of a pass is answered
-// without asking the system.
+// One call of the system in a pass is enough: fewer bytes than asked for mean that the socket is drained, and
+// as many as asked for are a stream that would keep the others waiting. So the second call of this hook in a
+// pass is answered without asking.
 int server_base::recv(connection* conn, char* buf, int len) {
   if (conn == already_read && conn == connection::selected()) {
     errno = EAGAIN;

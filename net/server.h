@@ -28,7 +28,7 @@ struct abstract_server {
   /* Called by the loop over several servers after a turn in which no socket was ready. */
   virtual void on_idle() {}
 
-  /* A new connection object for a client at `ip` (IPv4, network order), handed over to the caller. Null
+  /* A new connection object for a client at `ip`, the bits of connection::ip, handed over to the caller. Null
    * refuses the client. */
   virtual connection* create_connection(int ip) = 0;
 
@@ -45,7 +45,8 @@ struct abstract_server {
   /* Writes up to `len` bytes. Returns how many were taken; 0 or negative when none can be now. */
   virtual int send(connection* conn, char* buf, int len) = 0;
 
-  /* Starts this server and serves until SIGINT; returns at once when it cannot start. */
+  /* Starts this server and serves until SIGINT; returns at once, without a word of its own, when it cannot
+   * start. on_idle() is not called. */
   void run();
 
   /* Starts the servers of a null-terminated array, which is borrowed, and drives them in its order until
@@ -87,7 +88,7 @@ struct server_base : abstract_server {
   void end_connection(connection* conn);
 
  protected:
-  connection* already_read = nullptr;  // the connection that this pass has read from; only compared
+  connection* already_read = nullptr;  // this pass has read from it, as the transport notes; only compared
 
  private:
   void restart();

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -10,6 +11,11 @@
 namespace sockets {
 
 namespace {
+
+constexpr int longest_wait_us = 100000;  // bounds how late a time-out or SIGINT is seen
+
+constexpr rlim_t usual_limit = 1024;  // descriptors
+constexpr rlim_t raised_limit = 2048;
 
 fd_set* new_set() {
   auto* set = new fd_set;  // never deleted: sockets are closed until the very end of the process
@@ -54,7 +60,7 @@ void select_all() {
   *writable() = *ready();
   *errors() = *all();
   FD_ZERO(ready());
-  timeval wait = {0, 100000};
+  timeval wait = {0, longest_wait_us};
   num_ready() = select(FD_SETSIZE, readable(), writable(), errors(), &wait);
   if (num_ready() < 0 && errno != EINTR) {
     int cause = errno;
@@ -80,8 +86,8 @@ void close(int sock) {
 
 void raise_descriptor_limit() {
   rlimit limit;
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur != 1024) return;
-  limit.rlim_cur = limit.rlim_max < 2048 ? limit.rlim_max : 2048;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur != usual_limit) return;
+  limit.rlim_cur = std::min(limit.rlim_max, raised_limit);
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 

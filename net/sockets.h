@@ -1,9 +1,8 @@
 /* sockets: the process-wide readiness sets, the one select() of a turn, and the opening of TCP sockets.
  *
  * Every server and connection of the process shares the sets. Each lives from its first use to the end of
- * the process. They hold descriptors below FD_SETSIZE (1024); add() and its companions pass over all
- * others, -1 included, because an fd_set is written out of bounds by them. Failures are printed on standard
- * output and returned. */
+ * the process. They hold descriptors below FD_SETSIZE (1024). add() and its companions pass over any other,
+ * -1 included: FD_SET would write beside the set. Failures are printed on standard output and returned. */
 #pragma once
 
 #include <sys/select.h>
@@ -32,19 +31,22 @@ inline bool has(fd_set* set, int sock) {
   return fits(sock) && FD_ISSET(sock, set);
 }
 
-/* Registers `sock` for reading. The caller's server closes it, by close(). */
+/* Registers `sock` for reading and exceptional conditions. The caller's server closes it, by close(). */
 void add(int sock);
 
-/* Says that there is output for `sock`, so the next wait ends as soon as it can take some. */
+/* Says that there is output for `sock`: the next wait, and only that one, ends as soon as it can take some.
+ */
 void mark_ready(int sock);
 
 /* Closes `sock` and takes it out of every set, this turn's results included: its number may come back
- * before the turn is over, and the new socket must not be taken for ready. Nothing happens for -1. */
+ * before the turn is over, and the new socket must not be taken for ready. Nothing happens for a negative
+ * one. */
 void close(int sock);
 
 /* Opens a non-blocking listening TCP socket on IPv4, prints what it binds to, and stores its descriptor in
  * `sock`. What it accepts has TCP_NODELAY and keepalive set. Returns false, after printing the cause, when
- * no socket could be had; nothing stays open then. The caller registers the socket and closes it. */
+ * no socket could be had; nothing stays open then, and `sock` is -1, or untouched if not even an address was
+ * found. The caller registers the socket and closes it. */
 bool listen(int& sock, bool localhost_only, int port);
 
 /* Opens a TCP connection to `host` over IPv4 and returns its descriptor, which the caller closes, or -1

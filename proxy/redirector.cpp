@@ -18,9 +18,8 @@ int32_t& redirector::ssl_port() {
 
 void redirector::on_request() {
   std::string suffix = ssl_port() == default_ssl_port ? "" : ":" + std::to_string(ssl_port());
-  std::string host = get_header("host", head);
-  host = host.substr(0, host.find(':'));
-  redirect("https://" + host + suffix + path, true);
+  const std::string host = get_header("host", head);
+  redirect("https://" + host.substr(0, host.find(':')) + suffix + path, true);
   keep_alive = false;
 }
 
