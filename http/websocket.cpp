@@ -45,7 +45,8 @@ parse_results parse_frame_header(const std::string& text, size_t off, frame_head
     frame.mask_at = 2;
     frame.payload = code;
   } else if (code == 126) {
-    if (text.size() <= 7 || available < 8) return incomplete;
+    // The length is among the first 6 bytes; only the first frame of the input waits for its mask as well.
+    if (text.size() <= 7) return incomplete;
     frame.length = 8;
     frame.mask_at = 4;
     frame.payload = little_endian(text, off + 2, 2);

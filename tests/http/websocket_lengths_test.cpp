@@ -100,6 +100,58 @@ TEST_F(websocket_lengths, that_have_not_arrived_are_awaited) {
   }
 }
 
+TEST_F(websocket_lengths, beyond_the_limit_are_refused_once_the_last_of_their_bytes_is_there) {
+  const struct {
+    std::string head;
+    size_t needed;
+  } cases[] = {{frame_126(fin | text, std::string(201, 'a')), 8},
+               {head_127(fin | text, 201), 16},
+               {head_127(fin | text, UINT64_MAX), 16}};
+  for (const auto& t : cases) {
+    reconnect();
+    c().max_frame_length = 200;
+    for (const std::string& one : byte_by_byte(t.head.substr(0, t.needed - 1))) receive(c(), one);
+    EXPECT_EQ(console_.text(), "") << "a length is read when it is complete";
+    expect_open();
+    receive(c(), t.head.substr(t.needed - 1, 1));
+    expect_fault("Warning! Frame exceeds max length of 200.\n", t.head.substr(0, t.needed));
+  }
+}
+
+// The first frame of the input waits for 8 bytes; what stands before a later one counts as well.
+TEST_F(websocket_lengths, of_two_bytes_behind_another_frame_are_read_as_soon_as_six_bytes_are_there) {
+  const std::string before = short_frame(fin | text, "one");
+  for (size_t n : {5u, 6u, 7u}) {
+    reconnect();
+    c().max_frame_length = 200;
+    const std::string input = before + frame_126(fin | text, std::string(201, 'a')).substr(0, n);
+    receive(c(), input);
+    EXPECT_EQ(messages(), strings{"one"});
+    if (n >= 6) {
+      expect_fault("Warning! Frame exceeds max length of 200.\n", input);
+    } else {
+      EXPECT_EQ(c().content, input.substr(before.size()));
+      expect_open();
+    }
+  }
+}
+
+TEST_F(websocket_lengths, of_eight_bytes_behind_another_frame_are_read_when_all_eight_are_there) {
+  const std::string before = short_frame(fin | text, "one");
+  for (size_t n = 6; n <= 16; n++) {
+    reconnect();
+    const std::string input = before + head_127(fin | text, UINT64_MAX).substr(0, n);
+    receive(c(), input);
+    if (n == 16) {
+      expect_fault("Warning! Frame exceeds max length of 1048576.\n", input);
+    } else {
+      EXPECT_EQ(console_.text(), "") << n;
+      EXPECT_EQ(c().content, input.substr(before.size()));
+      expect_open();
+    }
+  }
+}
+
 TEST_F(websocket_lengths, whose_mask_has_not_arrived_are_awaited) {
   for (size_t length = 1; length <= 6; length++) {
     const std::string frame = head_127(fin | text, length);
