@@ -54,6 +54,7 @@ TEST(split_url, port_defaults_by_the_exact_scheme) {
       {"ftp://h", "ftp", "h", 21, "/"},
       {"HTTPS://h", "HTTPS", "h", 80, "/"},
       {"FTP://h", "FTP", "h", 80, "/"},
+      {"ftps://h", "ftps", "h", 80, "/"},
       {"httpss://h", "httpss", "h", 80, "/"},
       {"ws://h", "ws", "h", 80, "/"},
       {"x://h/", "x", "h", 80, "/"},
@@ -78,6 +79,9 @@ TEST(split_url, that_begins_with_two_slashes_is_https) {
       {"//h", "https", "h", 443, "/"},
       {"//", "https", "", 443, "/"},
       {"///x", "https", "/x", 443, "/"},
+      {"h//x", "http", "h", 80, "//x"},
+      {"http:////x", "http", "//x", 80, "/"},
+      {"/h//x", "http", "/h//x", 80, "/"},
   });
 }
 
@@ -93,7 +97,9 @@ TEST(split_url, only_the_first_scheme_separator_counts) {
 }
 
 TEST(split_url, that_begins_with_the_scheme_separator_is_left_whole) {
-  expect_parts({{"://h/x", "http", ":", 80, "//h/x"}, {"://", "http", ":", 80, "//"}});
+  expect_parts({{"://h/x", "http", ":", 80, "//h/x"},
+                {"://", "http", ":", 80, "//"},
+                {"://h://x", "http", ":", 80, "//h://x"}});
 }
 
 TEST(split_url, slash_right_after_the_scheme_belongs_to_the_host) {
@@ -131,6 +137,17 @@ TEST(split_url, port_is_read_as_strtol_reads_it) {
       {"http://h:65536/", "http", "h", 65536, "/"},
       {"http://h:2147483647/", "http", "h", INT32_MAX, "/"},
       {"http://h:1:2/", "http", "h", 1, "/"},
+  });
+}
+
+// strtol stops at the largest long; of any number the lower 32 bits are kept.
+TEST(split_url, port_of_more_than_31_bits_wraps) {
+  expect_parts({
+      {"http://h:2147483648/", "http", "h", INT32_MIN, "/"},
+      {"http://h:4294967376/", "http", "h", 80, "/"},
+      {"http://h:-4294967297/", "http", "h", -1, "/"},
+      {"http://h:9223372036854775888/", "http", "h", -1, "/"},
+      {"http://h:-9223372036854775888/", "http", "h", 0, "/"},
   });
 }
 
