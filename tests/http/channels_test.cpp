@@ -118,12 +118,14 @@ TEST_F(websocket_channels, without_the_connection_are_named_with_its_socket_and_
   auto c = upgraded(41);
   subscribe(*other, "news");
   subscribe(*c, "sport");
-  for (const char* name : {"absent", "news"}) c->subscriptions.set(name, {});
+  http_connection::channels().set("empty", new list);  // deleted by the fixture
+  for (const char* name : {"absent", "news", "empty"}) c->subscriptions.set(name, {});
   c.reset();
   EXPECT_EQ(console_.text(),
-            "Error! Channel not found: absent\nError! Subscription for 41 to news not found!\n");
+            "Error! Channel not found: absent\nError! Subscription for 41 to news not found!\n"
+            "Error! Subscription for 41 to empty not found!\n");
   EXPECT_EQ(of("news"), members{other.get()});
-  EXPECT_EQ(http_connection::channels().count, 1u) << "sport was left in good order";
+  EXPECT_EQ(http_connection::channels().count, 2u) << "sport was left in good order";
 }
 
 TEST_F(websocket_channels, are_left_after_the_queued_output_is_freed) {

@@ -66,6 +66,9 @@ TEST_F(websocket_frames, gather_in_message_until_the_final_one) {
 TEST_F(websocket_frames, reserved_bits_are_ignored) {
   for (int bits : {0x10, 0x20, 0x40, 0x70}) receive(c(), short_frame(fin | bits | text, "x"));
   EXPECT_EQ(messages(), (strings{"x", "x", "x", "x"}));
+  for (int bits : {0x10, 0x20, 0x40, 0x70}) receive(c(), short_frame(bits | text, "y"));
+  EXPECT_EQ(c().message, "yyyy") << "and none of them ends a message";
+  EXPECT_EQ(messages().size(), 4u);
   EXPECT_EQ(console_.text(), "");
   expect_open();
 }
@@ -140,6 +143,7 @@ TEST_F(websocket_frames, longer_than_the_limit_are_refused_before_their_payload_
       {200, frame_126(fin | text, std::string(200, 'a')),
        frame_126(fin | text, std::string(201, 'a')).substr(0, 8)},
       {0, short_frame(fin | text, ""), short_frame(fin | text, "1")},
+      {-1, "", short_frame(fin | text, "")},
       {1048576, "", head_127(fin | text, 1048577).substr(0, 16)},
       {INT32_MAX, "", head_127(fin | text, 2147483648u)},
       {1048576, "", head_127(fin | text, uint64_t{1} << 63)},

@@ -49,6 +49,7 @@ TEST(websocket_handshake, accept_value_is_made_from_the_key_as_it_was_sent) {
       {"x3JJHMbDL1EzLkh9GBhXDw==", "HSmrc0sMlYUkAGmm5OPpG2HaGWk="},
       {"abc", "zwKd5BnoWxQ6GxTxxSmBSHGHX9M="},
       {" abc ", "yT3M7ZZMryvEfBchJCw3ZJZMw78="},
+      {std::string(200, 'k'), "HXr7Nbki1tHdEVpq+a7G7IV4VJU="},
   };
   for (const auto& t : cases)
     EXPECT_EQ(send_everything(*after(handshake(t.key, "13"))), accepted(t.accept)) << t.key;

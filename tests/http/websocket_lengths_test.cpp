@@ -208,7 +208,7 @@ TEST_F(websocket_lengths, beyond_the_output_buffer_make_slices_of_it) {
 
 TEST(websocket_sender, sets_fin_on_any_opcode_and_asks_for_neither_upgrade_nor_answer) {
   auto c = std::make_unique<http_connection>();
-  for (int opcode : {0, 1, 2, 8, 9, 10, 15}) {
+  for (int opcode : {0, 1, 2, 8, 9, 10, 15, fin | text}) {
     c->send_message("x", opcode);
     EXPECT_EQ(send_everything(*c), byte(static_cast<uint64_t>(opcode) | 0x80) + "\x01x");
   }
