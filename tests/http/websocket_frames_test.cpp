@@ -50,6 +50,16 @@ TEST_F(websocket_frames, in_fragments_make_one_message_whatever_their_opcodes) {
   }
 }
 
+TEST_F(websocket_frames, final_ones_are_a_message_each_even_a_continuation_of_nothing) {
+  for (int opcode : {continuation, text, binary}) {
+    reconnect();
+    receive(c(), short_frame(fin | opcode, "Hello") + short_frame(fin | opcode, ""));
+    EXPECT_EQ(messages(), (strings{"Hello", ""})) << opcode;
+    EXPECT_EQ(send_everything(c()), std::string("\x81\x05Hello\x81\x00", 9));
+    expect_open();
+  }
+}
+
 TEST_F(websocket_frames, gather_in_message_until_the_final_one) {
   receive(c(), short_frame(text, "Hel"));
   EXPECT_EQ(c().message, "Hel");
