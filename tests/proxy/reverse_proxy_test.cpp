@@ -170,6 +170,19 @@ TEST_F(reverse_proxy_test, bodies_of_answered_requests_are_dropped) {
   }
 }
 
+// The pipe is the same one, and nobody looks whose body it is.
+TEST_F(reverse_proxy_test, bodies_of_answered_requests_go_to_an_upstream_that_is_there) {
+  receive(request_to("on"));
+  std::string wanted = forwarded("on", "/", "", "", ip);
+  for (const char* host : {"unknown", "echo"}) {
+    receive(request_to(host, "/", length_of("12345"), "12"));
+    receive("345");
+    wanted += "12345";
+    EXPECT_EQ(to_upstream(), wanted);
+  }
+  EXPECT_EQ(upstreams(), 1);
+}
+
 TEST_F(reverse_proxy_test, forwarded_head_is_rebuilt_with_the_clients_lines_in_order_and_our_own_last) {
   receive(
       "POST /a/b?c=d&e HTTP/1.1\r\n"
