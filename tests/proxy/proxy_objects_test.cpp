@@ -1,7 +1,11 @@
 // The objects of the relay by themselves: what they start with, and what they leave alone.
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <type_traits>
 
 #include "tests/proxy/proxy_fixtures.h"
 
@@ -24,6 +28,14 @@ void expect_initial_values(T& proxy) {
   EXPECT_EQ(proxy.timeout, 10);
 }
 
+uintptr_t at(const void* field) {
+  return reinterpret_cast<uintptr_t>(field);
+}
+
+void expect_order(const std::vector<uintptr_t>& places) {
+  EXPECT_TRUE(std::is_sorted(places.begin(), places.end())) << testing::PrintToString(places);
+}
+
 }  // namespace
 
 TEST(http_proxy, no_server_is_assigned_at_first) {
@@ -32,6 +44,19 @@ TEST(http_proxy, no_server_is_assigned_at_first) {
 
 TEST(reverse_proxy, host_map_is_empty_at_first) {
   EXPECT_EQ(reverse_proxy::hosts().count, 0u);
+}
+
+TEST(http_proxy, fields_stand_in_the_order_of_the_design) {
+  auto proxy = std::make_unique<http_proxy>();
+  expect_order({at(&proxy->subscriptions), at(&proxy->upstream_host), at(&proxy->upstream_port),
+                at(&proxy->pipe), at(&proxy->idle_pipe)});
+  EXPECT_TRUE((std::is_same_v<decltype(proxy->upstream_port), int32_t>));
+}
+
+TEST(proxy_pipe, fields_stand_in_the_order_of_the_design) {
+  proxy_pipe pipe;
+  expect_order({at(&pipe.refs), at(&pipe.to_upstream), at(&pipe.to_client)});
+  EXPECT_TRUE((std::is_same_v<decltype(pipe.refs), int32_t>));
 }
 
 TEST(reverse_proxy, adds_no_fields) {
@@ -119,4 +144,12 @@ TEST(proxy_connection, takes_part_in_the_pipe_and_never_times_out) {
   upstream.reset();
   EXPECT_EQ(pipe.refs, 1);
   faults::clear();
+}
+
+TEST(proxy_connection, its_socket_is_left_to_the_server_to_close) {
+  const int sock = socket(AF_INET, SOCK_STREAM, 0);
+  proxy_pipe pipe;
+  delete new proxy_connection(sock, &pipe);
+  EXPECT_NE(fcntl(sock, F_GETFD), -1);
+  EXPECT_EQ(close(sock), 0);
 }
