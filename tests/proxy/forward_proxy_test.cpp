@@ -86,6 +86,10 @@ TEST_F(forward_proxy_test, console_shows_the_request_without_a_host) {
   EXPECT_EQ(out.text(), "10.0.0.7:51234 GET " + url("/p?q") + " HTTP/1.1 [curl/8.0]\n");
 }
 
+TEST_F(forward_proxy_test, line_on_the_console_is_not_flushed) {
+  expect_unflushed([this] { get(url()); }, "10.0.0.7:51234 GET " + url() + " HTTP/1.1 []\n");
+}
+
 // What a failed look-up says on the console shows where the connection would have gone.
 TEST_F(forward_proxy_test, target_without_a_port_means_the_port_of_its_scheme) {
   const std::tuple<const char*, const char*, const char*> table[] = {

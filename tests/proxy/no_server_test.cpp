@@ -50,6 +50,13 @@ TEST_F(no_server_to_route_with, it_is_said_and_neither_end_gets_anything) {
   EXPECT_EQ(front.connections.count, 1);
 }
 
+TEST_F(no_server_to_route_with, it_is_not_flushed) {
+  client c = connect();
+  reverse_proxy& proxy = served(c);
+  expect_unflushed([&] { deliver(proxy, request_to("a")); },
+                   "[a] " + line_for(c, "GET / HTTP/1.1") + no_server_line);
+}
+
 TEST_F(no_server_to_route_with, request_is_queued_and_the_client_is_as_with_a_server) {
   exchange x = start_exchange(request_to("a", "/", length_of("body"), "body"));
   EXPECT_EQ(served(x.from).pipe->to_upstream, forwarded("a", "/", length_of("body"), "body"));

@@ -22,6 +22,7 @@
 #include "net/server.h"
 #include "net/sockets.h"
 #include "proxy/reverse_proxy.h"
+#include "tests/net/child.h"
 #include "tests/support/client.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
@@ -142,6 +143,17 @@ struct proxy_test : testing::Test {
     base::hashmap<int>& hosts = reverse_proxy::hosts();
     while (hosts.count > 0) hosts.remove(std::string(*hosts.keys[0]));
     faults::clear();
+  }
+
+  /* Expects that `run`, in a copy of the process, prints `text` and leaves it in the buffer. */
+  void expect_unflushed(const std::function<void()>& run, const std::string& text) {
+    out.clear();
+    EXPECT_TRUE(run_in_child([&] {
+      setvbuf(stdout, nullptr, _IOFBF, 65536);
+      run();
+      EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
+    }));
+    EXPECT_EQ(out.text(), text);
   }
 
   void map(const std::string& host, int port) { reverse_proxy::hosts().set(host, port); }

@@ -94,6 +94,10 @@ TEST_F(reverse_proxy_test, every_request_prints_one_line_whatever_follows) {
   }
 }
 
+TEST_F(reverse_proxy_test, line_on_the_console_is_not_flushed) {
+  expect_unflushed([this] { receive(request_to("unknown")); }, line_for("unknown"));
+}
+
 TEST_F(reverse_proxy_test, line_on_the_console_shows_the_peer_the_request_line_and_the_agent) {
   receive(request_to("unknown", "/index.html?a=1", "User-Agent: curl/8.0\r\n"));
   EXPECT_EQ(out.text(), "[unknown] 10.0.0.7:51234 GET /index.html?a=1 HTTP/1.1 [curl/8.0]\n");
