@@ -76,6 +76,22 @@ TEST_F(reverse_proxy_test, value_of_zero_is_the_same_as_no_key) {
   EXPECT_EQ(to_client(), not_found);
 }
 
+// Whether the command line lets such a number in is its own affair; what a failed look-up says on the console
+// shows that it was taken for a port.
+TEST_F(reverse_proxy_test, every_other_value_is_taken_for_a_port) {
+  for (int port : {-2, 1, 65536, INT32_MIN, INT32_MAX}) {
+    SCOPED_TRACE(port);
+    start_over();
+    map("odd", port);
+    out.clear();
+    faults::of()["getaddrinfo"] = {0, 1, 0, -2};
+    receive(request_to("odd"));
+    EXPECT_EQ(out.text(),
+              line_for("odd") + "getaddrinfo() failed for host localhost:" + std::to_string(port) + "!\n");
+    EXPECT_EQ(to_client(), bad_gateway);
+  }
+}
+
 TEST_F(reverse_proxy_test, every_host_is_unknown_to_an_empty_map) {
   for (const char* host : {"on", "echo"}) reverse_proxy::hosts().remove(host);
   for (const char* lines : {"Host: on\r\n\r\n", "Host: \r\n\r\n", "Accept: a\r\n\r\n"})
@@ -132,7 +148,9 @@ TEST_F(reverse_proxy_test, echo_page_shows_the_head_and_the_address) {
 
 TEST_F(reverse_proxy_test, echo_page_counts_its_bytes_exactly) {
   // Across the places where the number of digits grows.
-  for (size_t length = 0; length < 1200; length += 37) {
+  std::vector<size_t> lengths = {9900, 99900, 1000000};
+  for (size_t length = 0; length < 1200; length += 37) lengths.push_back(length);
+  for (size_t length : lengths) {
     const std::string path = "/" + std::string(length, 'p');
     receive(request_to("echo", path));
     EXPECT_EQ(to_client(), echo_answer("GET " + path + " HTTP/1.1\r\nHost: echo\r\n\r\n" +
@@ -161,6 +179,16 @@ TEST_F(reverse_proxy_test, address_is_written_with_four_unsigned_decimals) {
     receive(request_to("on"));
     EXPECT_EQ(to_upstream(), forwarded("on", "/", "", "", text));
   }
+}
+
+TEST_F(reverse_proxy_test, address_is_that_of_the_connection_whatever_the_client_claims) {
+  proxy->ip = htonl(INADDR_LOOPBACK);
+  const std::string claim = "X-Forwarded-For: 1.2.3.4\r\n";
+  receive(request_to("echo", "/", claim));
+  EXPECT_EQ(to_client(),
+            echo_answer("GET / HTTP/1.1\r\nHost: echo\r\n" + claim + "\r\nYour IPv4 address is: 127.0.0.1"));
+  receive(request_to("on", "/", claim));
+  EXPECT_EQ(to_upstream(), forwarded("on", "/", claim));
 }
 
 TEST_F(reverse_proxy_test, bodies_of_answered_requests_are_dropped) {
