@@ -352,6 +352,32 @@ TEST_F(reverse_proxy_test, upstream_that_refuses_is_answered_at_once_and_the_con
   EXPECT_FALSE(o.stays_open);
 }
 
+// As when two servers carry the two sides: the upstream's may come to its turn late.
+TEST_F(reverse_proxy_test, upstream_that_ends_before_it_is_asked_for_output_gives_the_same_answer) {
+  receive(request_to("on"));
+  end_upstream();
+  output o = ask(*proxy);
+  EXPECT_EQ(o.bytes, bad_gateway);
+  EXPECT_FALSE(o.stays_open);
+}
+
+TEST_F(reverse_proxy_test, upstream_that_took_4_gib_and_ends_gives_the_client_nothing) {
+  receive(request_to("on"));
+  const auto request_length = static_cast<int64_t>(to_upstream().size());
+  upstream_side().bytes_offered = (int64_t{1} << 32) - request_length;
+  ask(upstream_side());
+  end_upstream();
+  EXPECT_EQ(to_client(), "");
+}
+
+TEST_F(reverse_proxy_test, upstream_that_gave_a_single_byte_and_ends_gives_the_client_nothing_more) {
+  receive(request_to("on"));
+  deliver(upstream_side(), "x");
+  EXPECT_EQ(ask(*proxy).bytes, "x");
+  end_upstream();
+  EXPECT_EQ(to_client(), "");
+}
+
 TEST_F(reverse_proxy_test, name_of_the_upstream_is_localhost) {
   faults::of()["getaddrinfo"] = {0, 1, 0, -2};
   receive(request_to("on"));
