@@ -165,6 +165,17 @@ TEST_F(forward_proxy_test, letter_case_of_the_host_counts) {
   EXPECT_EQ(to_client(), bad_gateway);
 }
 
+TEST_F(forward_proxy_test, host_that_only_begins_alike_is_another_host) {
+  for (const auto& [first, second] :
+       {std::pair("127.0.0.1", "127.0.0.10"), std::pair("127.0.0.1", "127.0.0.")}) {
+    start_over();
+    get("http://" + at(upstream, first) + "/1");
+    faults::of()["getaddrinfo"] = {0, 1, 0, -2};
+    get("http://" + at(upstream, second) + "/2");
+    EXPECT_EQ(to_client(), bad_gateway) << second;
+  }
+}
+
 TEST_F(forward_proxy_test, upstream_that_has_ended_is_not_reused) {
   get(url("/1"));
   end_upstream();
@@ -180,6 +191,9 @@ TEST_F(forward_proxy_test, refused_upstream_is_answered_and_the_connection_close
     start_over();
     receive(line + " HTTP/1.1\r\n" + length_of("body") + "\r\nbody");
     EXPECT_FALSE(proxy->keep_alive);
+    EXPECT_EQ(proxy->upstream_host, "");
+    EXPECT_EQ(proxy->upstream_port, 0);
+    EXPECT_EQ(proxy->timeout, 10);
     EXPECT_EQ(to_upstream(), "");
     EXPECT_EQ(upstreams(), 0);
     output o = ask(*proxy);
@@ -207,6 +221,16 @@ TEST_F(forward_proxy_test, everything_behind_the_request_for_a_tunnel_goes_to_th
   EXPECT_EQ(to_upstream(), early + like_requests);
   EXPECT_EQ(to_client(), tunnel_opened);
   EXPECT_EQ(upstreams(), 1);
+}
+
+TEST_F(forward_proxy_test, tunnel_carries_more_than_a_request_may_have) {
+  open_tunnel(at(upstream));
+  out.clear();
+  proxy->request_length = 104857601;  // what has been received, one byte more than the limit
+  receive("still");
+  receive(" there");
+  EXPECT_EQ(to_upstream(), "still there");
+  EXPECT_EQ(out.text(), "");
 }
 
 TEST_F(forward_proxy_test, tunnel_takes_over_the_upstream_of_the_requests_before) {

@@ -63,6 +63,8 @@ TEST_F(no_server_to_route_with, request_is_queued_and_the_client_is_as_with_a_se
   EXPECT_EQ(served(x.from).pipe->refs, 2);
   EXPECT_EQ(served(x.from).timeout, -1);
   EXPECT_EQ(served(x.from).upstream_port, upstream.port());
+  ASSERT_NE(served(x.from).unserved, nullptr);
+  EXPECT_FALSE(sockets::has(sockets::all(), served(x.from).unserved->sock));
   EXPECT_TRUE(served(x.from).keep_alive);
 }
 
@@ -128,4 +130,14 @@ TEST_F(no_server_to_forward_with, it_is_said_and_neither_end_gets_anything) {
   expect_nothing(x.to);
   x.from.close();
   expect_end(x.to);
+}
+
+// A 200 would promise a tunnel that carries nothing.
+TEST_F(no_server_to_forward_with, tunnel_is_not_said_to_be_open) {
+  const std::string place = "127.0.0.1:" + std::to_string(upstream.port());
+  exchange x = start_exchange("CONNECT " + place + " HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(out.text(), line_for(x.from, "CONNECT " + place + " HTTP/1.1") + no_server_line);
+  x.from.send("early");
+  expect_nothing(x.from);
+  expect_nothing(x.to);
 }
