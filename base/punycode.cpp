@@ -7,7 +7,7 @@ namespace base {
 namespace {
 
 // RFC 3492, section 5.
-constexpr uint32_t digits = 36;  // its "base"
+constexpr uint32_t radix = 36;  // its "base"
 constexpr uint32_t tmin = 1;
 constexpr uint32_t tmax = 26;
 constexpr uint32_t skew = 38;
@@ -16,7 +16,7 @@ constexpr uint32_t initial_bias = 72;
 constexpr uint32_t initial_n = 128;
 
 // Counts marked positions below a given one, both in O(log n). The RFC walks the whole input once for each
-// distinct code point, which takes seconds for a hostile label of 100 KB.
+// distinct code point: a hostile label of 100 KB would hold everybody up.
 class position_counter {
  public:
   explicit position_counter(size_t size) : sums_(size + 1) {}
@@ -40,17 +40,17 @@ uint32_t adapt(uint32_t delta, uint32_t handled, bool is_first) {
   delta /= is_first ? damp : 2;
   delta += delta / handled;
   uint32_t k = 0;
-  for (; delta > (digits - tmin) * tmax / 2; k += digits) delta /= digits - tmin;
-  return k + (digits - tmin + 1) * delta / (delta + skew);
+  for (; delta > (radix - tmin) * tmax / 2; k += radix) delta /= radix - tmin;
+  return k + (radix - tmin + 1) * delta / (delta + skew);
 }
 
 void append_integer(std::string& out, uint32_t q, uint32_t bias) {
   static const char alphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-  for (uint32_t k = digits;; k += digits) {
-    uint32_t t = k <= bias ? tmin : std::min(std::max(k - bias, tmin), tmax);
+  for (uint32_t k = radix;; k += radix) {
+    uint32_t t = k <= bias ? tmin : std::min(k - bias, tmax);
     if (q < t) break;
-    out += alphabet[t + (q - t) % (digits - t)];
-    q = (q - t) / (digits - t);
+    out += alphabet[t + (q - t) % (radix - t)];
+    q = (q - t) / (radix - t);
   }
   out += alphabet[q];
 }

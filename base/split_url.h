@@ -1,6 +1,7 @@
 /* split_url: an absolute URL cut into scheme, host, port and path.
  *
- * Parsing never fails: what is not there gets a default. There is no handling of user information,
+ * Parsing never fails: what is not there gets a default. A slash right behind the scheme belongs to the host.
+ * There is no handling of user information,
  * fragments or bracketed addresses, and the query stays in the path. */
 #pragma once
 
@@ -10,7 +11,7 @@
 struct split_url {
   std::string scheme;  // "http" unless the URL says otherwise; "https" for one that begins with "//"
   std::string host;    // in ASCII form
-  int32_t port = 0;    // the scheme's own, 80, 443 or 21, when the URL names none
+  int32_t port = 0;    // any number that the URL names, or the scheme's own: 80, 443 or 21
   std::string path;    // always begins with "/"
 
   explicit split_url(const std::string& url);

@@ -74,13 +74,13 @@ struct http_connection : connection {
   std::string path;     // the target up to its "?"
   std::string query;    // and behind it
   std::string cookie;
-  std::string response_headers;  // lines that write() adds to the head, each ended by CRLF
-  bool websocket_enabled = true;
-  bool upgraded = false;  // speaks WebSocket now, for good
-  std::string message;    // the WebSocket message under way
-  int32_t max_message_length = 10485760;
-  int32_t max_frame_length = 1048576;
-  base::hashmap<int> subscriptions;  // the keys are the channels that this connection is in
+  std::string response_headers;           // lines that write() adds to the head, each ended by CRLF
+  bool websocket_enabled = true;          // answer an upgrade; a proxy passes it on
+  bool upgraded = false;                  // speaks WebSocket now, for good
+  std::string message;                    // the WebSocket message under way
+  int32_t max_message_length = 10485760;  // bytes of payload, of a whole message
+  int32_t max_frame_length = 1048576;     // and of a frame
+  base::hashmap<int> subscriptions;       // the keys are this connection's channels; no values
 
   http_connection() = default;
 
@@ -127,7 +127,8 @@ struct http_connection : connection {
    * 1 MiB or more it says so and queues the frame without its length. */
   void send_message(const std::string& payload, int opcode);
 
-  /* Consumes every complete frame at the front of `content`. */
+  /* Consumes every complete frame at the front of `content`. A fault closes the connection, after printing
+   * which, and leaves `content` as it was. */
   void read_frames();
 
   /* One line about the request for the console: peer, request line and, on demand, the user agent. A proxy
@@ -137,8 +138,9 @@ struct http_connection : connection {
   /* The peer's address as a dotted quad. */
   std::string ip_text() const;
 
-  /* The connections of each channel; the lists are owned by the map's user. A connection is in the list of a
-   * channel exactly when the channel is a key of its `subscriptions`; no list is empty. */
+  /* The connections of each channel. A list is made by whoever subscribes first, and deleted by the
+   * destructor of its last member. A connection is in the list of a channel exactly when the channel is a key
+   * of its `subscriptions`; no list is empty. */
   static base::hashmap<base::arraylist<http_connection*>*>& channels();
 
   /* The value of the header field `name` in `text`, a request or response head; "" when there is none. The

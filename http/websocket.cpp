@@ -9,14 +9,18 @@ namespace {
 
 const char handshake_guid[] = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 
-// A client's frame as its first bytes describe it.
+// What the two last values of a frame's 7-bit length say about where the length is (RFC 6455, section 5.2).
+constexpr int length_in_2_bytes = 126;
+constexpr int length_in_8_bytes = 127;
+
+// A client's frame as its first bytes describe it. Without a mask, nothing behind `is_masked` is set.
 struct frame_header {
   int opcode;
   bool is_final;
   bool is_masked;
   size_t length = 0;   // of the header: where the payload starts
   size_t mask_at = 0;  // offset of the mask key
-  double payload = 0;  // bytes
+  double payload = 0;  // bytes; a double, so that 2^64 - 1 is too long and not negative
 };
 
 // `count` bytes at text[at], least significant first.
@@ -30,10 +34,9 @@ enum parse_results { complete, incomplete };
 
 // Parses the header of the frame at text[off], of which at least 6 bytes are there. Extended lengths are
 // read least significant byte first, and an 8-byte one at offset 8 with its mask behind it: not where RFC
-// 6455 puts them. Peers are built on it; frames of up to 125 bytes have no such field.
+// 6455 puts them, but where existing clients do. Frames of up to 125 bytes have no such field.
 parse_results parse_frame_header(const std::string& text, size_t off, frame_header& frame) {
   auto byte = [&](size_t i) { return static_cast<unsigned char>(text[off + i]); };
-  const size_t available = text.size() - off;
   frame.opcode = byte(0) & 15;
   frame.is_final = (byte(0) & 0x80) != 0;
   frame.is_masked = (byte(1) & 0x80) != 0;
@@ -44,14 +47,14 @@ parse_results parse_frame_header(const std::string& text, size_t off, frame_head
     frame.length = 6;
     frame.mask_at = 2;
     frame.payload = code;
-  } else if (code == 126) {
+  } else if (code == length_in_2_bytes) {
     // The length is among the first 6 bytes; only the first frame of the input waits for its mask as well.
     if (text.size() <= 7) return incomplete;
     frame.length = 8;
     frame.mask_at = 4;
     frame.payload = little_endian(text, off + 2, 2);
   } else {
-    if (text.size() <= 13 || available < 16) return incomplete;
+    if (text.size() < off + 16) return incomplete;
     frame.length = 14;
     frame.mask_at = 16;
     frame.payload = little_endian(text, off + 8, 8);
@@ -89,7 +92,7 @@ void http_connection::on_message() {
   send_message(message, text_frame);
 }
 
-// Every fault of the protocol ends the connection like this, once the queued output is sent.
+// The one way in which a WebSocket connection ends: as soon as the queued output is sent.
 void http_connection::close_websocket() {
   keep_alive = false;
   timeout = 0;
@@ -110,6 +113,7 @@ void http_connection::read_frames() {
       close_websocket();
       return;
     }
+    // The mask of an 8-byte length stands inside the payload: what is used of it must have come, too.
     auto length = static_cast<size_t>(frame.payload);
     size_t mask_used = length < 4 ? length : 4;
     size_t end = std::max(off + frame.length + length, off + frame.mask_at + mask_used);
@@ -137,7 +141,7 @@ bool http_connection::on_frame(int opcode, bool is_final, const std::string& pay
     case binary_frame:
       break;
     default:
-      printf("%s\n", ("Warning! Unhandled opcode: " + std::to_string(opcode)).c_str());
+      printf("Warning! Unhandled opcode: %d\n", opcode);
       return true;
   }
   message += payload;
@@ -162,10 +166,10 @@ void http_connection::send_message(const std::string& payload, int opcode) {
   if (n <= 125) {
     append_big_endian(1);
   } else if (n <= 65535) {
-    frame += static_cast<char>(126);
+    frame += static_cast<char>(length_in_2_bytes);
     append_big_endian(2);
   } else if (n <= 1048575) {
-    frame += static_cast<char>(127);
+    frame += static_cast<char>(length_in_8_bytes);
     append_big_endian(8);
   } else {
     printf("send_message() error! Message too long: %zd\n", static_cast<ssize_t>(n));
