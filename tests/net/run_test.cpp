@@ -356,11 +356,7 @@ TEST_F(run_test, messages_are_not_flushed) {
     a.starts = [=] { return can_start; };
     for (const auto& loop : loops_over_a()) {
       screen.clear();
-      EXPECT_TRUE(run_in_child([&] {
-        setvbuf(stdout, nullptr, _IOFBF, 65536);
-        loop();
-        EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
-      }));
+      EXPECT_TRUE(prints_without_flush(loop));
       EXPECT_NE(screen.text(), "");
     }
   }

@@ -148,11 +148,7 @@ struct proxy_test : testing::Test {
   /* Expects that `run`, in a copy of the process, prints `text` and leaves it in the buffer. */
   void expect_unflushed(const std::function<void()>& run, const std::string& text) {
     out.clear();
-    EXPECT_TRUE(run_in_child([&] {
-      setvbuf(stdout, nullptr, _IOFBF, 65536);
-      run();
-      EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_END), 0);
-    }));
+    EXPECT_TRUE(prints_without_flush(run));
     EXPECT_EQ(out.text(), text);
   }
 

@@ -134,7 +134,7 @@ TEST_F(certificate_file, words_in_the_middle_of_a_line_are_no_certificate) {
 }
 
 TEST_F(certificate_file, words_far_behind_the_start_of_a_line_are_no_certificate_either) {
-  for (size_t length : {254, 255, 256, 510})
+  for (size_t length : {254U, 255U, 256U, 510U})
     EXPECT_EQ(count_in(std::string(length, ' ') + certificate), 0) << length;
 }
 
