@@ -1,11 +1,12 @@
-/* The answers that the proxies give themselves, complete with their heads. */
+/* The fixed answers that the proxies give themselves, complete with their heads. The echo page is not fixed,
+ * see reverse_proxy. */
 #pragma once
 
-constexpr char not_found_answer[] =
+inline constexpr char not_found_answer[] =
     "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n";
 
 // No length: the connection is closed behind it.
-constexpr char bad_gateway_answer[] =
+inline constexpr char bad_gateway_answer[] =
     "HTTP/1.1 502 Bad Gateway\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\nUnable to connect";
 
-constexpr char tunnel_answer[] = "HTTP/1.1 200 OK\r\n\r\n";
+inline constexpr char tunnel_answer[] = "HTTP/1.1 200 OK\r\n\r\n";

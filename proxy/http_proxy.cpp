@@ -27,26 +27,32 @@ bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
   }
   if (!upstream) {
     sockets::close(upstream_sock);
-    pipe->to_client = bad_gateway_answer;
-    sockets::mark_ready(sock);
-    keep_alive = false;
+    answer_bad_gateway();
     return false;
   }
+  hand_over(upstream);
+  timeout = -1;
+  upstream_port = target_port;
+  return true;
+}
 
+void http_proxy::answer_bad_gateway() {
+  pipe->to_client = bad_gateway_answer;
+  sockets::mark_ready(sock);
+  keep_alive = false;
+}
+
+void http_proxy::hand_over(proxy_connection* upstream) {
   if (g_server()) {
     g_server()->add_connection(upstream);
   } else {
     printf("%s\n", "Error! No server assigned for proxy connections.");
     unserved = upstream;
   }
-  timeout = -1;
-  upstream_port = target_port;
-  return true;
 }
 
 void http_proxy::on_data(char* data, int len) {
-  const bool has_upstream = pipe != &idle_pipe && pipe->refs > 1;
-  if (has_upstream && len > 0) pipe->append_to_upstream(data, static_cast<size_t>(len));
+  if (has_upstream() && len > 0) pipe->append_to_upstream(data, static_cast<size_t>(len));
 }
 
 bool http_proxy::should_block(const std::string&) {
@@ -63,7 +69,8 @@ void http_proxy::append_headers(std::string& to, const std::string& head) {
   size_t p = head.find("\r\n");
   if (p == 0 || p == std::string::npos) return;
   for (;;) {
-    // From p + 4, so that the empty line at the end of a head is not taken for a header.
+    // From p + 4, so that the empty line at the end of a head is not taken for a header. The end of a line of
+    // one byte is passed over, too, and that line goes along with the next.
     size_t end = head.find("\r\n", p + 4);
     if (end == std::string::npos) return;
     size_t start = p + 2;
@@ -86,6 +93,7 @@ http_proxy::~http_proxy() {
   drop_pipe();
 }
 
+// Leaves the pipe, which may be freed by that: `pipe` is to be set again.
 void http_proxy::drop_pipe() {
   if (unserved) {
     sockets::close(unserved->sock);

@@ -18,8 +18,8 @@
 struct http_proxy : http_connection {
   std::string upstream_host;  // where the current upstream is; the forward proxy alone sets and compares it
   int32_t upstream_port = 0;
-  proxy_pipe* pipe = &idle_pipe;  // shared with the upstream
-  proxy_pipe idle_pipe;  // until there is an upstream; refs 2 keeps the connection open, and never freed
+  proxy_pipe* pipe = &idle_pipe;  // shared with the upstream, or this object's own:
+  proxy_pipe idle_pipe;           // in use until there is an upstream. Its refs of 2 keep the connection open
   proxy_connection* unserved = nullptr;  // owned: an upstream that no server was there to take over
 
   http_proxy();
@@ -30,7 +30,8 @@ struct http_proxy : http_connection {
   /* Serves the request as a forward proxy: an absolute URL is fetched, CONNECT opens a tunnel. */
   void on_headers() override;
 
-  /* Passes body bytes on to the upstream; where there is none, nobody will ever take them. */
+  /* Passes body bytes on to the upstream, also those of a request that was answered here, for nobody looks
+   * whose they are. Where there is no upstream, nobody will ever take them. */
   void on_data(char* data, int len) override;
 
   /* Nothing: on_headers has forwarded the request or answered it. */
@@ -53,12 +54,17 @@ struct http_proxy : http_connection {
 
  protected:
   /* Lets go of the current upstream and opens another one. False when it cannot be reached: the client has
-   * then been answered with the 502, behind which the connection closes. */
+   * then been answered with the 502, behind which the connection closes; the time-out is as before. */
   bool open_upstream(const std::string& host, int32_t port);
 
   /* Queues an answer of the proxy's own. */
   void answer(const std::string& text);
 
+  /* Whether the pipe has an upstream at its other end. */
+  bool has_upstream() const { return pipe != &idle_pipe && pipe->refs > 1; }
+
  private:
+  void answer_bad_gateway();
+  void hand_over(proxy_connection* upstream);
   void drop_pipe();
 };

@@ -21,7 +21,7 @@ bool proxy_connection::on_send(char* buf, int cap, int* len) {
 
 proxy_connection::~proxy_connection() {
   pipe->upstream_sock = -1;
-  const bool took_nothing = bytes_offered == out_len;
+  const bool took_nothing = bytes_offered == out_len;  // all that was offered is still in `out`
   if (took_nothing && !pipe->answered && pipe->refs > 1) pipe->to_client = bad_gateway_answer;
   pipe->release();
 }

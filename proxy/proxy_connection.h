@@ -9,7 +9,7 @@
 
 struct proxy_connection : connection {
   proxy_pipe* pipe;           // shared
-  int64_t bytes_offered = 0;  // moved from the pipe to the output buffer so far
+  int64_t bytes_offered = 0;  // moved from the pipe to the output buffer so far; tells who took nothing
 
   /* Serves `upstream_sock`, which the server that gets this connection closes; takes part in `shared_pipe`
    * with a reference of its own. Never times out. */

@@ -2,7 +2,8 @@
  *
  * Shared by the two and owned by neither: `refs` counts the owners, and whoever drops the last reference
  * frees it. refs == 1 tells an owner that its partner is gone. Both queues are unbounded; their sizes are
- * bytes. The descriptors let a side that queues bytes wake the other; the side that ends clears its own. */
+ * bytes. The descriptors are borrowed, and -1 for a side that is not there: they let a side that queues bytes
+ * wake the other. The side that ends clears its own. */
 #pragma once
 
 #include <cstdint>
@@ -39,7 +40,8 @@ struct proxy_pipe {
     return !queue.empty() || refs > 1;
   }
 
-  /* Drops one reference; the caller forgets its pointer. The other side is woken, to see that it is alone. */
+  /* Drops one reference; the pipe may be freed by that, and the caller forgets its pointer. The other side is
+   * woken, to see that it is alone. */
   void release() {
     sockets::mark_ready(client_sock);
     sockets::mark_ready(upstream_sock);

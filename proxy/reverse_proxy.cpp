@@ -25,7 +25,7 @@ void reverse_proxy::on_headers() {
   } else if (local_port == 0) {
     answer(not_found_answer);
   } else {
-    const bool is_current = pipe->refs > 1 && upstream_port == local_port;
+    const bool is_current = has_upstream() && upstream_port == local_port;
     if (is_current || open_upstream("localhost", local_port)) forward();
   }
 }
@@ -40,7 +40,7 @@ void reverse_proxy::answer_echo() {
 // Passes the request head on, with the client's address behind the client's own lines. An X-Forwarded-For
 // line of the client's stays: the upstream sees both, in this order.
 void reverse_proxy::forward() {
-  static std::string request;  // as above
+  static std::string request;  // keeps its memory, as the texts in on_headers do
   request.assign(method).append(" ").append(target).append(" ").append(version).append("\r\n");
   append_headers(request, head);
   request += "X-Forwarded-For: ";

@@ -12,7 +12,8 @@ struct reverse_proxy : http_proxy {
 
   void on_headers() override;
 
-  /* Host header value, byte for byte, to local port. Filled before the servers start. */
+  /* Host header value, byte for byte, to local port. 0 is as good as absent, and what is no port is tried and
+   * fails. Filled before the servers start. */
   static base::hashmap<int>& hosts();
 
  private:
