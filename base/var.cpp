@@ -19,7 +19,8 @@ var var::object() {
 }
 
 var& var::operator=(const var& other) {
-  var keep(other);  // `other` may live inside the payload that is released here, or be this one
+  if (this == &other) return *this;
+  var keep(other);  // `other` may live inside the payload that is released here
   unref();
   ref(keep);
   return *this;

@@ -43,11 +43,17 @@ class Calm:
         client.close()
 
     def expect_idle(self):
-        """Whoever may be connected says nothing, so next to no processor time is taken."""
+        """Whoever may be connected says nothing, so next to no processor time is taken. A second in which memory
+        is still given back may take some; a loop that spins takes it in all three."""
+        shares = []
+        while len(shares) < 3 and min(shares, default=1) >= IDLE_SHARE:
+            shares.append(self._processor_share())
+        assert min(shares) < IDLE_SHARE, f"{shares} of a processor"
+
+    def _processor_share(self):
         before, start = self._processor_seconds(), time.monotonic()
         time.sleep(WATCH_TIME)
-        share = (self._processor_seconds() - before) / (time.monotonic() - start)
-        assert share < IDLE_SHARE, f"{share:.1%} of a processor"
+        return (self._processor_seconds() - before) / (time.monotonic() - start)
 
     def expect_again(self):
         """Everybody has gone: descriptors, memory and processor time are as before, and newcomers are served."""
