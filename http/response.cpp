@@ -30,7 +30,11 @@ void http_connection::write(std::string answer_head, const std::string& body) {
   }
   std::string text = std::move(answer_head) + response_headers + "\r\n";
   if (method != "HEAD") text += body;
-  for (size_t at = 0; at < text.size(); at += out_capacity) append_part(text.substr(at, out_capacity));
+  if (text.size() <= static_cast<size_t>(out_capacity)) {
+    append_part(std::move(text));  // mostly, and without another copy
+  } else {
+    for (size_t at = 0; at < text.size(); at += out_capacity) append_part(text.substr(at, out_capacity));
+  }
   written = true;
 }
 
