@@ -52,8 +52,8 @@ struct arraylist {
     if (count > 0) data[--count] = nullptr;
   }
 
-  /* Sets the capacity to `wanted` elements, at least `count`, less than before or more; the null behind them
-   * has a place of its own. */
+  /* Sets the capacity to `wanted` elements, more or fewer than before, but at least 1 and at least `count`.
+   * The null behind the last one has a place beyond them. */
   void reserve(uint32_t wanted) {
     capacity = wanted;
     data = static_cast<T*>(realloc(data, (static_cast<size_t>(capacity) + 1) * sizeof(T)));

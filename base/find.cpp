@@ -54,7 +54,7 @@ bool is_equal_folded(const char* a, const char* b, size_t len) {
 }
 
 size_t find(const std::string& text, const std::string& pattern, size_t& end) {
-  // The end counts as a place, too: an empty pattern matches there, and so does a star.
+  // The end counts as a place, too, for an empty text: an empty pattern and a star match in it.
   for (size_t start = 0; start <= text.size(); start++) {
     if (match_at(text, start, pattern, end)) return start;
   }

@@ -12,8 +12,7 @@ bool& find_case_insensitive();
 
 /* The position of the first match of `pattern` in `text`, and in `end` the position behind it; npos, with
  * `end` untouched, when there is none. "?" matches any one byte and "*" any run of bytes, the shortest that
- * lets the rest match. Costs O(text * pattern) at worst without a star; with one, every start may walk all
- * the rest of the text. */
+ * lets the rest match. Costs O(text * pattern) at worst without a star, O(text * text * pattern) with one. */
 size_t find(const std::string& text, const std::string& pattern, size_t& end);
 
 /* Whether `len` bytes at `a` and at `b` are equal, with A to Z equal to a to z, in any locale. */

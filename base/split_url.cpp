@@ -33,7 +33,7 @@ split_url::split_url(const std::string& url) : scheme("http"), path("/") {
     scheme = rest.substr(0, separator);
     rest.erase(0, separator + 3);
   } else if (rest.compare(0, 2, "//") == 0) {
-    scheme = "https";  // of a page that leaves the scheme open, the better one
+    scheme = "https";  // the URL leaves the scheme open: the safer one
     rest.erase(0, 2);
   }
 

@@ -1,8 +1,8 @@
 /* split_url: an absolute URL cut into scheme, host, port and path.
  *
  * Parsing never fails: what is not there gets a default. A slash right behind the scheme belongs to the host.
- * There is no handling of user information,
- * fragments or bracketed addresses, and the query stays in the path. */
+ * There is no handling of user information, fragments or bracketed addresses, and the query stays in the
+ * path. */
 #pragma once
 
 #include <cstdint>

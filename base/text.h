@@ -9,7 +9,7 @@
 namespace base {
 
 /* `x` as text: all digits ("%.0f") when it has no fractional part, six significant ones ("%g") otherwise. The
- * odd values are "-0", "inf", "-inf" and "nan". */
+ * odd values are "-0", "inf", "-inf", "nan" and "-nan". */
 std::string num(double x);
 
 /* The decimal number that `text` begins with, behind blanks and a sign, as strtol() reads it and cut to its

@@ -18,7 +18,7 @@ from process import LOAD_CORE, PROXY_CORE, Server, free_port
 from servers import HOST, PROGRAMS
 
 STARTS = 20
-ROUNDS_OF_REQUESTS = 2000  # requests under strace, at least, and for the allocations
+REQUESTS = 2000  # under strace and for the allocations, rounded down to a multiple of the clients
 WAITS = ("select", "pselect6", "poll", "epoll_wait", "epoll_pwait", "epoll_pwait2")
 
 
@@ -86,7 +86,7 @@ def system_calls(count):
     """Per request, with the connections open before: wrk would add theirs to the few requests that strace
     lets through. What many requests share is counted apart: the waits, and the write() of a full buffer of
     mivo's console lines. None of the servers answers plain requests with write()."""
-    times = max(ROUNDS_OF_REQUESTS // count, 1)
+    times = REQUESTS // count
 
     def measure(bench, server, seconds):
         with KeptAlive(server.port, count) as all_clients:
@@ -125,11 +125,11 @@ def allocations(bench, server, seconds):
             with KeptAlive(port, 16) as all_clients:
                 all_clients.request_all(50)
                 before = allocated()
-                all_clients.request_all(ROUNDS_OF_REQUESTS // 16)
+                all_clients.request_all(REQUESTS // 16)
                 after = allocated()
         finally:
             counted.stop()
-    requests = ROUNDS_OF_REQUESTS // 16 * 16
+    requests = REQUESTS // 16 * 16
     return {
         "allocations_per_request": (after - before) / requests,
         "command": f"LD_PRELOAD=libcounted_malloc.so mivo ..., {requests} requests of 16 kept-alive clients",
@@ -137,8 +137,8 @@ def allocations(bench, server, seconds):
 
 
 def processes_on_one_port(bench, server, seconds):
-    """Requests per second of one and of two processes, on all cores, which they share with load and
-    upstream."""
+    """Requests per second of one and of two processes, on the two cores of the run, which they share with load
+    and upstream."""
     rates = {}
     for count in (1, 2):
         port = free_port()

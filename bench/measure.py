@@ -47,7 +47,6 @@ class Report:
 
     def add(self, name, server, figures):
         self.data["commands"].setdefault(name, figures.pop("command"))
-        figures.pop("command", None)
         self.data["results"].setdefault(name, {}).setdefault(server, []).append(figures)
 
     def add_failure(self, round_number, name, server, error):

@@ -15,8 +15,9 @@ from servers import HAPROXY, NGINX, POOL, PROXY_SITE, ROOT
 
 PAGE = """# Performance
 
-Every figure on this page is from one run of `./bench/run`, which measures `mivo` in turns with nginx, HAProxy
-and a floor. Rounds: {rounds}; a figure is their median. `./bench/run --report` wrote the page.
+Every figure on this page but those of the microbenchmarks is from one run of `./bench/run`, which measures `mivo`
+in turns with nginx, HAProxy and a floor. Rounds: {rounds}; a figure is their median. `./bench/run --report` wrote the
+page.
 
 The floor is the least that relaying costs: an epoll loop without a parser, one read and one write for each
 direction (`bench/floor.cpp`). *nginx unpooled* opens an upstream connection for each request, as nginx does
@@ -41,7 +42,7 @@ by default; *nginx* and HAProxy keep theirs and share them between clients, whic
 * `mivo` prints a line for each request, to /dev/null here; the others log nothing. Its HTTPS is a process of
   its own, for the plain port beside it would only redirect.
 * `openssl s_time` closes as soon as it has shaken hands. HAProxy notices and makes no session tickets; `mivo`
-  and nginx make two for each handshake, which take OpenSSL about 40 µs.
+  and nginx make two for each handshake.
 * Resident memory is what the process has mapped in at that moment, the code of shared libraries included. After
   the start these are most of it: OpenSSL is opened then, whether it is needed or not.
 * Two processes on one port share both cores with load and upstream, so the figure shows that the port is

@@ -4,7 +4,7 @@ import re
 import socket
 import threading
 
-PIECE = 65536  # bytes a send: the count is never further ahead of the socket than this
+PIECE = 65536  # bytes a send: the count is never further behind the socket than this
 
 
 class CountedUpstream:

@@ -1,4 +1,5 @@
-# The compiler and linker flags of our own code, gathered in the interface target mivo_flags.
+# The compiler and linker flags of our own code, gathered in the interface target mivo_flags; those of a build
+# type are global, for the linker needs them in every program.
 
 add_library(mivo_flags INTERFACE)
 target_compile_options(mivo_flags INTERFACE
@@ -12,8 +13,7 @@ target_compile_options(mivo_flags INTERFACE
 target_link_options(mivo_flags INTERFACE
   $<$<CONFIG:Release>:-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed>)
 
-# Asan: what the tests run under. The first finding ends the process. The flags are global, so that
-# libraries built along with the tests are instrumented too.
+# Asan: what the tests run under. The first finding ends the process.
 set(CMAKE_CXX_FLAGS_ASAN
   "-O1 -g -fno-omit-frame-pointer -fsanitize=address,undefined -fno-sanitize-recover=all -D_GLIBCXX_ASSERTIONS")
 set(CMAKE_EXE_LINKER_FLAGS_ASAN "-fsanitize=address,undefined")

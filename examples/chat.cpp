@@ -46,8 +46,9 @@ const char page[] = R"(<!doctype html>
 )";
 
 struct chat_connection : http_connection {
-  /* Joins a channel, once. Kept in both places: this connection's keys and the channel's list, which is made
-   * with its first member; the destructor of http_connection takes both apart again. */
+  /* Joins a channel that this connection is not in yet. Kept in both places: this connection's keys and the
+   * channel's list, which is made with its first member; the destructor of http_connection takes both apart
+   * again. */
   void subscribe(const std::string& channel) {
     subscriptions.set(channel, 1);
     base::arraylist<http_connection*>* members = channels().get(channel);

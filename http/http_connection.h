@@ -56,16 +56,16 @@ struct http_connection : connection {
     pong_frame = 10,
   };
 
-  static constexpr int32_t usual_max_length = 104857600;  // of a request
+  static constexpr int32_t usual_max_request_length = 104857600;  // bytes
 
   bool headers_received = false;
   std::string head;
-  bool written = false;                             // the answer to this request is queued
-  base::linkedlist<response_part*> response_parts;  // owned
-  int32_t max_request_length = usual_max_length;    // of head and body; 0 or less: no limit
-  int32_t request_length = 0;                       // received so far, head and body
-  int32_t content_received = 0;                     // of the body
-  int32_t content_length = 0;                       // announced; 0 when it was not
+  bool written = false;                                   // the answer to this request is queued
+  base::linkedlist<response_part*> response_parts;        // owned
+  int32_t max_request_length = usual_max_request_length;  // of head and body; 0 or less: no limit
+  int32_t request_length = 0;                             // received so far, head and body
+  int32_t content_received = 0;                           // of the body
+  int32_t content_length = 0;                             // announced; 0 when it was not
   std::string content;     // the body as on_data gathers it; after an upgrade, the unread frames
   bool keep_alive = true;  // stay open after the answer; reset() leaves it
   std::string method;
@@ -80,17 +80,18 @@ struct http_connection : connection {
   std::string message;                    // the WebSocket message under way
   int32_t max_message_length = 10485760;  // bytes of payload, of a whole message
   int32_t max_frame_length = 1048576;     // and of a frame
-  base::hashmap<int> subscriptions;       // the keys are this connection's channels; no values
+  base::hashmap<int> subscriptions;       // the keys are its channels; the values mean nothing
 
   http_connection() = default;
 
-  /* Ends the connection's subscriptions and deletes the parts still queued. */
+  /* Deletes the parts still queued and, after an upgrade, ends the connection's subscriptions. */
   ~http_connection() override;
 
   /* Takes the next bytes of the input, however it is cut, and calls the hooks for what is complete. */
   void on_recv(char* data, int len) override;
 
-  /* Hands out one queued part, or a slice of it. Stays open while any are queued or nothing was answered. */
+  /* Hands out one queued part, or a slice of it. False, to close, only when none is queued, the request is
+   * answered and keep_alive is clear. */
   bool on_send(char* buf, int cap, int* len) override;
 
   /* The head of a request has been parsed; no byte of the body was delivered yet, though content_received
@@ -127,8 +128,8 @@ struct http_connection : connection {
    * 1 MiB or more it says so and queues the frame without its length. */
   void send_message(const std::string& payload, int opcode);
 
-  /* Consumes every complete frame at the front of `content`. A fault closes the connection, after printing
-   * which, and leaves `content` as it was. */
+  /* Consumes every complete frame at the front of `content`. A fault, which is printed, or a close frame ends
+   * the connection and leaves `content` as it was, the frames already handled included. */
   void read_frames();
 
   /* One line about the request for the console: peer, request line and, on demand, the user agent. A proxy
@@ -139,8 +140,9 @@ struct http_connection : connection {
   std::string ip_text() const;
 
   /* The connections of each channel. A list is made by whoever subscribes first, and deleted by the
-   * destructor of its last member. A connection is in the list of a channel exactly when the channel is a key
-   * of its `subscriptions`; no list is empty. */
+   * destructor of its last member; only an upgraded connection may subscribe, any other would leave itself
+   * behind. A connection is in the list of a channel exactly when the channel is a key of its
+   * `subscriptions`; no list is empty. */
   static base::hashmap<base::arraylist<http_connection*>*>& channels();
 
   /* The value of the header field `name` in `text`, a request or response head; "" when there is none. The

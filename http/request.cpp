@@ -113,7 +113,7 @@ void http_connection::on_data(char* data, int len) {
 }
 
 void http_connection::reset() {
-  max_request_length = usual_max_length;
+  max_request_length = usual_max_request_length;
   headers_received = false;
   written = false;
   content_length = 0;

@@ -33,8 +33,9 @@ double little_endian(const std::string& text, size_t at, size_t count) {
 enum parse_results { complete, incomplete };
 
 // Parses the header of the frame at text[off], of which at least 6 bytes are there. Extended lengths are
-// read least significant byte first, and an 8-byte one at offset 8 with its mask behind it: not where RFC
-// 6455 puts them, but where existing clients do. Frames of up to 125 bytes have no such field.
+// read least significant byte first, and an 8-byte one at offset 8 with its mask behind it: not as RFC 6455
+// has them and browsers send them, but clients written for this server rely on it. Frames of up to 125 bytes
+// have no such field.
 parse_results parse_frame_header(const std::string& text, size_t off, frame_header& frame) {
   auto byte = [&](size_t i) { return static_cast<unsigned char>(text[off + i]); };
   frame.opcode = byte(0) & 15;
@@ -92,7 +93,7 @@ void http_connection::on_message() {
   send_message(message, text_frame);
 }
 
-// The one way in which a WebSocket connection ends: as soon as the queued output is sent.
+// How this side ends a WebSocket connection: once the queued output is sent, or after a second of silence.
 void http_connection::close_websocket() {
   keep_alive = false;
   timeout = 0;

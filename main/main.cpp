@@ -32,10 +32,10 @@ struct tls_options {
   const char* crt = nullptr;
 };
 
-// Fills the host map from -map and returns the last -ssl, whose texts are argv's. Walks the arguments behind
-// the port. A number that is none reads as 0, without a word. The values of a flag
-// are taken as they are, even if they look like flags; a flag with too few values behind it is passed over
-// like any unknown argument.
+// Walks the arguments behind the port: fills the host map from -map and returns the last -ssl, whose texts
+// are argv's. A number that is none reads as 0, without a word. The values of a flag are taken as they are,
+// even if they look like flags; a flag with too few values behind it is passed over like any unknown
+// argument.
 tls_options parse_arguments(int argc, char** argv) {
   tls_options tls;
   for (int i = 2; i < argc; i++) {

@@ -2,7 +2,6 @@
 
 #include <sys/socket.h>
 
-#include <cstdio>
 #include <ctime>
 
 const addrinfo* name_memory::find(const std::string& host, int port, int& code) {

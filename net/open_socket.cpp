@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 
 #include "net/name_memory.h"
 #include "net/sockets.h"

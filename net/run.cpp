@@ -8,12 +8,12 @@
 
 namespace {
 
-// One flag for each `Loop`, and the signal handler that raises it and does nothing else. A template, because
-// the local classes of the two loops can inherit static data but have none of their own.
+// One flag for each `Loop`, and the signal handler that raises it and does nothing else. A template, so that
+// both loops share this text and neither the other's flag.
 template <class Loop>
 struct stop_flag {
   static volatile sig_atomic_t& done() {
-    static volatile sig_atomic_t flag = false;  // the only type that a handler may store to
+    static volatile sig_atomic_t flag = false;  // of a type that a handler may store to
     return flag;
   }
   static void on_signal(int) { done() = true; }

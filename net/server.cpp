@@ -110,7 +110,7 @@ void server_base::update() {
   connection::selected() = nullptr;
 }
 
-// After a failed select() or accept(): nothing is known about any socket, so all connections go.
+// After a failed select(), when nothing is known about any socket, or a failed accept(): all connections go.
 void server_base::restart() {
   const int cause = errno;
   stop();

@@ -88,7 +88,7 @@ struct server_base : abstract_server {
   void end_connection(connection* conn);
 
  protected:
-  connection* already_read = nullptr;  // this pass has read from it, as the transport notes; only compared
+  connection* already_read = nullptr;  // what this pass has read from, set by recv(); only compared
 
  private:
   void restart();

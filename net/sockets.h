@@ -34,8 +34,7 @@ inline bool has(fd_set* set, int sock) {
 /* Registers `sock` for reading and exceptional conditions. The caller's server closes it, by close(). */
 void add(int sock);
 
-/* Says that there is output for `sock`: the next wait, and only that one, ends as soon as it can take some.
- */
+/* Says that there is output for `sock`: the next wait, but no later one, ends when it can take some. */
 void mark_ready(int sock);
 
 /* Closes `sock` and takes it out of every set, this turn's results included: its number may come back

@@ -6,7 +6,7 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(etc "/etc")
 endif()
 
-# One unit, and the same once more as a template, which systemd does not let one file be.
+# Writes one unit from mivo.service.in and installs it.
 macro(install_unit file comment description identifier)
   set(UNIT_COMMENT "${comment}")
   set(UNIT_DESCRIPTION "${description}")
@@ -15,6 +15,7 @@ macro(install_unit file comment description identifier)
   file(INSTALL "${work}/${file}" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/systemd/system")
 endmacro()
 
+# The same twice: systemd does not let one file be a unit and a template.
 install_unit(mivo.service "mivo, with the arguments that ${etc}/default/mivo holds."
   "mivo front server" "mivo")
 install_unit(mivo@.service

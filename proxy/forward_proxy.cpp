@@ -13,7 +13,7 @@ void http_proxy::on_headers() {
     answer(not_found_answer);
     return;
   }
-  const bool is_current = has_upstream() && upstream_host == url.host && upstream_port == url.port;
+  const bool is_current = pipe->refs > 1 && upstream_host == url.host && upstream_port == url.port;
   if (!is_current) {
     if (!open_upstream(url.host, url.port)) return;
     upstream_host = url.host;  // open_upstream() has noted the port, which is all that reverse_proxy compares

@@ -18,8 +18,8 @@
 struct http_proxy : http_connection {
   std::string upstream_host;  // where the current upstream is; the forward proxy alone sets and compares it
   int32_t upstream_port = 0;
-  proxy_pipe* pipe = &idle_pipe;  // shared with the upstream, or this object's own:
-  proxy_pipe idle_pipe;           // in use until there is an upstream. Its refs of 2 keep the connection open
+  proxy_pipe* pipe = &idle_pipe;  // shared with the upstream while there is one
+  proxy_pipe idle_pipe;           // until the first upstream is asked for; refs 2 keeps the connection open
   proxy_connection* unserved = nullptr;  // owned: an upstream that no server was there to take over
 
   http_proxy();

@@ -12,8 +12,9 @@ struct reverse_proxy : http_proxy {
 
   void on_headers() override;
 
-  /* Host header value, byte for byte, to local port. 0 is as good as absent, and what is no port is tried and
-   * fails. Filled before the servers start. */
+  /* Host header value, byte for byte, to local port; -1 for the echo page. 0 is as good as absent. Other
+   * numbers are tried as they are: the resolver refuses negative ones and takes large ones modulo 65536.
+   * Filled before the servers start. */
   static base::hashmap<int>& hosts();
 
  private:

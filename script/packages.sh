@@ -1,4 +1,5 @@
-# Sourced by the other scripts: installs Debian packages, and only those that are missing.
+# Sourced by the other scripts: need_packages installs Debian packages that are missing, build configures and
+# builds.
 
 # need_packages PACKAGE...: makes sure that all of them are installed. Asks dpkg first, so that nothing slow
 # happens when nothing is missing.

@@ -12,7 +12,7 @@ std::string clean_path(const std::string& path) {
     if (path[i] == '/' || path[i] == '\\') {
       if (!after_slash) clean += '/';
     } else if (path[i] == '.' && after_slash && i + 1 < path.size() && path[i + 1] == '/') {
-      // Dropped; the slash behind it is then a doubled one. A backslash there does not make it one.
+      // Dropped; the slash behind it then counts as doubled. A dot in front of a backslash stays.
     } else {
       clean += path[i];
     }
@@ -44,7 +44,7 @@ int count_certificates(const std::string& path) {
   if (!file) return 0;
   int count = 0;
   char line[256];
-  bool is_start = true;  // a line that is longer than PEM allows comes in pieces
+  bool is_start = true;  // false behind a piece of a line that the buffer does not hold
   while (fgets(line, sizeof(line), file)) {
     if (is_start && begins_certificate(line)) count++;
     is_start = strchr(line, '\n') != nullptr;

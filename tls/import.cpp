@@ -42,6 +42,7 @@ std::string _import_probe(const std::string& name) {
   }
   size_t slash = cache.find("/" + name);
   if (slash == std::string::npos) return name;
+  // Every run that get_strings() has found ends with a line feed.
   return cache.substr(slash + 1, cache.find('\n', slash) - slash - 1);
 }
 

@@ -2,13 +2,10 @@
 
 import pathlib
 import re
-import time
 
 from mivo_process import PROGRAM
 from wire import request
 
-WATCH_TIME = 1  # seconds
-IDLE_SHARE = 0.02  # of one processor
 # Resident memory may be higher than before by this: buffers that are kept for the next connections (1 MiB to
 # read into, 2 MiB of queue blocks, a few pages for each of 64 connection objects), and what the allocator has
 # had back and not returned.
@@ -34,31 +31,15 @@ class Calm:
         status = pathlib.Path(f"/proc/{self.mivo.pid}/status").read_text()
         return int(re.search(r"VmRSS:\s+(\d+) kB", status)[1])
 
-    def _processor_seconds(self):
-        return int(pathlib.Path(f"/proc/{self.mivo.pid}/schedstat").read_text().split()[0]) / 1e9
-
     def expect_service(self):
         client = self.connect()
         assert client.ask(request("echo", "/calm")).startswith(b"GET /calm ")
         client.close()
 
-    def expect_idle(self):
-        """Whoever may be connected says nothing, so next to no processor time is taken. A second in which memory
-        is still given back may take some; a loop that spins takes it in all three."""
-        shares = []
-        while len(shares) < 3 and min(shares, default=1) >= IDLE_SHARE:
-            shares.append(self._processor_share())
-        assert min(shares) < IDLE_SHARE, f"{shares} of a processor"
-
-    def _processor_share(self):
-        before, start = self._processor_seconds(), time.monotonic()
-        time.sleep(WATCH_TIME)
-        return (self._processor_seconds() - before) / (time.monotonic() - start)
-
     def expect_again(self):
         """Everybody has gone: descriptors, memory and processor time are as before, and newcomers are served."""
         self.mivo.wait_until_idle()
-        self.expect_idle()
+        self.mivo.expect_idle()
         if self.mivo.process.args[2] == PROGRAM:  # the sanitizers keep freed memory on purpose
             taken = self.taken_kib()
             assert taken <= self.tolerance_kib, f"{taken} KiB more than the {self.resident_kib} before"

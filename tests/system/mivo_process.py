@@ -12,12 +12,15 @@ import resource
 import signal
 import socket
 import subprocess
+import time
 
 from wire import until
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 PROGRAM = os.environ.get("MIVO_PROGRAM", str(REPOSITORY / "build/release/mivo"))
 SANITIZED_PROGRAM = os.environ.get("MIVO_ASAN_PROGRAM", "")
+WATCH_TIME = 1  # seconds
+IDLE_SHARE = 0.02  # of one processor
 TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
 
 
@@ -28,7 +31,7 @@ def processor_seconds(pid):
 
 
 def programs():
-    """The programs that a test of robustness runs, as pytest parameters."""
+    """The programs that a test of robustness runs: paths by the names of the parameters."""
     found = {"release": PROGRAM}
     if os.path.exists(SANITIZED_PROGRAM):
         found["sanitized"] = SANITIZED_PROGRAM
@@ -121,6 +124,23 @@ class Mivo:
         """Waits until every connection is closed; a descriptor that stays open is a leak."""
         until(lambda: self.descriptors() == self.idle_descriptors, "all connections closed: "
               f"{self.idle_descriptors} are open when idle, see /proc/{self.pid}/fd")
+
+    def expect_idle(self):
+        """Whoever may be connected says nothing, so next to no processor time is taken. A second in which memory
+        is still given back may take some; a loop that spins takes it in all three."""
+        shares = []
+        while len(shares) < 3 and min(shares, default=1) >= IDLE_SHARE:
+            shares.append(self._processor_share())
+        assert min(shares) < IDLE_SHARE, f"{shares} of a processor"
+
+    def _processor_share(self):
+        before, start = self._processor_seconds(), time.monotonic()
+        time.sleep(WATCH_TIME)
+        return (self._processor_seconds() - before) / (time.monotonic() - start)
+
+    def _processor_seconds(self):
+        # In nanoseconds, but of the first thread alone; mivo has no other.
+        return int(pathlib.Path(f"/proc/{self.pid}/schedstat").read_text().split()[0]) / 1e9
 
     def descriptor_limits(self):
         return resource.prlimit(self.pid, resource.RLIMIT_NOFILE)

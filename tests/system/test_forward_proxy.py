@@ -47,7 +47,7 @@ def test_second_request_to_one_host_and_port__takes_the_same_upstream(proxy, con
         assert far.read_head() == f"GET /a?{number} HTTP/1.1\r\nHost: {host}\r\n\r\n".encode()
         far.send(reply(b"yes"))
         assert wire.read_reply()[1] == b"yes"
-    assert not upstream.has_caller()
+    assert not upstream.accept_if_waiting()
 
 
 def test_tunnel__carries_50_mib_each_way(proxy, connect, listen, site):
@@ -91,7 +91,7 @@ def test_blocked_host_or_one_below_it__is_not_found(proxy, connect, listen, host
     upstream, wire = listen(), connect(proxy.port)
     wire.send(request(host, f"http://{host}:{upstream.port}/"))
     assert wire.read(len(NOT_FOUND)) == NOT_FOUND
-    assert not upstream.has_caller()
+    assert not upstream.accept_if_waiting()
 
 
 class Page(http.server.BaseHTTPRequestHandler):

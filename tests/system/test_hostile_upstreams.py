@@ -47,7 +47,7 @@ def test_upstream_accepts_and_says_nothing__clients_wait_at_no_cost_and_go_when_
     accepted = [upstream.accept() for _ in clients]
     for wire in accepted:
         wire.read_head()
-    calm.expect_idle()
+    calm.mivo.expect_idle()
     calm.expect_service()
     close_all(clients)
     for wire in accepted:

@@ -85,8 +85,8 @@ def test_clients_that_close_their_sending_side_at_every_stage__are_all_ended(miv
         for client in clients:
             client.wait_closed()
             client.close()
-    while upstream.has_caller():
-        upstream.wires[-1].wait_closed()
+    while wire := upstream.accept_if_waiting():
+        wire.wait_closed()
     calm.expect_again()
 
 

@@ -82,7 +82,7 @@ def test_body_cut_anywhere__is_followed_by_the_next_request(service):
         assert upstream.read(10) == b"0123456789"
         upstream.send(reply(b"%d" % cut))
         assert client.read_reply()[1] == b"%d" % cut
-    assert not service.upstream.has_caller()
+    assert not service.upstream.accept_if_waiting()
 
 
 def test_bytes_behind_a_request_in_one_piece__belong_to_it_and_go_upstream_as_they_are(service):
@@ -212,7 +212,7 @@ def test_half_a_request_then_the_end__is_forgotten(service):
         client = service.connect()
         service.deliver(client, whole[:cut])
         service.hang_up(client)
-    assert not service.upstream.has_caller()
+    assert not service.upstream.accept_if_waiting()
 
 
 def test_urgent_byte__ends_the_connection_with_a_message(service):

@@ -152,7 +152,7 @@ def test_two_hosts_on_one_port__share_the_upstream_connection(relay):
         assert upstream.read_head().startswith(f"GET {target} ".encode())
         upstream.send(reply(target.encode()))
         assert relay.client.read_reply()[1] == target.encode()
-    assert not relay.upstream.has_caller()
+    assert not relay.upstream.accept_if_waiting()
 
 
 def test_second_request_to_another_port__leaves_the_first_upstream_for_a_new_one(
@@ -186,7 +186,7 @@ def test_echo_and_404_between_two_requests__leave_the_upstream_connection_alone(
     upstream.read_head()
     upstream.send(reply(b"2"))
     assert relay.client.read_reply()[1] == b"2"
-    assert not relay.upstream.has_caller()
+    assert not relay.upstream.accept_if_waiting()
 
 
 # A request, and its console line behind "[host] address:port ".

@@ -205,7 +205,7 @@ def test_client_sends_what_is_no_tls_and_stays__no_processor_time_and_ended_by_t
         scene, intrusion):
     start = time.monotonic()
     wire = INTRUSIONS_READ_WHOLE[intrusion](scene.service)
-    scene.service.expect_idle()
+    scene.service.mivo.expect_idle()
     scene.expect_service()
     wire.wait_closed()
     assert time.monotonic() - start <= TIMEOUT + 2.5
@@ -221,7 +221,7 @@ def test_forged_record_before_the_reply_of_the_upstream__no_processor_time_and_b
     at_upstream.read_head()
     client.wire.send(FORGED_RECORD)
     at_upstream.send(reply(b"too late"))
-    scene.service.expect_idle()
+    scene.service.mivo.expect_idle()
     scene.expect_service()
     client.wire.wait_closed()
     at_upstream.wait_closed()
@@ -240,7 +240,7 @@ def test_client_says_goodbye__session_ends_at_once(scene):
 def test_clients_stop_at_every_stage__no_processor_time_and_ended_by_the_time_out(scene):
     start = time.monotonic()
     stuck = [go(scene.service) for go in STAGES.values()]
-    scene.service.expect_idle()
+    scene.service.mivo.expect_idle()
     scene.expect_service()
     assert not scene.mivo.lines(TIMED_OUT)
     for wire in stuck:
@@ -256,7 +256,7 @@ def test_all_faults_one_after_the_other__no_processor_time_is_taken_afterwards(s
     for go in INTRUSIONS.values():
         go(scene.service)
     scene.expect_only_the_bystander()
-    scene.service.expect_idle()
+    scene.service.mivo.expect_idle()
     scene.expect_service()
 
 
@@ -287,7 +287,7 @@ def test_client_ends_in_the_middle_of_a_download__both_connections_end_at_once(s
     ENDINGS[ending](client.wire)
     scene.expect_only_the_bystander()
     scene.expect_service()
-    scene.service.expect_idle()
+    scene.service.mivo.expect_idle()
 
 
 def test_hundred_connections_are_opened_and_dropped_at_once__all_end(scene):

@@ -140,7 +140,7 @@ def test_certificate_is_replaced_every_second_under_load__no_request_fails_and_n
     for wire in load.kept:
         wire.close()
     service.mivo.wait_until_idle()
-    service.expect_idle()
+    service.mivo.expect_idle()
     assert service.handshake().ask(request("node", "/small")) == HELLO
 
 

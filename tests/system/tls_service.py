@@ -1,16 +1,12 @@
 """Fixtures and clients for a mivo that serves HTTPS: a plugin that the test files load."""
 
 import ssl
-import time
 
 import pytest
 
 from certificates import Authority
-from mivo_process import ReservedPort, processor_seconds
+from mivo_process import ReservedPort
 from wire import Wire
-
-WATCH_TIME = 1.5  # seconds
-IDLE_SHARE = 0.02  # of one processor
 
 
 class TlsService:
@@ -49,15 +45,6 @@ class TlsService:
         serial = int(wire.sock.getpeercert()["serialNumber"], 16)
         wire.close()
         return serial
-
-    def expect_idle(self):
-        """Nothing to do takes no processor time."""
-        before, start = processor_seconds(self.mivo.pid), time.monotonic()
-        time.sleep(WATCH_TIME)
-        spent = processor_seconds(self.mivo.pid) - before
-        share = spent / (time.monotonic() - start)
-        assert share < IDLE_SHARE, f"{share:.1%} of a processor"
-        return share
 
     def close(self):
         for wire in self.wires:

@@ -151,14 +151,13 @@ class Listener:
         self.wires.append(Wire(self.sock.accept()[0]))
         return self.wires[-1]
 
-    def has_caller(self):
-        """Whether a connection waits to be accepted."""
+    def accept_if_waiting(self):
+        """The connection that waits to be accepted, or None."""
         self.sock.setblocking(False)
         try:
-            self.wires.append(Wire(self.sock.accept()[0]))
-            return True
+            return self.accept()
         except BlockingIOError:
-            return False
+            return None
         finally:
             self.sock.settimeout(DEADLINE)
 
