@@ -21,6 +21,20 @@ class server_service : public server_fixture {
     return a;
   }
 
+  // It is still there after 10 silent seconds, and gone after 11.
+  void expect_time_out_of_a_client_that_joins_at(int64_t time) {
+    faults::frozen_clock() = time;
+    faults::clock_offset() = 0;
+    std::string message = line(join(), "has timed out");
+    srv.last_report = time + 60;
+    faults::clock_offset() = 10;
+    turn();
+    expect_console("");
+    faults::clock_offset() = 11;
+    turn();
+    expect_console(message);
+  }
+
   void expect_ended(const link& a, const std::string& printed) {
     EXPECT_THAT(notes,
                 ElementsAre(a.conn->name + " on_remove, closed and unregistered", a.conn->name + " deleted"));
@@ -50,29 +64,11 @@ TEST_F(server_service, connection_times_out_when_it_was_idle_for_longer_than_its
 }
 
 TEST_F(server_service, connection_times_out_after_10_seconds_of_silence_by_default) {
-  std::string message = line(join(), "has timed out");
-  srv.last_report = start_time + 60;
-  faults::clock_offset() = 10;
-  turn();
-  expect_console("");
-  faults::clock_offset() = 11;
-  turn();
-  expect_console(message);
+  expect_time_out_of_a_client_that_joins_at(start_time);
 }
 
 TEST_F(server_service, idle_seconds_are_counted_on_when_the_time_outgrows_31_bits) {
-  for (int beyond : {-3, 1, 1000}) {
-    faults::frozen_clock() = int64_t{INT32_MAX} + beyond;
-    faults::clock_offset() = 0;
-    std::string message = line(join(), "has timed out");
-    srv.last_report = faults::frozen_clock() + 60;
-    faults::clock_offset() = 10;
-    turn();
-    expect_console("");
-    faults::clock_offset() = 11;
-    turn();
-    expect_console(message);
-  }
+  for (int beyond : {-3, 1, 1000}) expect_time_out_of_a_client_that_joins_at(int64_t{INT32_MAX} + beyond);
 }
 
 TEST_F(server_service, time_out_ends_the_connection) {
