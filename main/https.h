@@ -8,6 +8,7 @@
 #include "net/server.h"
 #include "proxy/http_proxy.h"
 #include "proxy/redirector.h"
+#include "tls/openssl.h"
 #include "tls/ssl_server.h"
 
 namespace https {
@@ -43,17 +44,17 @@ void create_context(ssl_server<T>& tls) {
   openssl::SSL_CTX_ctrl(tls.ctx, openssl::ctrl_mode, openssl::enable_partial_write, nullptr);
 }
 
-/* Drives the two servers, both borrowed, until SIGINT. Upstream connections live in `second`, for they are
- * plain. g_server() dangles once `second` is gone. */
-inline void serve(server_base& second, abstract_server& tls) {
-  http_proxy::g_server() = &second;
-  abstract_server* servers[] = {&second, &tls, nullptr};
+/* Drives the two servers, both borrowed, until SIGINT, the plain one first in every turn. Upstream
+ * connections live in it, because they are plain, too. g_server() dangles once it is gone. */
+inline void serve(server_base& plain, abstract_server& tls) {
+  http_proxy::g_server() = &plain;
+  abstract_server* servers[] = {&plain, &tls, nullptr};
   abstract_server::run(servers);
 }
 
 /* Serves T connections over TLS on `ssl_port`, and redirects `http_port` to it unless that is 0. Returns true
  * after SIGINT and also when a server cannot start; false, after printing why, when the TLS library lacks
- * something. Everything is closed by then: first the second server with the upstream connections, then the
+ * something. Everything is closed by then: first the plain server with the upstream connections, then the
  * context, then the TLS clients. */
 template <class T>
 bool run(int ssl_port, const char* key, const char* crt, int http_port) {

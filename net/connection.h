@@ -29,9 +29,9 @@ struct connection {
   int out_len = 0;                    // bytes of `out` still to be sent
   int out_pos = 0;                    // where they start
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
+  uint8_t fruitless = 0;              // turns in a row in which the socket was ready and moved nothing
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
-  int refused_writes = 0;             // in a row, by a TLS session on a writable socket; see ssl_server
 
   connection();
   connection(const connection&) = delete;
@@ -44,6 +44,7 @@ struct connection {
    * which the caller has set to 0. Returns whether to stay open when they are sent. */
   virtual bool on_send(char* buf, int cap, int* len) = 0;
 
+  /* Must not throw: the language ends the program. */
   virtual ~connection() = default;
 
   /* The connection that update() is servicing; null outside. Set by the servers alone. */

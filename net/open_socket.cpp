@@ -54,13 +54,8 @@ int open_socket(const addrinfo& address, int flags) {
 
 // The IPv4 addresses of the adapters, one a line.
 std::string adapter_list() {
-  // The list of the last call stays, for the next one to free: a server is started once, and restarted only
-  // in trouble.
-  static ifaddrs* adapters = nullptr;
-  if (adapters) freeifaddrs(adapters);
-  adapters = nullptr;
-  if (getifaddrs(&adapters) != 0) adapters = nullptr;
-
+  ifaddrs* adapters = nullptr;
+  if (getifaddrs(&adapters) != 0) return "";
   std::string text;
   for (ifaddrs* a = adapters; a; a = a->ifa_next) {
     char host[64];
@@ -70,6 +65,7 @@ std::string adapter_list() {
     if (!text.empty()) text += "\n";
     text += host;
   }
+  freeifaddrs(adapters);
   return text;
 }
 
@@ -140,13 +136,34 @@ const addrinfo* skip_ipv6(const addrinfo* a) {
   return a;
 }
 
+// Where nobody listens on a port out of the range for outgoing connections, the system may give this very
+// port to the connection, which then is its own peer (RFC 9293, section 3.5, simultaneous open).
+bool is_connected_to_itself(int sock, const addrinfo& address) {
+  sockaddr_in own = {};
+  socklen_t length = sizeof(own);
+  if (address.ai_family != AF_INET || getsockname(sock, reinterpret_cast<sockaddr*>(&own), &length) != 0)
+    return false;
+  const auto* peer = reinterpret_cast<const sockaddr_in*>(address.ai_addr);
+  return own.sin_port == peer->sin_port && own.sin_addr.s_addr == peer->sin_addr.s_addr;
+}
+
+// connect() for an IPv4 address. A connection to itself is undone, which frees the port for a server, and
+// counts as refused.
+bool connect_socket(int sock, const addrinfo& address) {
+  if (::connect(sock, address.ai_addr, address.ai_addrlen) != 0) return false;
+  if (!is_connected_to_itself(sock, address)) return true;
+  const sockaddr nowhere = {AF_UNSPEC, {}};
+  ::connect(sock, &nowhere, sizeof(nowhere));
+  return false;
+}
+
 // Starts connecting to the first address, which decides. Failed or under way: what became of it shows when
 // the socket is used.
 int connect_to_first(const addrinfo* addresses) {
   const addrinfo* a = skip_ipv6(addresses);
   if (!a) return -1;
   int sock = open_upstream_socket(*a, SOCK_NONBLOCK);
-  if (sock != -1) static_cast<void>(::connect(sock, a->ai_addr, a->ai_addrlen));
+  if (sock != -1) static_cast<void>(connect_socket(sock, *a));
   return sock;
 }
 
@@ -155,7 +172,7 @@ int connect_to_any(const addrinfo* addresses) {
   int failed = 0;
   for (const addrinfo* a = skip_ipv6(addresses); a; a = skip_ipv6(a->ai_next)) {
     int sock = open_upstream_socket(*a, 0);
-    if (::connect(sock, a->ai_addr, a->ai_addrlen) == 0) return sock;
+    if (connect_socket(sock, *a)) return sock;
     printf("Address %d failed: %s\n", failed++, address_text(*a).c_str());
     if (sock != -1) ::close(sock);
   }
@@ -197,7 +214,11 @@ int connect(const std::string& host, int port, bool blocking) {
 }
 
 bool has_failed(int sock) {
-  // Not SO_ERROR: connect() has already reported, and thereby forgotten, an error that it met itself.
+  sockaddr_storage peer;
+  socklen_t peer_length = sizeof(peer);
+  if (getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &peer_length) == 0) return false;
+  // Failed or under way. Not SO_ERROR: connect() has already reported, and thereby forgotten, an error that
+  // it met itself.
   tcp_info info = {};
   socklen_t length = sizeof(info);
   return getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || info.tcpi_state == TCP_CLOSE;

@@ -8,23 +8,30 @@
 
 namespace {
 
-// One flag for each `Loop`, and the signal handler that raises it and does nothing else. A template, so that
-// both loops share this text and neither the other's flag.
-template <class Loop>
-struct stop_flag {
-  static volatile sig_atomic_t& done() {
-    static volatile sig_atomic_t flag = false;  // of a type that a handler may store to
-    return flag;
-  }
-  static void on_signal(int) { done() = true; }
-};
+using flag = volatile sig_atomic_t;  // what a signal handler may store to
+
+// Has SIGINT call `handler`. A write that blocks is interrupted by it: with a console that nobody reads, the
+// program would otherwise wait for its reader for ever.
+void on_interrupt(void (*handler)(int)) {
+  signal(SIGINT, handler);
+  struct sigaction action;
+  if (sigaction(SIGINT, nullptr, &action) != 0) return;
+  action.sa_flags &= ~SA_RESTART;
+  sigaction(SIGINT, &action, nullptr);
+}
 
 }  // namespace
 
 void abstract_server::run() {
-  struct local : stop_flag<local> {};
+  struct local {
+    static flag& done() {
+      static flag is_done = false;
+      return is_done;
+    }
+    static void on_signal(int) { done() = true; }
+  };
 
-  signal(SIGINT, local::on_signal);
+  on_interrupt(local::on_signal);
   if (!start()) return;
   while (!local::done()) {
     sockets::select_all();
@@ -34,9 +41,15 @@ void abstract_server::run() {
 }
 
 void abstract_server::run(abstract_server** servers) {
-  struct local : stop_flag<local> {};
+  struct local {
+    static flag& done() {
+      static flag is_done = false;
+      return is_done;
+    }
+    static void on_signal(int) { done() = true; }
+  };
 
-  signal(SIGINT, local::on_signal);
+  on_interrupt(local::on_signal);
   for (abstract_server** s = servers; *s; s++) {
     if (!(*s)->start()) {
       printf("Failed to start server(s).\n");

@@ -6,12 +6,16 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <exception>
+#include <string>
 
 #include "net/sockets.h"
 
 namespace {
 
+// What a pass takes from one connection at most. The second bound is for TLS, whose records may be of a byte.
 constexpr int read_capacity = 1048576;  // bytes
+constexpr int most_reads = 64;
 
 constexpr int report_interval = 5;  // seconds
 
@@ -26,6 +30,30 @@ bool has_timed_out(const connection* conn, int64_t now) {
   // Active in this very second: `timeout` stands behind the output buffer, in memory that a pass over many
   // busy connections need not touch.
   return idle_seconds > 0 && conn->timeout >= 0 && idle_seconds > conn->timeout;
+}
+
+// Whether errno, as a transport hook has left it, says that select() will tell when there is more to do.
+bool asks_to_wait(int cause) {
+  return cause == EAGAIN || cause == EINTR;
+}
+
+// Takes back a client that is not in the list yet. There may be no object for it.
+void refuse(connection* conn, int client) {
+  delete conn;
+  sockets::close(client);
+}
+
+// Called while an exception is handled: says whose hook has thrown it. A text goes on to the driver.
+void print_failure(int sock) {
+  try {
+    throw;
+  } catch (const std::string&) {
+    throw;
+  } catch (const std::exception& e) {
+    printf("%d has failed: %s\n", sock, e.what());
+  } catch (...) {
+    printf("%d has failed.\n", sock);
+  }
 }
 
 }  // namespace
@@ -56,36 +84,30 @@ bool server_base::accept_connection() {
     printf("accept() failed\n");
     return false;
   }
-  // A descriptor that no set can hold is turned away, and those already there go on undisturbed.
-  connection* conn =
-      sockets::fits(client) ? create_connection(static_cast<int>(peer.sin_addr.s_addr)) : nullptr;
-  if (!conn) {
-    sockets::close(client);
-    return true;
-  }
-  conn->port = ntohs(peer.sin_port);
-  conn->sock = client;
-  conn->ip = peer.sin_addr.s_addr;
-  conn->server = this;
+  connection* conn = nullptr;
   bool is_welcome = false;
   try {
-    is_welcome = on_accept(conn);
-  } catch (...) {  // the TLS server's hooks throw when the library lacks something
-    refuse(conn);
-    throw;
+    // A descriptor that no set can hold is turned away, and those already there go on undisturbed.
+    if (sockets::fits(client)) conn = create_connection(static_cast<int>(peer.sin_addr.s_addr));
+    if (conn) {
+      conn->port = ntohs(peer.sin_port);
+      conn->sock = client;
+      conn->ip = peer.sin_addr.s_addr;
+      conn->server = this;
+      is_welcome = on_accept(conn);
+    }
+    if (is_welcome)
+      add_connection(conn);
+    else
+      refuse(conn, client);
+  } catch (...) {
+    if (is_welcome)
+      end_connection(conn);
+    else
+      refuse(conn, client);
+    print_failure(client);
   }
-  if (is_welcome)
-    add_connection(conn);
-  else
-    refuse(conn);
   return true;
-}
-
-// Takes back a client that is not in the list yet.
-void server_base::refuse(connection* conn) {
-  const int client = conn->sock;
-  delete conn;
-  sockets::close(client);
 }
 
 void server_base::add_connection(connection* conn) {
@@ -103,9 +125,9 @@ void server_base::update() {
   }
   const int64_t now = time(nullptr);
   prefetch_connections();
-  service_pass(now);
+  for_each_connection([=](connection* conn) { service(conn, now); });
   if (port != 0 && sockets::has(sockets::readable(), sock) && !accept_connection()) restart();
-  output_pass();
+  for_each_connection([=](connection* conn) { ask_for_output(conn); });
   report(now);
   connection::selected() = nullptr;
 }
@@ -124,63 +146,99 @@ void server_base::prefetch_connections() const {
   for (auto* node = connections.head->next; node; node = node->next) __builtin_prefetch(node->value);
 }
 
-void server_base::service_pass(int64_t now) {
-  fd_set* const errors = sockets::errors();
-  fd_set* const readable = sockets::readable();
-  fd_set* const writable = sockets::writable();
+// One pass over the list, with `serve` called for each connection.
+template <class F>
+void server_base::for_each_connection(F serve) {
   connection*& selected = connection::selected();
   connection* conn = nullptr;
   for (connections.begin(); connections.current(conn); connections.next()) {
     selected = conn;
-    if (has_timed_out(conn, now)) {
-      printf("%d has timed out.\n", conn->sock);
+    try {
+      serve(conn);
+    } catch (const std::string&) {
+      throw;  // thrown by the end of a connection, too, which is gone then
+    } catch (...) {
+      print_failure(conn->sock);
       unlink_and_end(conn);
-    } else if (sockets::has(errors, conn->sock)) {
-      printf("%d has errors.\n", conn->sock);
-      unlink_and_end(conn);
-    } else if (sockets::has(readable, conn->sock)) {
-      read_from(conn, now);
-    } else if (sockets::has(writable, conn->sock)) {
-      write_to(conn, now);
     }
   }
 }
 
-// Reads until the transport has no more for now. The peer's closing ends the connection, pending output or
-// not.
+void server_base::service(connection* conn, int64_t now) {
+  if (has_timed_out(conn, now)) {
+    printf("%d has timed out.\n", conn->sock);
+    unlink_and_end(conn);
+  } else if (sockets::has(sockets::errors(), conn->sock)) {
+    printf("%d has errors.\n", conn->sock);
+    unlink_and_end(conn);
+  } else if (sockets::has(sockets::readable(), conn->sock)) {
+    read_from(conn, now);
+  } else if (sockets::has(sockets::writable(), conn->sock)) {
+    write_to(conn, now);
+  }
+}
+
+// The peer's closing ends the connection, pending output or not. A client that sends faster than its bytes
+// are dealt with must not keep the others waiting, hence the bound.
 void server_base::read_from(connection* conn, int64_t now) {
-  already_read = nullptr;  // left over if a hook has thrown
   int n = 0;
-  while ((n = recv(conn, read_buffer, read_capacity)) > 0) {
+  int cause = 0;
+  int bytes = 0;
+  for (int reads = 0; reads < most_reads && bytes < read_capacity; reads++) {
+    errno = 0;  // for the hook to set
+    n = recv(conn, read_buffer, read_capacity);
+    cause = errno;
+    if (n <= 0) break;
     conn->on_recv(read_buffer, n);
     conn->last_active = static_cast<int32_t>(now);
+    bytes += n;
+    if (asks_to_wait(cause)) break;
   }
-  already_read = nullptr;  // what hooks read later goes to the system
-  if (n == 0) unlink_and_end(conn);
+  if (n == 0)
+    unlink_and_end(conn);
+  else if (bytes == 0)
+    note_fruitless_turn(conn, reading, asks_to_wait(cause), now);
+  else
+    conn->fruitless = 0;
+  if (n > 0 && !asks_to_wait(cause)) sockets::mark_unread(conn->sock);
 }
 
 void server_base::write_to(connection* conn, int64_t now) {
-  // Before the loop: a transport that finds the peer gone sets it back, to have the connection time out.
-  conn->last_active = static_cast<int32_t>(now);
+  // A connection that was only woken has not been active.
+  if (conn->out_len != 0) conn->last_active = static_cast<int32_t>(now);
+  const int before = conn->out_len;
   int n = 0;
-  while ((n = send(conn, conn->out + conn->out_pos, conn->out_len)) > 0) {
+  while ((n = send_pending(conn)) > 0) {
     conn->out_len -= n;
     conn->out_pos += n;
   }
-  if (!conn->keep && conn->out_len == 0) unlink_and_end(conn);
+  const bool is_waiting = asks_to_wait(errno);
+  if (!conn->keep && conn->out_len == 0)
+    unlink_and_end(conn);
+  else if (conn->out_len < before)
+    conn->fruitless = 0;
+  else if (conn->out_len > 0)
+    note_fruitless_turn(conn, writing, is_waiting, now);
 }
 
-// One call of the system in a pass is enough: fewer bytes than asked for mean that the socket is drained, and
-// as many as asked for are a stream that would keep the others waiting. So the second call of this hook in a
-// pass is answered without asking.
-int server_base::recv(connection* conn, char* buf, int len) {
-  if (conn == already_read && conn == connection::selected()) {
-    errno = EAGAIN;
-    return -1;
+int server_base::send_pending(connection* conn) {
+  errno = 0;  // for the hook to set
+  return send(conn, conn->out + conn->out_pos, conn->out_len);
+}
+
+// The socket was ready, and nothing moved; see the rules in the header.
+void server_base::note_fruitless_turn(connection* conn, directions direction, bool is_waiting, int64_t now) {
+  if (conn->fruitless < most_fruitless_turns) conn->fruitless++;
+  if (conn->fruitless < most_fruitless_turns) return;
+  if (!is_waiting) {
+    conn->timeout = 0;
+    conn->last_active = static_cast<int32_t>(now - 2);  // even if the clock steps back by a second until then
+  } else if (direction == reading) {
+    sockets::rest_reading(conn->sock);
+    sockets::mark_ready(conn->sock);  // ends the wait when the session can write what it has to
+  } else {
+    sockets::rest_writing(conn->sock);
   }
-  int n = static_cast<int>(::recv(conn->sock, buf, static_cast<size_t>(len), 0));
-  if (n > 0) already_read = conn;
-  return n;
 }
 
 // The write loop ends with an empty write, which needs no system call; and a negative length must never
@@ -190,22 +248,24 @@ int server_base::send(connection* conn, char* buf, int len) {
   return static_cast<int>(::send(conn->sock, buf, static_cast<size_t>(len), 0));
 }
 
-void server_base::output_pass() {
-  connection*& selected = connection::selected();
-  connection* conn = nullptr;
-  for (connections.begin(); connections.current(conn); connections.next()) {
-    selected = conn;
-    if (conn->out_len != 0) {
-      sockets::mark_ready(conn->sock);
-      continue;
-    }
-    conn->keep = conn->on_send(conn->out, connection::out_capacity, &conn->out_len);
-    if (conn->out_len != 0) {
-      if (conn->out_len > 0) conn->out_pos = 0;
-      sockets::mark_ready(conn->sock);
-    } else if (!conn->keep) {
-      unlink_and_end(conn);
-    }
+// Fewer bytes than asked for mean that the socket is drained: another call would only be told so.
+int server_base::recv(connection* conn, char* buf, int len) {
+  int n = static_cast<int>(::recv(conn->sock, buf, static_cast<size_t>(len), 0));
+  if (n > 0 && n < len) errno = EAGAIN;
+  return n;
+}
+
+void server_base::ask_for_output(connection* conn) {
+  if (conn->out_len != 0) {
+    sockets::mark_ready(conn->sock);
+    return;
+  }
+  conn->keep = conn->on_send(conn->out, connection::out_capacity, &conn->out_len);
+  if (conn->out_len != 0) {
+    if (conn->out_len > 0) conn->out_pos = 0;
+    sockets::mark_ready(conn->sock);
+  } else if (!conn->keep) {
+    unlink_and_end(conn);
   }
 }
 
@@ -217,8 +277,11 @@ void server_base::report(int64_t now) {
   last_report = now;
 }
 
+// The pass skips the connection after this one. What it has to say must not wait until something else
+// happens.
 void server_base::unlink_and_end(connection* conn) {
   connections.remove();
+  if (connections.resume) sockets::mark_ready(connections.resume->value->sock);
   end_connection(conn);
 }
 
@@ -227,8 +290,10 @@ void server_base::end_connection(connection* conn) {
   try {
     on_remove(conn);
   } catch (...) {
+    const int ended = conn->sock;
     delete conn;
-    throw;
+    print_failure(ended);
+    return;
   }
   delete conn;
 }

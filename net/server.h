@@ -4,7 +4,19 @@
  * one turn of service, update(). server<T> adds only the making of T objects.
  *
  * A server owns its listening socket and the connections in its list; it closes and deletes them. One
- * thread drives all servers: a turn is one sockets::select_all(), then update() on each. */
+ * thread drives all servers: a turn is one sockets::select_all(), then update() on each.
+ *
+ * What a server does with a ready socket is decided in server_base alone; the hooks recv() and send() only
+ * move bytes:
+ * (1) A pass reads from a connection until the transport has no more for now, but at most a MiB or 64 times.
+ *     What is left is read in the next turn, which follows at once.
+ * (2) When the socket is ready, the transport moves nothing and does not ask to wait, 64 turns in a row, the
+ *     connection is dead: the time-out rule ends it in the next turn. A loop that waits for it would spin.
+ * (3) When the transport does ask to wait, 64 turns in a row, the connection lives, but the loop would spin
+ * as well: a TLS session may have to write before it can read, or the reverse. The direction that bears
+ *     nothing is then left out of every other wait.
+ * (4) A hook that throws ends its connection, which is printed, and harms no other. A std::string passes
+ *     through: it is the text of a missing entry point of OpenSSL, which ends the run. */
 #pragma once
 
 #include <cstdint>
@@ -35,11 +47,15 @@ struct abstract_server {
   /* Called when the connection is complete and its socket non-blocking. False refuses the client. */
   virtual bool on_accept(connection* conn) = 0;
 
-  /* Called when the connection has ended: its socket is closed, the object is about to be deleted. */
+  /* Called when the connection has ended: its socket is closed and in no set, the object is about to be
+   * deleted. */
   virtual void on_remove(connection* conn) = 0;
 
   /* Reads up to `len` bytes. Returns their number, 0 when the peer has closed, negative when there is
-   * nothing now. */
+   * nothing now.
+   * Both transport hooks also speak through errno, which the server sets to 0 before each call and looks at
+   * after it: EAGAIN or EINTR, after whatever result, says that the system has no more for now and that
+   * select() will tell when it has. A hook that has not asked the system leaves errno alone. */
   virtual int recv(connection* conn, char* buf, int len) = 0;
 
   /* Writes up to `len` bytes. Returns how many were taken; 0 or negative when none can be now. */
@@ -77,29 +93,34 @@ struct server_base : abstract_server {
   /* Ends all connections in order of arrival and closes the listening socket. May be called again. */
   void stop();
 
-  /* Accepts one client. A refused one counts as accepted; false only when accept() failed, which is
-   * printed. */
+  /* Accepts one client. A refused one counts as accepted, and so does one for which a hook has thrown; false
+   * only when accept() failed, which is printed. */
   bool accept_connection();
 
-  /* Takes over a connection that was opened elsewhere, with its socket: services and ends it from now on. */
+  /* Takes over a connection that was opened elsewhere, with its socket: services and ends it from now on.
+   * Throws std::bad_alloc when there is no memory; nothing is taken over then. */
   void add_connection(connection* conn);
 
   /* Closes the connection's socket and deletes it. The caller has taken it off the list. */
   void end_connection(connection* conn);
 
- protected:
-  connection* already_read = nullptr;  // what this pass has read from, set by recv(); only compared
-
  private:
+  static constexpr int most_fruitless_turns = 64;
+
+  enum directions { reading, writing };
+
   void restart();
-  void refuse(connection* conn);
   void prefetch_connections() const;
-  void service_pass(int64_t now);
-  void output_pass();
-  void report(int64_t now);
-  void unlink_and_end(connection* conn);
+  template <class F>
+  void for_each_connection(F serve);
+  void service(connection* conn, int64_t now);
   void read_from(connection* conn, int64_t now);
   void write_to(connection* conn, int64_t now);
+  int send_pending(connection* conn);
+  static void note_fruitless_turn(connection* conn, directions direction, bool is_waiting, int64_t now);
+  void ask_for_output(connection* conn);
+  void report(int64_t now);
+  void unlink_and_end(connection* conn);
 };
 
 template <class T>

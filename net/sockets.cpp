@@ -1,5 +1,6 @@
 #include "net/sockets.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -21,6 +22,51 @@ fd_set* new_set() {
   auto* set = new fd_set;  // never deleted: sockets are closed until the very end of the process
   FD_ZERO(set);
   return set;
+}
+
+// What the passes ask of the next wait, and of it alone.
+struct {
+  bool is_any = false;  // the sets below are not empty: most turns need not look at them
+  fd_set unread;        // readable without asking
+  fd_set not_read;      // left out for reading,
+  fd_set not_written;   // and for writing
+} wishes;
+
+void wish(fd_set& set, int sock) {
+  if (!fits(sock)) return;
+  FD_SET(sock, &set);
+  wishes.is_any = true;
+}
+
+void forget_wishes() {
+  for (fd_set* set : {&wishes.unread, &wishes.not_read, &wishes.not_written}) FD_ZERO(set);
+  wishes.is_any = false;
+}
+
+// Takes the members of `set` out of `from`.
+void subtract(fd_set* from, const fd_set& set) {
+  for (int sock = 0; sock < FD_SETSIZE; sock++) {
+    if (FD_ISSET(sock, &set)) FD_CLR(sock, from);
+  }
+}
+
+// Prepares the sets for a wait that is not like the others; returns how long it is to be.
+int grant_wishes() {
+  subtract(readable(), wishes.not_read);
+  subtract(writable(), wishes.not_written);
+  for (int sock = 0; sock < FD_SETSIZE; sock++) {
+    if (FD_ISSET(sock, &wishes.unread)) return 0;
+  }
+  return longest_wait_us;
+}
+
+// Adds to the results what is readable without asking.
+void add_unread() {
+  for (int sock = 0; sock < FD_SETSIZE; sock++) {
+    if (!FD_ISSET(sock, &wishes.unread) || FD_ISSET(sock, readable())) continue;
+    FD_SET(sock, readable());
+    num_ready()++;
+  }
 }
 
 }  // namespace
@@ -60,13 +106,30 @@ void select_all() {
   *writable() = *ready();
   *errors() = *all();
   FD_ZERO(ready());
-  timeval wait = {0, longest_wait_us};
+  timeval wait = {0, wishes.is_any ? grant_wishes() : longest_wait_us};
   num_ready() = select(FD_SETSIZE, readable(), writable(), errors(), &wait);
   if (num_ready() < 0 && errno != EINTR) {
     int cause = errno;
     printf("select() failed! %d\n", cause);
     errno = cause;  // the servers look at it
   }
+  // After a failed wait the servers skip the turn, and the wishes hold for the next one.
+  if (wishes.is_any && num_ready() >= 0) {
+    add_unread();
+    forget_wishes();
+  }
+}
+
+void mark_unread(int sock) {
+  wish(wishes.unread, sock);
+}
+
+void rest_reading(int sock) {
+  wish(wishes.not_read, sock);
+}
+
+void rest_writing(int sock) {
+  wish(wishes.not_written, sock);
 }
 
 void add(int sock) {
@@ -74,14 +137,17 @@ void add(int sock) {
 }
 
 void mark_ready(int sock) {
-  if (fits(sock)) FD_SET(sock, ready());
+  if (has(all(), sock)) FD_SET(sock, ready());
 }
 
 void close(int sock) {
   if (sock < 0) return;
   ::close(sock);
   if (!fits(sock)) return;
-  for (fd_set* set : {all(), ready(), readable(), writable(), errors()}) FD_CLR(sock, set);
+  for (fd_set* set : {all(), ready(), readable(), writable(), errors(), &wishes.unread, &wishes.not_read,
+                      &wishes.not_written}) {
+    FD_CLR(sock, set);
+  }
 }
 
 void raise_descriptor_limit() {
@@ -98,8 +164,16 @@ int ignore_sigpipe() {
   return 1;
 }
 
+int take_standard_descriptors() {
+  int taken = 0;
+  while (taken >= 0 && taken <= STDERR_FILENO) taken = open("/dev/null", O_RDWR);
+  if (taken >= 0) close(taken);
+  return 1;
+}
+
 namespace {
 
 const int sigpipe_is_ignored = ignore_sigpipe();
+const int standard_descriptors_are_taken = take_standard_descriptors();
 
 }  // namespace

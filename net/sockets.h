@@ -19,8 +19,18 @@ fd_set* errors();    // and for exceptional conditions
 int& num_ready();    // what the last select() returned: -1 on failure, 0 on time-out
 
 /* One wait, of 100 ms at most, for any registered socket to become readable and any ready() one writable.
- * Called once a turn, before the servers' update(). Afterwards errno is as select() left it. */
+ * Called once a turn, before the servers' update(). Afterwards errno is as select() left it. What the three
+ * functions below have asked for holds for this wait and no later one. */
 void select_all();
+
+/* Says that the transport holds bytes of `sock` that select() knows nothing of: the next wait does not block,
+ * and `sock` is readable after it. */
+void mark_unread(int sock);
+
+/* Leaves `sock` out of the next wait, for reading or for writing: the transport can do nothing in this
+ * direction, although the socket is ready, until something else has happened. */
+void rest_reading(int sock);
+void rest_writing(int sock);
 
 /* Whether `sock` can stand in an fd_set. */
 inline bool fits(int sock) {
@@ -34,7 +44,8 @@ inline bool has(fd_set* set, int sock) {
 /* Registers `sock` for reading and exceptional conditions. The caller's server closes it, by close(). */
 void add(int sock);
 
-/* Says that there is output for `sock`: the next wait, but no later one, ends when it can take some. */
+/* Says that there is output for `sock`: the next wait, but no later one, ends when it can take some. Nothing
+ * happens for a socket that is not registered: it may be closed already, and select() fails on such a one. */
 void mark_ready(int sock);
 
 /* Closes `sock` and takes it out of every set, this turn's results included: its number may come back
@@ -68,3 +79,8 @@ void raise_descriptor_limit();
 /* Makes a write to a closed peer fail with an error instead of ending the process. Called before main() in
  * every program that links this library. Returns 1. */
 int ignore_sigpipe();
+
+/* Opens /dev/null in the place of standard input, output and error where they are closed. A socket would get
+ * their number otherwise, and its peer what is printed. Called before main() like the one above, and returns
+ * 1 like it. */
+int take_standard_descriptors();

@@ -85,8 +85,7 @@ const bool is_loaded = load_all();  // for the sake of the call: before main()
 bool use_certificate_chain_file(void* ctx, const char* path) {
   using function = int (*)(void*, const char*);
   auto use = reinterpret_cast<function>(dlsym(_import.handle, "SSL_CTX_use_certificate_chain_file"));
-  if (use) use(ctx, path);
-  return use != nullptr;
+  return use && use(ctx, path) == 1;
 }
 
 }  // namespace openssl

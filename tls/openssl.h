@@ -41,9 +41,9 @@ extern int (*SSL_read)(void* ssl, void* buf, int len);
 extern int (*SSL_write)(void* ssl, const void* buf, int len);
 extern long (*SSL_CTX_ctrl)(void* ctx, int command, long number, void* pointer);
 
-/* Loads a certificate and those that follow it in the file. Not one of the table's names: a library without
- * it serves all the same, and no error text mentions it. False when the library lacks it; whether the file
- * was good is not told. */
+/* Loads a certificate and those that follow it in the file, in place of those loaded before. Not one of the
+ * table's names: a library without it serves all the same, and no error text mentions it. False when the
+ * library lacks it or cannot load the file; what was loaded before may then be there still. */
 bool use_certificate_chain_file(void* ctx, const char* path);
 
 }  // namespace openssl

@@ -57,7 +57,7 @@ TEST_F(connection_test, fields_have_their_first_values_whatever_the_memory_held)
   EXPECT_EQ(c->out_pos, 0);
   EXPECT_TRUE(c->keep);
   EXPECT_EQ(c->timeout, 10);
-  EXPECT_EQ(c->refused_writes, 0);
+  EXPECT_EQ(c->fruitless, 0);
   c->~connection();
 }
 

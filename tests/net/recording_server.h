@@ -75,6 +75,7 @@ struct recording_server : server<recording_connection> {
   bool creates = true;                           // false: create_connection returns null
   bool accepts = true;                           // the result of on_accept
   std::function<void(connection*)> when_called;  // called by every hook that has a connection, if set
+  std::function<void()> when_created;            // called by create_connection(), if set
   std::function<void()> when_started;            // called at the end of start(), if set
   transport receives;                            // in place of recv(), if set
   transport sends;                               // in place of send(), if set
@@ -92,6 +93,7 @@ struct recording_server : server<recording_connection> {
   connection* create_connection(int ip) override {
     in_addr address = {static_cast<in_addr_t>(ip)};
     notes->push_back(std::string("create for ") + inet_ntoa(address));
+    if (when_created) when_created();
     return creates ? make_connection() : nullptr;
   }
 

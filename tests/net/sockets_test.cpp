@@ -7,12 +7,15 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <set>
+#include <vector>
 
 #include "tests/net/child.h"
 #include "tests/support/console.h"
@@ -27,6 +30,12 @@ bool is_empty(fd_set* set) {
   fd_set empty;
   FD_ZERO(&empty);
   return memcmp(set, &empty, sizeof(empty)) == 0;
+}
+
+ino_t inode_of(int descriptor) {
+  struct stat status = {};
+  fstat(descriptor, &status);
+  return status.st_ino;
 }
 
 // Looked at before main(), when no test has used anything yet.
@@ -104,11 +113,89 @@ TEST_F(sockets_test, descriptors_that_do_not_fit_are_in_no_set_and_change_none) 
 
 TEST_F(sockets_test, add_registers_and_mark_ready_announces_output) {
   sockets::add(5);
+  sockets::add(6);
   sockets::mark_ready(6);
   EXPECT_TRUE(sockets::has(sockets::all(), 5));
   EXPECT_FALSE(sockets::has(sockets::ready(), 5));
   EXPECT_TRUE(sockets::has(sockets::ready(), 6));
-  EXPECT_FALSE(sockets::has(sockets::all(), 6));
+}
+
+// select() fails on a closed descriptor, and that would disconnect everybody.
+TEST_F(sockets_test, socket_that_is_not_registered_cannot_be_marked) {
+  sockets::mark_ready(here);
+  EXPECT_TRUE(is_empty(sockets::ready()));
+  sockets::add(here);
+  sockets::close(here);
+  sockets::mark_ready(here);
+  EXPECT_TRUE(is_empty(sockets::ready()));
+}
+
+TEST_F(sockets_test, socket_with_unread_bytes_is_readable_after_one_wait_that_does_not_block) {
+  sockets::add(here);
+  sockets::mark_unread(here);
+  sockets::select_all();
+  EXPECT_EQ(faults::last_select().wait_us, 0);
+  EXPECT_TRUE(sockets::has(sockets::readable(), here));
+  EXPECT_EQ(sockets::num_ready(), 1);
+  sockets::select_all();
+  EXPECT_EQ(faults::last_select().wait_us, 100000);
+  EXPECT_FALSE(sockets::has(sockets::readable(), here));
+  EXPECT_EQ(sockets::num_ready(), 0);
+}
+
+TEST_F(sockets_test, socket_with_unread_bytes_counts_once) {
+  sockets::add(here);
+  become_readable();
+  sockets::mark_unread(here);
+  sockets::select_all();
+  EXPECT_EQ(sockets::num_ready(), 1);
+}
+
+TEST_F(sockets_test, unread_bytes_are_not_forgotten_over_a_failed_wait) {
+  sockets::add(here);
+  sockets::mark_unread(here);
+  faults::of()["select"] = {0, 1, EINTR};
+  sockets::select_all();
+  EXPECT_EQ(sockets::num_ready(), -1);
+  sockets::select_all();
+  EXPECT_TRUE(sockets::has(sockets::readable(), here));
+}
+
+TEST_F(sockets_test, direction_that_rests_is_left_out_of_one_wait) {
+  sockets::add(here);
+  become_readable();
+  for (bool rests : {true, false}) {
+    sockets::mark_ready(here);
+    if (rests) sockets::rest_reading(here);
+    sockets::select_all();
+    EXPECT_NE(sockets::has(sockets::readable(), here), rests);
+    EXPECT_TRUE(sockets::has(sockets::writable(), here));
+  }
+  for (bool rests : {true, false}) {
+    sockets::mark_ready(here);
+    if (rests) sockets::rest_writing(here);
+    sockets::select_all();
+    EXPECT_TRUE(sockets::has(sockets::readable(), here));
+    EXPECT_NE(sockets::has(sockets::writable(), here), rests);
+  }
+}
+
+// A new socket may get the number before the next wait.
+TEST_F(sockets_test, close_forgets_what_was_asked_for_the_next_wait) {
+  const int number = here;
+  sockets::add(here);
+  sockets::mark_unread(here);
+  sockets::rest_reading(here);
+  sockets::rest_writing(here);
+  sockets::close(here);
+  here = dup(there);
+  ASSERT_EQ(here, number);
+  sockets::close(there);
+  sockets::add(here);
+  sockets::mark_ready(here);
+  sockets::select_all();
+  EXPECT_TRUE(sockets::has(sockets::readable(), here)) << "the end of the stream";
+  EXPECT_TRUE(sockets::has(sockets::writable(), here));
 }
 
 TEST_F(sockets_test, close_takes_the_socket_out_of_every_set_and_leaves_the_others) {
@@ -238,6 +325,25 @@ TEST_F(sockets_test, failed_wait_is_not_flushed_to_the_console) {
   faults::of()["select"] = {0, 1, EBADF};
   EXPECT_TRUE(prints_without_flush(sockets::select_all));
   expect_console("select() failed! 9\n");
+}
+
+// A socket in the place of standard output would get what is printed, and its peer with it.
+TEST_F(sockets_test, closed_standard_descriptors_are_taken_and_open_ones_left_alone) {
+  for (std::vector<int> closed : {std::vector<int>{0}, {1}, {2}, {0, 1, 2}, {}}) {
+    EXPECT_TRUE(run_in_child([&] {
+      const ino_t before = inode_of(there);
+      for (int sock : {0, 1, 2}) dup2(there, sock);
+      for (int sock : closed) ::close(sock);
+      if (take_standard_descriptors() != 1) _exit(1);
+      for (int sock : {0, 1, 2}) {
+        const bool is_taken = std::find(closed.begin(), closed.end(), sock) != closed.end();
+        if ((inode_of(sock) == before) == is_taken || fcntl(sock, F_GETFD) == -1) _exit(2);
+      }
+      const int next = socket(AF_INET, SOCK_STREAM, 0);
+      if (next <= 2 || fcntl(next - 1, F_GETFD) == -1) _exit(3);  // no descriptor is left over
+      _exit(0);
+    }));
+  }
 }
 
 TEST_F(sockets_test, sigpipe_is_ignored_without_a_call_by_main) {

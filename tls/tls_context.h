@@ -1,0 +1,51 @@
+/* tls_context: what a TLS server adds to a plain one: the context with its key and certificate, and a session
+ * for each connection.
+ *
+ * Owns the context, which the driver creates. A session belongs to its connection, in the field `ssl`, from
+ * open_session() to close_session(). The handshake is finished inside read_session() and write_session(), so
+ * no state of it is kept, and no OpenSSL error code is looked at.
+ *
+ * All of it throws the std::string of a missing entry point; https::run catches it. */
+#pragma once
+
+#include <string>
+
+#include "net/connection.h"
+
+struct tls_context {
+  static constexpr double check_interval = 60.0;  // seconds between looks at the certificate file
+
+  void* ctx = nullptr;      // the SSL_CTX
+  bool is_new_api = false;  // OpenSSL 1.1 or later; noted by the driver, read by nobody here
+  std::string key_file;
+  std::string crt_file;
+  double crt_mtime = 0;    // of the certificate that is loaded, in seconds since the epoch; 0: none yet
+  double last_check = 0;   // when the file was looked at last
+  bool has_chain = false;  // intermediate certificates are loaded, too
+
+  tls_context(const std::string& key, const std::string& crt) : key_file(key), crt_file(crt) {}
+  tls_context(const tls_context&) = delete;
+  tls_context& operator=(const tls_context&) = delete;
+
+  /* Frees the context. The sessions may outlive it. */
+  ~tls_context();
+
+  /* Loads the certificate into the context, which must be there, if its file is newer than what is loaded.
+   * Looks at it once a minute at most. A file counts as loaded even if the library rejects it or throws. */
+  void load_certificate_maybe();
+
+  /* Begins the handshake on the connection's socket. False when there is no context, or no session. */
+  bool open_session(connection* conn);
+
+  /* Frees the session, if there is one. The socket is closed already, so the shutdown reaches nobody; it only
+   * puts the session in order. */
+  static void close_session(connection* conn);
+
+  /* The transport hooks of a server; see abstract_server. SSL_read() and SSL_write() leave errno as their
+   * last call into the system has left it, and leave it alone when they make none, as on a dead session. */
+  static int read_session(connection* conn, char* buf, int len);
+  static int write_session(connection* conn, char* buf, int len);
+
+ private:
+  void load_chain_maybe();
+};
