@@ -1,5 +1,9 @@
 // The two main loops. Each has a stop flag of its own, which its SIGINT handler sets.
 
+#include <poll.h>
+#include <stdio_ext.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 
@@ -7,6 +11,8 @@
 #include "net/sockets.h"
 
 namespace {
+
+constexpr int longest_farewell_ms = 1000;
 
 using flag = volatile sig_atomic_t;  // what a signal handler may store to
 
@@ -18,6 +24,16 @@ void on_interrupt(void (*handler)(int)) {
   if (sigaction(SIGINT, nullptr, &action) != 0) return;
   action.sa_flags &= ~SA_RESTART;
   sigaction(SIGINT, &action, nullptr);
+}
+
+// What is left to say once the loop has ended. exit() would wait for ever to write it to a console that takes
+// nothing more, so it is dropped there.
+void say_farewell() {
+  pollfd console = {STDOUT_FILENO, POLLOUT, 0};
+  if (poll(&console, 1, longest_farewell_ms) == 0)
+    __fpurge(stdout);
+  else
+    printf("Shutting down...\n");
 }
 
 }  // namespace
@@ -37,7 +53,7 @@ void abstract_server::run() {
     sockets::select_all();
     update();
   }
-  printf("Shutting down...\n");
+  say_farewell();
 }
 
 void abstract_server::run(abstract_server** servers) {
@@ -62,5 +78,5 @@ void abstract_server::run(abstract_server** servers) {
     if (sockets::num_ready() != 0) continue;
     for (abstract_server** s = servers; *s; s++) (*s)->on_idle();
   }
-  printf("Shutting down...\n");
+  say_farewell();
 }
