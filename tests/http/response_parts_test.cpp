@@ -169,13 +169,14 @@ TEST_F(http_response_parts, from_a_file_start_where_it_stands) {
 // The slice was as long as was asked for, so only the next read finds the end, and gives nothing to send.
 TEST_F(http_response_parts, from_a_file_that_end_with_an_empty_slice_announce_that_more_may_follow) {
   const int number = 700;  // nothing is open under it
+  sockets::add(number);
   c().sock = number;
   queue_file("0123");
   EXPECT_EQ(send_once(c(), 4).bytes, "0123");
   EXPECT_FALSE(sockets::has(sockets::ready(), number)) << "a server does that for what it sends";
   EXPECT_EQ(send_once(c(), 4).bytes, "");
   EXPECT_TRUE(sockets::has(sockets::ready(), number));
-  FD_CLR(number, sockets::ready());
+  for (fd_set* set : {sockets::all(), sockets::ready()}) FD_CLR(number, set);
 }
 
 TEST_F(http_response_parts, from_a_file_that_cannot_be_read_are_empty) {

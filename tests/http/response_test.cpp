@@ -106,11 +106,12 @@ TEST_F(http_response, is_queued_as_bytes_and_marks_the_request_as_answered) {
 
 TEST_F(http_response, announces_that_there_is_output_for_its_socket) {
   const int number = 700;  // nothing is open under it
+  sockets::add(number);
   c().sock = number;
   ASSERT_FALSE(sockets::has(sockets::ready(), number));
   c().write("S\r\n", "x");
   EXPECT_TRUE(sockets::has(sockets::ready(), number));
-  FD_CLR(number, sockets::ready());
+  for (fd_set* set : {sockets::all(), sockets::ready()}) FD_CLR(number, set);
 }
 
 TEST_F(http_response, second_of_a_request_is_refused) {

@@ -15,6 +15,7 @@ struct proxy_pipe_test : testing::Test {
 
   proxy_pipe_test() {
     FD_ZERO(sockets::ready());
+    for (int sock : {client_sock, upstream_sock}) sockets::add(sock);
     pipe->client_sock = client_sock;
     pipe->upstream_sock = upstream_sock;
   }
@@ -22,7 +23,7 @@ struct proxy_pipe_test : testing::Test {
   // A test that drops the last reference itself sets `pipe` to null.
   ~proxy_pipe_test() override {
     delete pipe;
-    FD_ZERO(sockets::ready());
+    for (fd_set* set : {sockets::all(), sockets::ready()}) FD_ZERO(set);
   }
 
   void expect_ready(bool client, bool upstream) {
