@@ -1,13 +1,12 @@
 /* byte_queue: a byte string that is appended to at the back and consumed from the front.
  *
  * The bytes stand in a chain of blocks, so both ends cost O(1) per byte however long the queue is and
- * however slowly it drains; nothing is ever moved to make room. Owns its blocks. Blocks grow with the
- * queue, from 512 bytes to 64 KiB. Up to 64 full-size ones that no queue needs are kept for all queues, and
- * once 16 MiB more were freed and the queues are short, malloc is told to return them to the system. An
- * emptied queue keeps at most one block of 4 KiB. Sizes are bytes.
+ * however slowly it drains; nothing is ever moved to make room. The queue owns its blocks while it needs them
+ * and gives them back to base::block_pool. Blocks grow with the queue, from 512 bytes to 64 KiB. An emptied
+ * queue keeps at most one block of 4 KiB. Sizes are bytes.
  *
- * Between calls: (1) size_ is the sum of what the blocks hold; (2) no block but the last is empty;
- * (3) head_ is null exactly when tail_ is. */
+ * Between calls, failed ones included: (1) size() is the sum of what the blocks hold; (2) no block but the
+ * last is empty; (3) head_ is null exactly when tail_ is. */
 #pragma once
 
 #include <cstddef>
@@ -18,18 +17,21 @@ namespace base {
 class byte_queue {
  public:
   byte_queue() = default;
-  byte_queue(const std::string& s) { append(s); }
-  byte_queue(const char* s) { append(s); }
+  // By way of the first, after which the destructor runs even if a block is refused.
+  byte_queue(const std::string& s) : byte_queue() { append(s); }
+  byte_queue(const char* s) : byte_queue() { *this = s; }
   byte_queue(const byte_queue&) = delete;
   byte_queue& operator=(const byte_queue&) = delete;
   ~byte_queue();
 
-  /* Replaces the content. */
+  /* Replaces the content. After std::bad_alloc, the queue is whole and holds the first bytes of the new
+   * one, or none. */
   byte_queue& operator=(const std::string& s);
-  byte_queue& operator=(const char* s) { return *this = std::string(s); }
+  byte_queue& operator=(const char* s);
 
-  /* Appends `len` bytes, which are copied. Throws std::bad_alloc when there is no memory; the queue is then
-   * fit for nothing but its destruction. */
+  /* Appends `len` bytes, which are copied. Throws std::bad_alloc when there is no memory for all of them. The
+   * queue is whole then: it holds what it held, then as many of the first bytes as found room. The caller can
+   * tell their number by size(). */
   byte_queue& append(const char* data, size_t len);
   byte_queue& append(const std::string& s) { return append(s.data(), s.size()); }
   byte_queue& operator+=(const std::string& s) { return append(s); }
@@ -58,35 +60,18 @@ class byte_queue {
   block* add_block(size_t wanted);
   void drop_head();
   void reset_last_block();
-
-  static block* new_block(size_t bytes);
-  static void free_block(block* b);
 };
 
-inline bool operator==(const byte_queue& a, const byte_queue& b) {
-  return a.size() == b.size() && a.str() == b.str();
-}
 inline bool operator==(const byte_queue& a, const std::string& b) {
   return a.size() == b.size() && a.str() == b;
-}
-inline bool operator==(const byte_queue& a, const char* b) {
-  return a == std::string(b);
 }
 inline bool operator==(const std::string& a, const byte_queue& b) {
   return b == a;
 }
-inline bool operator==(const char* a, const byte_queue& b) {
-  return b == a;
-}
-
-template <class S>
-bool operator!=(const byte_queue& a, const S& b) {
+inline bool operator!=(const byte_queue& a, const std::string& b) {
   return !(a == b);
 }
 inline bool operator!=(const std::string& a, const byte_queue& b) {
-  return !(b == a);
-}
-inline bool operator!=(const char* a, const byte_queue& b) {
   return !(b == a);
 }
 

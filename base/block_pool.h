@@ -1,0 +1,59 @@
+/* block_pool: the memory of the blocks that byte queues are made of.
+ *
+ * A queue takes a block, owns it, and gives it back with the same size. Blocks of less than `full_size` bytes
+ * are malloc's and return to it at once. Full-size blocks are kept for the next queue that needs one, until
+ * the pool has `most_spare` of them. A download would otherwise return each block to the system and fault it
+ * in again a turn later. Sizes are bytes.
+ *
+ * Memory that malloc has back may still stay with the process: one block in use near the end of the heap
+ * keeps everything before it. So after a long queue the pool has malloc return its free memory to the system.
+ * It waits until the queues are short again. A mapping for each block would do without, but it costs 16 page
+ * faults for each block of a download that runs ahead.
+ *
+ * Between calls: (1) 0 <= spare() <= most_spare, and no queue uses a spare block; (2) in_use() is the number
+ * of full-size blocks that queues own; (3) freed() is the number of full-size blocks that malloc has had back
+ * since it was last trimmed; (4) freed() < freed_before_trim, or in_use() > in_use_when_short. */
+#pragma once
+
+#include <cstddef>
+
+namespace base {
+
+class block_pool {
+ public:
+  static constexpr size_t full_size = 65536;
+  static constexpr int most_spare = 64;          // 4 MiB: what a turn moves through eight pipes
+  static constexpr int freed_before_trim = 256;  // 16 MiB
+  static constexpr int in_use_when_short = 16;   // 1 MiB: what these free later stays with malloc
+
+  block_pool() = default;
+  block_pool(const block_pool&) = delete;
+  block_pool& operator=(const block_pool&) = delete;
+
+  /* Frees the spare blocks. Every block must have been given back. */
+  ~block_pool();
+
+  /* The pool of all byte queues. It is never destroyed: a queue may live until the process ends. */
+  static block_pool& shared();
+
+  /* Hands over a block of `size` bytes, at most full_size, with any content. Throws std::bad_alloc when
+   * malloc refuses it; the pool is as before then. */
+  void* take(size_t size);
+
+  /* Takes back a block from take(); `size` is the same. */
+  void give_back(void* block, size_t size) noexcept;
+
+  int spare() const { return spare_; }
+  int in_use() const { return in_use_; }
+  int freed() const { return freed_; }
+
+ private:
+  void* blocks_[most_spare] = {};
+  int spare_ = 0;
+  int in_use_ = 0;
+  int freed_ = 0;
+
+  void trim_maybe() noexcept;
+};
+
+}  // namespace base
