@@ -4,7 +4,7 @@
  * connection ends. A subclass gets what was read in on_recv and gives what is to be written in on_send.
  *
  * The object is a little over 1 MiB of address space, most of it the output buffer. Objects on the heap
- * stand on zero pages of their own, so only the pages that are used cost memory; see connection_memory.cpp.
+ * stand on zero pages of their own, so only the pages that are used cost memory; see net/connection_memory.h.
  *
  * Between calls of the server: (1) 0 <= out_pos, and out_pos + out_len <= sizeof(out) while out_len > 0;
  * (2) out_len is 0 when on_send is called; (3) a negative out_len counts as output that is never sent. `keep`
@@ -50,8 +50,9 @@ struct connection {
   /* The connection that update() is servicing; null outside. Set by the servers alone. */
   static connection*& selected();
 
-  /* Zero-filled memory, given back by the deletes below. The plain form throws std::bad_alloc when the
-   * system has no more, the other returns null. */
+  /* Zero-filled memory of connection_memory::shared(), given back by the deletes below, also when a
+   * constructor throws. The plain form throws std::bad_alloc when memory is refused, the other returns null.
+   */
   static void* operator new(size_t size);
   static void* operator new(size_t size, const std::nothrow_t&) noexcept;
   static void* operator new(size_t, void* place) noexcept { return place; }

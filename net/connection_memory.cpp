@@ -1,16 +1,11 @@
-// Where connection objects stand: in rows of eight, back to back, on pages mapped from the system.
-//
-// A fresh page is zero and costs nothing until it is touched, so an object of over 1 MiB costs the page or
-// two that a small exchange uses: its last fields share a page with the first ones of the object behind it.
-// malloc would do for fresh memory, but calloc writes zeros over memory that it has had back, a MiB for each
-// connection. Here an ended object is wiped at both ends, and the pages between are returned to the system.
-// Rows without an object go back to it too, but for some whose slots wait to be used again, which saves the
-// page faults that dominate the cost of short connections.
+#include "net/connection_memory.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
-#include <vector>
+#include <new>
 
 #include "net/connection.h"
 
@@ -25,11 +20,8 @@
 
 namespace {
 
-constexpr size_t page = 4096;
 constexpr size_t cache_line = 64;
-constexpr unsigned slots = 8;                      // of a row
-constexpr unsigned all_free = (1U << slots) - 1U;  // as row::free_slots
-constexpr unsigned most_spare = 64;                // slots that are kept for the next connections
+constexpr unsigned all_free = (1U << connection_memory::slots) - 1U;  // as row::free_slots
 
 // The distance from object to object: whole cache lines, and an odd number of them, so that the hot fields
 // at the front of many objects spread over all sets of the cache instead of throwing each other out.
@@ -37,98 +29,102 @@ size_t stride_for(size_t size) {
   return ((size + cache_line - 1) / cache_line | 1) * cache_line;
 }
 
-struct row {
-  char* base;
-  size_t size;          // of its objects
-  unsigned free_slots;  // a bit for each
+}  // namespace
 
-  size_t length() const { return (slots * stride_for(size) + page - 1) / page * page; }
-  char* at(unsigned slot) const { return base + slot * stride_for(size); }
-  bool holds(const char* object) const { return object >= base && object < base + length(); }
-};
-
-struct row_list {
-  std::vector<row> rows;
-  unsigned spare = 0;  // free slots in all of them
-};
-
-row_list& all_rows() {
-  static auto* list = new row_list;  // never deleted: connections are ended until the very end of the process
-  return *list;
+char* connection_memory::row::at(unsigned slot) const {
+  return base + slot * stride_for(size);
 }
 
-// The first row with a free slot for `size` bytes, a new one if need be; null when the system has no memory.
-// A walk over all rows, of which a full server has about 130.
-row* find_row(size_t size) {
-  std::vector<row>& rows = all_rows().rows;
-  for (row& r : rows) {
+unsigned connection_memory::row::slot_of(const char* object) const {
+  return static_cast<unsigned>(static_cast<size_t>(object - base) / stride_for(size));
+}
+
+connection_memory::connection_memory() : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE))) {}
+
+connection_memory& connection_memory::shared() {
+  alignas(connection_memory) static unsigned char memory[sizeof(connection_memory)];
+  static auto* all = new (memory) connection_memory;
+  return *all;
+}
+
+void* connection_memory::take(size_t size) noexcept {
+  row* r = find_row(size);
+  if (!r) return nullptr;
+  const auto slot = static_cast<unsigned>(__builtin_ctz(r->free_slots));
+  r->free_slots &= ~(1U << slot);
+  spare_--;
+  OPEN_FOR_USE(r->at(slot), size);
+  return r->at(slot);
+}
+
+// The first row with a free slot for `size` bytes, a new one if need be; null when memory is refused. A walk
+// over all rows, of which a full server has about 130.
+connection_memory::row* connection_memory::find_row(size_t size) {
+  for (row& r : rows_) {
     if (r.size == size && r.free_slots != 0) return &r;
   }
-  row r = {nullptr, size, all_free};
-  void* base =
-      mmap(nullptr, r.length(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (base == MAP_FAILED) return nullptr;
-  madvise(base, r.length(), MADV_NOHUGEPAGE);  // a huge page would make every object cost 2 MiB
-  r.base = static_cast<char*>(base);
-  HIDE_FROM_USE(r.base, r.length());
-  rows.push_back(r);
-  all_rows().spare += slots;
-  return &rows.back();
+  return add_row(size);
 }
 
-char* page_of(char* place) {
-  return reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(place) & ~(page - 1));
+connection_memory::row* connection_memory::add_row(size_t size) {
+  row r = {nullptr, whole_pages(slots * stride_for(size)), size, all_free};
+  try {
+    rows_.reserve(rows_.size() + 1);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  void* base =
+      mmap(nullptr, r.length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (base == MAP_FAILED) return nullptr;
+  madvise(base, r.length, MADV_NOHUGEPAGE);  // a huge page would make every object cost 2 MiB
+  r.base = static_cast<char*>(base);
+  HIDE_FROM_USE(r.base, r.length);
+  rows_.push_back(r);
+  spare_ += slots;
+  return &rows_.back();
+}
+
+void connection_memory::give_back(void* object) noexcept {
+  auto* place = static_cast<char*>(object);
+  for (row& r : rows_) {
+    if (!r.holds(place)) continue;
+    wipe(place, r.size);
+    HIDE_FROM_USE(place, r.size);
+    r.free_slots |= 1U << r.slot_of(place);
+    spare_++;
+    if (r.free_slots == all_free && spare_ >= most_spare + slots && unmap(r)) {
+      spare_ -= slots;
+      r = rows_.back();
+      rows_.pop_back();
+    }
+    return;
+  }
 }
 
 // Makes an ended object all zero again. The pages that it shares with its neighbours, and the one behind the
 // output buffer, are kept, for the next object will touch them; what lies between is zero once it is faulted
 // in again.
-void wipe(char* object, size_t size) {
-  char* middle = page_of(object + page - 1);
+void connection_memory::wipe(char* object, size_t size) const {
+  char* middle = page_of(object + page_ - 1);
   char* tail = page_of(object + connection::out_capacity);
+  const auto between = static_cast<size_t>(tail - middle);
   memset(object, 0, static_cast<size_t>(middle - object));
-  madvise(middle, static_cast<size_t>(tail - middle), MADV_DONTNEED);
+  if (madvise(middle, between, MADV_DONTNEED) != 0) memset(middle, 0, between);  // refused for locked memory
   memset(tail, 0, static_cast<size_t>(object + size - tail));
 }
 
-void give_back(row& r) {
-  all_rows().spare -= slots;
-  OPEN_FOR_USE(r.base, r.length());
-  munmap(r.base, r.length());
-  r = all_rows().rows.back();
-  all_rows().rows.pop_back();
+char* connection_memory::page_of(char* place) const {
+  return place - reinterpret_cast<uintptr_t>(place) % page_;
 }
 
-}  // namespace
-
-void* connection::operator new(size_t size, const std::nothrow_t&) noexcept {
-  row* r = find_row(size);
-  if (!r) return nullptr;
-  const auto slot = static_cast<unsigned>(__builtin_ctz(r->free_slots));
-  r->free_slots &= ~(1U << slot);
-  all_rows().spare--;
-  OPEN_FOR_USE(r->at(slot), size);
-  return r->at(slot);
+// False when the system would have to split a mapping and has no memory or number left for that.
+bool connection_memory::unmap(row& r) {
+  OPEN_FOR_USE(r.base, r.length);
+  if (munmap(r.base, r.length) == 0) return true;
+  HIDE_FROM_USE(r.base, r.length);
+  return false;
 }
 
-void* connection::operator new(size_t size) {
-  void* object = operator new(size, std::nothrow);
-  if (!object) throw std::bad_alloc();
-  return object;
+connection_memory::~connection_memory() {
+  for (row& r : rows_) unmap(r);
 }
-
-void connection::operator delete(void* object, size_t size) noexcept {
-  auto* place = static_cast<char*>(object);
-  for (row& r : all_rows().rows) {
-    if (!r.holds(place)) continue;
-    wipe(place, size);
-    HIDE_FROM_USE(place, size);
-    r.free_slots |= 1U << static_cast<size_t>(place - r.base) / stride_for(size);
-    all_rows().spare++;
-    if (r.free_slots == all_free && all_rows().spare >= most_spare + slots) give_back(r);
-    return;
-  }
-}
-
-// Only for a constructor that throws, after which the size is not known: the slot stays taken.
-void connection::operator delete(void*, const std::nothrow_t&) noexcept {}

@@ -35,6 +35,8 @@ struct larger_connection : silent_connection {
   char extra[Extra];
 };
 
+constexpr int many = 200;
+
 class connection_test : public testing::Test {
  protected:
   connection_test() { faults::frozen_clock() = 1700000000; }
@@ -172,6 +174,24 @@ TEST_F(connection_test, plain_new_throws_when_the_system_has_no_memory) {
   EXPECT_THROW(new larger_connection<234567>, std::bad_alloc);
 }
 
+struct failing_connection : silent_connection {
+  failing_connection() {
+    fill(out, sizeof(out));
+    timeout = -1;
+    throw std::string("no such connection");
+  }
+};
+
+TEST_F(connection_test, memory_of_an_object_whose_constructor_throws_serves_again) {
+  const int mapped = faults::calls()["mmap"];
+  for (int i = 0; i < many; i++) {
+    EXPECT_THROW(new failing_connection, std::string);
+    EXPECT_THROW(new (std::nothrow) failing_connection, std::string);
+  }
+  EXPECT_LE(faults::calls()["mmap"], mapped + 1);
+  expect_zero_and_spoil<silent_connection>(70);
+}
+
 TEST_F(connection_test, memory_is_zero_when_only_a_byte_was_written) {
   for (size_t at : {size_t{0}, size_t{4095}, size_t{4096}, size_t{524288}, sizeof(connection::out) - 1}) {
     auto* c = new silent_connection;
@@ -231,7 +251,6 @@ int64_t resident_bytes() {
   return bytes_of(memory_kind::resident);
 }
 
-constexpr int many = 200;
 constexpr int64_t output_buffers = many * int64_t{connection::out_capacity};
 
 TEST_F(connection_test, fresh_objects_take_far_less_memory_than_their_output_buffers) {

@@ -56,6 +56,11 @@ int64_t& frozen_clock() {
   return seconds;
 }
 
+size_t& page_size() {
+  static size_t size = 0;
+  return size;
+}
+
 std::vector<std::string>& resolved() {
   static std::vector<std::string> addresses;
   return addresses;
@@ -84,6 +89,7 @@ void clear() {
   longest_wait_us() = 0;
   clock_offset() = 0;
   frozen_clock() = 0;
+  page_size() = 0;
   resolved().clear();
   adapters().clear();
   last_node().clear();
@@ -124,6 +130,24 @@ F real(F, const char* name) {
 size_t limited(size_t len) {
   const bool is_limited = faults::most_bytes() != 0 && !faults::suspended();
   return is_limited ? std::min(len, faults::most_bytes()) : len;
+}
+
+size_t whole_pages(size_t length) {
+  const size_t page = faults::page_size();
+  return page == 0 ? length : (length + page - 1) / page * page;
+}
+
+size_t bytes_to_next_page(const void* place) {
+  const auto at = static_cast<size_t>(reinterpret_cast<uintptr_t>(place));
+  return whole_pages(at) - at;
+}
+
+// Whether a pretended page begins there; if not, `result` and errno are those of the refusal.
+bool is_page(const void* place, int& result) {
+  if (bytes_to_next_page(place) == 0) return true;
+  errno = EINVAL;
+  result = -1;
+  return false;
 }
 
 // Turns a text into a socket address; neither IPv4 nor IPv6: one of the family AF_UNIX.
@@ -331,7 +355,30 @@ void* mmap(void* place, size_t length, int protection, int flags, int file, off_
   int result = 0;
   if (fails("mmap", result)) return MAP_FAILED;
   static auto next = real(&mmap, "mmap");
-  return next(place, length, protection, flags, file, offset);
+  if (faults::page_size() == 0) return next(place, length, protection, flags, file, offset);
+  // One page more than asked for has the beginning of a page in it. What stands around it is left.
+  void* mapped = next(place, whole_pages(length) + faults::page_size(), protection, flags, file, offset);
+  return mapped == MAP_FAILED ? mapped : static_cast<char*>(mapped) + bytes_to_next_page(mapped);
+}
+
+int munmap(void* place, size_t length) noexcept {
+  int result = 0;
+  if (fails("munmap", result) || !is_page(place, result)) return result;
+  static auto next = real(&munmap, "munmap");
+  return next(place, whole_pages(length));
+}
+
+int madvise(void* place, size_t length, int advice) noexcept {
+  int result = 0;
+  if (fails("madvise", result) || !is_page(place, result)) return result;
+  static auto next = real(&madvise, "madvise");
+  return next(place, whole_pages(length), advice);
+}
+
+long sysconf(int name) noexcept {
+  if (name == _SC_PAGESIZE && faults::page_size() != 0) return static_cast<long>(faults::page_size());
+  static auto next = real(&sysconf, "sysconf");
+  return next(name);
 }
 
 time_t time(time_t* out) noexcept {

@@ -21,8 +21,8 @@ struct fault {
 
 /* The fault of each function: "socket", "bind", "listen", "accept4", "connect", "select", "recv", "send",
  * "close", "fcntl", "setsockopt", "getsockopt", "getaddrinfo", "getnameinfo", "getifaddrs", "stat", "fopen",
- * "mmap" (which returns MAP_FAILED), and any name that a test gives to fails(). A close() that fails has
- * closed, as on Linux. */
+ * "mmap" (which returns MAP_FAILED), "madvise", "munmap", and any name that a test gives to fails(). A
+ * close() that fails has closed, as on Linux. */
 std::map<std::string, fault>& of();
 
 /* Counts a use of the function `name`. True when it is to fail: errno is set then, and `result` is what the
@@ -47,6 +47,11 @@ int64_t& clock_offset();
 
 /* While this is not 0, time() stands still at it, in seconds since the epoch; clock_offset() still counts. */
 int64_t& frozen_clock();
+
+/* The size of a page of the system that is pretended, a multiple of the real one; 0: the real one. sysconf()
+ * gives it, mmap() and munmap() take whole pages of it, and neither munmap() nor madvise() takes a place that
+ * is not the beginning of one. */
+size_t& page_size();
 
 /* What getaddrinfo() finds instead of asking the resolver, on the port and of the family that it is asked
  * for, and the adapters that getifaddrs() lists. Texts of IPv4 or IPv6 addresses; "" stands for an address of

@@ -1,0 +1,254 @@
+// The memory of connection objects: its rules, on systems with pages of 4, 16 and 64 KiB.
+
+#include "net/connection_memory.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "net/connection.h"
+#include "tests/support/faults.h"
+#include "tests/support/operator_new.h"
+
+namespace {
+
+constexpr unsigned slots = connection_memory::slots;
+constexpr unsigned most_spare = connection_memory::most_spare;
+constexpr size_t smallest = sizeof(connection);
+
+// Sizes of classes: those that fill their last cache line and those that do not, with their ends around the
+// edges of pages, and one whose own fields are larger than the output buffer.
+constexpr size_t sizes[] = {smallest,         smallest + 1,    smallest + 63,        smallest + 64,
+                            smallest + 4095,  smallest + 4096, smallest + 16384 - 1, smallest + 65536 + 7,
+                            2 * smallest + 33};
+
+struct pages_test : testing::TestWithParam<size_t> {
+  const size_t page = pretended(GetParam());
+  connection_memory memory;
+
+  ~pages_test() override {
+    faults::clear();
+    new_faults() = {};
+  }
+
+  static size_t pretended(size_t size) {
+    faults::clear();
+    faults::page_size() = size;
+    return size;
+  }
+
+  char* take(size_t size) { return static_cast<char*>(memory.take(size)); }
+  std::vector<char*> take(size_t size, size_t count) {
+    std::vector<char*> objects;
+    while (objects.size() < count) objects.push_back(take(size));
+    return objects;
+  }
+  void give_back(std::vector<char*>& objects) {
+    for (char* object : objects) memory.give_back(object);
+    objects.clear();
+  }
+
+  char* page_behind(char* place) const { return page_of(place + page - 1); }
+  char* page_of(char* place) const { return place - reinterpret_cast<uintptr_t>(place) % page; }
+};
+
+bool holds_only(const char* object, size_t size, char byte) {
+  return object[0] == byte && memcmp(object, object + 1, size - 1) == 0;
+}
+
+int calls(const char* name) {
+  return faults::calls()[name];
+}
+
+bool is_resident(char* place) {
+  unsigned char in_memory = 0;
+  const auto real = static_cast<uintptr_t>(getpagesize());
+  EXPECT_EQ(mincore(place - reinterpret_cast<uintptr_t>(place) % real, 1, &in_memory), 0);
+  return (in_memory & 1) != 0;
+}
+
+std::string name_of(const testing::TestParamInfo<size_t>& info) {
+  return std::to_string(info.param / 1024) + "_kib";
+}
+
+INSTANTIATE_TEST_SUITE_P(, pages_test, testing::Values(4096, 16384, 65536), name_of);
+
+}  // namespace
+
+TEST_P(pages_test, slots_are_zero_and_stand_apart_at_the_beginning_of_cache_lines) {
+  for (size_t size : sizes) {
+    std::vector<char*> objects = take(size, 2 * slots + 1);
+    for (size_t i = 0; i < objects.size(); i++) {
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(objects[i]) % 64, 0U);
+      ASSERT_TRUE(holds_only(objects[i], size, '\0')) << "object " << i;
+      memset(objects[i], static_cast<int>(i + 1), size);
+    }
+    for (size_t i = 0; i < objects.size(); i++)
+      ASSERT_TRUE(holds_only(objects[i], size, static_cast<char>(i + 1))) << "object " << i;
+    give_back(objects);
+  }
+}
+
+TEST_P(pages_test, ended_object_is_zero_for_the_next_one_and_its_neighbours_stay) {
+  for (size_t size : sizes) {
+    std::vector<char*> objects = take(size, slots);
+    for (char* object : objects) memset(object, 'n', size);
+    for (char* object : objects) {
+      memory.give_back(object);
+      ASSERT_EQ(take(size), object) << "the only free slot";
+      ASSERT_TRUE(holds_only(object, size, '\0')) << size << " bytes";
+      memset(object, 'n', size);
+    }
+    for (char* object : objects) ASSERT_TRUE(holds_only(object, size, 'n')) << size << " bytes";
+    give_back(objects);
+  }
+}
+
+TEST_P(pages_test, single_byte_is_cleared_wherever_it_was_written) {
+  const size_t size = smallest + 100;
+  std::vector<char*> objects = take(size, 2);
+  char* object = objects[1];  // the first one begins with a page
+  const auto front = static_cast<size_t>(page_behind(object) - object);
+  const auto tail = static_cast<size_t>(page_of(object + connection::out_capacity) - object);
+  for (size_t at : {size_t{0}, front - 1, front, front + page, tail - 1, tail, size - 1}) {
+    object[at] = 'x';
+    memory.give_back(object);
+    ASSERT_EQ(take(size), object);
+    ASSERT_EQ(object[at], '\0') << at << " of " << size;
+  }
+  give_back(objects);
+}
+
+TEST_P(pages_test, pages_that_hold_only_output_are_returned_and_the_outer_ones_kept) {
+  for (bool is_full : {false, true}) {
+    std::vector<char*> objects = take(smallest, slots);
+    char* object = objects[3];
+    char* const end = object + smallest;
+    memset(object, 'x', is_full ? smallest : 1);
+    end[-1] = 'x';
+    memory.give_back(object);
+    EXPECT_TRUE(is_resident(object));
+    EXPECT_TRUE(is_resident(end - 1));
+    const auto real = static_cast<size_t>(getpagesize());
+    for (char* p = page_behind(object); p < page_of(object + connection::out_capacity); p += real)
+      ASSERT_FALSE(is_resident(p)) << (p - object) << " bytes behind the beginning";
+    objects.erase(objects.begin() + 3);
+    give_back(objects);
+  }
+}
+
+TEST_P(pages_test, pages_that_the_system_does_not_take_are_cleared_in_place) {
+  std::vector<char*> objects = take(smallest, 2);
+  for (char* object : objects) memset(object, 'x', smallest);
+  faults::of()["madvise"] = {0, 1, EINVAL};
+  memory.give_back(objects[0]);
+  EXPECT_EQ(calls("madvise"), 2) << "one for the row, one for the object";
+  ASSERT_EQ(take(smallest), objects[0]);
+  EXPECT_TRUE(holds_only(objects[0], smallest, '\0'));
+  EXPECT_TRUE(holds_only(objects[1], smallest, 'x'));
+  give_back(objects);
+}
+
+TEST_P(pages_test, free_slot_is_used_again_before_another_row_is_mapped) {
+  std::vector<char*> objects = take(smallest, slots);
+  EXPECT_EQ(calls("mmap"), 1);
+  for (int i = 0; i < 3; i++) {
+    memory.give_back(objects[5]);
+    ASSERT_EQ(take(smallest), objects[5]);
+  }
+  EXPECT_EQ(calls("mmap"), 1);
+  objects.push_back(take(smallest));
+  EXPECT_EQ(calls("mmap"), 2);
+  objects.push_back(take(smallest + 1));
+  EXPECT_EQ(calls("mmap"), 3) << "a row is for one size";
+  give_back(objects);
+}
+
+TEST_P(pages_test, row_without_an_object_goes_back_when_enough_free_slots_remain) {
+  std::vector<char*> objects = take(smallest, most_spare + slots);
+  EXPECT_EQ(calls("mmap"), static_cast<int>(most_spare / slots + 1));
+  while (objects.size() > 1) {
+    memory.give_back(objects.back());
+    objects.pop_back();
+  }
+  EXPECT_EQ(calls("munmap"), 0);
+  give_back(objects);
+  EXPECT_EQ(calls("munmap"), 1);
+  objects = take(smallest, most_spare);
+  EXPECT_EQ(calls("mmap"), static_cast<int>(most_spare / slots + 1)) << "the others are there";
+  give_back(objects);
+  EXPECT_EQ(calls("munmap"), 1);
+}
+
+TEST_P(pages_test, row_without_an_object_stays_when_one_free_slot_fewer_would_remain) {
+  char* other = take(smallest + 1);  // 7 free slots with it
+  std::vector<char*> objects = take(smallest, most_spare);
+  give_back(objects);
+  EXPECT_EQ(calls("munmap"), 0);
+  memory.give_back(other);
+  EXPECT_EQ(calls("munmap"), 1);
+}
+
+TEST_P(pages_test, row_that_the_system_does_not_unmap_serves_again) {
+  std::vector<char*> objects = take(smallest, most_spare + slots);
+  const std::vector<char*> places = objects;
+  const int mapped = calls("mmap");
+  faults::of()["munmap"] = {0, 1, ENOMEM};
+  give_back(objects);
+  EXPECT_EQ(calls("munmap"), 1);
+  objects = take(smallest, most_spare + slots);
+  EXPECT_EQ(calls("mmap"), mapped);
+  EXPECT_TRUE(std::is_permutation(places.begin(), places.end(), objects.begin(), objects.end()));
+  give_back(objects);
+  EXPECT_EQ(calls("munmap"), 2);
+  objects = take(smallest, most_spare + slots);
+  EXPECT_EQ(calls("mmap"), mapped + 1);
+  give_back(objects);
+}
+
+TEST_P(pages_test, take_returns_null_when_the_system_maps_no_more_and_works_again_later) {
+  std::vector<char*> objects = take(smallest, slots);
+  faults::of()["mmap"] = {0, 2, ENOMEM};
+  EXPECT_EQ(take(smallest), nullptr);
+  EXPECT_EQ(take(smallest + 1), nullptr);
+  objects.push_back(take(smallest));
+  EXPECT_TRUE(holds_only(objects.back(), smallest, '\0'));
+  give_back(objects);
+}
+
+TEST_P(pages_test, take_returns_null_when_the_list_of_rows_cannot_grow_and_maps_nothing) {
+  std::vector<char*> objects;
+  for (int rows = 0; rows < 5; rows++) {
+    for (char* object : take(smallest, slots)) objects.push_back(object);
+    const int mapped = calls("mmap") - calls("munmap");
+    new_faults() = {true, 0, 0, 1};
+    char* const refused = take(smallest);
+    const int asked = new_faults().calls;
+    new_faults() = {};
+    if (asked == 0) {
+      objects.push_back(refused);  // the list had room for another row
+      continue;
+    }
+    EXPECT_EQ(refused, nullptr);
+    EXPECT_EQ(calls("mmap") - calls("munmap"), mapped);
+  }
+  for (char* object : objects) ASSERT_TRUE(holds_only(object, smallest, '\0'));
+  give_back(objects);
+}
+
+TEST_P(pages_test, end_of_the_memory_unmaps_every_row) {
+  const int before = calls("mmap") - calls("munmap");
+  {
+    connection_memory other;
+    for (size_t extra : {1, 2, 3}) other.give_back(other.take(smallest + 64 * extra));
+    EXPECT_EQ(calls("mmap") - calls("munmap"), before + 3);
+  }
+  EXPECT_EQ(calls("mmap") - calls("munmap"), before);
+}
