@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr char head_end[] = "\r\n\r\n";
+constexpr char crlf[] = "\r\n";  // the line that begins with it is the empty one, where a head ends
 
 // Counters wrap; signed addition must not.
 int32_t wrapping_sum(int32_t a, int len) {
@@ -20,6 +20,11 @@ int32_t wrapping_sum(int32_t a, int len) {
 // Positions count as signed 32-bit numbers, so npos is -1.
 int32_t signed_position(size_t found) {
   return static_cast<int32_t>(found);
+}
+
+// Where the search for the next thing begins: behind the last, or at the beginning again if that is missing.
+size_t behind(size_t found) {
+  return found == std::string::npos ? 0 : found + 1;
 }
 
 }  // namespace
@@ -45,14 +50,14 @@ void http_connection::receive_head(char* data, int len) {
   const size_t before = head.size();
   // A head mostly comes whole, with its body behind it or without, and is then found where it is: a MiB of
   // body is not to pass through `head`. A request that begins with the empty line is never parsed.
-  size_t end = before == 0 ? chunk.find(head_end) : std::string::npos;
+  size_t end = before == 0 ? base::find_line(chunk, crlf) : std::string::npos;
   if (end != std::string::npos && end > 0) {
     head.assign(data, end + 2);
   } else {
     head.append(chunk);
-    end = head.find(head_end, before < 3 ? 0 : before - 3);
+    end = base::find_line(head, crlf, before < 3 ? 0 : before - 3);
     // Here the search may begin behind the first byte, so the empty line in front is looked for by itself.
-    if (signed_position(end) <= 0 || head.compare(0, 4, head_end) == 0) return;
+    if (signed_position(end) <= 0 || head.compare(0, 4, "\r\n\r\n") == 0) return;
     head.resize(end + 2);
   }
   // The last byte of the end is new, so all that comes behind it is in this chunk.
@@ -76,11 +81,12 @@ void http_connection::on_head(char* rest, int rest_length) {
 // leaves its field empty.
 void http_connection::parse_head() {
   size_t first_space = head.find(' ');
-  size_t second_space = head.find(' ', first_space + 1);
-  size_t line_end = head.find("\r\n", second_space + 1);
+  size_t second_space = head.find(' ', behind(first_space));
+  size_t line_end = base::find_line_end(head, behind(second_space));
   if (signed_position(first_space) > 0) method.assign(head, 0, first_space);
   if (signed_position(second_space) > 0) target.assign(head, first_space + 1, second_space - first_space - 1);
-  if (signed_position(line_end) > 0) version.assign(head, second_space + 1, line_end - second_space - 1);
+  if (signed_position(line_end) > 0)
+    version.assign(head, behind(second_space), line_end - behind(second_space));
 
   content_length = base::parse_int(get_header("content-length", head).c_str());
   // HTTP/1.1 stays open even when the client says "Connection: close": the client is left to close it.
@@ -149,32 +155,17 @@ void http_connection::append_info(std::string& to, bool with_agent) const {
   to += "]";
 }
 
-namespace {
-
-// The first place in `text` where a line begins with `name`; the position behind the name, or npos. What
-// base::find does for a name without wildcards, a line at a time instead of a byte at a time.
-size_t find_line(const std::string& name, const std::string& text) {
-  size_t at = text.find("\r\n");
-  while (at != std::string::npos) {
-    at += 2;  // over the CRLF
-    if (text.size() - at >= name.size() && base::is_equal_folded(text.data() + at, name.data(), name.size()))
-      return at + name.size();
-    at = text.find("\r\n", at);
-  }
-  return std::string::npos;
-}
-
-}  // namespace
-
 void http_connection::append_header(std::string& to, const std::string& name, const std::string& text) {
   size_t end = std::string::npos;
-  if (base::find_case_insensitive() && name.find_first_of("?*") == std::string::npos)
-    end = find_line(name, text);
-  else
+  if (base::find_case_insensitive() && name.find_first_of("?*") == std::string::npos) {
+    const size_t line = base::find_line(text, name);
+    if (line != std::string::npos) end = line + 2 + name.size();
+  } else {
     base::find(text, "\r\n" + name, end);
+  }
   if (end == std::string::npos) return;
   size_t start = end + 2;  // over ": ", whatever stands there
-  to.append(text, start, text.find("\r\n", start) - start);
+  to.append(text, start, base::find_line_end(text, start) - start);
 }
 
 std::string http_connection::get_header(const std::string& name, const std::string& text) {

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "base/find.h"
 #include "proxy/answers.h"
 
 http_proxy::http_proxy() {
@@ -65,19 +66,34 @@ std::string http_proxy::copy_headers(const std::string& head) {
   return lines;
 }
 
+namespace {
+
+// Whether the line at `start`, of two bytes at least, is for the proxy alone. One look at most lines is
+// enough.
+bool is_dropped(const std::string& head, size_t start) {
+  if (head[start] == 'P') return head.compare(start, 5, "Proxy") == 0;
+  if (head[start] == 'C') return head.compare(start, 10, "Connection") == 0;
+  return false;
+}
+
+}  // namespace
+
 void http_proxy::append_headers(std::string& to, const std::string& head) {
-  size_t p = head.find("\r\n");
+  size_t p = base::find_line_end(head);
   if (p == 0 || p == std::string::npos) return;
+  size_t kept = p + 2;  // the lines from here to p + 2 are to be copied
   for (;;) {
     // From p + 4, so that the empty line at the end of a head is not taken for a header. The end of a line of
     // one byte is passed over, too, and that line goes along with the next.
-    size_t end = head.find("\r\n", p + 4);
-    if (end == std::string::npos) return;
-    size_t start = p + 2;
-    if (head.compare(start, 5, "Proxy") != 0 && head.compare(start, 10, "Connection") != 0)
-      to.append(head, start, end + 2 - start);
+    size_t end = base::find_line_end(head, p + 4);
+    if (end == std::string::npos) break;
+    if (is_dropped(head, p + 2)) {
+      to.append(head, kept, p + 2 - kept);
+      kept = end + 2;
+    }
     p = end;
   }
+  to.append(head, kept, p + 2 - kept);
 }
 
 void http_proxy::answer(const std::string& text) {

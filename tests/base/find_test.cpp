@@ -194,15 +194,98 @@ TEST(find, agrees_with_trying_every_run_on_random_words) {
 
 namespace {
 
-bool is_equal_folded(const std::string& a, const std::string& b) {
-  // Copies on the heap, where the sanitizer sees a read behind the end.
-  const std::vector<char> left(a.begin(), a.end()), right(b.begin(), b.end());
-  return base::is_equal_folded(left.data(), right.data(), left.size());
+// The searches look at sixteen bytes at a time: each text is on the heap and exactly as long as it says, so
+// that the sanitizer sees a byte read too far.
+size_t find_line(const std::string& text, const std::string& name, size_t from = 0) {
+  const std::vector<char> bytes(text.begin(), text.end());
+  return base::find_line({bytes.data(), bytes.size()}, name, from);
+}
+
+size_t find_line_end(const std::string& text, size_t from = 0) {
+  const std::vector<char> bytes(text.begin(), text.end());
+  return base::find_line_end({bytes.data(), bytes.size()}, from);
+}
+
+bool is_found(const std::string& name, const std::string& line) {
+  return find_line("\r\n" + line, name) == 0;
+}
+
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+// A byte at a time, from the front.
+size_t find_line_by_trial(const std::string& text, const std::string& name, size_t from) {
+  for (size_t at = from; at + 2 + name.size() <= text.size(); at++) {
+    bool is_equal = text[at] == '\r' && text[at + 1] == '\n';
+    for (size_t i = 0; i < name.size(); i++) is_equal = is_equal && lower(text[at + 2 + i]) == lower(name[i]);
+    if (is_equal) return at;
+  }
+  return npos;
 }
 
 }  // namespace
 
-TEST(is_equal_folded, of_all_pairs_of_bytes_only_a_letter_and_its_other_case_are_equal) {
+TEST(find_line_end, is_found_at_every_place_in_texts_of_every_length) {
+  for (size_t size = 0; size < 70; size++) {
+    const std::string text(size, 'x');
+    EXPECT_EQ(find_line_end(text), npos);
+    for (size_t at = 0; at + 2 <= size; at++) {
+      std::string line = text;
+      line.replace(at, 2, "\r\n");
+      for (size_t from = 0; from < size + 3; from++)
+        ASSERT_EQ(find_line_end(line, from), from <= at ? at : npos) << size << " " << at << " " << from;
+    }
+  }
+  EXPECT_EQ(find_line_end("\r\n\r\n", npos), npos);
+}
+
+TEST(find_line_end, first_of_many_counts_and_half_a_line_end_is_none) {
+  EXPECT_EQ(find_line_end("ab\r\n\r\n\r\n"), 2u);
+  EXPECT_EQ(find_line_end("ab\r\n\r\n\r\n", 3), 4u);
+  for (const std::string& near_miss : {"\r"s, "\n"s, "\n\r"s, "\r\r"s, "\r\0\n"s, "\n\n\r"s}) {
+    std::string text;
+    while (text.size() < 100) text += near_miss;
+    if (near_miss.back() == '\n') text += 'x';
+    EXPECT_EQ(find_line_end(text), find_line_by_trial(text, "", 0)) << testing::PrintToString(near_miss);
+  }
+}
+
+TEST(find_line, line_is_found_at_every_place_in_texts_of_every_length) {
+  for (const std::string& name : {"a"s, "\r\n"s, "host"s, "x-forwarded-for"s, "sec-websocket-version"s}) {
+    for (size_t size = 0; size < 90; size++) {
+      const std::string text(size, name.back());
+      EXPECT_EQ(find_line(text, name), npos);
+      for (size_t at = 0; at + 2 + name.size() <= size; at++) {
+        std::string line = text;
+        line.replace(at, 2 + name.size(), "\r\n" + name);
+        ASSERT_EQ(find_line(line, name), at) << name << " " << size;
+        ASSERT_EQ(find_line(line, name, at), at) << name << " " << size;
+        ASSERT_EQ(find_line(line, name, at + 1), npos) << name << " " << size;
+      }
+    }
+  }
+  EXPECT_EQ(find_line("\r\na", "a", npos), npos);
+}
+
+TEST(find_line, empty_name_stands_behind_every_line_end) {
+  EXPECT_EQ(find_line("ab\r\n", ""), 2u);
+  EXPECT_EQ(find_line("ab\r\n\r\n", "", 3), 4u);
+  EXPECT_EQ(find_line("ab", ""), npos);
+}
+
+TEST(find_line, agrees_with_trying_every_place_on_random_texts) {
+  std::mt19937 random(1310);
+  for (int i = 0; i < 50000; i++) {
+    const std::string text = random_word(random, 60, "\r\r\n\nAaBb\x01-");
+    const std::string name = random_word(random, 3, "\r\nab-");  // a CR is a "-" that lacks the case bit
+    const size_t from = random() % 70;
+    ASSERT_EQ(find_line(text, name, from), find_line_by_trial(text, name, from))
+        << testing::PrintToString(text) << " " << testing::PrintToString(name) << " " << from;
+  }
+}
+
+TEST(find_line, of_all_pairs_of_bytes_only_a_letter_and_its_other_case_are_equal) {
   const std::string upper = "ABCDEFGHIJKLMNOPQRSTUVWXYZ", lower = "abcdefghijklmnopqrstuvwxyz";
   auto is_pair = [&](char a, char b) {
     const size_t at = upper.find(a);
@@ -212,32 +295,29 @@ TEST(is_equal_folded, of_all_pairs_of_bytes_only_a_letter_and_its_other_case_are
     for (int j = 0; j < 256; j++) {
       const char a = static_cast<char>(i), b = static_cast<char>(j);
       const bool expected = i == j || is_pair(a, b) || is_pair(b, a);
-      ASSERT_EQ(is_equal_folded(std::string(1, a), std::string(1, b)), expected) << i << " " << j;
+      ASSERT_EQ(is_found(std::string(1, a), std::string(1, b)), expected) << i << " " << j;
     }
   }
 }
 
-TEST(is_equal_folded, every_byte_counts_up_to_the_length_and_none_behind_it) {
-  const std::string word = "Content-Length";
-  EXPECT_TRUE(is_equal_folded(word, "cONTENT-lENGTH"));
-  for (size_t i = 0; i < word.size(); i++) {
-    std::string other = word;
-    other[i] = '!';
-    EXPECT_FALSE(is_equal_folded(word, other)) << i;
-    EXPECT_TRUE(base::is_equal_folded(word.data(), other.data(), i)) << i;
+TEST(find_line, every_byte_of_the_name_counts_and_none_behind_it) {
+  EXPECT_TRUE(is_found("cONTENT-lENGTH", "Content-Length: 5"));
+  for (const std::string& word : {"Content-Length"s, "Sec-WebSocket-Version"s}) {
+    for (size_t i = 0; i < word.size(); i++) {
+      std::string other = word;
+      other[i] = '!';
+      EXPECT_FALSE(is_found(word, other)) << i;
+      EXPECT_TRUE(is_found(word.substr(0, i), other)) << i;
+    }
   }
 }
 
-TEST(is_equal_folded, zero_byte_does_not_end_the_comparison) {
-  EXPECT_FALSE(is_equal_folded("a\0b"s, "a\0c"s));
-  EXPECT_TRUE(is_equal_folded("a\0b"s, "A\0B"s));
+TEST(find_line, zero_byte_does_not_end_the_comparison) {
+  EXPECT_FALSE(is_found("a\0b"s, "a\0c"s));
+  EXPECT_TRUE(is_found("a\0b"s, "A\0B"s));
 }
 
-TEST(is_equal_folded, nothing_equals_nothing) {
-  EXPECT_TRUE(base::is_equal_folded("a", "b", 0));
-}
-
-TEST(is_equal_folded, the_flag_of_the_search_has_no_say) {
+TEST(find_line, the_flag_of_the_wildcard_search_has_no_say) {
   case_matters now;
-  EXPECT_TRUE(is_equal_folded("Host", "hOST"));
+  EXPECT_TRUE(is_found("Host", "hOST"));
 }

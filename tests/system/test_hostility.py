@@ -7,7 +7,8 @@ import time
 
 import pytest
 
-from mivo_process import programs
+from calm import Calm
+from mivo_process import PROGRAM, processor_seconds, programs
 from wire import request
 
 MIB = 1 << 20
@@ -25,12 +26,16 @@ def mivo(start_mivo, upstream, node):
 
 
 class Bystander:
-    """A client that asks all the time on one connection, and wants each answer soon."""
+    """A client that asks all the time on one connection, and wants each answer soon.
+
+    With `by_processor_time` it only counts the time for which mivo works before it answers, not what a busy
+    machine adds to that."""
 
     SOON = 1  # seconds
 
-    def __init__(self, connect, port):
-        self.wire = connect(port)
+    def __init__(self, connect, mivo, by_processor_time=False):
+        self.wire = connect(mivo.port)
+        self.clock = (lambda: processor_seconds(mivo.pid)) if by_processor_time else time.monotonic
         self.slowest, self.served, self.failure, self.stop = 0, 0, None, False
         self.thread = threading.Thread(target=self._ask, daemon=True)
         self.thread.start()
@@ -38,9 +43,9 @@ class Bystander:
     def _ask(self):
         try:
             while not self.stop:
-                start = time.monotonic()
+                start = self.clock()
                 assert self.wire.ask(request("node", "/small")) == HELLO
-                self.slowest = max(self.slowest, time.monotonic() - start)
+                self.slowest = max(self.slowest, self.clock() - start)
                 self.served += 1
         except (AssertionError, OSError) as error:
             self.failure = repr(error)
@@ -57,7 +62,7 @@ def test_flood_of_connections_reset_at_random_moments__others_are_served_all_the
     chance = random.Random(64)
     requests = [request("echo"), request("node", "/small"), request("node", f"/repeat/{2 * MIB}"),
                 request("node", "/echo", "POST", body=bytes(50000)), request("nobody"), bytes(1000)]
-    bystander = Bystander(connect, mivo.port)
+    bystander = Bystander(connect, mivo)
     under_way = []
     for _ in range(3000):
         client = connect(mivo.port)
@@ -95,7 +100,7 @@ def urgent(wire):
 
 
 def test_urgent_data_of_clients_at_every_stage__ends_them_as_errors_and_nobody_else(mivo, calm, connect, upstream):
-    bystander = Bystander(connect, mivo.port)
+    bystander = Bystander(connect, mivo)
     stages = [b"", b"GET / HT", request("up", "/", "POST", ["Content-Length: 9"]), request("up")]
     for number in range(10 * len(stages)):
         client = connect(mivo.port)
@@ -114,7 +119,7 @@ def test_urgent_data_of_clients_at_every_stage__ends_them_as_errors_and_nobody_e
 
 
 def test_urgent_data_of_an_upstream__ends_its_clients_connection_and_nobody_else(mivo, calm, connect, upstream):
-    bystander = Bystander(connect, mivo.port)
+    bystander = Bystander(connect, mivo)
     for _ in range(10):
         client = connect(mivo.port)
         client.send(request("up"))
@@ -125,5 +130,26 @@ def test_urgent_data_of_an_upstream__ends_its_clients_connection_and_nobody_else
         wire.wait_closed()
         client.close()
     assert len(mivo.lines(r"\d+ has errors\.")) == 10
+    bystander.finish()
+    calm.expect_again()
+
+
+# What a head is filled with to keep the search for its lines busy: bytes that are nearly a line end, the shortest
+# lines there are, and lines that are nearly the headers that mivo asks for or leaves out.
+FILLINGS = [b"\r", b"\n\r", b"\r\r\n", b"a\r\n", b"ab\r\n", b"ce\r\n", b"ut\r\n", b"Px\r\n"]
+
+
+def test_long_heads_that_are_made_to_be_searched__keep_nobody_waiting(mivo, connect, upstream, program):
+    # Of the memory in which such a head grows, the allocator keeps up to 64 MiB for the next one.
+    calm = Calm(mivo, connect, 72 * 1024)
+    # The instrumented program takes ten times as long for each byte.
+    size = 64 * MIB if program == PROGRAM else 16 * MIB
+    bystander = Bystander(connect, mivo, by_processor_time=True)
+    for filling in FILLINGS:
+        client = connect(mivo.port)
+        client.send(request("up")[:-2] + filling * (size // len(filling)) + b"\r\nEnd: 1\r\n\r\n")
+        wire = upstream.accept()  # the head has been taken apart
+        client.reset()
+        wire.reset()
     bystander.finish()
     calm.expect_again()
