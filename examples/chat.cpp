@@ -66,6 +66,7 @@ struct chat_connection : http_connection {
   }
 
   void on_request() override {
+    if (written) return;  // a refused upgrade, or bytes after the last request
     if (path == "/")
       write("HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\n", page);
     else

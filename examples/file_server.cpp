@@ -55,6 +55,7 @@ struct file_connection : http_connection {
   long sent = 0;
 
   void on_request() override {
+    if (written) return;  // a refused upgrade, or bytes after the last request: no file for these
     if (method != "GET" && method != "HEAD") {
       write("HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, HEAD\r\n", "");
       return;

@@ -47,6 +47,7 @@ struct prime_count : http_connection::job {
 
 struct job_connection : http_connection {
   void on_request() override {
+    if (written) return;  // a refused upgrade, or bytes after the last request: no thread for these
     const long below = path.empty() ? 0 : strtol(path.c_str() + 1, nullptr, 10);
     if (method != "GET" || below <= 0) {
       write("HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\n", "Ask for a number: GET /1000000\n");

@@ -108,7 +108,10 @@ struct http_connection : connection {
   /* A WebSocket message is complete, in `message`, which is emptied afterwards. Echoes it as text. */
   virtual void on_message();
 
-  /* The request is complete. Answers with the request's head and the length of its body, as text. */
+  /* The request is complete. Answers with the request's head and the length of its body, as text. An override
+   * looks at `written` first and does nothing when it is set: the request has been answered already. A refused
+   * upgrade was answered with a 400; and on a connection that is not kept alive, bytes that come after the
+   * request call this again, once for each time that the socket is read. */
   virtual void on_request();
 
   /* Makes the fields of a request ready for the next one. keep_alive, the queued parts, the upgrade and the

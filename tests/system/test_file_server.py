@@ -7,6 +7,7 @@ import pytest
 
 from clients import curl_files, wget_files
 from example_process import example
+from websocket_frames import REFUSED, handshake
 from wire import request
 
 NOT_FOUND = (b"HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 23\r\n\r\n",
@@ -79,6 +80,28 @@ def test_other_method__is_not_allowed(files, connect, method):
     wire.send(request("files", "/", method))
     assert wire.read_reply() == (b"HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, HEAD\r\n"
                                  b"Content-Length: 0\r\n\r\n", b"")
+
+
+def test_refused_upgrade__is_not_followed_by_a_file(files, root, connect):
+    (root / "forged").write_text("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nforged")
+    wire = connect(files.port)
+    wire.send(handshake(key="", target="/forged"))
+    assert wire.read(len(REFUSED)) == REFUSED
+    assert wire.ask(request("files", "/sub")) == b"below"
+
+
+def test_bytes_after_a_last_request__open_no_file(files, root, connect):
+    (root / "file").write_bytes(bytes(8 * MIB))  # more than the system takes at once
+    wire, other = connect(files.port), connect(files.port)
+    other.ask(request("files"))
+    wire.send(b"GET /file HTTP/1.0\r\n\r\n")
+    for _ in range(20):
+        wire.wait_delivered()
+        other.ask(request("files"))  # by the second answer the byte has been seen
+        other.ask(request("files"))
+        assert len(files.descriptors() - files.idle_descriptors) == 3  # two clients and a file
+        wire.send(b"x")
+    assert len(wire.read_to_end()) > 8 * MIB
 
 
 @pytest.mark.parametrize("client", [curl_files, wget_files])

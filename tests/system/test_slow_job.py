@@ -6,6 +6,7 @@ import pytest
 
 from example_process import example
 from mivo_process import processor_seconds
+from websocket_frames import REFUSED, handshake
 from wire import request, until
 
 HEAD = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n\r\n"
@@ -63,6 +64,26 @@ def test_client_leaves_early__work_ends(jobs, connect, leave):
     before = processor_seconds(jobs.pid)
     other.ask(request("jobs", "/none"))
     assert processor_seconds(jobs.pid) - before < 0.1
+
+
+def test_refused_upgrade__starts_no_job(jobs, connect):
+    wire = connect(jobs.port)
+    wire.send(handshake(key="", target=ENDLESS))
+    assert wire.read(len(REFUSED)) == REFUSED
+    wire.send(request("jobs", "/1000"))
+    assert wire.read(len(answer(b"168"))) == answer(b"168")
+    wait_for_threads(jobs, 1)
+
+
+def test_bytes_after_a_last_request__start_no_job(jobs, connect):
+    wire, other = connect(jobs.port), connect(jobs.port)
+    wire.send(f"GET {ENDLESS} HTTP/1.0\r\n\r\n".encode())
+    for _ in range(20):
+        wire.wait_delivered()
+        for _ in range(2):  # by the second answer the byte has been seen
+            other.ask(request("jobs", "/none"))
+        wait_for_threads(jobs, 2)
+        wire.send(b"x")
 
 
 def test_interrupt_while_a_job_works__ends_in_good_order(jobs, connect):

@@ -7,10 +7,11 @@ from wire import header
 CONTINUATION, TEXT, BINARY, CLOSE, PING, PONG = 0, 1, 2, 8, 9, 10
 MASK = b"\x11\x82\x03\xf4"
 KEY = "dGhlIHNhbXBsZSBub25jZQ=="  # the example of RFC 6455, section 1.3
+REFUSED = b"HTTP/1.1 400 Bad Request\r\nSec-WebSocket-Version: 13\r\nContent-Length: 0\r\n\r\n"
 
 
-def handshake(key=KEY, version="13", upgrade="websocket"):
-    return (f"GET / HTTP/1.1\r\nHost: chat\r\nUpgrade: {upgrade}\r\nConnection: Upgrade\r\n"
+def handshake(key=KEY, version="13", upgrade="websocket", target="/"):
+    return (f"GET {target} HTTP/1.1\r\nHost: chat\r\nUpgrade: {upgrade}\r\nConnection: Upgrade\r\n"
             f"Sec-WebSocket-Key: {key}\r\nSec-WebSocket-Version: {version}\r\n\r\n").encode()
 
 
