@@ -66,7 +66,8 @@ struct chat_connection : http_connection {
   }
 
   void on_request() override {
-    if (written) return;  // a refused upgrade, or bytes after the last request
+    if (written) return;                             // a refused upgrade, or bytes after the last request
+    if (response_parts.count > 0) return hang_up();  // whoever does not read is not to ask on
     if (path == "/")
       write("HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\n", page);
     else

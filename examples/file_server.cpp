@@ -56,6 +56,9 @@ struct file_connection : http_connection {
 
   void on_request() override {
     if (written) return;  // a refused upgrade, or bytes after the last request: no file for these
+    // Every queued answer holds a file open. A client that asks on before it has read the one it is being
+    // sent could take all descriptors, so it gets no other.
+    if (response_parts.count > 0) return hang_up();
     if (method != "GET" && method != "HEAD") {
       write("HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, HEAD\r\n", "");
       return;

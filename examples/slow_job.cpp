@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <system_error>
 #include <thread>
 
 #include "http/http_connection.h"
@@ -15,17 +16,36 @@
 
 namespace {
 
+constexpr int max_jobs = 16;  // threads at work at the same time, for all clients together
+
 /* Counts primes in a thread of its own. Deleted by the response part that holds it; a client that leaves
  * early ends the work early. */
 struct prime_count : http_connection::job {
-  explicit prime_count(long below) : thread_([this, below] { work(below); }) {}
+  /* The work, begun and handed over; null when enough are at work, or the system has no thread to spare. */
+  static prime_count* start(long below) {
+    if (at_work() == max_jobs) return nullptr;
+    try {
+      return new prime_count(below);
+    } catch (const std::system_error&) {
+      return nullptr;
+    }
+  }
 
   ~prime_count() override {
     is_cancelled_ = true;
     thread_.join();
+    at_work()--;
   }
 
  private:
+  explicit prime_count(long below) : thread_([this, below] { work(below); }) { at_work()++; }
+
+  /* How many there are. They are made and deleted by the loop's thread alone. */
+  static int& at_work() {
+    static int count = 0;
+    return count;
+  }
+
   std::atomic<bool> is_cancelled_{false};
   std::thread thread_;  // last, so that it starts when all else is there
 
@@ -48,16 +68,23 @@ struct prime_count : http_connection::job {
 struct job_connection : http_connection {
   void on_request() override {
     if (written) return;  // a refused upgrade, or bytes after the last request: no thread for these
+    if (response_parts.count > 0) return hang_up();  // one job at a time for each client
     const long below = path.empty() ? 0 : strtol(path.c_str() + 1, nullptr, 10);
     if (method != "GET" || below <= 0) {
       write("HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\n", "Ask for a number: GET /1000000\n");
       return;
     }
+    job* work = prime_count::start(below);
+    if (!work) {
+      write("HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain\r\n",
+            "Too many at once. Ask again.\n");
+      return;
+    }
+    auto* part = new response_part;  // deleted by the connection
+    part->thread = work;
+    part->timeout = 10;
     // The result becomes the one chunk of the body.
     write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n", "");
-    auto* part = new response_part;         // deleted by the connection
-    part->thread = new prime_count(below);  // a thread for each request: a real server would limit them
-    part->timeout = 10;
     response_parts.push(part);
     timeout = -1;  // until the job is done, which sets the part's time-out
   }

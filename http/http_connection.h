@@ -109,9 +109,9 @@ struct http_connection : connection {
   virtual void on_message();
 
   /* The request is complete. Answers with the request's head and the length of its body, as text. An override
-   * looks at `written` first and does nothing when it is set: the request has been answered already. A refused
-   * upgrade was answered with a 400; and on a connection that is not kept alive, bytes that come after the
-   * request call this again, once for each time that the socket is read. */
+   * looks at `written` first and does nothing when it is set: the request has been answered already. A
+   * refused upgrade was answered with a 400; and on a connection that is not kept alive, bytes that come
+   * after the request call this again, once for each time that the socket is read. */
   virtual void on_request();
 
   /* Makes the fields of a request ready for the next one. keep_alive, the queued parts, the upgrade and the
@@ -126,6 +126,11 @@ struct http_connection : connection {
   /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. The 301
    * announces that the connection closes; keep_alive decides. */
   void redirect(const std::string& url, bool permanent);
+
+  /* Ends the connection without another answer, from any hook: what is queued is still sent, and the
+   * connection is closed after it, or after a second in which no byte comes or goes. The hooks of a request
+   * may run once more, with `written` set; WebSocket frames are no longer read. */
+  void hang_up();
 
   /* Queues one unfragmented, unmasked WebSocket frame (RFC 6455, section 5.2) with one of the `opcodes`. At
    * 1 MiB or more it says so and queues the frame without its length. */
@@ -171,6 +176,5 @@ struct http_connection : connection {
   void pop_part();
   void start_websocket();
   void unsubscribe(const std::string& channel);
-  void close_websocket();
   bool on_frame(int opcode, bool is_final, const std::string& payload);
 };

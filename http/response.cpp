@@ -48,6 +48,12 @@ void http_connection::redirect(const std::string& url, bool permanent) {
   }
 }
 
+void http_connection::hang_up() {
+  written = true;  // without an answer, on_send() would go on waiting for one
+  keep_alive = false;
+  timeout = 0;
+}
+
 void http_connection::append_part(std::string data) {
   auto* part = new response_part;  // deleted by pop_part() or the destructor
   part->data = std::move(data);

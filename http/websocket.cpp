@@ -86,17 +86,11 @@ void http_connection::start_websocket() {
 }
 
 void http_connection::on_upgrade() {
-  close_websocket();
+  hang_up();
 }
 
 void http_connection::on_message() {
   send_message(message, text_frame);
-}
-
-// How this side ends a WebSocket connection: once the queued output is sent, or after a second of silence.
-void http_connection::close_websocket() {
-  keep_alive = false;
-  timeout = 0;
 }
 
 void http_connection::read_frames() {
@@ -106,12 +100,12 @@ void http_connection::read_frames() {
     if (parse_frame_header(content, off, frame) == incomplete) break;
     if (!frame.is_masked) {
       printf("Warning! Incoming frame has no mask.\n");
-      close_websocket();
+      hang_up();
       return;
     }
     if (frame.payload > max_frame_length) {
       printf("Warning! Frame exceeds max length of %d.\n", max_frame_length);
-      close_websocket();
+      hang_up();
       return;
     }
     // The mask of an 8-byte length stands inside the payload: what is used of it must have come, too.
@@ -135,7 +129,7 @@ bool http_connection::on_frame(int opcode, bool is_final, const std::string& pay
       send_message(payload, pong_frame);
       return true;
     case close_frame:
-      close_websocket();
+      hang_up();
       return false;
     case continuation_frame:
     case text_frame:
@@ -148,7 +142,7 @@ bool http_connection::on_frame(int opcode, bool is_final, const std::string& pay
   message += payload;
   if (static_cast<int64_t>(message.size()) > max_message_length) {
     printf("Warning! Message exceeds max length of %d.\n", max_message_length);
-    close_websocket();
+    hang_up();
     return false;
   }
   if (is_final) {

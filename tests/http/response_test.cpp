@@ -53,6 +53,27 @@ TEST_F(http_response, on_a_closing_connection_has_no_length_and_closes_when_it_i
   EXPECT_FALSE(end.stays);
 }
 
+TEST_F(http_response, given_up_for_a_hang_up_closes_at_once_or_after_what_is_queued) {
+  EXPECT_TRUE(send_once(c()).stays) << "an answer is waited for";
+  c().hang_up();
+  EXPECT_FALSE(send_once(c()).stays);
+  EXPECT_EQ(c().timeout, 0) << "for a client that does not read what is queued";
+
+  c().written = false;
+  c().write("HTTP/1.1 200 OK\r\n", "hello");
+  c().reset();
+  c().hang_up();
+  EXPECT_EQ(send_once(c()).bytes, "HTTP/1.1 200 OK\r\n\r\nhello");
+  EXPECT_FALSE(send_once(c()).stays);
+}
+
+TEST_F(http_response, after_a_hang_up_is_refused) {
+  c().hang_up();
+  c().write("HTTP/1.1 200 OK\r\n", "hello");
+  EXPECT_EQ(console_.text(), double_write);
+  EXPECT_EQ(c().response_parts.count, 0);
+}
+
 TEST_F(http_response, length_is_added_only_when_neither_length_nor_transfer_coding_is_in_the_head) {
   using namespace std::string_literals;
   const struct {

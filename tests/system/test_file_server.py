@@ -1,5 +1,6 @@
 """file_server: every size byte for byte, and nothing outside its folder."""
 
+import contextlib
 import os
 import pathlib
 
@@ -102,6 +103,20 @@ def test_bytes_after_a_last_request__open_no_file(files, root, connect):
         assert len(files.descriptors() - files.idle_descriptors) == 3  # two clients and a file
         wire.send(b"x")
     assert len(wire.read_to_end()) > 8 * MIB
+
+
+def test_client_that_asks_on_without_reading__takes_no_more_files_and_is_ended(files, root, connect):
+    (root / "file").write_bytes(bytes(32 * MIB))  # more than the system takes at once
+    wire, other = connect(files.port), connect(files.port)
+    other.ask(request("files"))
+    for _ in range(20):
+        with contextlib.suppress(ConnectionError):  # it may have been ended already
+            wire.send(request("files", "/file"))
+        for _ in range(2):  # by the second answer the request has been seen
+            other.ask(request("files"))
+        assert len(files.descriptors() - files.idle_descriptors) <= 3  # two clients and a file
+    wire.wait_closed()
+    assert other.ask(request("files")) == b"top"
 
 
 @pytest.mark.parametrize("client", [curl_files, wget_files])

@@ -1,5 +1,6 @@
 """slow_job: threads work while the loop serves others, and end with the client who asked."""
 
+import contextlib
 import os
 
 import pytest
@@ -11,6 +12,7 @@ from wire import request, until
 
 HEAD = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n\r\n"
 ENDLESS = "/1000000000000"
+MAX_JOBS = 16
 
 
 def answer(primes):
@@ -27,8 +29,12 @@ def jobs(start_mivo):
     return start_mivo()
 
 
+def threads(jobs):
+    return len(os.listdir(f"/proc/{jobs.pid}/task"))
+
+
 def wait_for_threads(jobs, count):
-    until(lambda: len(os.listdir(f"/proc/{jobs.pid}/task")) == count, f"{count} threads")
+    until(lambda: threads(jobs) == count, f"{count} threads")
 
 
 @pytest.mark.parametrize("below, primes", [("1", b"0"), ("3", b"1"), ("1000", b"168"), ("1000000", b"78498")])
@@ -84,6 +90,33 @@ def test_bytes_after_a_last_request__start_no_job(jobs, connect):
             other.ask(request("jobs", "/none"))
         wait_for_threads(jobs, 2)
         wire.send(b"x")
+
+
+def test_client_that_asks_on_without_waiting__gets_no_more_threads_and_is_ended(jobs, connect):
+    wire, other = connect(jobs.port), connect(jobs.port)
+    for _ in range(20):
+        with contextlib.suppress(ConnectionError):  # it may have been ended already
+            wire.send(request("jobs", ENDLESS))
+        for _ in range(2):  # by the second answer the request has been seen
+            other.ask(request("jobs", "/none"))
+        assert threads(jobs) <= 2
+    wire.wait_closed()
+    wait_for_threads(jobs, 1)
+
+
+def test_more_clients_than_threads__are_told_to_come_back(jobs, connect):
+    wires = [connect(jobs.port) for _ in range(MAX_JOBS)]
+    for wire in wires:
+        wire.send(request("jobs", ENDLESS))
+    wait_for_threads(jobs, 1 + MAX_JOBS)
+    late = connect(jobs.port)
+    late.send(request("jobs", "/1000"))
+    head, body = late.read_reply()
+    assert head.startswith(b"HTTP/1.1 503 Service Unavailable\r\n") and body == b"Too many at once. Ask again.\n"
+    wires[0].close()
+    wait_for_threads(jobs, MAX_JOBS)
+    late.send(request("jobs", "/1000"))
+    assert late.read(len(answer(b"168"))) == answer(b"168")
 
 
 def test_interrupt_while_a_job_works__ends_in_good_order(jobs, connect):
