@@ -68,26 +68,20 @@ struct file_connection : http_connection {
     if (!file.empty() && stat(file.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
       file = true_path(file + "/index.html");
     const bool is_inside = file.compare(0, root().size() + 1, root() + "/") == 0;
-    if (!is_inside || stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        !queue_file(file, status))
+    if (!is_inside || stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !queue_file(file))
       write("HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\n", "There is no such file.\n");
   }
 
-  /* Queues the answer: its head, which announces the length, and the file as a part of its own. */
-  bool queue_file(const std::string& file, const struct stat& status) {
+  /* Queues the answer with the file as its body. False when it cannot be opened. */
+  bool queue_file(const std::string& file) {
     FILE* stream = fopen(file.c_str(), "rb");
     if (!stream) return false;
-    write("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(status.st_size) + "\r\n", "");
+    struct stat status = {};
+    fstat(fileno(stream), &status);  // of what was opened, whatever has taken its name since
     sending = file.substr(root().size());
     total = status.st_size;
     sent = 0;
-    if (method == "HEAD") {
-      fclose(stream);
-      return true;
-    }
-    auto* part = new response_part;  // deleted by the connection, which closes the file
-    part->file = stream;
-    response_parts.push(part);
+    write_file("HTTP/1.1 200 OK\r\n", stream, total);
     return true;
   }
 

@@ -36,9 +36,10 @@ struct http_connection : connection {
     FILE* file = nullptr;     // owned; sent from where it stands
     double remaining = -1.0;  // bytes still to be read from it; negative: all; see send_file()
     std::string data;
-    job* thread = nullptr;  // owned; its result is sent as one chunk and the last chunk
-    int32_t timeout = 0;    // the connection's idle time-out from when a job's result is sent
-    size_t sent = 0;        // bytes of `data` already handed out, for parts longer than the output buffer
+    job* thread = nullptr;   // owned; its result is sent as one chunk and the last chunk
+    int32_t timeout = 0;     // the connection's idle time-out from when a job's result is sent
+    size_t sent = 0;         // bytes of `data` already handed out, for parts longer than the output buffer
+    int64_t announced = -1;  // exactly these bytes of `file`, whatever `remaining` says; negative: not set
 
     response_part() = default;
     response_part(const response_part&) = delete;
@@ -123,6 +124,13 @@ struct http_connection : connection {
    * transfer coding is there; `body` is left out for HEAD. Only the first call of a request counts. */
   void write(std::string answer_head, const std::string& body);
 
+  /* Queues an answer whose body is a file: exactly the next `length` bytes of it, 0 or more, which the head
+   * announces by a Content-Length that is added here. Takes over `file` and closes it in any case. What the
+   * file has gained by then is not sent; when it has lost some of these bytes, a line is printed and the
+   * connection ends after those that are left, with everything else that is queued. As write(), it sends no
+   * body for HEAD, and counts only as the first answer of a request. */
+  void write_file(std::string answer_head, FILE* file, int64_t length);
+
   /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. The 301
    * announces that the connection closes; keep_alive decides. */
   void redirect(const std::string& url, bool permanent);
@@ -171,6 +179,7 @@ struct http_connection : connection {
   void finish_request_maybe();
   void append_part(std::string data);
   bool send_file(response_part& part, char* buf, int cap, int* len);
+  bool send_announced(response_part& part, char* buf, int cap, int* len);
   bool send_job(response_part& part, char* buf, int cap, int* len);
   bool send_data(response_part& part, char* buf, int cap, int* len);
   void pop_part();

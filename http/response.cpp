@@ -1,5 +1,6 @@
 // The output side of http_connection: from answers to pieces in the server's buffer.
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <utility>
@@ -38,6 +39,26 @@ void http_connection::write(std::string answer_head, const std::string& body) {
   written = true;
 }
 
+void http_connection::write_file(std::string answer_head, FILE* file, int64_t length) {
+  const bool is_sent = !written && method != "HEAD" && length > 0;
+  response_part* part = nullptr;
+  try {
+    write(std::move(answer_head) + "Content-Length: " + std::to_string(length) + "\r\n", "");
+    if (is_sent) {
+      part = new response_part;  // deleted by pop_part() or the destructor
+      part->announced = length;
+      response_parts.push(part);
+      part->file = file;
+      return;
+    }
+  } catch (...) {  // the memory for one of these was refused
+    delete part;
+    fclose(file);
+    throw;
+  }
+  fclose(file);
+}
+
 void http_connection::redirect(const std::string& url, bool permanent) {
   if (permanent) {
     write("HTTP/1.1 301 Moved Permanently\r\nLocation: " + url + "\r\nConnection: close\r\n", "");
@@ -74,6 +95,8 @@ bool http_connection::on_send(char* buf, int cap, int* len) {
 // in its last step: that slice repeats until the file ends. So a limit is exact when it is a multiple of
 // `cap` or reaches the end of the file.
 bool http_connection::send_file(response_part& part, char* buf, int cap, int* len) {
+  if (part.announced >= 0) return send_announced(part, buf, cap, len);
+  *len = 0;
   int n = cap;
   if (part.remaining >= 0) {
     if (cap > part.remaining)
@@ -87,6 +110,25 @@ bool http_connection::send_file(response_part& part, char* buf, int cap, int* le
   }
   pop_part();
   if (*len == 0) sockets::mark_ready(sock);  // nothing goes out, so no event would wake what comes next
+  return true;
+}
+
+// A slice of a file of which so many bytes were announced. A client that gets fewer would take the next
+// answer for the rest, so there is none.
+bool http_connection::send_announced(response_part& part, char* buf, int cap, int* len) {
+  const auto wanted = static_cast<size_t>(std::min<int64_t>(part.announced, cap));
+  const size_t got = fread(buf, 1, wanted, part.file);
+  *len = static_cast<int>(got);
+  part.announced -= *len;
+  if (got < wanted) {
+    printf("Warning! A file has ended %lld bytes before its announced length.\n",
+           static_cast<long long>(part.announced));
+    keep_alive = false;
+    written = true;
+    while (response_parts.count > 0) pop_part();
+    return false;
+  }
+  if (part.announced == 0) pop_part();
   return true;
 }
 

@@ -151,6 +151,51 @@ TEST_F(http_response_parts, from_a_file_go_out_in_slices_until_a_read_comes_shor
   }
 }
 
+TEST_F(http_response_parts, from_a_file_with_nothing_left_store_that_nothing_is_sent) {
+  queue_file("0123", 0);
+  char buffer[4];
+  int len = 99;
+  EXPECT_TRUE(c().on_send(buffer, 4, &len));
+  EXPECT_EQ(len, 0);
+  EXPECT_EQ(c().response_parts.count, 0);
+}
+
+TEST_F(http_response_parts, from_a_file_of_announced_length_are_exactly_so_many_bytes) {
+  const struct {
+    std::string bytes;
+    int64_t announced;
+    slices expected;  // at a capacity of 4
+  } cases[] = {
+      {"0123456789", 10, {"0123", "4567", "89"}},
+      {"0123456789", 9, {"0123", "4567", "8"}},
+      {"0123456789", 8, {"0123", "4567"}},
+      {"0123456789", 6, {"0123", "45"}},
+      {"0123456789", 1, {"0"}},
+      {"0123", 4, {"0123"}},
+  };
+  for (const auto& t : cases) {
+    queue_file(t.bytes, 3).announced = t.announced;  // which alone counts
+    EXPECT_EQ(drain(4), t.expected) << t.bytes << " with " << t.announced << " announced";
+  }
+  EXPECT_EQ(console_.text(), "");
+}
+
+TEST_F(http_response_parts, from_a_file_shorter_than_announced_end_the_connection_and_the_queue) {
+  c().reset();
+  queue_file("01234").announced = 7;
+  const int descriptor = fileno(queue_file("next").file);
+  EXPECT_EQ(send_once(c(), 4).bytes, "0123");
+  const sending last = send_once(c(), 4);
+  EXPECT_EQ(last.bytes, "4");
+  EXPECT_FALSE(last.stays);
+  EXPECT_EQ(console_.text(), "Warning! A file has ended 2 bytes before its announced length.\n");
+  EXPECT_EQ(c().response_parts.count, 0);
+  EXPECT_FALSE(is_open(descriptor));
+  const sending next = send_once(c(), 4);
+  EXPECT_EQ(next.bytes, "");
+  EXPECT_FALSE(next.stays) << "closed, and not waiting for another answer";
+}
+
 TEST_F(http_response_parts, from_a_file_count_down_whole_buffers_alone) {
   const part& p = queue_file("0123456789", 6);
   send_once(c(), 4);

@@ -1,7 +1,9 @@
 // write(), redirect() and the default on_request: which bytes an answer is, and when it is refused.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <stdexcept>
 
@@ -25,6 +27,14 @@ class http_response : public testing::Test {
     for (c().response_parts.begin(); c().response_parts.current(part); c().response_parts.next())
       sizes.push_back(part->data.size());
     return sizes;
+  }
+
+  // A file with these bytes, which stands at its start.
+  static FILE* file_of(const std::string& bytes) {
+    FILE* file = tmpfile();
+    fwrite(bytes.data(), 1, bytes.size(), file);
+    rewind(file);
+    return file;
   }
 
   console console_;
@@ -65,6 +75,47 @@ TEST_F(http_response, given_up_for_a_hang_up_closes_at_once_or_after_what_is_que
   c().hang_up();
   EXPECT_EQ(send_once(c()).bytes, "HTTP/1.1 200 OK\r\n\r\nhello");
   EXPECT_FALSE(send_once(c()).stays);
+}
+
+TEST_F(http_response, with_a_file_is_its_head_and_the_announced_bytes) {
+  const struct {
+    bool keep_alive;
+    std::string method, expected;
+  } cases[] = {
+      {true, "GET", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nY: 2\r\n\r\n23456"},
+      {false, "GET", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nY: 2\r\n\r\n23456"},
+      {true, "HEAD", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nY: 2\r\n\r\n"},
+  };
+  for (const auto& t : cases) {
+    c().reset();
+    c().keep_alive = t.keep_alive;
+    c().method = t.method;
+    c().response_headers = "Y: 2\r\n";
+    FILE* file = file_of("0123456789");
+    const int descriptor = fileno(file);
+    fseek(file, 2, SEEK_SET);
+    c().write_file("HTTP/1.1 200 OK\r\n", file, 5);
+    EXPECT_TRUE(c().written);
+    EXPECT_EQ(send_everything(c()), t.expected);
+    EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "closed";
+    EXPECT_EQ(send_once(c()).stays, t.keep_alive);
+  }
+}
+
+TEST_F(http_response, with_an_empty_file_is_its_head) {
+  c().write_file("HTTP/1.1 200 OK\r\n", file_of("grown since"), 0);
+  EXPECT_EQ(send_everything(c()), "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(c().response_parts.count, 0);
+}
+
+TEST_F(http_response, with_a_file_counts_only_as_the_first_of_a_request) {
+  c().write("HTTP/1.1 400 Bad Request\r\n", "");
+  FILE* file = file_of("0123456789");
+  const int descriptor = fileno(file);
+  c().write_file("HTTP/1.1 200 OK\r\n", file, 10);
+  EXPECT_EQ(console_.text(), double_write);
+  EXPECT_EQ(send_everything(c()), "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "closed";
 }
 
 TEST_F(http_response, after_a_hang_up_is_refused) {

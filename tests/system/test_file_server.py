@@ -119,6 +119,31 @@ def test_client_that_asks_on_without_reading__takes_no_more_files_and_is_ended(f
     assert other.ask(request("files")) == b"top"
 
 
+FORGED = b"HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nforged"
+
+
+def test_file_that_grows_while_it_is_sent__comes_as_long_as_announced(files, root, connect):
+    (root / "log").write_bytes(bytes(32 * MIB))  # more than the system takes at once
+    wire = connect(files.port)
+    wire.send(request("files", "/log"))
+    head = wire.read_head()
+    with open(root / "log", "ab") as log:
+        log.write(FORGED)
+    assert head.endswith(b"Content-Length: %d\r\n\r\n" % (32 * MIB))
+    assert wire.read(32 * MIB) == bytes(32 * MIB)
+    assert wire.ask(request("files", "/sub")) == b"below"
+
+
+def test_file_that_shrinks_while_it_is_sent__ends_the_connection(files, root, connect):
+    (root / "log").write_bytes(bytes(32 * MIB))
+    wire = connect(files.port)
+    wire.send(request("files", "/log"))
+    wire.read_head()
+    os.truncate(root / "log", 24 * MIB)
+    assert wire.read_to_end() == bytes(24 * MIB)
+    files.wait_for_line(f"Warning! A file has ended {8 * MIB} bytes before its announced length[.]")
+
+
 @pytest.mark.parametrize("client", [curl_files, wget_files])
 def test_site__is_fetched_whole(start_mivo, folder, site, client):
     files = start_mivo(arguments=[str(site.folder)])
