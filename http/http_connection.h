@@ -24,7 +24,9 @@
 
 struct http_connection : connection {
   /* The result of work that is done elsewhere. Whoever sets `done` makes `result` visible first (a release
-   * store, when that is another thread). Deleted by the part that holds it. */
+   * store, when that is another thread). Deleted by the part that holds it. The result must not be an empty
+   * string: its chunk would be the last one already, and the five bytes of the last chunk that follows would
+   * be read as the beginning of the next answer. Send "\n" or null instead. */
   struct job {
     bool done = false;
     var result;
