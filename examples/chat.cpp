@@ -46,25 +46,6 @@ const char page[] = R"(<!doctype html>
 )";
 
 struct chat_connection : http_connection {
-  /* Joins a channel that this connection is not in yet. Kept in both places: this connection's keys and the
-   * channel's list, which is made with its first member; the destructor of http_connection takes both apart
-   * again. */
-  void subscribe(const std::string& channel) {
-    subscriptions.set(channel, 1);
-    base::arraylist<http_connection*>* members = channels().get(channel);
-    if (!members) {
-      members = new base::arraylist<http_connection*>;  // deleted when its last member leaves
-      channels().set(channel, members);
-    }
-    members->add(this);
-  }
-
-  static void publish(const std::string& channel, const std::string& text) {
-    base::arraylist<http_connection*>* members = channels().get(channel);
-    if (!members) return;
-    for (uint32_t i = 0; i < members->count; i++) members->data[i]->send_message(text, text_frame);
-  }
-
   void on_request() override {
     if (written) return;                             // a refused upgrade, or bytes after the last request
     if (response_parts.count > 0) return hang_up();  // whoever does not read is not to ask on
@@ -77,7 +58,7 @@ struct chat_connection : http_connection {
   // Not calling the base: it would close the connection.
   void on_upgrade() override { subscribe(room); }
 
-  void on_message() override { publish(room, message); }
+  void on_message() override { publish(room, message, text_frame); }
 };
 
 }  // namespace

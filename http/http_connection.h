@@ -157,10 +157,21 @@ struct http_connection : connection {
   /* The peer's address as a dotted quad. */
   std::string ip_text() const;
 
-  /* The connections of each channel. A list is made by whoever subscribes first, and deleted by the
-   * destructor of its last member; only an upgraded connection may subscribe, any other would leave itself
-   * behind. A connection is in the list of a channel exactly when the channel is a key of its
-   * `subscriptions`; no list is empty. */
+  /* Makes this connection a member of a channel, until it unsubscribes or ends. Twice is as once. Nothing
+   * happens before the upgrade: the destructor of a connection that is not upgraded leaves no channel. */
+  void subscribe(const std::string& channel);
+
+  /* Ends the membership; nothing happens without one. */
+  void unsubscribe(const std::string& channel);
+
+  /* Queues one frame for each member of a channel, in the order in which they came, as send_message() does.
+   * Members whose connection is about to close are left out: they may take no more, and what is queued for
+   * them would pile up. */
+  static void publish(const std::string& channel, const std::string& payload, int opcode);
+
+  /* The connections of each channel, kept by subscribe() and unsubscribe(). A connection is in the list of a
+   * channel exactly when the channel is a key of its `subscriptions`; no list is empty. Never deleted:
+   * connections of a server that is a global end after main(). */
   static base::hashmap<base::arraylist<http_connection*>*>& channels();
 
   /* The value of the header field `name` in `text`, a request or response head; "" when there is none. The
@@ -186,6 +197,6 @@ struct http_connection : connection {
   bool send_data(response_part& part, char* buf, int cap, int* len);
   void pop_part();
   void start_websocket();
-  void unsubscribe(const std::string& channel);
+  void leave(const std::string& channel);
   bool on_frame(int opcode, bool is_final, const std::string& payload);
 };

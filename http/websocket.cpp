@@ -1,4 +1,5 @@
-// WebSocket (RFC 6455), server side: the opening handshake, frames in and out, and the end of subscriptions.
+// WebSocket (RFC 6455), server side: the opening handshake, frames in and out, channels, and the destructor,
+// which leaves them.
 
 #include <algorithm>
 
@@ -173,18 +174,54 @@ void http_connection::send_message(const std::string& payload, int opcode) {
 }
 
 base::hashmap<base::arraylist<http_connection*>*>& http_connection::channels() {
-  static base::hashmap<base::arraylist<http_connection*>*> map;
+  static auto& map = *new base::hashmap<base::arraylist<http_connection*>*>;
   return map;
 }
 
-http_connection::~http_connection() {
-  while (response_parts.count > 0) pop_part();
-  if (!upgraded) return;
-  for (uint32_t i = 0; i < subscriptions.count; i++) unsubscribe(*subscriptions.keys[i]);
+namespace {
+
+bool contains(const base::arraylist<http_connection*>* members, const http_connection* conn) {
+  return members &&
+         std::find(members->data, members->data + members->count, conn) != members->data + members->count;
+}
+
+}  // namespace
+
+void http_connection::subscribe(const std::string& channel) {
+  base::arraylist<http_connection*>* members = channels().get(channel);
+  if (!upgraded || contains(members, this)) return;
+  const bool is_first = !members;
+  if (is_first) members = new base::arraylist<http_connection*>;  // deleted by leave(), with its last member
+  try {
+    if (is_first) channels().set(channel, members);
+    subscriptions.set(channel, 1);
+    members->add(this);
+  } catch (...) {  // the memory for one of these was refused
+    subscriptions.remove(channel);
+    if (is_first) {
+      channels().remove(channel);
+      delete members;
+    }
+    throw;
+  }
+}
+
+void http_connection::unsubscribe(const std::string& channel) {
+  if (!contains(channels().get(channel), this)) return;
+  leave(channel);
+  subscriptions.remove(channel);
+}
+
+void http_connection::publish(const std::string& channel, const std::string& payload, int opcode) {
+  const base::arraylist<http_connection*>* members = channels().get(channel);
+  if (!members) return;
+  for (uint32_t i = 0; i < members->count; i++) {
+    if (members->data[i]->keep_alive) members->data[i]->send_message(payload, opcode);
+  }
 }
 
 // Takes this connection out of the channel's list, and the list out of the registry with its last member.
-void http_connection::unsubscribe(const std::string& channel) {
+void http_connection::leave(const std::string& channel) {
   base::arraylist<http_connection*>* list = channels().get(channel);
   if (!list) {
     printf("Error! Channel not found: %s\n", channel.c_str());
@@ -197,4 +234,10 @@ void http_connection::unsubscribe(const std::string& channel) {
   if (list->count > 0) return;
   channels().remove(channel);
   delete list;
+}
+
+http_connection::~http_connection() {
+  while (response_parts.count > 0) pop_part();
+  if (!upgraded) return;
+  for (uint32_t i = 0; i < subscriptions.count; i++) leave(*subscriptions.keys[i]);
 }

@@ -35,20 +35,8 @@ char stamp(const stream& upstream, int64_t position) {
 
 // A connection of a program on the library: it is in a channel, and passes every message on to all others.
 struct chatter : http_connection {
-  void on_upgrade() override {
-    auto* members = channels().get("room");
-    if (!members) {
-      members = new base::arraylist<http_connection*>;  // deleted when its last member leaves
-      channels().set("room", members);
-    }
-    members->add(this);
-    subscriptions.set("room", 1);
-  }
-
-  void on_message() override {
-    const auto* members = channels().get("room");
-    for (uint32_t i = 0; i < members->count; i++) members->data[i]->send_message(message, text_frame);
-  }
+  void on_upgrade() override { subscribe("room"); }
+  void on_message() override { publish("room", message, text_frame); }
 };
 
 class conversation {

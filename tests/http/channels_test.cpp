@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 
 #include "http/http_connection.h"
+#include "tests/http/delivery.h"
+#include "tests/net/child.h"
 #include "tests/support/console.h"
 
 namespace {
@@ -39,11 +42,6 @@ class websocket_channels : public testing::Test {
     all->add(&c);
   }
 
-  static void subscribe(http_connection& c, const std::string& channel) {
-    enlist(c, channel);
-    c.subscriptions.set(channel, {});
-  }
-
   static members of(const std::string& channel) {
     const list* all = http_connection::channels().get(channel);
     return all ? members(all->data, all->data + all->count) : members();
@@ -60,11 +58,75 @@ TEST_F(websocket_channels, start_as_one_empty_map) {
   EXPECT_EQ(&http_connection::channels(), &http_connection::channels());
 }
 
+TEST_F(websocket_channels, get_a_member_once_with_the_channel_among_its_subscriptions) {
+  auto a = upgraded(), b = upgraded();
+  for (http_connection* each : {a.get(), b.get(), a.get()}) each->subscribe("news");
+  a->subscribe("sport");
+  EXPECT_EQ(of("news"), (members{a.get(), b.get()}));
+  EXPECT_EQ(of("sport"), members{a.get()});
+  ASSERT_EQ(a->subscriptions.count, 2u);
+  EXPECT_EQ(*a->subscriptions.keys[0], "news");
+  EXPECT_EQ(*a->subscriptions.keys[1], "sport");
+  EXPECT_EQ(b->subscriptions.count, 1u);
+}
+
+TEST_F(websocket_channels, get_no_member_that_would_stay_behind) {
+  auto c = upgraded();
+  c->upgraded = false;
+  c->subscribe("news");
+  EXPECT_EQ(http_connection::channels().count, 0u);
+  EXPECT_EQ(c->subscriptions.count, 0u);
+}
+
+TEST_F(websocket_channels, are_left_one_by_one) {
+  auto a = upgraded(), b = upgraded();
+  for (http_connection* each : {a.get(), b.get()}) each->subscribe("news");
+  a->subscribe("sport");
+  a->unsubscribe("news");
+  EXPECT_EQ(of("news"), members{b.get()});
+  EXPECT_EQ(of("sport"), members{a.get()});
+  a->unsubscribe(*a->subscriptions.keys[0]);
+  EXPECT_EQ(http_connection::channels().get("sport"), nullptr);
+  EXPECT_EQ(a->subscriptions.count, 0u);
+  a->unsubscribe("news");  // a member no more
+  a->unsubscribe("absent");
+  EXPECT_EQ(of("news"), members{b.get()});
+  EXPECT_EQ(console_.text(), "");
+}
+
+TEST_F(websocket_channels, pass_on_what_is_published_to_members_that_stay) {
+  auto a = upgraded(), b = upgraded(), closing = upgraded(), other = upgraded();
+  for (http_connection* each : {b.get(), closing.get(), a.get()}) each->subscribe("news");
+  other->subscribe("sport");
+  closing->hang_up();
+  http_connection::publish("news", "extra", http_connection::text_frame);
+  http_connection::publish("news", "x", http_connection::binary_frame);
+  http_connection::publish("absent", "lost", http_connection::text_frame);
+  for (http_connection* each : {a.get(), b.get()})
+    EXPECT_EQ(send_everything(*each),
+              "\x81\x05"
+              "extra\x82\x01x");
+  EXPECT_EQ(closing->response_parts.count, 0);
+  EXPECT_EQ(other->response_parts.count, 0);
+}
+
+// As the connections of a server that is a global do. The child's status is the sanitizer's when the registry
+// has gone before.
+TEST_F(websocket_channels, are_there_for_a_connection_that_ends_after_main) {
+  EXPECT_TRUE(run_in_child([] {
+    static std::unique_ptr<http_connection> global;
+    atexit([] { global.reset(); });  // runs after whatever is registered from here on
+    global = upgraded();
+    global->subscribe("news");
+    exit(0);
+  }));
+}
+
 TEST_F(websocket_channels, lose_a_connection_that_ends_and_keep_the_others_in_order) {
   auto a = upgraded(), b = upgraded(), c = upgraded();
-  for (http_connection* each : {a.get(), b.get(), c.get()}) subscribe(*each, "news");
-  subscribe(*b, "sport");
-  subscribe(*c, "sport");
+  for (http_connection* each : {a.get(), b.get(), c.get()}) each->subscribe("news");
+  b->subscribe("sport");
+  c->subscribe("sport");
   b.reset();
   EXPECT_EQ(of("news"), (members{a.get(), c.get()}));
   EXPECT_EQ(of("sport"), members{c.get()});
@@ -76,9 +138,9 @@ TEST_F(websocket_channels, lose_a_connection_that_ends_and_keep_the_others_in_or
 // The address sanitizer tells if the list itself is not freed.
 TEST_F(websocket_channels, end_with_their_last_member) {
   auto a = upgraded(), b = upgraded();
-  subscribe(*a, "news");
-  subscribe(*a, "sport");
-  subscribe(*b, "sport");
+  a->subscribe("news");
+  a->subscribe("sport");
+  b->subscribe("sport");
   a.reset();
   ASSERT_EQ(http_connection::channels().count, 1u);
   EXPECT_EQ(*http_connection::channels().keys[0], "sport");
@@ -89,8 +151,8 @@ TEST_F(websocket_channels, end_with_their_last_member) {
 
 TEST_F(websocket_channels, keep_a_connection_that_was_never_upgraded) {
   auto c = upgraded();
+  c->subscribe("news");
   c->upgraded = false;
-  subscribe(*c, "news");
   c->subscriptions.set("absent", {});
   c.reset();
   EXPECT_EQ(of("news").size(), 1u);
@@ -116,8 +178,8 @@ TEST_F(websocket_channels, that_do_not_exist_are_named_in_the_order_of_the_subsc
 TEST_F(websocket_channels, without_the_connection_are_named_with_its_socket_and_left_alone) {
   auto other = upgraded(7);
   auto c = upgraded(41);
-  subscribe(*other, "news");
-  subscribe(*c, "sport");
+  other->subscribe("news");
+  c->subscribe("sport");
   http_connection::channels().set("empty", new list);  // deleted by the fixture
   for (const char* name : {"absent", "news", "empty"}) c->subscriptions.set(name, {});
   c.reset();
