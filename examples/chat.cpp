@@ -1,10 +1,17 @@
 /* chat: a WebSocket chat room, and the page that talks to it. Run it with a port, open the page in two tabs.
  *
- * Everybody is in one channel. What one sends, all get, as text frames. */
+ * Everybody is in one channel. What one sends, all get, as text frames: so it has to be text, for a browser
+ * closes a connection over which anything else comes as text, and it has to be short, because it is kept for
+ * everybody. One message becomes as many as there are members: so nobody may send many, or leave many unread.
+ */
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <string>
 
+#include "base/text.h"
 #include "http/http_connection.h"
 #include "net/server.h"
 #include "net/sockets.h"
@@ -12,6 +19,18 @@
 namespace {
 
 const char room[] = "room";
+
+constexpr int32_t longest_message = 4096;    // bytes
+constexpr int most_messages_a_second = 100;  // of one member
+constexpr int most_unread_messages = 1000;   // that one member keeps the chat waiting with
+
+/* Whether this is UTF-8 (RFC 3629), which is what a text frame holds. */
+bool is_text(const std::string& message) {
+  for (size_t i = 0; i < message.size();) {
+    if (base::utf8_decode(message, i) > 0x10FFFF) return false;
+  }
+  return true;
+}
 
 const char page[] = R"(<!doctype html>
 <html lang="en">
@@ -56,9 +75,38 @@ struct chat_connection : http_connection {
   }
 
   // Not calling the base: it would close the connection.
-  void on_upgrade() override { subscribe(room); }
+  void on_upgrade() override {
+    max_frame_length = max_message_length = longest_message;
+    subscribe(room);
+  }
 
-  void on_message() override { publish(room, message, text_frame); }
+  void on_data(char* data, int len) override {
+    if (upgraded && !keep_alive) return;  // about to close: what still comes is not kept
+    http_connection::on_data(data, len);
+    if (response_parts.count > most_unread_messages) hang_up();  // it asks for pongs, say, and takes none
+  }
+
+  void on_message() override {
+    if (!keep_alive) return;  // there is more in what was read at once, but this member is gone
+    if (is_too_fast()) return hang_up();
+    if (!is_text(message)) return;
+    publish(room, message, text_frame);
+    const base::arraylist<http_connection*>& members = *channels().get(room);
+    for (uint32_t i = 0; i < members.count; i++) {
+      if (members.data[i]->response_parts.count > most_unread_messages) members.data[i]->hang_up();
+    }
+  }
+
+ private:
+  int64_t second_ = 0;  // since the epoch, in which the last message came, and how many came in it
+  int messages_ = 0;
+
+  bool is_too_fast() {
+    const int64_t now = time(nullptr);
+    if (now != second_) messages_ = 0;
+    second_ = now;
+    return ++messages_ > most_messages_a_second;
+  }
 };
 
 }  // namespace

@@ -14,6 +14,7 @@ from mivo_process import REPOSITORY
 from upstreams import HERE
 
 EXAMPLES = pathlib.Path(os.environ.get("MIVO_EXAMPLES", REPOSITORY / "build/release/examples"))
+BUILD = pathlib.Path(os.environ.get("MIVO_BUILD", REPOSITORY / "build/asan"))  # the tests' own programs
 NODE_FOLDER = pathlib.Path(os.environ.get("MIVO_NODE_FOLDER", REPOSITORY / "build/node"))
 INSTALL_PATIENCE = 120  # seconds
 
