@@ -1,9 +1,13 @@
 /* http_connection: an accepted socket that speaks HTTP/1.1 (RFC 9112), and WebSocket after an upgrade.
  *
  * on_recv turns chunks into requests and calls the hooks: on_headers when the head is there, on_data for
- * the body, on_request at its end. A handler answers with write() or redirect(); the answer is queued in
- * pieces, which on_send hands to the server one at a time. Requests are not pipelined: whatever follows a
- * head belongs to its request until that is complete.
+ * the body, on_request at its end. A handler answers with write() or one of its relatives; the answer is
+ * queued in pieces, which on_send hands to the server one at a time. Requests are not pipelined: whatever
+ * follows a head belongs to its request until that is complete.
+ *
+ *     request.cpp     input: chunks, heads, bodies; reset(); what can be asked about a request
+ *     response.cpp    output: answers, their parts, on_send()
+ *     websocket.cpp   the handshake, frames both ways, channels; and the destructor, which leaves them
  *
  * Owns the queued parts. Lengths are bytes, times seconds. Counters are 32 bits wide and wrap.
  *
@@ -61,44 +65,58 @@ struct http_connection : connection {
 
   static constexpr int32_t usual_max_request_length = 104857600;  // bytes
 
+  // The fields stand in a fixed order, in which the groups alternate.
+
+  // This request; cleared by reset().
   bool headers_received = false;
   std::string head;
-  bool written = false;                                   // the answer to this request is queued
-  base::linkedlist<response_part*> response_parts;        // owned
+  bool written = false;  // the answer to this request is queued, or given up
+
+  // The connection.
+  base::linkedlist<response_part*> response_parts;  // owned; the answers under way, in order
+
+  // This request; cleared by reset().
   int32_t max_request_length = usual_max_request_length;  // of head and body; 0 or less: no limit
   int32_t request_length = 0;                             // received so far, head and body
   int32_t content_received = 0;                           // of the body
   int32_t content_length = 0;                             // announced; 0 when it was not
-  std::string content;     // the body as on_data gathers it; after an upgrade, the unread frames
-  bool keep_alive = true;  // stay open after the answer; reset() leaves it
+  std::string content;  // the body as on_data gathers it; after an upgrade, the unread frames
+
+  /* The connection. Cleared, it means three things, and nothing but a handler ever sets it again: (1) the
+   * connection closes when all that is queued is sent and the request is answered, so write() adds no length;
+   * (2) there is no next request: what still comes is more of this one's body, and calls on_request() again;
+   * (3) after an upgrade, no more frames are read. */
+  bool keep_alive = true;
+
+  // This request; cleared by reset().
   std::string method;
   std::string target;   // as sent
   std::string version;  // "HTTP/1.1", say
   std::string path;     // the target up to its "?"
   std::string query;    // and behind it
   std::string cookie;
-  std::string response_headers;           // lines that write() adds to the head, each ended by CRLF
+  std::string response_headers;  // lines that write() adds to the head, each ended by CRLF
+
+  // WebSocket. reset() clears the message; it is never called after an upgrade.
   bool websocket_enabled = true;          // answer an upgrade; a proxy passes it on
   bool upgraded = false;                  // speaks WebSocket now, for good
-  std::string message;                    // the WebSocket message under way
+  std::string message;                    // under way
   int32_t max_message_length = 10485760;  // bytes of payload, of a whole message
   int32_t max_frame_length = 1048576;     // and of a frame
   base::hashmap<int> subscriptions;       // the keys are its channels; the values mean nothing
 
   http_connection() = default;
 
-  /* Deletes the parts still queued and, after an upgrade, ends the connection's subscriptions. */
-  ~http_connection() override;
+  // Input.
 
-  /* Takes the next bytes of the input, however it is cut, and calls the hooks for what is complete. */
+  /* Takes the next bytes of the input, however it is cut, and calls the hooks for what is complete. Once a
+   * request has become longer than max_request_length, every further chunk of it is dropped, with a line on
+   * the console: it is then neither completed nor answered, and the connection stays until its time-out. */
   void on_recv(char* data, int len) override;
 
-  /* Hands out one queued part, or a slice of it. False, to close, only when none is queued, the request is
-   * answered and keep_alive is clear. */
-  bool on_send(char* buf, int cap, int* len) override;
-
   /* The head of a request has been parsed; no byte of the body was delivered yet, though content_received
-   * counts those that came with the head. Prints info(true). */
+   * counts those that came with the head. Not called for a request for an upgrade that is answered here.
+   * Prints info(true). */
   virtual void on_headers();
 
   /* A run of body bytes, counted already, which die after the call; there may be none. Gathers them in
@@ -118,8 +136,10 @@ struct http_connection : connection {
   virtual void on_request();
 
   /* Makes the fields of a request ready for the next one. keep_alive, the queued parts, the upgrade and the
-   * subscriptions stay. */
+   * subscriptions stay. Called by on_recv(), after on_request(), unless keep_alive is clear. */
   void reset();
+
+  // Answers.
 
   /* Queues the answer to this request: `answer_head` is the status line and header lines, each ended by
    * CRLF, without the empty line. Content-Length is added on a kept-alive connection unless a length or a
@@ -142,20 +162,19 @@ struct http_connection : connection {
    * may run once more, with `written` set; WebSocket frames are no longer read. */
   void hang_up();
 
-  /* Queues one unfragmented, unmasked WebSocket frame (RFC 6455, section 5.2) with one of the `opcodes`. At
-   * 1 MiB or more it says so and queues the frame without its length. */
-  void send_message(const std::string& payload, int opcode);
+  /* Hands out one queued part, or a slice of it. False, to close, when none is queued, the request is
+   * answered and keep_alive is clear; or when a file came short. */
+  bool on_send(char* buf, int cap, int* len) override;
+
+  // WebSocket.
 
   /* Consumes every complete frame at the front of `content`. A fault, which is printed, or a close frame ends
    * the connection and leaves `content` as it was, the frames already handled included. */
   void read_frames();
 
-  /* One line about the request for the console: peer, request line and, on demand, the user agent. A proxy
-   * on this machine may name the peer with X-Forwarded-For. */
-  std::string info(bool with_agent) const;
-
-  /* The peer's address as a dotted quad. */
-  std::string ip_text() const;
+  /* Queues one unfragmented, unmasked WebSocket frame (RFC 6455, section 5.2) with one of the `opcodes`. At
+   * 1 MiB or more it says so and queues the frame without its length. */
+  void send_message(const std::string& payload, int opcode);
 
   /* Makes this connection a member of a channel, until it unsubscribes or ends. Twice is as once. Nothing
    * happens before the upgrade: the destructor of a connection that is not upgraded leaves no channel. */
@@ -174,16 +193,30 @@ struct http_connection : connection {
    * connections of a server that is a global end after main(). */
   static base::hashmap<base::arraylist<http_connection*>*>& channels();
 
+  // What can be asked about a request.
+
   /* The value of the header field `name` in `text`, a request or response head; "" when there is none. The
    * first line that begins with `name` in any letter case counts, even if its name is longer; the two bytes
    * behind the name are skipped unseen. Wildcards in `name` work as in base::find. Throws std::out_of_range
    * when fewer than two bytes follow the name. */
   static std::string get_header(const std::string& name, const std::string& text);
 
+  /* One line about the request for the console: peer, request line and, on demand, the user agent. A proxy
+   * on this machine may name the peer with X-Forwarded-For. */
+  std::string info(bool with_agent) const;
+
+  /* The peer's address as a dotted quad. */
+  std::string ip_text() const;
+
   /* get_header() and info() behind what is in the first argument already: a text that is built anew for each
    * request then keeps its memory. */
   static void append_header(std::string& to, const std::string& name, const std::string& text);
   void append_info(std::string& to, bool with_agent) const;
+
+  // The end.
+
+  /* Deletes the parts still queued and, after an upgrade, ends the connection's subscriptions. */
+  ~http_connection() override;
 
  private:
   void receive_head(char* data, int len);
