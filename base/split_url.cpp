@@ -1,10 +1,10 @@
 #include "base/split_url.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "base/punycode.h"
 #include "base/text.h"
-#include "base/var.h"
 
 namespace {
 
@@ -17,11 +17,15 @@ int32_t default_port(const std::string& scheme) {
   return scheme == "https" ? 443 : scheme == "ftp" ? 21 : 80;
 }
 
-std::string label_to_ascii(const std::string& label) {
+void append_label(std::string& to, const std::string& label) {
+  const bool is_ascii = std::all_of(label.begin(), label.end(), [](char c) { return (c & 0x80) == 0; });
+  if (is_ascii) {  // Punycode would give the same
+    to += label;
+    return;
+  }
   std::vector<uint32_t> code_points;
   for (size_t i = 0; i < label.size();) code_points.push_back(base::utf8_decode(label, i));
-  std::string encoded = base::punycode(code_points);
-  return encoded == label ? label : "xn--" + encoded;
+  to.append("xn--").append(base::punycode(code_points));
 }
 
 }  // namespace
@@ -54,12 +58,12 @@ split_url::split_url(const std::string& url) : scheme("http"), path("/") {
 }
 
 std::string split_url::utf8_to_idn(const std::string& host) {
-  const var labels = var(host).split(".");
   std::string out;
-  for (int i = 0;; i++) {
-    const var label = labels.get(i);
-    if (label.kind != var::string_kind) return out;
-    if (i > 0) out += ".";
-    out += label_to_ascii(label);
+  for (size_t start = 0;;) {
+    const size_t dot = host.find('.', start);
+    append_label(out, host.substr(start, dot - start).c_str());  // c_str(): up to the first zero byte
+    if (dot == std::string::npos) return out;
+    out += '.';
+    start = dot + 1;
   }
 }

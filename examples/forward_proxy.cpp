@@ -3,7 +3,15 @@
  *     forward_proxy [port] [blocked host]...
  *
  * The hosts below a blocked one are blocked, too: example.org blocks www.example.org. Letter case does not
- * count. Listens on localhost only, for it lets anybody who reaches it go anywhere. */
+ * count, and numbers are compared as addresses: 127.1 is 127.0.0.1. What this does not stop: a blocked host
+ * is still reached by another name of it, or by its address unless that is blocked as well, because no name
+ * is looked up to be compared. And a name that is looked up keeps everybody waiting until the resolver has
+ * answered.
+ *
+ * Listens on localhost only, because it lets anybody who reaches it go anywhere. */
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
 
 #include <cctype>
 #include <cstdio>
@@ -11,6 +19,7 @@
 #include <string>
 
 #include "base/hashmap.h"
+#include "base/host_name.h"
 #include "net/server.h"
 #include "net/sockets.h"
 #include "proxy/http_proxy.h"
@@ -23,21 +32,48 @@ base::hashmap<int>& blocked() {
   return hosts;
 }
 
-std::string lower_case(std::string name) {
+/* The one spelling under which a host is compared. Numbers may be spelled in many ways, which the resolver
+ * reads as inet_aton() does. */
+std::string usual_spelling(std::string name) {
   for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  return name;
+  if (!name.empty() && name.back() == '.') name.pop_back();  // the same host, spelled to its end
+  in_addr address = {};
+  return inet_aton(name.c_str(), &address) != 0 ? inet_ntoa(address) : name;
 }
 
 struct filtering_proxy : http_proxy {
+  /* A proxy that is asked to fetch from itself gets the request again, and again: each of them costs two
+   * connections and a copy. The one that comes over a connection of our own is the first that is refused. */
+  void on_headers() override {
+    if (!is_own_upstream()) return http_proxy::on_headers();
+    http_connection::on_headers();
+    answer("HTTP/1.1 508 Loop Detected\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n");
+  }
+
   bool should_block(const std::string& host) override {
-    std::string name = lower_case(host);
-    if (!name.empty() && name.back() == '.') name.pop_back();  // the same host, spelled to its end
+    // Refused later on, without a look-up. A name of many labels would take long here.
+    if (!base::is_host_name(host)) return false;
+    std::string name = usual_spelling(host);
     for (;;) {
       if (blocked().get(name)) return true;
       size_t dot = name.find('.');
       if (dot == std::string::npos) return false;
       name.erase(0, dot + 1);
     }
+  }
+
+ private:
+  /* Whether the other end of this connection is an upstream connection of this program. */
+  bool is_own_upstream() const {
+    for (const auto* node = g_server()->connections.head->next; node; node = node->next) {
+      sockaddr_in local = {};
+      socklen_t length = sizeof(local);
+      if (node->value->server) continue;  // a client
+      if (getsockname(node->value->sock, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
+          ntohs(local.sin_port) == port && local.sin_addr.s_addr == ip)
+        return true;
+    }
+    return false;
   }
 };
 
@@ -48,7 +84,7 @@ int main(int argc, char** argv) {
     printf("USAGE: forward_proxy [port] [blocked host]...\n");
     return 1;
   }
-  for (int i = 2; i < argc; i++) blocked().set(lower_case(argv[i]), 1);
+  for (int i = 2; i < argc; i++) blocked().set(usual_spelling(argv[i]), 1);
   sockets::raise_descriptor_limit();
   server<filtering_proxy> http(static_cast<int>(strtol(argv[1], nullptr, 10)), true);
   http_proxy::g_server() = &http;  // the upstream connections live in the same server

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "base/find.h"
+#include "base/host_name.h"
 #include "proxy/answers.h"
 
 http_proxy::http_proxy() {
@@ -15,12 +16,24 @@ server_base*& http_proxy::g_server() {
   return server;
 }
 
+namespace {
+
+// What can be no host is refused as one that does not resolve, but without a look-up, for which everybody
+// would wait.
+int connect(const std::string& host, int32_t port) {
+  if (base::is_host_name(host)) return sockets::connect(host, port, false);
+  printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
+  return -1;
+}
+
+}  // namespace
+
 bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
   drop_pipe();
   pipe = new proxy_pipe;  // deleted by whoever drops the last reference
   pipe->client_sock = sock;
 
-  const int upstream_sock = sockets::connect(host, target_port, false);
+  const int upstream_sock = connect(host, target_port);
   proxy_connection* upstream = nullptr;
   if (upstream_sock != -1 && !sockets::has_failed(upstream_sock)) {
     // Deleted by the server that gets it. Without memory for it, the upstream cannot be reached either.

@@ -126,6 +126,24 @@ TEST_F(forward_proxy_test, target_without_a_port_means_the_port_of_its_scheme) {
   }
 }
 
+TEST_F(forward_proxy_test, host_that_cannot_be_one_is_refused_without_a_look_up) {
+  for (const std::string& host : {std::string("a..b"), std::string(400000, '.'), std::string(64, 'x'),
+                                  std::string("a%b"), std::string("[::1]"), std::string(300, 'x')}) {
+    SCOPED_TRACE(host.substr(0, 70));
+    start_over();
+    out.clear();
+    faults::clear();
+    receive("GET http://" + host + "/ HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(faults::calls()["getaddrinfo"], 0);
+    const std::string name = host.substr(0, host.find(':'));
+    const int port = name == host ? 80 : 0;
+    EXPECT_EQ(out.text(), "10.0.0.7:51234 GET http://" + host + "/ HTTP/1.1 []\n" +
+                              "getaddrinfo() failed for host " + name + ":" + std::to_string(port) + "!\n");
+    EXPECT_EQ(to_client(), bad_gateway);
+    EXPECT_FALSE(proxy->keep_alive);
+  }
+}
+
 TEST_F(forward_proxy_test, opened_upstream_is_remembered_and_makes_the_client_stay) {
   get(url());
   EXPECT_EQ(proxy->upstream_host, "127.0.0.1");

@@ -2,6 +2,7 @@
 
 import hashlib
 import http.server
+import re
 import ssl
 import subprocess
 import threading
@@ -92,6 +93,49 @@ def test_blocked_host_or_one_below_it__is_not_found(proxy, connect, listen, host
     wire.send(request(host, f"http://{host}:{upstream.port}/"))
     assert wire.read(len(NOT_FOUND)) == NOT_FOUND
     assert not upstream.accept_if_waiting()
+
+
+@pytest.mark.parametrize("host", ["7.0.0.1", "7.1", "117440513", "0x7.0.0.1", "07.0.0.01", "7.0.0.1.", "7.1\0",
+                                  "7.1.\0"])
+def test_blocked_address_in_any_spelling__is_not_found(proxy, connect, host):
+    wire = connect(proxy.port)
+    wire.send(request("far", f"http://{host}/"))
+    assert wire.read(len(NOT_FOUND)) == NOT_FOUND
+
+
+@pytest.mark.parametrize("host", ["a..b", "x" * 64, "a%20b", "a\x01b"])
+def test_host_that_cannot_be_one__is_a_bad_gateway(proxy, connect, host):
+    wire = connect(proxy.port)
+    wire.send(request("far", f"http://{host}/"))
+    assert wire.read_to_end() == BAD_GATEWAY
+    proxy.wait_for_line(rf"getaddrinfo\(\) failed for host {re.escape(host)}:80!")
+
+
+def test_host_of_8_million_dots__takes_little_memory(proxy, connect):
+    wire, before = connect(proxy.port), proxy.resident_peak_kib()
+    wire.send(request("far", "http://" + "." * 8000000 + "/"))
+    assert wire.read_to_end() == BAD_GATEWAY
+    assert proxy.resident_peak_kib() - before < 400000
+
+
+LOOP = b"HTTP/1.1 508 Loop Detected\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n"
+
+
+def test_proxy_that_is_to_fetch_from_itself__asks_itself_once(start_mivo, connect):
+    proxy = start_mivo()
+    wire = connect(proxy.port)
+    wire.send(request("loop", "http:" + f"//127.0.0.1:{proxy.port}" * 100 + "/"))
+    assert wire.read(len(LOOP)) == LOOP
+    assert len(proxy.lines(".* HTTP/1.1 .*")) == 2
+
+
+def test_tunnel_of_the_proxy_to_itself__goes_nowhere(start_mivo, connect):
+    proxy = start_mivo()
+    wire = connect(proxy.port)
+    wire.send(request("loop", f"127.0.0.1:{proxy.port}", "CONNECT"))
+    assert wire.read(19) == b"HTTP/1.1 200 OK\r\n\r\n"
+    wire.send(request("loop", f"127.0.0.1:{proxy.port}", "CONNECT"))
+    assert wire.read(len(LOOP)) == LOOP
 
 
 class Page(http.server.BaseHTTPRequestHandler):
