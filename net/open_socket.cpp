@@ -29,10 +29,13 @@ void set_option(int sock, int level, int name, int value) {
 }
 
 // Without TCP_NODELAY, the second of two small packets waits for the peer's delayed acknowledgement, 40 ms.
+void send_at_once(int sock) {
+  set_option(sock, IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
 // Keepalive finds peers that vanished without a word, after 60 + 4 * 15 s; proxied connections have no
 // time-out that would.
-void set_stream_options(int sock) {
-  set_option(sock, IPPROTO_TCP, TCP_NODELAY, 1);
+void probe_silent_peers(int sock) {
   set_option(sock, SOL_SOCKET, SO_KEEPALIVE, 1);
   set_option(sock, IPPROTO_TCP, TCP_KEEPIDLE, 60);
   set_option(sock, IPPROTO_TCP, TCP_KEEPINTVL, 15);
@@ -94,7 +97,8 @@ bool listen_on(int& sock, const addrinfo& address) {
   }
   set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1);
   set_option(sock, SOL_SOCKET, SO_REUSEPORT, 1);
-  set_stream_options(sock);  // inherited by what is accepted, which saves the calls there
+  send_at_once(sock);  // both inherited by what is accepted, which saves the calls there
+  probe_silent_peers(sock);
   int bound = bind(sock, address.ai_addr, address.ai_addrlen);
   if (bound == -1) {
     // The resolver's text for bind()'s result, not the text of errno: people search for this line.
@@ -121,12 +125,21 @@ std::string address_text(const addrinfo& address) {
   return "(Unknown address family)";
 }
 
-// A socket for an upstream; -1 when there is none to be had.
+// Whether the peer is on this machine, where nobody vanishes without a word: a process that ends closes its
+// sockets.
+bool is_loopback(const addrinfo& address) {
+  if (address.ai_family != AF_INET) return false;
+  const in_addr_t ip = reinterpret_cast<const sockaddr_in*>(address.ai_addr)->sin_addr.s_addr;
+  return ntohl(ip) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
+}
+
+// A socket for an upstream; -1 when there is none.
 int open_upstream_socket(const addrinfo& address, int flags) {
   int sock = open_socket(address, flags);
   if (sock == -1) return -1;
   set_option(sock, SOL_SOCKET, SO_RCVBUF, upstream_receive_buffer);
-  set_stream_options(sock);
+  send_at_once(sock);
+  if (!is_loopback(address)) probe_silent_peers(sock);
   return sock;
 }
 

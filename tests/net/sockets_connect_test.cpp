@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "net/sockets.h"
 #include "tests/net/child.h"
@@ -83,17 +84,34 @@ TEST_P(either_way, bytes_reach_the_listener_at_the_name_localhost) {
   expect_console("");
 }
 
-TEST_P(either_way, socket_sends_small_packets_at_once_and_probes_silent_peers) {
-  ASSERT_GE(connect("127.0.0.1"), 0);
-  EXPECT_EQ(option(sock, IPPROTO_TCP, TCP_NODELAY), 1);
-  EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 1);
+// An address that does not say that it is on this machine, and is.
+const char elsewhere[] = "0.0.0.0";
+
+TEST_P(either_way, socket_sends_small_packets_at_once) {
+  for (const char* host : {"127.0.0.1", elsewhere}) {
+    ASSERT_GE(connect(host), 0);
+    EXPECT_EQ(option(sock, IPPROTO_TCP, TCP_NODELAY), 1) << host;
+    close(std::exchange(sock, -1));
+  }
 }
 
 TEST_P(either_way, silent_peer_is_given_up_after_two_minutes_of_probes) {
-  ASSERT_GE(connect("127.0.0.1"), 0);
+  ASSERT_GE(connect(elsewhere), 0);
+  EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 1);
   EXPECT_EQ(option(sock, IPPROTO_TCP, TCP_KEEPIDLE) +
                 option(sock, IPPROTO_TCP, TCP_KEEPINTVL) * option(sock, IPPROTO_TCP, TCP_KEEPCNT),
             120);
+}
+
+// It cannot vanish without a word, and every call that sets an option costs.
+TEST_P(either_way, peer_on_this_machine_is_not_probed) {
+  ASSERT_GE(connect("127.0.0.1"), 0);
+  EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 0);
+}
+
+TEST_F(sockets_connect, all_of_the_loopback_network_is_on_this_machine) {
+  ASSERT_GE(connect("127.255.3.4", false), 0);
+  EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 0);
 }
 
 TEST_P(either_way, receive_buffer_is_set_and_at_most_a_megabyte) {
