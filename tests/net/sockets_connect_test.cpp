@@ -128,7 +128,7 @@ TEST_P(either_way, socket_is_left_unregistered) {
 }
 
 TEST_P(either_way, unknown_host_is_printed_with_its_port) {
-  faults::of()["getaddrinfo"] = {0, 1, 0, EAI_NONAME};
+  faults::fail_next_look_up(EAI_NONAME);
   EXPECT_EQ(connect("nosuch.example"), -1);
   expect_console("getaddrinfo() failed for host nosuch.example:" + std::to_string(upstream.port()) + "!\n");
 }
@@ -227,7 +227,7 @@ TEST_F(sockets_connect, messages_are_not_flushed) {
   EXPECT_TRUE(prints_without_flush([&] {
     faults::resolved() = {"127.0.0.9"};
     connect("far.example", true);
-    faults::of()["getaddrinfo"] = {0, 1, 0, EAI_NONAME};
+    faults::fail_next_look_up(EAI_NONAME);
     connect("nosuch.example", false);
   }));
   const std::string port = ":" + std::to_string(upstream.port());

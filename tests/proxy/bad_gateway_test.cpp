@@ -71,7 +71,7 @@ TEST_F(bad_gateway_test, requests_behind_the_refused_one_are_not_answered) {
 
 TEST_F(bad_gateway_test, name_that_does_not_resolve_is_answered_with_502) {
   client c = connect();
-  faults::of()["getaddrinfo"] = {0, 1, 0, -2};
+  faults::fail_next_look_up(-2);
   c.send(request_to("a"));
   expect_end(c, bad_gateway);
   EXPECT_EQ(out.text(), line_for(c, "a") + "getaddrinfo() failed for host localhost:" +

@@ -117,7 +117,7 @@ TEST_F(forward_proxy_test, target_without_a_port_means_the_port_of_its_scheme) {
     SCOPED_TRACE(target);
     start_over();
     out.clear();
-    faults::of()["getaddrinfo"] = {0, 1, 0, -2};
+    faults::fail_next_look_up(-2);
     receive(std::string(method) + " " + target + " HTTP/1.1\r\n\r\n");
     EXPECT_EQ(out.text(), "10.0.0.7:51234 " + std::string(method) + " " + target + " HTTP/1.1 []\n" +
                               "getaddrinfo() failed for host " + place + "!\n");
@@ -178,7 +178,7 @@ TEST_F(forward_proxy_test, other_port_or_other_name_gets_an_upstream_of_its_own)
 
 TEST_F(forward_proxy_test, letter_case_of_the_host_counts) {
   get("http://" + at(upstream, "localhost") + "/1");
-  faults::of()["getaddrinfo"] = {0, 1, 0, -2};
+  faults::fail_next_look_up(-2);
   get("http://" + at(upstream, "LOCALHOST") + "/2");
   EXPECT_EQ(to_client(), bad_gateway);
 }
@@ -188,7 +188,7 @@ TEST_F(forward_proxy_test, host_that_only_begins_alike_is_another_host) {
        {std::pair("127.0.0.1", "127.0.0.10"), std::pair("127.0.0.1", "127.0.0.")}) {
     start_over();
     get("http://" + at(upstream, first) + "/1");
-    faults::of()["getaddrinfo"] = {0, 1, 0, -2};
+    faults::fail_next_look_up(-2);
     get("http://" + at(upstream, second) + "/2");
     EXPECT_EQ(to_client(), bad_gateway) << second;
   }

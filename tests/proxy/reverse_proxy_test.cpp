@@ -84,7 +84,7 @@ TEST_F(reverse_proxy_test, every_other_value_is_taken_for_a_port) {
     start_over();
     map("odd", port);
     out.clear();
-    faults::of()["getaddrinfo"] = {0, 1, 0, -2};
+    faults::fail_next_look_up(-2);
     receive(request_to("odd"));
     EXPECT_EQ(out.text(),
               line_for("odd") + "getaddrinfo() failed for host localhost:" + std::to_string(port) + "!\n");
@@ -379,7 +379,7 @@ TEST_F(reverse_proxy_test, upstream_that_gave_a_single_byte_and_ends_gives_the_c
 }
 
 TEST_F(reverse_proxy_test, name_of_the_upstream_is_localhost) {
-  faults::of()["getaddrinfo"] = {0, 1, 0, -2};
+  faults::fail_next_look_up(-2);
   receive(request_to("on"));
   EXPECT_EQ(out.text(), line_for("on") + "getaddrinfo() failed for host localhost:" +
                             std::to_string(upstream.port()) + "!\n");

@@ -69,7 +69,7 @@ class listener {
   int port_ = 0;
 };
 
-/* A TCP port that nothing listens on at the moment. */
+/* A TCP port that nothing listens on, and that no other process is given. There are 16, which take turns. */
 int free_port();
 
 /* Repeats `step` until `done` holds; false after 10 s. */

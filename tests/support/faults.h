@@ -29,6 +29,10 @@ std::map<std::string, fault>& of();
  * function is to return. */
 bool fails(const char* name, int& result);
 
+/* The next look-up of a name fails with `code`, one of getaddrinfo()'s. It happens in a second of the clock
+ * of its own, long ago: what another test looked up in this second would be remembered, and nobody asked. */
+void fail_next_look_up(int code);
+
 /* While this is true, calls are neither counted nor failed nor limited in their bytes: those that a test
  * makes in the role of a peer. The clock, the addresses and the limit on waits hold on. */
 bool& suspended();
