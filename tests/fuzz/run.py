@@ -1,39 +1,64 @@
 """Runs one fuzzer: run.py NAME SECONDS, or keeps what the fuzzers found worth keeping: run.py NAME merge.
 
-A run takes SECONDS, and longer if it would otherwise have fewer runs than the fuzzer's floor. What it finds new
-paths with stays in build/fuzz/corpus, where the next run goes on from. `merge` makes the seeds in the
-repository anew from it: a small set that covers the same code. Seeds with a name of their own stay. Ends with
-255 on a finding, upon which xargs stops.
+A run first gives the fuzzer each of its seeds once, and then looks for new inputs for SECONDS. What it finds new
+paths with stays in build/fuzz/corpus, where the next run goes on from. Ends with 255 on a finding, upon which
+xargs stops.
+
+The seeds of a fuzzer are the files in corpus/NAME, which people have named, regressions among them, and those in
+corpus/NAME.tar.xz, which the fuzzers found. `merge` makes the archive anew, from itself and from what the last
+runs found: a small set that covers the same code, as far as the named files do not.
 """
 
+import lzma
 import re
+import shutil
 import subprocess
 import sys
+import tarfile
 import tempfile
+from io import BytesIO
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 BUILD = HERE.parents[1] / "build" / "fuzz"
 
-# Of each fuzzer: the longest input in bytes, and the floor: what five seconds give on a slow machine.
-FUZZERS = {
-    "conversation": (1500, 3000),
-    "copy_headers": (512, 100000),
-    "get_header": (512, 60000),
-    "request": (800, 20000),
-    "response": (512, 30000),
-    "text": (300, 50000),
-    "url": (300, 50000),
-    "var": (300, 10000),
-    "websocket": (800, 20000),
+# The longest input of each fuzzer, in bytes.
+LONGEST = {
+    "conversation": 1500,
+    "copy_headers": 512,
+    "get_header": 512,
+    "request": 800,
+    "response": 512,
+    "text": 300,
+    "url": 300,
+    "var": 300,
+    "websocket": 800,
 }
 
 # The dictionaries, where it is not one of the fuzzer's own name.
 DICTIONARIES = {"copy_headers": "request", "get_header": "request", "response": "request"}
 
 
+def archive(name):
+    return HERE / "corpus" / f"{name}.tar.xz"
+
+
+def fill(folder, name, *sources):
+    """Makes the folder anew, with the seeds of the given kinds in it, and returns it."""
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir(parents=True)
+    if "named" in sources:
+        for path in (HERE / "corpus" / name).glob("*"):
+            shutil.copy(path, folder)
+    if "found" in sources:
+        with tarfile.open(archive(name)) as packed:
+            for member in packed.getmembers():
+                (folder / Path(member.name).name).write_bytes(packed.extractfile(member).read())
+    return folder
+
+
 def seeds(name):
-    return HERE / "corpus" / name
+    return fill(BUILD / "seeds" / name, name, "named", "found")
 
 
 def working_corpus(name):
@@ -43,12 +68,11 @@ def working_corpus(name):
 
 
 def command(name, *options):
-    longest, _ = FUZZERS[name]
     findings = BUILD / "findings"
     findings.mkdir(parents=True, exist_ok=True)
     line = [
         str(BUILD / "tests" / "fuzz" / f"{name}_fuzz"),
-        f"-max_len={longest}",
+        f"-max_len={LONGEST[name]}",
         f"-artifact_prefix={findings}/{name}-",
         "-timeout=10",
         "-print_final_stats=1",
@@ -61,52 +85,71 @@ def command(name, *options):
 
 
 def report_finding(name, log):
-    lines = [line for line in log.splitlines() if not re.match(r"#\d+\t", line)]
+    lines = [line for line in log.splitlines() if not re.match(r"#\d+\t|(Running|Executed)\b.*", line)]
     print("\n".join(lines[-120:]))
+    running = re.findall(r"^Running: (.*)", log, re.M)
     reproducer = re.search(r"Test unit written to (\S+)", log)
-    if reproducer:
-        print(f"{name}: a finding. To see it again: {command(name)[0]} {reproducer.group(1)}")
+    if reproducer or running:
+        path = reproducer.group(1) if reproducer else running[-1]
+        print(f"{name}: a finding. To see it again: {command(name)[0]} {path}")
     else:
         print(f"{name}: the fuzzer failed.")
     sys.exit(255)
 
 
-def run_once(name, *options):
-    """Returns the number of executions and of edges covered."""
-    line = command(name, *options) + [str(working_corpus(name)), str(seeds(name))]
+def log_of(name, line):
     result = subprocess.run(line, capture_output=True)
     log = result.stderr.decode(errors="replace")
-    executions = re.search(r"stat::number_of_executed_units:\s+(\d+)", log)
-    covered = re.findall(r"\bcov: (\d+)", log)
-    if result.returncode != 0 or not executions or not covered:
+    if result.returncode != 0:
         report_finding(name, log)
-    return int(executions.group(1)), int(covered[-1])
+    return log
+
+
+def replay(name):
+    """Each seed once, whatever its length."""
+    files = sorted(map(str, seeds(name).iterdir()))
+    log = log_of(name, command(name) + files)
+    if len(re.findall(r"^Executed ", log, re.M)) != len(files):
+        report_finding(name, log)
+    return len(files)
 
 
 def run(name, seconds):
-    _, floor = FUZZERS[name]
-    executions, edges = run_once(name, f"-max_total_time={seconds}")
-    while executions < floor:
-        more, edges = run_once(name, f"-runs={floor - executions}")
-        executions += more
-    print(f"{name}: {executions} runs, {edges} edges")
+    print(f"{name}: {replay(name)} seeds", end="", flush=True)
+    if seconds > 0:
+        log = log_of(name, command(name, f"-max_total_time={seconds}")
+                     + [str(working_corpus(name)), str(BUILD / "seeds" / name)])
+        executions = re.search(r"stat::number_of_executed_units:\s+(\d+)", log)
+        covered = re.findall(r"\bcov: (\d+)", log)
+        if not executions or not covered:
+            report_finding(name, log)
+        print(f", {executions.group(1)} runs, {covered[-1]} edges", end="")
+    print()
+
+
+def pack(files):
+    """An archive of {name: content}. The same files give the same bytes."""
+    packed = BytesIO()
+    with tarfile.open(fileobj=packed, mode="w", format=tarfile.USTAR_FORMAT) as tar:
+        for file_name, content in sorted(files.items()):
+            entry = tarfile.TarInfo(file_name)
+            entry.size = len(content)
+            tar.addfile(entry, BytesIO(content))
+    return lzma.compress(packed.getvalue(), preset=9)
 
 
 def merge(name):
-    by_hand = [path for path in seeds(name).glob("*") if not re.fullmatch("[0-9a-f]{40}", path.name)]
     with tempfile.TemporaryDirectory(prefix="mivo_fuzz_") as folder:
-        for path in by_hand:
-            (Path(folder) / path.name).write_bytes(path.read_bytes())
-        # With seeds by hand the others are added to them; without, the smallest set is looked for.
-        mode = "-merge=1" if by_hand else "-set_cover_merge=1"
-        line = command(name, mode) + [folder, str(seeds(name)), str(working_corpus(name))]
-        subprocess.run(line, check=True, capture_output=True)
-        kept = {path.name: path.read_bytes() for path in Path(folder).iterdir()}
-    for path in seeds(name).iterdir():
-        path.unlink()
-    for file_name, content in kept.items():
-        (seeds(name) / file_name).write_bytes(content)
-    print(f"{name}: {len(kept)} seeds, {sum(map(len, kept.values()))} bytes")
+        kept = fill(Path(folder, "kept"), name, "named")
+        named = {path.name for path in kept.iterdir()}
+        found = fill(Path(folder, "found"), name, "found")
+        # With named files the others are added to them; without, the smallest set is looked for.
+        mode = "-merge=1" if named else "-set_cover_merge=1"
+        subprocess.run(command(name, mode) + [str(kept), str(found), str(working_corpus(name))], check=True,
+                       capture_output=True)
+        files = {path.name: path.read_bytes() for path in kept.iterdir() if path.name not in named}
+    archive(name).write_bytes(pack(files))
+    print(f"{name}: {len(named)} named seeds and {len(files)} others, {sum(map(len, files.values()))} bytes")
 
 
 if __name__ == "__main__":
