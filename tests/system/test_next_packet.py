@@ -1,0 +1,50 @@
+"""Between any two calls that the program makes for a TLS client, the next packet comes: a preloaded library sees
+to it. On a real line the same happens now and then, at rates that depend on the machine; see test_links.py."""
+
+import pathlib
+import subprocess
+import time
+
+import pytest
+
+from mivo_process import PROGRAM
+from tls_service import Handshake
+from upstreams import HERE
+from wire import request
+
+pytest_plugins = ["tls_service"]
+
+PACE = 0.0005  # seconds between two packets, so that one of them waits when the program looks
+
+
+@pytest.fixture(scope="session")
+def next_packet_library(tmp_path_factory):
+    library = tmp_path_factory.mktemp("next_packet") / "next_packet.so"
+    subprocess.run(["cc", "-O1", "-fPIC", "-shared", HERE / "next_packet.c", "-o", library], check=True)
+    return library
+
+
+@pytest.fixture
+def program(folder, next_packet_library):
+    script = pathlib.Path(folder, "mivo_with_next_packet")
+    script.write_text(f'#!/bin/sh\nLD_PRELOAD="$LD_PRELOAD:{next_packet_library}" exec {PROGRAM} "$@"\n')
+    script.chmod(0o755)
+    return str(script)
+
+
+@pytest.mark.parametrize("size", [1, 30, 1448, 5000])
+def test_next_piece_of_a_record_always_comes__every_byte_of_the_upload_arrives(serve_tls, node, site, size):
+    service = serve_tls({"node": node.port})
+    length = min(500 * size, 300000)
+    client = Handshake(service)
+    client.finish()
+    client.wire.send(client.encrypt(request("node", "/digest", "PUT", [f"Content-Length: {length}"])))
+    sent = client.encrypt(site.block[:length])
+    for at in range(0, len(sent), size):
+        client.wire.send(sent[at:at + size])
+        time.sleep(PACE)
+    expected = f"{length} {site.digest_of_repeated_block(length)}".encode()
+    seen = b""
+    while expected not in seen:  # a client that is cut gets no more, and fails here
+        seen += client.read(1)
+    assert service.mivo.lines(r"\d+ has timed out\.") == []
