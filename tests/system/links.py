@@ -7,11 +7,13 @@ between any two calls of the system there may be a new one.
 import ctypes
 import errno
 import os
+import socket
 import subprocess
 
 import pytest
 
 CLONE_NEWNET = 0x40000000  # sched.h
+SO_MAX_PACING_RATE = 47  # asm-generic/socket.h
 NOT_ALLOWED = "a network namespace is not allowed here"
 MTU = 1500  # bytes, as on an Ethernet; what burst and latency are made for
 RATES = [100, 200, 400, 500, 1000]  # Mbit/s
@@ -36,14 +38,13 @@ class Network:
         except OSError:
             os.close(self.outside)
             raise
-        self.is_shaped = False
         run("ip", "link", "set", "lo", "up", "mtu", str(MTU))
 
-    def shape(self, mbit):
+    @staticmethod
+    def shape(mbit):
         """Makes the loopback a line that carries so many million bits a second."""
-        run("tc", "qdisc", "replace" if self.is_shaped else "add", "dev", "lo", "root", "tbf",
-            "rate", f"{mbit}mbit", "burst", "3100", "latency", "20ms")
-        self.is_shaped = True
+        run("tc", "qdisc", "add", "dev", "lo", "root", "tbf", "rate", f"{mbit}mbit", "burst", "3100",
+            "latency", "20ms")
 
     @staticmethod
     def set_outgoing_ports(first, last):
@@ -77,14 +78,18 @@ def network():
 
 @pytest.fixture
 def link(request):
-    """The rate in Mbit/s of the line that the test is on, to be parametrized indirectly and asked for first; None
-    is the loopback that everybody shares."""
+    """The rate in Mbit/s of the line that the test is on; None is the loopback that everybody shares."""
     if request.param is not None:
         request.getfixturevalue("network").shape(request.param)
     return request.param
 
 
 def on_links(*rates):
-    """Runs a test, which has to ask for `link` first, on each of these lines."""
+    """Runs a test on each of these lines. It has to ask for `link` first."""
     return pytest.mark.parametrize("link", rates, indirect=True,
-                                   ids=lambda rate: f"{rate}mbit" if rate else "loopback")
+                                   ids=[f"{rate}mbit" if rate else "loopback" for rate in rates])
+
+
+def pace(sock, mbit):
+    """Has the system send what is written to one socket at this rate, as if it alone were on a line."""
+    sock.setsockopt(socket.SOL_SOCKET, SO_MAX_PACING_RATE, mbit * 1000000 // 8)

@@ -28,9 +28,9 @@ class TlsService:
         """Trusts the root alone, so the server has to show the intermediate."""
         return ssl.create_default_context(cafile=self.root.crt)
 
-    def connect(self):
+    def connect(self, **options):
         """A TCP connection to the HTTPS port."""
-        self.wires.append(Wire.connect(self.port))
+        self.wires.append(Wire.connect(self.port, **options))
         return self.wires[-1]
 
     def handshake(self):
@@ -55,10 +55,10 @@ class TlsService:
 class Handshake:
     """A client's side of TLS whose bytes the test sends itself, cut as it likes."""
 
-    def __init__(self, service):
-        self.wire = service.connect()
+    def __init__(self, service, context=None, **options):
+        self.wire = service.connect(**options)
         self.received, self.sent = ssl.MemoryBIO(), ssl.MemoryBIO()
-        self.tls = service.context().wrap_bio(self.received, self.sent, server_hostname="localhost")
+        self.tls = (context or service.context()).wrap_bio(self.received, self.sent, server_hostname="localhost")
 
     def next_flight(self):
         """What the client sends next, or b"" when its handshake is done; reads what it needs for that."""

@@ -1,0 +1,170 @@
+"""One TLS client that sends what is dear to receive: the others wait for their turn, and no longer.
+
+MIVO_HOSTILE_SIZE, 1 by default, multiplies what the hostile clients send; with 3, the smallest records are 60 MB.
+MIVO_HOSTILE_RATES are the lines on which they do, in Mbit/s.
+"""
+
+import contextlib
+import os
+import ssl
+import threading
+import time
+
+import pytest
+
+from links import pace
+from records import CLIENT_HELLO, FINISHED, HANDSHAKE, NEW_SESSION_TICKET, RecordClient, handshake_message
+from wire import request
+
+pytest_plugins = ["tls_service"]
+
+AT_ONCE = 1  # seconds for a small reply, on a machine that is busy with other tests; on a quiet one it takes 0.1
+SHARE = 1 / 3  # of the time that the hostile client takes; if it is served in one pass, others wait for all of it
+SIZE = float(os.environ.get("MIVO_HOSTILE_SIZE", "1"))
+RATES = [int(rate) for rate in os.environ.get("MIVO_HOSTILE_RATES", "200").split()]  # Mbit/s
+TIMED_OUT = r"\d+ has timed out\."
+PAGE = request("echo")
+TLS_1_2, TLS_1_3 = ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3
+
+
+class Hostile(RecordClient):
+    """Sends a stream as fast as mivo takes it, as the body of an upload."""
+
+    UPLOAD = request("node", "/digest", "PUT", ["Content-Length: 1000000000"])
+
+    def __init__(self, service, folder, version, make):
+        super().__init__(service, folder, version)
+        self.stream = make(self)
+        self.thread = threading.Thread(target=self._send, daemon=True)
+
+    def _send(self):
+        try:
+            self.wire.send(self.stream)
+            self.wire.wait_delivered()
+        except OSError:
+            pass  # it may be ended
+
+
+def data_of(size, count):
+    """Application data in records of one size, made by OpenSSL."""
+    def make(client):
+        client.tls.write(client.UPLOAD)
+        data = bytes(size)
+        for _ in range(int(count * SIZE)):
+            client.tls.write(data)
+        return client.sent.read()
+    return make
+
+
+def forged(make_some, count):
+    """The same few records again and again; they are made one by one, because each has its number."""
+    def make(client):
+        upload = client.records.record(client.UPLOAD)
+        return upload + b"".join(make_some(client.records) for _ in range(int(count * SIZE)))
+    return make
+
+
+def empty_records(records):
+    """OpenSSL ends a session that sends more than 32 in a row."""
+    return b"".join(records.record(b"") for _ in range(31)) + records.record(b"x")
+
+
+def padded_byte(records):
+    return records.record(b"x", padding=2000)
+
+
+def key_update_and_byte(records):
+    return records.key_update() + records.record(b"x")
+
+
+def renegotiation_and_byte(records):
+    return records.record(handshake_message(CLIENT_HELLO, bytes(40)), HANDSHAKE) + records.record(b"x")
+
+
+STREAMS = {
+    "1_byte": (TLS_1_3, data_of(1, 1000000)),
+    "1_byte_in_tls_1_2": (TLS_1_2, data_of(1, 300000)),
+    "16_bytes": (TLS_1_3, data_of(16, 800000)),
+    "100_bytes": (TLS_1_3, data_of(100, 100000)),
+    "1000_bytes": (TLS_1_3, data_of(1000, 20000)),
+    "16384_bytes": (TLS_1_3, data_of(16384, 2000)),
+    "nothing": (TLS_1_3, forged(empty_records, 3000)),
+    "nothing_in_tls_1_2": (TLS_1_2, forged(empty_records, 3000)),
+    "a_byte_and_padding": (TLS_1_3, forged(padded_byte, 20000)),
+    "a_key_update_and_a_byte": (TLS_1_3, forged(key_update_and_byte, 3000)),
+    "a_renegotiation_and_a_byte": (TLS_1_2, forged(renegotiation_and_byte, 20000)),
+}
+
+
+@pytest.fixture
+def service(serve_tls, node):
+    return serve_tls({"echo": -1, "node": node.port})
+
+
+class Bystander:
+    """Asks for something small all the time while another client sends."""
+
+    def __init__(self, service):
+        self.client = service.handshake()
+
+    def longest_wait_beside(self, hostile):
+        """In seconds; and how long the hostile client took."""
+        longest, start = 0, time.monotonic()
+        hostile.thread.start()
+        while hostile.thread.is_alive():
+            longest = max(longest, self.wait())
+            time.sleep(0.001)
+        taken = time.monotonic() - start
+        print(f"{len(hostile.stream)} bytes in {taken:.2f} s, the longest wait was {longest * 1000:.0f} ms")
+        return longest, taken
+
+    def wait(self):
+        """Seconds until one reply has come."""
+        start = time.monotonic()
+        assert self.client.ask(PAGE).startswith(PAGE)
+        return time.monotonic() - start
+
+
+def longest_wait(stream, service, folder, mbit=None):
+    version, make = STREAMS[stream]
+    bystander = Bystander(service)
+    hostile = Hostile(service, folder, version, make)
+    if mbit:
+        pace(hostile.wire.sock, mbit)
+    longest, taken = bystander.longest_wait_beside(hostile)
+    assert longest < AT_ONCE
+    return longest, taken
+
+
+@pytest.mark.parametrize("stream", list(STREAMS))
+def test_any_records_at_full_speed__others_are_answered_at_once(service, folder, stream):
+    longest_wait(stream, service, folder)
+
+
+@pytest.mark.parametrize("stream, mbit", [("1_byte", mbit) for mbit in [None, *RATES]] + [("16_bytes", None)])
+def test_long_stream_of_small_records__others_are_answered_meanwhile(service, folder, stream, mbit):
+    for _ in range(2):  # a busy machine may be bad luck once, not twice
+        longest, taken = longest_wait(stream, service, folder, mbit)
+        if longest < taken * SHARE:
+            break
+    assert longest < taken * SHARE, (longest, taken)
+
+
+def test_key_updates_alone__others_wait_for_them_and_are_answered(service, folder):
+    """OpenSSL takes all that are there in a single call, so the wait has no bound of ours."""
+    hostile = Hostile(service, folder, TLS_1_3, forged(lambda records: records.key_update(), 5000))
+    Bystander(service).longest_wait_beside(hostile)
+    assert service.mivo.lines(TIMED_OUT) == []
+
+
+@pytest.mark.parametrize("kind", [CLIENT_HELLO, NEW_SESSION_TICKET, FINISHED])
+def test_handshake_messages_that_do_not_belong__session_ends_and_others_are_answered(service, folder, kind):
+    def message(records):
+        return records.record(handshake_message(kind, bytes(40)), HANDSHAKE)
+    bystander = Bystander(service)
+    hostile = Hostile(service, folder, TLS_1_3, forged(message, 5000))
+    hostile.wire.sock.settimeout(3 * AT_ONCE)
+    with contextlib.suppress(ConnectionError):
+        hostile.wire.send(hostile.stream)
+    assert bystander.wait() < AT_ONCE
+    hostile.wire.wait_closed()
