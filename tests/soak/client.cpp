@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include "tests/soak/sides.h"
+#include "tests/soak/tls_client.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ void client::tick() {
       close_socket();
     else if (run.now_ms >= resting_until_ms)
       begin();
-  } else if (run.now_ms - begun_ms > hangs_after_ms) {
+  } else if (run.now_ms - moved_ms > hangs_after_ms) {
     fail("a request hangs");
   } else if (ways == habit::sluggish && (run.ending || random.below(2) == 0)) {
     const size_t limit = run.ending ? SIZE_MAX : 4000;
@@ -52,6 +53,10 @@ void client::open() {
     fail("cannot connect");
     return;
   }
+  if (run.over_tls) {
+    session = tls_client::new_session(sock);
+    if (!session) return fail("no session");
+  }
   run.connections++;
   requests_left = ways == habit::steady  ? 1 + random.below(20000)
                   : ways == habit::brief ? 1
@@ -64,10 +69,11 @@ void client::begin() {
   if (ways == habit::leaving) kind = left;
   if (ways == habit::stranded) kind = dropped;
   if (ways == habit::heavy) kind = large;
+  if (ways == habit::uploading) kind = uploaded;
   now.emplace(run.seed, kind, random.below(UINT64_MAX) << 8 | address);
   sent = received = 0;
   patience = ways == habit::leaving ? random.below(now->request.size() + now->reply.size() + 1) : SIZE_MAX;
-  begun_ms = run.now_ms;
+  moved_ms = run.now_ms;
   go_on();
 }
 
@@ -82,14 +88,16 @@ void client::go_on() {
   if (ways == habit::sluggish) return;
   if (!move(patience - std::min(patience, sent + received), SIZE_MAX)) return;
   if (sent + received >= patience) return leave();
-  watch(sent < now->request.size() ? EPOLLIN | EPOLLOUT : EPOLLIN);
+  watch(sent < now->request.size() && !waits_for_input ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 
 // Sends and reads as much as there is to and as it may. Returns whether the exchange is still under way.
 bool client::move(size_t send_limit, size_t read_limit) {
   if (sent < now->request.size()) {
+    const size_t sent_before = sent;
     const bool was_sendable = send_some(now->request, sent, send_limit);
     if (!was_sendable) return fail("broken while sending"), false;
+    if (sent > sent_before) moved_ms = run.now_ms;
     if (sent == now->request.size() && ways != habit::sluggish) return true;  // the answer takes a while
   }
   const int64_t n = read_some(read_limit);
@@ -116,6 +124,7 @@ bool client::take(size_t len) {
     return false;
   }
   received += len;
+  moved_ms = run.now_ms;
   if (now->kind == dropped || received < now->reply.size()) return true;
   finish();
   return false;

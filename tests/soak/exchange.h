@@ -76,10 +76,11 @@ struct message {
 
 enum exchange_kind : char {
   relayed = 'r',
-  large = 'l',    // relayed, with bodies of some MiB
-  echoed = 'e',   // answered by mivo itself
-  left = 'c',     // the client closes early, in the request or in the reply
-  dropped = 'd',  // the upstream closes in the middle of its reply
+  large = 'l',     // relayed, with bodies of some MiB
+  uploaded = 'u',  // relayed, with a request of many MiB
+  echoed = 'e',    // answered by mivo itself
+  left = 'c',      // the client closes early, in the request or in the reply
+  dropped = 'd',   // the upstream closes in the middle of its reply
 };
 
 struct exchange {
@@ -94,9 +95,9 @@ struct exchange {
   /* The client's address is 127.0.0.N, where N is the lowest byte of the key. */
   exchange(uint64_t seed, exchange_kind the_kind, uint64_t the_key) : kind(the_kind), key(the_key) {
     random_numbers random = {mix(seed) ^ key};
-    const bool has_body = kind != echoed && random.below(4) == 0;
+    const bool has_body = kind == uploaded || (kind != echoed && random.below(4) == 0);
     request.start = random.below(pattern::period);
-    request.body = has_body ? body_size(random) : 0;
+    request.body = kind == uploaded ? random.below(32 << 20) : has_body ? body_size(random) : 0;
     reply.start = random.below(pattern::period);
     reply.body = body_size(random);
     write_request(random, has_body);

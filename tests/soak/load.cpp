@@ -1,12 +1,13 @@
 /* soak_load: mixed clients of a running mivo and the upstream behind it, in one process. It compares every
  * byte at both ends.
  *
- *     soak_load SEED SECONDS REQUESTS [WRONG]
+ *     soak_load SEED SECONDS REQUESTS WRONG [tls]
  *
  * Prints the port of the upstream, and reads the port of mivo from standard input. Then it works until the
  * time is over or so many requests are done, and prints the counters every second, each line a JSON
- * object. Faults are told on standard error. With WRONG, the upstream answers about its WRONGth request with
- * a wrong body, to see that it is found. Returns 0 unless it could not begin; the counters tell the rest. */
+ * object. Faults are told on standard error. If WRONG is not 0, the upstream answers about its WRONGth
+ * request with a wrong body, to see that it is found. With `tls`, the clients speak TLS, and some of them
+ * upload. Returns 0 unless it could not begin; the counters tell the rest. */
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -21,6 +22,7 @@
 #include <list>
 
 #include "tests/soak/sides.h"
+#include "tests/soak/tls_client.h"
 
 char endpoint::buf[endpoint::buffer_size];
 
@@ -45,12 +47,33 @@ void endpoint::watch(uint32_t events) {
 }
 
 void endpoint::close_socket() {
+  if (session) tls_client::free_session(session);
+  session = nullptr;
+  refused = 0;
+  waits_for_input = false;
   if (sock != -1) close(sock);
   sock = -1;
   watched = 0;
 }
 
+bool endpoint::send_over_tls(const message& text, size_t& at, size_t limit) {
+  waits_for_input = false;
+  limit = std::max(limit, refused);
+  while (at < text.size() && limit > 0) {
+    const char* data = nullptr;
+    const size_t len = std::min(text.piece(run.source, at, data), limit);
+    const int64_t n = tls_client::write(session, data, len);
+    refused = n < 0 ? len : 0;
+    waits_for_input = n == tls_client::wants_input;
+    if (n <= 0) return waits_for_input || n == tls_client::wants_output;
+    at += static_cast<size_t>(n);
+    limit -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
 bool endpoint::send_some(const message& text, size_t& at, size_t limit) {
+  if (session) return send_over_tls(text, at, limit);
   while (at < text.size() && limit > 0) {
     iovec parts[3];
     size_t count = 0, offered = 0;
@@ -73,6 +96,10 @@ bool endpoint::send_some(const message& text, size_t& at, size_t limit) {
 }
 
 int64_t endpoint::read_some(size_t limit) {
+  if (session) {
+    const int64_t n = tls_client::read(session, buf, std::min(limit, buffer_size));
+    return n == tls_client::wants_output ? -1 : n;
+  }
   const ssize_t n = recv(sock, buf, std::min(limit, buffer_size), 0);
   return n >= 0 ? n : errno == EAGAIN ? -1 : -2;
 }
@@ -117,8 +144,13 @@ void make_clients(soak& run, std::list<client>& clients) {
   const struct {
     habit ways;
     int count;
-  } crowd[] = {{habit::steady, 64}, {habit::brief, 8},    {habit::sluggish, 8},
-               {habit::leaving, 4}, {habit::stranded, 2}, {habit::heavy, 2}};
+  } crowd[] = {{habit::steady, 64},
+               {habit::brief, 8},
+               {habit::sluggish, 8},
+               {habit::leaving, 4},
+               {habit::stranded, 2},
+               {habit::heavy, 2},
+               {habit::uploading, run.over_tls ? 4 : 0}};
   uint64_t number = 0;
   for (const auto& some : crowd)
     for (int i = 0; i < some.count; i++) clients.emplace_back(run, some.ways, number++);
@@ -167,9 +199,11 @@ void work(soak& run, std::list<client>& clients, uint64_t duration_ms, uint64_t 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 4) return 1;
+  if (argc < 5) return 1;
   soak run(strtoull(argv[1], nullptr, 10));
-  if (argc > 4) run.wrong_reply = strtoull(argv[4], nullptr, 10);
+  run.wrong_reply = strtoull(argv[4], nullptr, 10);
+  run.over_tls = argc > 5;
+  if (run.over_tls && !tls_client::open_library()) return 1;
   run.epoll = epoll_create1(EPOLL_CLOEXEC);
   listener upstream(run);
   const int port = upstream.listen_anywhere();

@@ -3,6 +3,9 @@
 soak_load makes the load and compares; see load.cpp. This starts both, notes once a second what the process of
 mivo takes, and judges: a wrong byte, an error, a line on the console that does not belong there, or memory or
 descriptors that grow, and it ends with 1. Writes soak.json and, with --plot, soak.svg.
+
+With --tls the clients speak TLS, and some of them upload. With --rate everything is on a line of that rate: the
+loopback of a network of its own, for which root is needed.
 """
 
 import argparse
@@ -17,6 +20,8 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/system"))
 
+from certificates import Authority  # noqa: E402
+from links import Network  # noqa: E402
 from mivo_process import ReservedPort  # noqa: E402
 from wire import Wire, until  # noqa: E402
 
@@ -29,18 +34,22 @@ REST_LIMIT = 64 * MIB  # resident when all connections are gone, above what was 
 # that are kept for the next ones, and free memory between what the C library still has in use
 DESCRIPTOR_LIMIT = 400  # at any moment; soak_load has fewer than 100 clients, each takes two or briefly more
 EXPECTED_LINES = re.compile(r"Binding to port \d+ on all adapters:|\d+\.\d+\.\d+\.\d+|\d+ connections"
-                            r"|Shutting down\.\.\.")
+                            r"|Shutting down\.\.\.|Using https only \(no http\)")
 
 
 class Watched:
     """A running mivo whose console, but for the lines of the requests, goes to a file."""
 
-    def __init__(self, program, folder, upstream_port):
+    def __init__(self, options, upstream_port):
         self.reserved = ReservedPort()
         self.port = self.reserved.port
-        self.console = folder / "soak_console"
+        self.console = options.out / "soak_console"
+        serve = [str(self.port)]
+        if options.tls:
+            certificate = Authority(options.out, "ecdsa").issue("soak")
+            serve = ["0", "-ssl", str(self.port), certificate.key, certificate.crt]
         self.process = subprocess.Popen(
-            [program, str(self.port), "-map", "soak", str(upstream_port), "-map", "echo", "-1"],
+            [options.program, *serve, "-map", "soak", str(upstream_port), "-map", "echo", "-1"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         with open(self.console, "wb") as console:
             # Line by line through Python would take the processor time that the load needs.
@@ -84,11 +93,15 @@ class Watched:
 def run_soak(options):
     options.out.mkdir(parents=True, exist_ok=True)
     command = [options.load, str(options.seed), str(options.seconds), str(options.requests), str(options.wrong)]
+    if options.tls:
+        command.append("tls")
+    if options.rate:
+        Network().shape(options.rate)
     with open(options.out / "soak_faults", "wb") as faults:
         load = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=faults, text=True)
     mivo, samples = None, []
     try:
-        mivo = Watched(options.program, options.out, int(load.stdout.readline()))
+        mivo = Watched(options, int(load.stdout.readline()))
         before = mivo.sample()
         load.stdin.write(f"{mivo.port}\n")
         load.stdin.flush()
@@ -178,6 +191,8 @@ def main():
     parser.add_argument("--requests", type=int, default=1 << 60, help="end when so many are done")
     parser.add_argument("--seed", type=int, default=time.time_ns() % 1000000007)
     parser.add_argument("--wrong", type=int, default=0, help="the upstream's reply to spoil; 0 for none")
+    parser.add_argument("--tls", action="store_true")
+    parser.add_argument("--rate", type=lambda text: int(text.removesuffix("mbit")), help="in Mbit/s: 400 or 400mbit")
     parser.add_argument("--plot", action="store_true")
     parser.add_argument("--program", default=ROOT / "build/release/mivo", type=pathlib.Path)
     parser.add_argument("--load", default=ROOT / "build/release/tests/soak/soak_load", type=pathlib.Path)

@@ -19,7 +19,8 @@ struct soak {
   int mivo_port = 0;
   uint64_t wrong_reply = 0;  // the number of the reply that the upstream gets wrong on purpose; 0 for none
   uint64_t now_ms = 0;
-  bool ending = false;  // no new requests
+  bool over_tls = false;  // the clients', and some of them upload
+  bool ending = false;    // no new requests
 
   uint64_t requests = 0;     // answered, and every byte was right
   uint64_t bytes = 0;        // that were compared, at both ends
@@ -39,7 +40,8 @@ struct soak {
 struct endpoint {
   soak& run;
   int sock = -1;
-  uint32_t watched = 0;  // the events that epoll watches; 0: none
+  void* session = nullptr;  // owned; of a client over TLS
+  uint32_t watched = 0;     // the events that epoll watches; 0: none
 
   explicit endpoint(soak& the_run) : run(the_run) {}
   endpoint(const endpoint&) = delete;
@@ -50,15 +52,22 @@ struct endpoint {
  protected:
   void watch(uint32_t events);
   void close_socket();
-  /* Sends bytes of `text` from `at` on, `limit` at most, and advances `at`. Returns false when the connection
-   * is broken. */
+  /* Sends bytes of `text` from `at` on, about `limit` at most, and advances `at`. Returns false when the
+   * connection is broken. */
   bool send_some(const message& text, size_t& at, size_t limit);
   /* Reads up to `limit` bytes into `buf`: how many, 0 at the end, -1 when there is nothing yet, -2 when the
    * connection is broken. */
   int64_t read_some(size_t limit);
 
+  bool waits_for_input = false;  // a session has to read before it can send more
+
   static constexpr size_t buffer_size = 1 << 18;
   static char buf[buffer_size];
+
+ private:
+  size_t refused = 0;  // what the session was to write when it could not; it is to be given that again
+
+  bool send_over_tls(const message& text, size_t& at, size_t limit);
 };
 
 enum class habit {
@@ -68,6 +77,7 @@ enum class habit {
   leaving,   // closes at any moment, half of the times with a reset
   stranded,  // asks for replies that the upstream closes in
   heavy,     // bodies of some MiB, with pauses
+  uploading  // requests of many MiB
 };
 
 class client final : public endpoint {
@@ -87,7 +97,7 @@ class client final : public endpoint {
   size_t sent = 0, received = 0;
   uint64_t requests_left = 0;  // on this connection
   size_t patience = 0;         // a leaving client goes when it has sent and received so much
-  uint64_t begun_ms = 0;
+  uint64_t moved_ms = 0;       // when the request or its reply went on
   uint64_t resting_until_ms = 0;
 
   void open();

@@ -71,7 +71,7 @@ bool upstream_link::recognise() {
   const size_t slash = beginning.find('/');
   if (slash == std::string::npos || beginning.size() < slash + exchange::target_len) return false;
   const auto kind = static_cast<exchange_kind>(beginning[slash + 1]);
-  if (kind != relayed && kind != large && kind != left && kind != dropped) return false;
+  if (kind != relayed && kind != large && kind != uploaded && kind != left && kind != dropped) return false;
   now.emplace(run.seed, kind, strtoull(beginning.substr(slash + 2, 16).c_str(), nullptr, 16));
   return true;
 }
