@@ -52,6 +52,13 @@ class Network:
         with open("/proc/sys/net/ipv4/ip_local_port_range", "w", encoding="ascii") as file:
             file.write(f"{first} {last}")
 
+    @staticmethod
+    def set_buffers(sending, receiving):
+        """The bytes that the system holds for each TCP connection."""
+        for name, size in (("tcp_wmem", sending), ("tcp_rmem", receiving)):
+            with open(f"/proc/sys/net/ipv4/{name}", "w", encoding="ascii") as file:
+                file.write(f"4096 {size} {size}")
+
     def leave(self):
         in_libc("setns", self.outside, CLONE_NEWNET)
         os.close(self.outside)

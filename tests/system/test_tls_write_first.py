@@ -1,0 +1,96 @@
+"""Live TLS sessions that have to write before they can read on, because their client sends and does not read: they
+are not cut, they take no processor time, and they go on when the client reads.
+
+The system's buffers are made small, so that little fills them; that needs a network of the test's own.
+"""
+
+import contextlib
+import hashlib
+import ssl
+import threading
+import time
+
+import pytest
+
+from records import CLIENT_HELLO, HANDSHAKE, RecordClient, handshake_message
+from wire import request, until
+
+pytest_plugins = ["links", "tls_service"]
+
+TIMED_OUT = r"\d+ has timed out\."
+UPDATES = 8000  # whose answers are more than the buffers hold
+LENGTH = 3000000  # of a download, which is more, too
+MANY_TURNS = 3  # seconds; a session that is taken for dead ends in the first of them
+
+
+@pytest.fixture
+def service(network, serve_tls, node):
+    network.set_buffers(4096, 65536)
+    return serve_tls({"node": node.port})
+
+
+class Sending:
+    """A client's bytes on their way, for as long as it takes until mivo has read them."""
+
+    def __init__(self, client, data):
+        self.client, self.data = client, data
+        self.thread = threading.Thread(target=self._send, daemon=True)
+        self.thread.start()
+
+    def _send(self):
+        with contextlib.suppress(OSError):
+            self.client.wire.send(self.data)
+
+    def expect_stuck(self):
+        time.sleep(MANY_TURNS)
+        assert self.thread.is_alive()
+
+    def wait(self):
+        until(lambda: not self.thread.is_alive(), "all is sent")
+
+
+def test_answers_to_key_updates_fill_the_buffers__session_waits_without_spinning_and_goes_on(service, folder):
+    client = RecordClient(service, folder)
+    body = bytes(100)
+    client.send(request("node", "/digest", "PUT", [f"Content-Length: {len(body)}"]))
+    updates = b"".join(client.records.key_update(wants_answer=True) for _ in range(UPDATES))
+    sending = Sending(client, updates + client.records.record(body))
+    sending.expect_stuck()
+    service.mivo.expect_idle()
+    assert service.mivo.lines(TIMED_OUT) == []
+    seen = b""
+    while f"{len(body)} {hashlib.sha256(body).hexdigest()}".encode() not in seen:
+        seen += client.read(1)
+    sending.wait()
+    assert service.mivo.lines(TIMED_OUT) == []
+
+
+def start_download(service, folder, version):
+    """With the buffers full, and more to come."""
+    client = RecordClient(service, folder, version)
+    client.send(request("node", f"/repeat/{LENGTH}"))
+    time.sleep(0.5)
+    return client
+
+
+def test_key_update_during_a_download_that_is_not_read__goes_on_exactly(service, folder, site):
+    client = start_download(service, folder, ssl.TLSVersion.TLSv1_3)
+    client.wire.send(client.records.key_update(wants_answer=True))
+    time.sleep(MANY_TURNS)
+    service.mivo.expect_idle()
+    head = b""
+    while not head.endswith(b"\r\n\r\n"):
+        head += client.read(1)
+    assert client.read(LENGTH) == b"".join(site.pieces(LENGTH))
+    assert service.mivo.lines(TIMED_OUT) == []
+
+
+def test_renegotiation_during_a_download_that_is_not_read__goes_on(service, folder):
+    """The refusals make Python's client end the session, so the bytes are only counted here."""
+    client = start_download(service, folder, ssl.TLSVersion.TLSv1_2)
+    for _ in range(200):
+        client.send(handshake_message(CLIENT_HELLO, bytes(40)), kind=HANDSHAKE)
+    time.sleep(MANY_TURNS)
+    service.mivo.expect_idle()
+    client.wire.read(LENGTH)
+    assert service.mivo.lines(TIMED_OUT) == []
