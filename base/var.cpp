@@ -1,12 +1,9 @@
 #include "base/var.h"
 
 #include <algorithm>
-#include <cmath>
-
-#include "base/text.h"
 
 var::var(int32_t data_kind, void* payload) : kind(data_kind), data(new var_data) {  // deleted by unref()
-  data->payload = payload;  // deleted by destroy_payload()
+  data->payload = payload;                                                          // deleted by destroy()
 }
 
 var::var(const std::string& s) : var(string_kind, new std::string(s)) {}
@@ -27,14 +24,14 @@ var& var::operator=(const var& other) {
 }
 
 void var::push(const var& x) {
-  if (has_payload(array_kind)) as_array().add(new var(x));  // deleted by destroy_payload()
+  if (has_payload(array_kind)) as_array().add(new var(x));  // deleted by unref()
 }
 
 void var::set(const std::string& key, const var& x) {
   if (!has_payload(object_kind)) return;
   base::hashmap<var*>& map = as_object();
   var* old = map.get(key);
-  map.set(key, new var(x));  // deleted by destroy_payload(), or here when it is replaced
+  map.set(key, new var(x));  // deleted by unref(), or here when it is replaced
   delete old;
 }
 
@@ -56,31 +53,63 @@ void var::ref(const var& other) {
   }
 }
 
+// Depth first, elements before the array or object that they are in: a loop, because a nest of 30,000 arrays
+// is more than a stack holds.
 void var::unref() {
-  if (kind >= string_kind && data && data->refs-- == 1) {
-    destroy_payload();
-    delete data;
+  var_data* current = let_go();
+  while (current) {
+    var* element = take_next_element(*current);
+    if (!element) {
+      var_data* outer = current->released_in;
+      destroy(current);
+      current = outer;
+      continue;
+    }
+    var_data* inner = element->let_go();
+    delete element;  // null by now
+    if (!inner) continue;
+    inner->released_in = current;
+    current = inner;
   }
-  kind = null_kind;
-  data = nullptr;
 }
 
-// Recursive: an array of arrays is released depth first.
-void var::destroy_payload() {
-  if (!data->payload) return;
-  if (kind == array_kind) {
-    base::arraylist<var*>& list = as_array();
-    for (uint32_t i = 0; i < list.count; i++) delete list.data[i];
-    delete &list;
-  } else if (kind == object_kind) {
-    base::hashmap<var*>& map = as_object();
-    for (uint32_t i = 0; i < map.capacity; i++) {
-      if (map.slots[i].key) delete map.slots[i].value;
+// Becomes null. Returns the payload when nobody else shares it: it is the caller's to destroy.
+var::var_data* var::let_go() {
+  var_data* last = kind >= string_kind && data && data->refs-- == 1 ? data : nullptr;
+  if (last) last->released_kind = kind;
+  kind = null_kind;
+  data = nullptr;
+  return last;
+}
+
+// The next element of an array or object that is being released, from its first to its last, handed over.
+// Null when there is none.
+var* var::take_next_element(var_data& from) {
+  if (!from.payload) return nullptr;
+  if (from.released_kind == array_kind) {
+    const auto& list = *static_cast<base::arraylist<var*>*>(from.payload);
+    while (from.released < list.count) {
+      if (var* element = list.data[from.released++]) return element;
     }
-    delete &map;
-  } else if (kind == string_kind) {
-    delete &as_string();
+  } else if (from.released_kind == object_kind) {
+    const auto& map = *static_cast<base::hashmap<var*>*>(from.payload);
+    while (from.released < map.capacity) {
+      const auto& slot = map.slots[from.released++];
+      if (slot.key && slot.value) return slot.value;
+    }
   }
+  return nullptr;
+}
+
+// Frees a payload whose elements are gone.
+void var::destroy(var_data* released) {
+  if (released->released_kind == array_kind)
+    delete static_cast<base::arraylist<var*>*>(released->payload);
+  else if (released->released_kind == object_kind)
+    delete static_cast<base::hashmap<var*>*>(released->payload);
+  else if (released->released_kind == string_kind)
+    delete static_cast<std::string*>(released->payload);
+  delete released;
 }
 
 namespace {
@@ -127,89 +156,4 @@ var::operator std::string() const {
   if (has_payload(string_kind)) return as_string();
   base::arraylist<var_data*> visited;
   return to_json_helper(visited, true);
-}
-
-namespace {
-
-std::string quoted(const std::string& s) {
-  return "\"" + base::escape(s, true) + "\"";
-}
-
-}  // namespace
-
-std::string var::to_json_helper(base::arraylist<var_data*>& visited, bool pretty) const {
-  if (kind >= string_kind) {  // the word of a number or a boolean is no pointer
-    for (uint32_t i = 0; i < visited.count; i++) {
-      if (visited.data[i] == data) return "ERROR_CYCLE";
-    }
-  }
-  switch (kind) {
-    case null_kind:
-      return "null";
-    case number_kind:
-      return std::isfinite(number) ? base::num(number) : "null";
-    case bool_kind:
-      return boolean ? "true" : "false";
-    case string_kind:
-      return quoted(has_payload(kind) ? as_string() : "");
-    case array_kind:
-      return has_payload(kind) ? array_to_json(visited, pretty) : "[]";
-    case object_kind:
-      return has_payload(kind) ? object_to_json(visited, pretty) : "{}";
-    default:
-      return "";
-  }
-}
-
-bool var::is_multi_line_array() const {
-  base::arraylist<var*>& list = as_array();
-  for (uint32_t i = 0; i < list.count; i++) {
-    if (!list.data[i] || list.data[i]->kind != array_kind) return false;
-  }
-  return true;
-}
-
-std::string var::array_to_json(base::arraylist<var_data*>& visited, bool pretty) const {
-  base::arraylist<var*>& list = as_array();
-  if (list.count == 0) return "[]";
-  const size_t depth = visited.count;
-  const bool multi_line = pretty && is_multi_line_array();
-
-  visited.add(data);
-  std::string out = multi_line ? "[\n" : "[ ";
-  for (uint32_t i = 0; i < list.count; i++) {
-    if (i > 0) out += multi_line ? ",\n" : pretty ? ", " : ",";
-    if (multi_line) out.append(2 * depth + 2, ' ');
-    out += list.data[i] ? list.data[i]->to_json_helper(visited, pretty) : "null";
-  }
-  if (multi_line)
-    out.append("\n").append(2 * depth, ' ').append("]");
-  else
-    out += " ]";
-  visited.pop();
-  return out;
-}
-
-std::string var::object_to_json(base::arraylist<var_data*>& visited, bool pretty) const {
-  base::hashmap<var*>& map = as_object();
-  if (map.count == 0) return "{}";
-  const size_t depth = visited.count;
-  const std::string indent = pretty ? std::string(2 * depth, ' ') : "";
-
-  visited.add(data);
-  std::string out;
-  if (pretty && depth > 0) out = "\n" + indent;  // a nested object starts on a line of its own
-  out += pretty ? "{\n" : "{";
-  for (uint32_t i = 0; i < map.count; i++) {
-    if (i > 0) out += pretty ? ",\n" : ",";
-    if (pretty) out += indent + "  ";
-    const std::string& key = *map.keys[i];
-    out += quoted(key) + (pretty ? " : " : ":");
-    var* value = map.get(key);
-    out += value ? value->to_json_helper(visited, pretty) : "null";
-  }
-  if (pretty) out += "\n" + indent;
-  out += "}";
-  visited.pop();
-  return out;
 }

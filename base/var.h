@@ -27,6 +27,12 @@ struct var {
     uint32_t refs = 1;
     void* payload = nullptr;  // owned: std::string, base::arraylist<var*> or base::hashmap<var*>, by kind
 
+    // While it is printed, or released: values may be nested more deeply than a stack could follow.
+    bool is_being_printed = false;
+    int32_t released_kind = null_kind;
+    uint32_t released = 0;            // elements, or slots, that are gone
+    var_data* released_in = nullptr;  // the array or object from which it was taken, which ends after it
+
     virtual ~var_data() = default;
   };
 
@@ -88,8 +94,9 @@ struct var {
   base::hashmap<var*>& as_object() const { return *static_cast<base::hashmap<var*>*>(data->payload); }
 
   bool has_payload(int32_t of_kind) const { return kind == of_kind && data && data->payload; }
-  void destroy_payload();
-  bool is_multi_line_array() const;
-  std::string array_to_json(base::arraylist<var_data*>& visited, bool pretty) const;
-  std::string object_to_json(base::arraylist<var_data*>& visited, bool pretty) const;
+  class printer;
+
+  var_data* let_go();
+  static var* take_next_element(var_data& from);
+  static void destroy(var_data* released);
 };

@@ -348,6 +348,26 @@ TEST(var_json, depth_is_the_number_of_payloads_being_printed) {
   EXPECT_EQ(visited.data[2], nullptr);
 }
 
+// As a loop: 100,000 calls are more than a stack holds.
+TEST(var_json, nesting_that_is_deeper_than_a_stack_prints_completely) {
+  constexpr size_t levels = 100000;
+  var v = array_of({1, 2});
+  std::string front, back;
+  for (size_t i = 0; i < levels; i++) {
+    const bool is_object = i % 2 == 1;
+    v = is_object ? object_of({{"k", v}}) : array_of({v});
+    front += is_object ? "[ " : "{\"k\":";  // from the outermost one on, which is an object
+    back += is_object ? "}" : " ]";
+  }
+  EXPECT_TRUE(compact(v) == front + "[ 1,2 ]" + back);
+}
+
+TEST(var_json, value_can_be_printed_again_and_inside_itself_elsewhere) {
+  const var inner = array_of({1}), outer = array_of({inner, inner});
+  for (int i = 0; i < 2; i++) EXPECT_EQ(compact(outer), "[ [ 1 ],[ 1 ] ]");
+  EXPECT_EQ(compact(inner), "[ 1 ]");
+}
+
 TEST(var_json, deep_nesting_prints_completely) {
   var v = array_of({1, 2});
   std::string expected = "[ 1,2 ]";

@@ -68,6 +68,33 @@ TEST(var_release, object_ends_after_its_values_which_end_in_the_order_of_their_s
   EXPECT_EQ(log, expected);
 }
 
+// As a loop: 100,000 calls are more than a stack holds.
+TEST(var_release, of_a_nest_that_is_deeper_than_a_stack_goes_down_to_its_end) {
+  names log;
+  var v = named_string("end", log);
+  for (int i = 0; i < 100000; i++) {
+    var outer = i % 2 == 1 ? var::object() : var::array();
+    outer.push(v);
+    outer.set("k", v);
+    v = outer;
+  }
+  v.unref();
+  EXPECT_EQ(log, names{"end"});
+}
+
+TEST(var_release, of_a_shared_nest_leaves_what_others_hold) {
+  names log;
+  var inner = named(var::array_kind, new base::arraylist<var*>, "inner", log);
+  inner.push(named_string("a", log));
+  var outer = named(var::array_kind, new base::arraylist<var*>, "outer", log);
+  outer.push(inner);
+  outer.push(named_string("b", log));
+  outer.unref();
+  EXPECT_EQ(log, (names{"b", "outer"}));
+  inner.unref();
+  EXPECT_EQ(log, (names{"b", "outer", "a", "inner"}));
+}
+
 TEST(var_release, container_without_content_ends_too) {
   for (int32_t kind : {4, 5}) {
     names log;
