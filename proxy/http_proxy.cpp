@@ -4,7 +4,6 @@
 
 #include "base/find.h"
 #include "base/host_name.h"
-#include "proxy/answers.h"
 
 http_proxy::http_proxy() {
   idle_pipe.refs = 2;
@@ -41,19 +40,14 @@ bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
   }
   if (!upstream) {
     sockets::close(upstream_sock);
-    answer_bad_gateway();
+    pipe->lose_upstream(0);
+    keep_alive = false;
     return false;
   }
   hand_over(upstream);
   timeout = -1;
   upstream_port = target_port;
   return true;
-}
-
-void http_proxy::answer_bad_gateway() {
-  pipe->to_client = bad_gateway_answer;
-  sockets::mark_ready(sock);
-  keep_alive = false;
 }
 
 void http_proxy::hand_over(proxy_connection* upstream) {
@@ -115,20 +109,21 @@ void http_proxy::answer(const std::string& text) {
 }
 
 bool http_proxy::on_send(char* buf, int cap, int* len) {
-  return pipe->drain(pipe->to_client, buf, cap, len);
+  return pipe->give_client(buf, cap, len);
 }
 
 http_proxy::~http_proxy() {
   drop_pipe();
 }
 
-// Leaves the pipe, which may be freed by that: `pipe` is to be set again.
+// Leaves the pipe, which may be freed by that: `pipe` is to be set again. Whatever ends in here does not wake
+// this side any more, whose socket may be closed.
 void http_proxy::drop_pipe() {
+  pipe->client_sock = -1;
   if (unserved) {
     sockets::close(unserved->sock);
     delete unserved;
     unserved = nullptr;
   }
-  pipe->client_sock = -1;
   pipe->release();
 }

@@ -64,7 +64,6 @@ struct http_proxy : http_connection {
   bool has_upstream() const { return pipe != &idle_pipe && pipe->refs > 1; }
 
  private:
-  void answer_bad_gateway();
   void hand_over(proxy_connection* upstream);
   void drop_pipe();
 };

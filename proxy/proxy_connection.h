@@ -8,15 +8,13 @@
 #include "proxy/proxy_pipe.h"
 
 struct proxy_connection : connection {
-  proxy_pipe* pipe;           // shared
-  int64_t bytes_offered = 0;  // moved from the pipe to the output buffer so far; tells who took nothing
+  proxy_pipe* pipe;  // shared
 
   /* Serves `upstream_sock`, which the server that gets this connection closes; takes part in `shared_pipe`
    * with a reference of its own. Never times out. */
   proxy_connection(int upstream_sock, proxy_pipe* shared_pipe);
 
-  /* Drops the reference. An upstream that took no byte and gave none was not there: the client then gets
-   * the 502 that a refused connection gives, instead of an empty reply. */
+  /* Tells the pipe what the upstream has not taken, and drops the reference. */
   ~proxy_connection() override;
 
   void on_recv(char* data, int len) override;

@@ -10,6 +10,7 @@
 
 #include "base/byte_queue.h"
 #include "net/sockets.h"
+#include "proxy/answers.h"
 
 struct proxy_pipe {
   int32_t refs = 1;
@@ -17,6 +18,7 @@ struct proxy_pipe {
   base::byte_queue to_client;
   int client_sock = -1;
   int upstream_sock = -1;
+  int64_t offered = 0;    // bytes that give_upstream() has given out
   bool answered = false;  // something was given to the client through this pipe
 
   /* Queues bytes for the upstream, and has the next select() wait for its socket. */
@@ -32,12 +34,24 @@ struct proxy_pipe {
     sockets::mark_ready(client_sock);
   }
 
-  /* What both sides answer the server that asks for output: moves up to `cap` bytes of `queue`, one of the
-   * two above, to `buf` and stores their number in *len. Returns whether to stay open: there is more, or
-   * the partner may bring some. */
-  bool drain(base::byte_queue& queue, char* buf, int cap, int* len) {
-    *len = queue.empty() ? 0 : static_cast<int>(queue.consume(buf, static_cast<size_t>(cap)));
-    return !queue.empty() || refs > 1;
+  /* What each side answers the server that asks it for output: moves up to `cap` bytes of its queue to `buf`
+   * and stores their number in *len. Returns whether to stay open: there is more, or the partner may bring
+   * some. */
+  bool give_upstream(char* buf, int cap, int* len) {
+    const bool stays = drain(to_upstream, buf, cap, len);
+    offered += *len;
+    return stays;
+  }
+  bool give_client(char* buf, int cap, int* len) { return drain(to_client, buf, cap, len); }
+
+  /* There is no upstream any more, or there never was: `unsent` of the bytes that it was offered were not
+   * taken. One that took no byte and gave none was not there. Its client then gets the 502, and nothing else.
+   */
+  void lose_upstream(int unsent) {
+    const bool took_nothing = offered == unsent;
+    if (!took_nothing || answered) return;
+    to_client = bad_gateway_answer;
+    sockets::mark_ready(client_sock);
   }
 
   /* Drops one reference; the pipe may be freed by that, and the caller forgets its pointer. The other side is
@@ -46,5 +60,11 @@ struct proxy_pipe {
     sockets::mark_ready(client_sock);
     sockets::mark_ready(upstream_sock);
     if (refs-- == 1) delete this;
+  }
+
+ private:
+  bool drain(base::byte_queue& queue, char* buf, int cap, int* len) {
+    *len = queue.empty() ? 0 : static_cast<int>(queue.consume(buf, static_cast<size_t>(cap)));
+    return !queue.empty() || refs > 1;
   }
 };

@@ -103,6 +103,7 @@ struct descriptor_check {
     EXPECT_EQ(open_descriptors(), before);
     const fd_set none = {};
     EXPECT_EQ(memcmp(sockets::all(), &none, sizeof(none)), 0) << "a closed socket is still registered";
+    EXPECT_EQ(memcmp(sockets::ready(), &none, sizeof(none)), 0) << "a closed socket is still to be woken";
   }
 };
 

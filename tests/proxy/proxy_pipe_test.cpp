@@ -72,6 +72,37 @@ TEST_F(proxy_pipe_test, bytes_for_the_client_wake_the_client_alone) {
   expect_ready(true, false);
 }
 
+TEST_F(proxy_pipe_test, loss_of_an_upstream_that_took_and_gave_nothing_gives_the_client_the_502_alone) {
+  pipe->append_to_upstream("request", 7);
+  char buf[7];
+  int len = 0;
+  pipe->give_upstream(buf, 7, &len);  // offered, and not taken
+  FD_ZERO(sockets::ready());
+  pipe->lose_upstream(7);
+  EXPECT_EQ(pipe->to_client,
+            "HTTP/1.1 502 Bad Gateway\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n"
+            "Unable to connect");
+  expect_ready(true, false);
+}
+
+TEST_F(proxy_pipe_test, loss_of_an_upstream_that_took_a_byte_is_not_answered) {
+  pipe->append_to_upstream("request", 7);
+  char buf[7];
+  int len = 0;
+  pipe->give_upstream(buf, 7, &len);
+  FD_ZERO(sockets::ready());
+  pipe->lose_upstream(6);
+  EXPECT_EQ(pipe->to_client, "");
+  expect_ready(false, false);
+}
+
+TEST_F(proxy_pipe_test, loss_of_an_upstream_that_gave_a_byte_is_not_answered) {
+  pipe->append_to_client("x", 1);
+  pipe->to_client.clear();
+  pipe->lose_upstream(0);
+  EXPECT_EQ(pipe->to_client, "");
+}
+
 TEST_F(proxy_pipe_test, side_that_ends_wakes_the_one_that_stays) {
   pipe->refs = 2;
   pipe->client_sock = -1;

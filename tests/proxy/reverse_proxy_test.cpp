@@ -364,7 +364,7 @@ TEST_F(reverse_proxy_test, upstream_that_ends_before_it_is_asked_for_output_give
 TEST_F(reverse_proxy_test, upstream_that_took_4_gib_and_ends_gives_the_client_nothing) {
   receive(request_to("on"));
   const auto request_length = static_cast<int64_t>(to_upstream().size());
-  upstream_side().bytes_offered = (int64_t{1} << 32) - request_length;
+  proxy->pipe->offered = (int64_t{1} << 32) - request_length;
   ask(upstream_side());
   end_upstream();
   EXPECT_EQ(to_client(), "");
