@@ -60,7 +60,10 @@ void http_proxy::hand_over(proxy_connection* upstream) {
 }
 
 void http_proxy::on_data(char* data, int len) {
-  if (has_upstream() && len > 0) pipe->append_to_upstream(data, static_cast<size_t>(len));
+  if (len <= 0) return;
+  // A client with output under way is not asked for more, so what nobody will take would pile up.
+  if (!has_upstream() && out_len != 0) pipe->to_upstream.clear();
+  pipe->append_to_upstream(data, static_cast<size_t>(len));
 }
 
 bool http_proxy::should_block(const std::string&) {
@@ -109,6 +112,7 @@ void http_proxy::answer(const std::string& text) {
 }
 
 bool http_proxy::on_send(char* buf, int cap, int* len) {
+  if (!has_upstream()) pipe->to_upstream.clear();
   return pipe->give_client(buf, cap, len);
 }
 

@@ -30,8 +30,9 @@ struct http_proxy : http_connection {
   /* Serves the request as a forward proxy: an absolute URL is fetched, CONNECT opens a tunnel. */
   void on_headers() override;
 
-  /* Passes body bytes on to the upstream, also those of a request that was answered here, for nobody looks
-   * whose they are. Where there is no upstream, nobody will ever take them. */
+  /* Queues body bytes for the upstream of the pipe, also those of a request that was answered here. Where the
+   * pipe has no upstream, nobody will ever take them: they are dropped when the client is asked for output.
+   */
   void on_data(char* data, int len) override;
 
   /* Nothing: on_headers has forwarded the request or answered it. */

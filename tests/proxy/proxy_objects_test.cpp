@@ -105,11 +105,31 @@ TEST_F(http_proxy_object, client_that_never_proxied_stays_open) {
   }
 }
 
-TEST_F(http_proxy_object, body_without_an_upstream_is_dropped) {
+TEST_F(http_proxy_object, body_without_an_upstream_is_queued_until_the_client_is_asked_for_output) {
   std::string body = "body";
-  proxy->on_data(body.data(), 4);
-  EXPECT_EQ(to_upstream(), "");
+  for (const char* wanted : {"body", "bodybody"}) {
+    proxy->on_data(body.data(), 4);
+    EXPECT_EQ(to_upstream(), wanted);
+  }
   EXPECT_EQ(proxy->content, "");
+  EXPECT_TRUE(ask(*proxy).stays_open);
+  EXPECT_EQ(to_upstream(), "");
+}
+
+TEST_F(http_proxy_object, empty_or_negative_run_of_body_bytes_is_nothing) {
+  std::string body = "body";
+  for (int len : {0, -1}) proxy->on_data(body.data(), len);
+  EXPECT_EQ(to_upstream(), "");
+}
+
+// It is not asked for output while it has some under way, which may take as long as its client likes.
+TEST_F(http_proxy_object, client_that_does_not_read_makes_no_pile_of_its_body) {
+  proxy->out_len = 1;
+  for (const char* piece : {"first", "second"}) {
+    std::string bytes = piece;
+    proxy->on_data(bytes.data(), static_cast<int>(bytes.size()));
+    EXPECT_EQ(to_upstream(), piece);
+  }
 }
 
 // The object is made in a place of the test's own, which can be looked at when it has ended.
