@@ -13,10 +13,14 @@ void http_proxy::on_headers() {
     answer(not_found_answer);
     return;
   }
+  // Not has_upstream(): the idle pipe counts, too. Only a target without a host and with port 0 equals what
+  // the fields say before the first upstream. There is nothing to connect to, and nothing will come of the
+  // request.
   const bool is_current = pipe->refs > 1 && upstream_host == url.host && upstream_port == url.port;
   if (!is_current) {
     if (!open_upstream(url.host, url.port)) return;
-    upstream_host = url.host;  // open_upstream() has noted the port, which is all that reverse_proxy compares
+    upstream_host = url.host;
+    upstream_port = url.port;
   }
   if (unserved) return;  // there is no server to carry anything, which has been printed
   if (method == "CONNECT") {

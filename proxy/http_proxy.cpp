@@ -46,7 +46,6 @@ bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
   }
   hand_over(upstream);
   timeout = -1;
-  upstream_port = target_port;
   return true;
 }
 

@@ -54,8 +54,9 @@ struct http_proxy : http_connection {
   static server_base*& g_server();
 
  protected:
-  /* Lets go of the current upstream and opens another one. False when it cannot be reached: the client has
-   * then been answered with the 502, behind which the connection closes; the time-out is as before. */
+  /* Lets go of the current upstream and opens another one. The caller notes what it is to be known by:
+   * upstream_port, and upstream_host where names count. False when it cannot be reached: the client has then
+   * been answered with the 502, behind which the connection closes; the time-out is as before. */
   bool open_upstream(const std::string& host, int32_t port);
 
   /* Queues an answer of the proxy's own. */

@@ -25,9 +25,17 @@ void reverse_proxy::on_headers() {
   } else if (local_port == 0) {
     answer(not_found_answer);
   } else {
-    const bool is_current = has_upstream() && upstream_port == local_port;
-    if (is_current || open_upstream("localhost", local_port)) forward();
+    relay_to(local_port);
   }
+}
+
+void reverse_proxy::relay_to(int local_port) {
+  const bool is_current = has_upstream() && upstream_port == local_port;
+  if (!is_current) {
+    if (!open_upstream("localhost", local_port)) return;
+    upstream_port = local_port;
+  }
+  forward();
 }
 
 // Shows the client what it sent, and the address it sent it from.

@@ -19,5 +19,6 @@ struct reverse_proxy : http_proxy {
 
  private:
   void answer_echo();
+  void relay_to(int local_port);
   void forward();
 };

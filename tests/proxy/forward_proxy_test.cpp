@@ -2,6 +2,7 @@
 
 #include <tuple>
 
+#include "base/split_url.h"
 #include "tests/proxy/proxy_fixtures.h"
 
 namespace {
@@ -200,6 +201,23 @@ TEST_F(forward_proxy_test, upstream_that_has_ended_is_not_reused) {
   get(url("/2"));
   EXPECT_EQ(upstreams(), 1);
   EXPECT_EQ(to_upstream(), "GET /2 HTTP/1.1\r\n\r\n");
+}
+
+// Such a target is the current upstream of a client that has had none: there is nothing to connect to, nobody
+// to ask, and nothing to wait for but the time-out.
+TEST_F(forward_proxy_test, target_without_a_host_and_with_port_0_meets_the_idle_pipe) {
+  const std::string url = "http://" + std::string(1, '\0') + ":0/";
+  ASSERT_EQ(split_url(url).host, "");
+  ASSERT_EQ(split_url(url).port, 0);
+  get(url);
+  EXPECT_TRUE(is_idle());
+  EXPECT_EQ(to_upstream(), "GET / HTTP/1.1\r\n\r\n");
+  output o = ask(*proxy);
+  EXPECT_EQ(o.bytes, "");
+  EXPECT_TRUE(o.stays_open);
+  EXPECT_EQ(to_upstream(), "");
+  EXPECT_TRUE(proxy->keep_alive);
+  EXPECT_EQ(proxy->timeout, 10);
 }
 
 TEST_F(forward_proxy_test, refused_upstream_is_answered_and_the_connection_closes) {
