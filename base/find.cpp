@@ -53,6 +53,13 @@ bool match_at(const std::string& text, size_t start, const std::string& pattern,
 
 }  // namespace
 
+bool is_equal_folded(const char* a, std::string_view b) {
+  for (size_t i = 0; i < b.size(); i++) {
+    if (fold(a[i]) != fold(b[i])) return false;
+  }
+  return true;
+}
+
 size_t find(const std::string& text, const std::string& pattern, size_t& end) {
   // The end counts as a place, too, for an empty text: an empty pattern and a star match in it.
   for (size_t start = 0; start <= text.size(); start++) {
@@ -101,13 +108,6 @@ const char* first_match(const char* at, const char* end, size_t beyond, Matches 
   const auto places = static_cast<size_t>(end - at);
   memcpy(rest, at, places + beyond);
   return at + std::min(first_hit(matches(rest)), places);
-}
-
-bool is_equal_folded(const char* a, std::string_view b) {
-  for (size_t i = 0; i < b.size(); i++) {
-    if (fold(a[i]) != fold(b[i])) return false;
-  }
-  return true;
 }
 
 }  // namespace

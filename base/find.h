@@ -18,6 +18,10 @@ bool& find_case_insensitive();
  * lets the rest match. Costs O(text * pattern) at worst without a star, O(text * text * pattern) with one. */
 size_t find(const std::string& text, const std::string& pattern, size_t& end);
 
+/* Whether the bytes at `a`, as many as `b` has, are equal to `b`, with A to Z equal to a to z, in any locale.
+ */
+bool is_equal_folded(const char* a, std::string_view b);
+
 /* The position of the first CRLF at `from` or later; npos when there is none. */
 size_t find_line_end(std::string_view text, size_t from = 0);
 

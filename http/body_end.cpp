@@ -33,7 +33,7 @@ size_t find_name(const std::string& head, size_t from) {
   for (size_t last = from + name.size() - 1; last < head.size();
        last += steps[static_cast<unsigned char>(head[last])]) {
     const size_t at = last + 1 - name.size();
-    if (base::is_equal_folded(head.data() + at, name.data(), name.size())) return at;
+    if (base::is_equal_folded(head.data() + at, name)) return at;
   }
   return std::string::npos;
 }
@@ -75,7 +75,7 @@ bool is_token(std::string_view text) {
 bool is_chunked(std::string_view coding) {
   constexpr std::string_view chunked = "chunked";
   return coding.size() == chunked.size() &&
-         base::is_equal_folded(coding.data(), chunked.data(), chunked.size());
+         base::is_equal_folded(coding.data(), chunked);
 }
 
 // Reads the codings in the value of one line. `ends_chunked` is whether the list ends with chunked, before

@@ -28,8 +28,10 @@ int connect(const std::string& host, int32_t port) {
 }  // namespace
 
 bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
+  auto* fresh =
+      new proxy_pipe;  // deleted by whoever drops the last reference; it may throw, so it comes first
   drop_pipe();
-  pipe = new proxy_pipe;  // deleted by whoever drops the last reference
+  pipe = fresh;
   pipe->client_sock = sock;
 
   const int upstream_sock = connect(host, target_port);
@@ -44,17 +46,28 @@ bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
     keep_alive = false;
     return false;
   }
-  hand_over(upstream);
+  if (!hand_over(upstream)) {
+    sockets::close(upstream_sock);
+    delete upstream;  // which tells the pipe
+    keep_alive = false;
+    return false;
+  }
   timeout = -1;
   return true;
 }
 
-void http_proxy::hand_over(proxy_connection* upstream) {
-  if (g_server()) {
-    g_server()->add_connection(upstream);
-  } else {
+// False when there is no memory for it: the upstream then stays with the caller.
+bool http_proxy::hand_over(proxy_connection* upstream) {
+  if (!g_server()) {
     printf("%s\n", "Error! No server assigned for proxy connections.");
     unserved = upstream;
+    return true;
+  }
+  try {
+    g_server()->add_connection(upstream);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
   }
 }
 

@@ -66,6 +66,6 @@ struct http_proxy : http_connection {
   bool has_upstream() const { return pipe != &idle_pipe && pipe->refs > 1; }
 
  private:
-  void hand_over(proxy_connection* upstream);
+  bool hand_over(proxy_connection* upstream);
   void drop_pipe();
 };

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <new>
 
 #include "base/byte_queue.h"
 #include "net/sockets.h"
@@ -45,12 +46,16 @@ struct proxy_pipe {
   bool give_client(char* buf, int cap, int* len) { return drain(to_client, buf, cap, len); }
 
   /* There is no upstream any more, or there never was: `unsent` of the bytes that it was offered were not
-   * taken. One that took no byte and gave none was not there. Its client then gets the 502, and nothing else.
-   */
-  void lose_upstream(int unsent) {
+   * taken. One that took no byte and gave none was not there. Its client then gets the 502, and nothing else;
+   * without memory for that, an empty reply. */
+  void lose_upstream(int unsent) noexcept {
     const bool took_nothing = offered == unsent;
     if (!took_nothing || answered) return;
-    to_client = bad_gateway_answer;
+    try {
+      to_client = bad_gateway_answer;
+    } catch (const std::bad_alloc&) {
+      to_client.clear();
+    }
     sockets::mark_ready(client_sock);
   }
 
