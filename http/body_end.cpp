@@ -74,8 +74,7 @@ bool is_token(std::string_view text) {
 
 bool is_chunked(std::string_view coding) {
   constexpr std::string_view chunked = "chunked";
-  return coding.size() == chunked.size() &&
-         base::is_equal_folded(coding.data(), chunked);
+  return coding.size() == chunked.size() && base::is_equal_folded(coding.data(), chunked);
 }
 
 // Reads the codings in the value of one line. `ends_chunked` is whether the list ends with chunked, before
