@@ -2,17 +2,22 @@
 
 #include <algorithm>
 
-var::var(int32_t data_kind, void* payload) : kind(data_kind), data(new var_data) {  // deleted by unref()
-  data->payload = payload;                                                          // deleted by destroy()
-}
+var::var(kinds data_kind) : kind(data_kind), data(new var_data) {}  // deleted by unref()
 
-var::var(const std::string& s) : var(string_kind, new std::string(s)) {}
+// The payloads are deleted by destroy(). They come last: a refused one leaves a var to release.
+var::var(const std::string& s) : var(string_kind) {
+  data->payload = new std::string(s);
+}
 var::var(const char* s) : var(std::string(s)) {}
 var var::array() {
-  return var(array_kind, new base::arraylist<var*>);
+  var fresh(array_kind);
+  fresh.data->payload = new base::arraylist<var*>;
+  return fresh;
 }
 var var::object() {
-  return var(object_kind, new base::hashmap<var*>);
+  var fresh(object_kind);
+  fresh.data->payload = new base::hashmap<var*>;
+  return fresh;
 }
 
 var& var::operator=(const var& other) {

@@ -86,7 +86,7 @@ struct var {
   std::string to_json_helper(base::arraylist<var_data*>& visited, bool pretty) const;
 
  private:
-  var(int32_t data_kind, void* payload);
+  explicit var(kinds data_kind);
 
   // Only after has_payload() of that kind.
   std::string& as_string() const { return *static_cast<std::string*>(data->payload); }

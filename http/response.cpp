@@ -78,7 +78,12 @@ void http_connection::hang_up() {
 void http_connection::append_part(std::string data) {
   auto* part = new response_part;  // deleted by pop_part() or the destructor
   part->data = std::move(data);
-  response_parts.push(part);
+  try {
+    response_parts.push(part);
+  } catch (...) {
+    delete part;
+    throw;
+  }
   // The pass that follows may leave this connection out; the next wait is then to end at once.
   sockets::mark_ready(sock);
 }

@@ -19,7 +19,12 @@ const addrinfo* name_memory::find(const std::string& host, int port, int& code) 
   hints.ai_socktype = SOCK_STREAM;
   code = getaddrinfo(host.c_str(), service.c_str(), &hints, &list);
   if (code != 0) return nullptr;
-  if (list) lists_->set(key, list);
+  try {
+    if (list) lists_->set(key, list);
+  } catch (...) {  // no memory for the key
+    freeaddrinfo(list);
+    throw;
+  }
   return list;
 }
 
