@@ -1,10 +1,12 @@
-// Memory that the system does not give: the pages of a connection, and the blocks of a queue.
+// Memory that is refused: the pages of a connection, and every allocation of a conversation, small ones, too.
 
 #include <cerrno>
 #include <memory>
 #include <vector>
 
 #include "tests/injection/fault_run.h"
+#include "tests/injection/plain_conversation.h"
+#include "tests/support/operator_new.h"
 
 extern "C" {
 
@@ -12,8 +14,7 @@ void* __real_malloc(size_t size);
 
 // The linker puts this in place of malloc() in our own code, and there alone.
 void* __wrap_malloc(size_t size) {
-  int result = 0;
-  return faults::fails("malloc", result) ? nullptr : __real_malloc(size);
+  return new_is_refused() ? nullptr : __real_malloc(size);
 }
 
 }  // extern "C"
@@ -44,6 +45,49 @@ class stage_without_spares : public plain_stage {
   std::vector<std::unique_ptr<connection>> taken_;
 };
 
+// The lists of faults get their places before an allocation can be refused to them.
+void prepare_lists() {
+  for (const char* call :
+       {"socket",     "bind",  "listen", "accept4",    "connect",    "select",      "recv",
+        "send",       "close", "fcntl",  "setsockopt", "getsockopt", "getaddrinfo", "getnameinfo",
+        "getifaddrs", "stat",  "fopen",  "mmap",       "munmap",     "madvise"})
+    faults::calls()[call] = 0;
+}
+
+/* A conversation during which `refused` allocations fail, behind so many that succeed. False when there were
+ * not so many. */
+template <class Stage, class Conversation>
+bool run_refused(int granted, int refused) {
+  SCOPED_TRACE("allocation " + std::to_string(granted + 1) + " is refused, and " +
+               std::to_string(refused - 1) + " behind it");
+  descriptor_check descriptors;
+  console screen;
+  Stage here;
+  EXPECT_TRUE(here.start());
+  prepare_lists();
+  Conversation during(here);
+  new_faults() = {true, 0, granted, refused};
+  during.play();
+  const bool is_refused = new_faults().refused < refused;
+  new_faults() = {};
+  EXPECT_LE(during.count_harmed(), refused) << during.harmed();
+  Conversation afterwards(here);
+  afterwards.play();
+  EXPECT_EQ(afterwards.harmed(), "") << "behind the refusal";
+  here.stop();
+  EXPECT_EQ(here.connections(), 0);
+  return is_refused;
+}
+
+template <class Stage, class Conversation>
+void refuse_every_allocation(int refused) {
+  run_refused<Stage, Conversation>(0, 0);  // what the process allocates once is there afterwards
+  int granted = 0;
+  while (!testing::Test::HasFailure() && run_refused<Stage, Conversation>(granted, refused)) granted++;
+  testing::Test::RecordProperty("runs", granted);
+  EXPECT_GT(granted, 50);
+}
+
 }  // namespace
 
 TEST(allocation, connection_without_pages_is_the_only_one_harmed) {
@@ -54,7 +98,18 @@ TEST(allocation, connections_without_pages_are_survived) {
   run_for_every_use<stage_without_spares>({"mmap", ENOMEM, harm::one_client}, 5);
 }
 
-// There is no way to go on: what the peer sent has been read, and cannot be kept.
-TEST(allocation, queue_without_memory_ends_the_run_and_everything_is_released) {
-  run_for_every_use<plain_stage>({"malloc", ENOMEM, harm::the_whole_run}, 1);
+TEST(allocation, refused_one_of_a_plain_conversation_harms_one_client_at_most) {
+  refuse_every_allocation<http_stage, plain_conversation>(1);
+}
+
+TEST(allocation, refused_ones_in_a_row_of_a_plain_conversation_are_survived) {
+  refuse_every_allocation<http_stage, plain_conversation>(5);
+}
+
+TEST(allocation, refused_one_of_a_proxied_conversation_harms_one_client_at_most) {
+  refuse_every_allocation<stage_without_spares, conversation>(1);
+}
+
+TEST(allocation, refused_ones_in_a_row_of_a_proxied_conversation_are_survived) {
+  refuse_every_allocation<stage_without_spares, conversation>(5);
 }

@@ -15,6 +15,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "net/connection_memory.h"
 #include "net/server.h"
 #include "tests/support/faults.h"
 
@@ -275,10 +276,11 @@ TEST_F(connection_test, ended_objects_give_back_their_output_buffers) {
 }
 
 TEST_F(connection_test, ended_objects_give_back_their_addresses_but_for_some) {
-  std::vector<std::unique_ptr<connection>> objects;
-  for (int i = 0; i < many; i++) objects.emplace_back(new silent_connection);
+  connection_memory memory;  // one that no other test has left spare slots in
+  std::vector<void*> objects;
+  for (int i = 0; i < many; i++) objects.push_back(memory.take(sizeof(silent_connection)));
   int64_t full = bytes_of(memory_kind::mapped);
-  objects.clear();
+  for (void* object : objects) memory.give_back(object);
   int64_t given_back = full - bytes_of(memory_kind::mapped);
   EXPECT_GT(given_back, output_buffers / 2);
   EXPECT_LT(given_back, output_buffers / 8 * 7);
@@ -287,14 +289,13 @@ TEST_F(connection_test, ended_objects_give_back_their_addresses_but_for_some) {
 #if defined(__SANITIZE_ADDRESS__)
 
 TEST_F(connection_test, places_of_ended_objects_are_hidden_from_use_until_they_are_given_back) {
-  std::vector<std::unique_ptr<connection>> objects;
-  std::vector<const void*> places;
-  for (int i = 0; i < many; i++) {
-    objects.emplace_back(new silent_connection);
-    places.push_back(objects.back().get());
-  }
-  objects.clear();
+  connection_memory memory;
+  std::vector<void*> places;
+  for (int i = 0; i < many; i++) places.push_back(memory.take(sizeof(silent_connection)));
   int hidden = 0;
+  for (const void* place : places) hidden += __asan_address_is_poisoned(place);
+  EXPECT_EQ(hidden, 0);
+  for (void* place : places) memory.give_back(place);
   for (const void* place : places) hidden += __asan_address_is_poisoned(place);
   EXPECT_GT(hidden, 0);
   EXPECT_LT(hidden, many / 2);

@@ -1,11 +1,13 @@
 /* operator_new: memory that `new` refuses, to strings and containers, too.
  *
  * It replaces the operators of the whole program, so one source file of a test program includes it. Every
- * allocation made while `new_faults().is_counting` counts. */
+ * allocation made while `new_faults().is_counting` counts, but for those while faults are suspended. */
 #pragma once
 
 #include <cstdlib>
 #include <new>
+
+#include "tests/support/faults.h"
 
 struct new_fault_plan {
   bool is_counting = false;
@@ -22,7 +24,7 @@ inline new_fault_plan& new_faults() {
 /* Whether this allocation is to be refused. */
 inline bool new_is_refused() {
   new_fault_plan& plan = new_faults();
-  if (!plan.is_counting) return false;
+  if (!plan.is_counting || faults::suspended()) return false;
   plan.calls++;
   if (plan.granted > 0) {
     plan.granted--;
@@ -34,7 +36,8 @@ inline bool new_is_refused() {
 }
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return new_is_refused() ? nullptr : malloc(size == 0 ? 1 : size);
+  // Not malloc(), which a test program may have replaced to count as well.
+  return new_is_refused() ? nullptr : calloc(1, size == 0 ? 1 : size);
 }
 
 void* operator new(size_t size) {
