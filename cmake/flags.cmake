@@ -18,7 +18,11 @@ set(CMAKE_CXX_FLAGS_ASAN
   "-O1 -g -fno-omit-frame-pointer -fsanitize=address,undefined -fno-sanitize-recover=all -D_GLIBCXX_ASSERTIONS")
 set(CMAKE_EXE_LINKER_FLAGS_ASAN "-fsanitize=address,undefined")
 
-# Fuzz: the same, for the fuzzers. Clang does not define GCC's macro, by which connection objects that have
+# Tsan: for what has threads. The address sanitizer cannot be in the same program.
+set(CMAKE_CXX_FLAGS_TSAN "-O1 -g -fno-omit-frame-pointer -fsanitize=thread")
+set(CMAKE_EXE_LINKER_FLAGS_TSAN "-fsanitize=thread")
+
+# Fuzz: as Asan, for the fuzzers. Clang does not define GCC's macro, by which connection objects that have
 # ended are hidden from use.
 set(CMAKE_CXX_FLAGS_FUZZ "${CMAKE_CXX_FLAGS_ASAN} -D__SANITIZE_ADDRESS__=1")
 set(CMAKE_EXE_LINKER_FLAGS_FUZZ "${CMAKE_EXE_LINKER_FLAGS_ASAN}")

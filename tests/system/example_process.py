@@ -1,6 +1,7 @@
 """The programs of examples/, which run and end as mivo does, and what their tests need besides.
 
-MIVO_EXAMPLES names their folder. The Node packages of node/package-lock.json are installed once, into the build
+MIVO_EXAMPLES names their folder, MIVO_BUILD that of the programs of the tests, among which there are the examples
+with the sanitizers; where slow_job was built with the thread sanitizer, that runs as well. The Node packages of node/package-lock.json are installed once, into the build
 folder, by npm's own client.
 """
 
@@ -8,6 +9,8 @@ import os
 import pathlib
 import shutil
 import subprocess
+
+import pytest
 
 from clients import ENVIRONMENT
 from mivo_process import REPOSITORY
@@ -21,6 +24,20 @@ INSTALL_PATIENCE = 120  # seconds
 
 def example(name):
     return str(EXAMPLES / name)
+
+
+def every_build(name):
+    """A fixture `program`, which has each test of a file run an example as users build it, and with the
+    sanitizers."""
+    folders = {"release": EXAMPLES, "sanitized": BUILD / "examples", "threads": REPOSITORY / "build/tsan/examples"}
+    found = {build: str(folder / name) for build, folder in folders.items() if (folder / name).exists()}
+    assert found, f"{name} is not built"
+
+    @pytest.fixture(params=found)
+    def program(request):
+        return found[request.param]
+
+    return program
 
 
 def node_environment():

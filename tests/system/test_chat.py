@@ -13,7 +13,7 @@ import pytest
 import websockets
 
 from devtools import Browser
-from example_process import example, run_node
+from example_process import every_build, run_node
 from websocket_frames import (BINARY, PING, PONG, REFUSED, TEXT, expect_frame, frame, frame_16, frame_64_start,
                               handshake, server_frame, upgrade)
 from wire import request, until
@@ -24,9 +24,7 @@ ACCEPTED = (b"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnecti
             b"Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\nContent-Length: 0\r\n\r\n")
 
 
-@pytest.fixture
-def program():
-    return example("chat")
+program = every_build("chat")
 
 
 @pytest.fixture

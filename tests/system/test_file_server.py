@@ -7,7 +7,7 @@ import pathlib
 import pytest
 
 from clients import curl_files, wget_files
-from example_process import example
+from example_process import every_build
 from websocket_frames import REFUSED, handshake
 from wire import request
 
@@ -20,9 +20,7 @@ ESCAPES = ["/../secret", "/%2e%2e/secret", "/%2E./secret", "/..%2fsecret", "/%2e
            "/index.html/", "/empty/", "/none"]
 
 
-@pytest.fixture
-def program():
-    return example("file_server")
+program = every_build("file_server")
 
 
 @pytest.fixture

@@ -12,15 +12,13 @@ import pytest
 from answers import BAD_GATEWAY, NOT_FOUND
 from certificates import Authority
 from clients import run
-from example_process import example
+from example_process import every_build
 from wire import reply, request
 
 TUNNEL = 50 << 20
 
 
-@pytest.fixture
-def program():
-    return example("forward_proxy")
+program = every_build("forward_proxy")
 
 
 @pytest.fixture
