@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "tests/base/heap.h"
 #include "tests/support/console.h"
 
 using base::hashmap;
@@ -375,11 +376,16 @@ TEST(hashmap, never_touches_the_values) {
 }
 
 TEST(hashmap, destructor_passes_over_a_null_in_the_key_list) {
-  hashmap<int> map;
-  map.set("a", 1);
-  map.set("b", 2);
-  delete map.keys[0];
-  map.keys[0] = nullptr;
+  const size_t before = bytes_in_use();
+  {
+    hashmap<int> map;
+    map.set("a", 1);
+    map.set("b", 2);
+    delete map.keys[0];
+    map.keys[0] = nullptr;
+    EXPECT_GT(bytes_in_use(), before);
+  }
+  EXPECT_EQ(bytes_in_use(), before);
 }
 
 // The largest table has 3 * 2^30 slots, more than a test can have. It can pretend to: a key whose hash is

@@ -177,6 +177,8 @@ TEST_F(server_accept, refusal_does_not_disturb_the_turn) {
   EXPECT_THAT(notes_of_a_turn(), ElementsAre("create for 127.0.0.1", "c1 asked"));
   EXPECT_EQ(srv.connections.count, 1);
   a.deliver("still served");
+  EXPECT_THAT(notes_of_a_turn(),
+              ElementsAre("c1 recv 1048576 -> 12", "c1 received still served", "c1 asked"));
 }
 
 TEST_F(server_accept, failed_accept_is_printed) {

@@ -175,8 +175,10 @@ TEST_F(server_start, stop_ends_the_connections_in_order_of_arrival) {
 
 TEST_F(server_start, stop_closes_the_listening_socket_before_the_connections) {
   join();
-  srv.when_called = [&](connection*) { EXPECT_EQ(srv.sock, -1); };
+  std::vector<int> listening;
+  srv.when_called = [&](connection*) { listening.push_back(srv.sock); };
   srv.stop();
+  EXPECT_THAT(listening, ElementsAre(-1));
 }
 
 TEST_F(server_start, stop_looks_at_the_port_to_tell_whether_it_listens) {

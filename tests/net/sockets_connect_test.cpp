@@ -10,7 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <fstream>
 #include <utility>
 
 #include "net/sockets.h"
@@ -114,11 +116,12 @@ TEST_F(sockets_connect, all_of_the_loopback_network_is_on_this_machine) {
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 0);
 }
 
-TEST_P(either_way, receive_buffer_is_set_and_at_most_a_megabyte) {
+// Linux counts twice what was asked for, and gives no more than it is set to give.
+TEST_P(either_way, receive_buffer_is_half_a_megabyte_or_what_the_system_gives_at_most) {
+  int most = 0;
+  ASSERT_TRUE(std::ifstream("/proc/sys/net/core/rmem_max") >> most);
   ASSERT_GE(connect("127.0.0.1"), 0);
-  client untouched(upstream.port());
-  EXPECT_NE(option(sock, SOL_SOCKET, SO_RCVBUF), option(untouched.sock(), SOL_SOCKET, SO_RCVBUF));
-  EXPECT_LE(option(sock, SOL_SOCKET, SO_RCVBUF), 1048576);
+  EXPECT_EQ(option(sock, SOL_SOCKET, SO_RCVBUF), 2 * std::min(most, 524288));
 }
 
 TEST_P(either_way, socket_is_left_unregistered) {

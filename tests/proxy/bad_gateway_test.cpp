@@ -190,6 +190,10 @@ TEST_F(bad_gateway_test, client_that_left_first_is_not_answered) {
   c.send(request_to("a"));
   c.close();
   turn();
-  upstream.accept().close();
+  client peer = upstream.accept();
+  EXPECT_TRUE(serve_until([&] { return front.connections.count == 1; })) << "the upstream's alone is left";
+  peer.close();
+  faults::calls().clear();
   EXPECT_TRUE(serve_until([&] { return front.connections.count == 0; }));
+  EXPECT_EQ(faults::calls()["send"], 0);
 }
