@@ -1,18 +1,18 @@
 """Speed: limits far from the normal, and ratios measured within one run. Nobody waits for a time-out.
 
-These are the only tests that a busy machine can disturb.
+A busy machine delays some answers, or even most. What must not wait is therefore measured by the quickest tenth of
+many answers: whatever makes each of them wait, makes those wait, too. What must not cost much is measured in
+processor time. bench/run measures the rest.
 """
 
 import os
-import pathlib
 import re
-import statistics
 import time
 
 import pytest
 
 from clients import Download, curl
-from mivo_process import TICKS_PER_SECOND, processor_seconds
+from mivo_process import processor_seconds
 from wire import request
 
 MIB = 1 << 20
@@ -25,67 +25,45 @@ SELECT_WAIT = 0.100  # seconds, for which a turn waits at most
 ROUNDS = 200
 
 
-def within_two_attempts(measure, is_good):
-    """A measurement on a busy machine may be bad luck once, not twice."""
-    value = measure()
-    if not is_good(value):
-        value = measure()
-    assert is_good(value), value
+def quickest_tenth(seconds):
+    """What the quickest tenth stayed below; of fewer than ten, the quickest."""
+    return sorted(seconds)[len(seconds) // 10]
 
 
-def busy_seconds():
-    """The processor time that the whole machine has spent so far; what its host took from it included."""
-    fields = pathlib.Path("/proc/stat").read_text().split("\n", 1)[0].split()[1:]
-    user, nice, system, _, _, irq, softirq, steal = map(int, fields[:8])
-    return (user + nice + system + irq + softirq + steal) / TICKS_PER_SECOND
-
-
-class Undisturbed:
-    """Around a measurement: tells whether the processors were left to the processes of the test."""
-
-    FOREIGN_SHARE_LIMIT = 0.1  # of all processors
-
-    def __init__(self, *pids):
-        self.pids = pids
-
-    def _own_seconds(self):
-        own = os.times()
-        return sum(map(processor_seconds, self.pids)) + sum(own[:4])
-
-    def __enter__(self):
-        self.start = time.monotonic(), busy_seconds(), self._own_seconds()
-        return self
-
-    def __exit__(self, *_):
-        start, busy, own = self.start
-        foreign = busy_seconds() - busy - (self._own_seconds() - own)
-        share = foreign / (time.monotonic() - start) / os.cpu_count()
-        self.holds = share < self.FOREIGN_SHARE_LIMIT
-
-
-def seconds_to_download(port):
-    return float(curl("--output", "/dev/null", "--header", "Host: nginx", "--write-out", "%{time_total}",
-                      f"http://127.0.0.1:{port}/large"))
-
-
-def test_download_of_1_gib_by_a_client_that_keeps_up__is_at_least_half_as_fast_as_without_mivo(
+def test_relaying_a_download_of_1_gib__takes_less_than_twice_the_processor_time_of_the_download(
         start_mivo, nginx, site):
     mivo = start_mivo({"nginx": nginx.port})
     with open(site.folder / "large", "wb") as large:
         large.truncate(GIB)
-    seconds_to_download(nginx.port)  # from now on the file is in memory
-    ratios, undisturbed = [], 0
-    while len(ratios) < 4 and undisturbed < 2 and max(ratios, default=0) < 0.5:
-        with Undisturbed(mivo.pid, nginx.process.pid) as measurement:
-            pairs = [(seconds_to_download(nginx.port), seconds_to_download(mivo.port)) for _ in range(3)]
-        direct, relayed = zip(*pairs)
-        ratios.append(statistics.median(direct) / statistics.median(relayed))
-        undisturbed += measurement.holds
-    if undisturbed == len(ratios):  # or else the client may have been kept from keeping up
-        assert mivo.resident_peak_kib() < RESIDENT_LIMIT_KIB
-    if max(ratios) < 0.5 and undisturbed < 2:
-        pytest.skip(f"other programs keep the processors busy; the ratios were {ratios}")
-    assert max(ratios) >= 0.5, ratios
+
+    def download(port):
+        """The processor time of nginx and curl, and that of mivo."""
+        before = os.times()
+        at_start = processor_seconds(nginx.process.pid), processor_seconds(mivo.pid)
+        curl("--output", "/dev/null", "--header", "Host: nginx", f"http://127.0.0.1:{port}/large")
+        after = os.times()
+        of_curl = after.children_user + after.children_system - before.children_user - before.children_system
+        return (processor_seconds(nginx.process.pid) - at_start[0] + of_curl,
+                processor_seconds(mivo.pid) - at_start[1])
+
+    download(nginx.port)  # from now on the file is in memory
+    direct, _ = download(nginx.port)
+    _, relaying = download(mivo.port)
+    assert relaying < 2 * direct, (relaying, direct)
+
+
+def test_1_gib_for_a_client_that_keeps_up__takes_little_memory(start_mivo, listen, connect):
+    upstream = listen()
+    mivo = start_mivo({"up": upstream.port})
+    client = connect(mivo.port)
+    client.send(request("up"))
+    wire = upstream.accept()
+    wire.read_head()
+    piece = os.urandom(MIB)
+    for _ in range(GIB // MIB):
+        wire.send(piece)
+        assert client.read(MIB) == piece
+    assert mivo.resident_peak_kib() < RESIDENT_LIMIT_KIB
 
 
 def seconds_to_ask(wire, sent, answer):
@@ -98,11 +76,11 @@ def seconds_to_ask(wire, sent, answer):
 def expect_no_waits(direct, relayed, sent, answer):
     """Asks directly and through mivo in turn. The relayed requests take a small multiple of the time of the
     direct ones, which is also far below any time-out."""
-    def medians():
-        seconds = [(seconds_to_ask(direct, sent, answer), seconds_to_ask(relayed, sent, answer))
-                   for _ in range(ROUNDS)]
-        return tuple(map(statistics.median, zip(*seconds)))
-    within_two_attempts(medians, lambda m: m[1] < LATENCY_LIMIT and m[1] < max(10 * m[0], 0.002))
+    seconds = [(seconds_to_ask(direct, sent, answer), seconds_to_ask(relayed, sent, answer))
+               for _ in range(ROUNDS)]
+    of_direct, of_relayed = map(quickest_tenth, zip(*seconds))
+    assert of_relayed < LATENCY_LIMIT
+    assert of_relayed < max(10 * of_direct, 0.002)
 
 
 @pytest.fixture
@@ -154,9 +132,8 @@ def stage(start_mivo, listen, connect):
     return Stage(start_mivo, listen, connect)
 
 
-def expect_median_without_wait(measure, rounds=ROUNDS):
-    within_two_attempts(lambda: statistics.median(measure() for _ in range(rounds)),
-                        lambda seconds: seconds < LATENCY_LIMIT)
+def expect_no_wait(measure, rounds=ROUNDS):
+    assert quickest_tenth([measure() for _ in range(rounds)]) < LATENCY_LIMIT
 
 
 def test_pieces_in_both_directions__do_not_wait_for_acknowledgements(stage):
@@ -170,7 +147,7 @@ def test_pieces_in_both_directions__do_not_wait_for_acknowledgements(stage):
                 sender.send(piece)
                 assert receiver.read(3) == piece
         return time.monotonic() - start
-    expect_median_without_wait(seconds)
+    expect_no_wait(seconds)
 
 
 # A connection is passed over in the turn in which the one before it in the list ends. The upstream connection
@@ -185,7 +162,7 @@ def test_reply_in_the_turn_in_which_the_connection_before_ends__does_not_wait(st
         upstream = stage.upstream_for(client)
         return stage.seconds_from_one_turn_on(
             [ending.close, lambda: upstream.send(b"reply")], lambda: client.read(5))
-    expect_median_without_wait(seconds, 10)
+    expect_no_wait(seconds, 10)
 
 
 def test_upload_in_the_turn_in_which_the_connection_before_ends__does_not_wait(stage):
@@ -196,7 +173,7 @@ def test_upload_in_the_turn_in_which_the_connection_before_ends__does_not_wait(s
         upstream = stage.upstream_for(client)
         return stage.seconds_from_one_turn_on(
             [ending.close, lambda: client.send(b"piece")], lambda: upstream.read(5))
-    expect_median_without_wait(seconds, 10)
+    expect_no_wait(seconds, 10)
 
 
 @pytest.mark.parametrize("target", ["/echo_of_mivo", "/unknown"])
@@ -205,7 +182,7 @@ def test_own_answers_on_a_kept_connection__do_not_wait(start_mivo, connect, targ
     client = connect(mivo.port)
     sent = request("echo" if target == "/echo_of_mivo" else "unknown", target)
     answer = client.ask(sent)
-    expect_median_without_wait(lambda: seconds_to_ask(client, sent, answer))
+    expect_no_wait(lambda: seconds_to_ask(client, sent, answer))
 
 
 def expect_all_answered(output, count):
@@ -230,26 +207,23 @@ def mixed(start_mivo, node, nginx, site):
 
 
 @pytest.mark.parametrize("options", [[], ["-k"]])
-def test_5000_requests_of_ab_to_an_upstream_that_closes_after_each__all_are_answered(mixed, options):
-    def median_ms():
-        ab = start_ab(mixed.port, "nginx", f"/closing/{mixed.small_file}", 5000, 20, *options)
-        output = ab.finish()
-        expect_all_answered(output, 5000)
+def test_5000_requests_of_ab_to_an_upstream_that_closes_after_each__all_are_answered(mixed, nginx, options):
+    def median_ms(port, count):
+        output = start_ab(port, "nginx", f"/closing/{mixed.small_file}", count, 20, *options).finish()
+        expect_all_answered(output, count)
         return int(re.search(r"^ +50% +(\d+)$", output, re.M)[1])
-    within_two_attempts(median_ms, lambda value: value < SELECT_WAIT * 1000)
+    direct_ms = median_ms(nginx.port, 1000)
+    assert median_ms(mixed.port, 5000) < max(SELECT_WAIT * 1000, 20 * direct_ms)
 
 
 def test_kept_connection_while_others_end_all_the_time__does_not_wait(mixed, connect):
     client, sent = connect(mixed.port), request("node", "/small")
-
-    def median():
-        ab = start_ab(mixed.port, "nginx", f"/closing/{mixed.small_file}", 5000, 10)
-        seconds = []
-        while ab.process.poll() is None:
-            seconds.append(seconds_to_ask(client, sent, b"hello, world\n"))
-        expect_all_answered(ab.finish(), 5000)
-        return statistics.median(seconds)
-    within_two_attempts(median, lambda seconds: seconds < SELECT_WAIT / 2)
+    ab = start_ab(mixed.port, "nginx", f"/closing/{mixed.small_file}", 5000, 10)
+    seconds = []
+    while ab.process.poll() is None:
+        seconds.append(seconds_to_ask(client, sent, b"hello, world\n"))
+    expect_all_answered(ab.finish(), 5000)
+    assert quickest_tenth(seconds) < SELECT_WAIT / 2
 
 
 def test_ab_with_200_clients__all_requests_are_answered(mixed):
@@ -266,9 +240,4 @@ def test_processor_time_after_load__is_next_to_nothing(relay, connect):
             assert client.read_reply()[1] == b"hello, world\n"
     clients[0].send(request("node", f"/repeat/{64 * MIB}"))
     assert len(clients[0].read_reply()[1]) == 64 * MIB
-
-    def share_of_a_core():
-        before = processor_seconds(relay.pid)
-        time.sleep(2)  # the length of the measurement, not a wait for something
-        return (processor_seconds(relay.pid) - before) / 2
-    within_two_attempts(share_of_a_core, lambda share: share < 0.02)
+    relay.expect_idle()
