@@ -17,12 +17,12 @@ need_packages() {
     "${missing[@]}" >/dev/null
 }
 
-# build PRESET: configures and builds, quietly unless something fails.
+# build PRESET [TARGET...]: configures and builds all, or the targets, quietly unless something fails.
 build() {
   local log
   log=$(mktemp)
-  echo "Building: $1"
-  if ! { cmake --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1; then
+  echo "Building: $*"
+  if ! { cmake --preset "$1" && cmake --build --preset "$1" ${2:+--target "${@:2}"}; } >"$log" 2>&1; then
     cat "$log"
     rm -f "$log"
     return 1
