@@ -141,19 +141,16 @@ uint64_t now_ms() {
 }
 
 void make_clients(soak& run, std::list<client>& clients) {
+  // Over TLS, a crowd would leave the uploads too little of the line to be fast.
   const struct {
     habit ways;
-    int count;
-  } crowd[] = {{habit::steady, 64},
-               {habit::brief, 8},
-               {habit::sluggish, 8},
-               {habit::leaving, 4},
-               {habit::stranded, 2},
-               {habit::heavy, 2},
-               {habit::uploading, run.over_tls ? 4 : 0}};
+    int count, over_tls;
+  } crowd[] = {{habit::steady, 64, 4},  {habit::brief, 8, 2}, {habit::sluggish, 8, 4}, {habit::leaving, 4, 4},
+               {habit::stranded, 2, 1}, {habit::heavy, 2, 1}, {habit::uploading, 0, 2}};
   uint64_t number = 0;
   for (const auto& some : crowd)
-    for (int i = 0; i < some.count; i++) clients.emplace_back(run, some.ways, number++);
+    for (int i = 0; i < (run.over_tls ? some.over_tls : some.count); i++)
+      clients.emplace_back(run, some.ways, number++);
 }
 
 void print_counters(const soak& run, uint64_t start_ms, bool is_last) {
