@@ -311,6 +311,18 @@ TEST_F(sockets_test, announced_output_is_forgotten_by_a_failed_wait_too) {
   expect_console("select() failed! 22\n");
 }
 
+// The servers look at the errno of the wait, not at that of a console that takes nothing.
+TEST_F(sockets_test, failed_wait_keeps_its_error_number_though_printing_fails_as_well) {
+  faults::of()["select"] = {0, 1, ENOMEM};
+  EXPECT_TRUE(run_in_child([] {
+    const int full = open("/dev/full", O_WRONLY);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    dup2(full, STDOUT_FILENO);
+    sockets::select_all();
+    if (sockets::num_ready() != -1 || errno != ENOMEM) _exit(1);
+  }));
+}
+
 TEST_F(sockets_test, interrupted_wait_is_silent_and_seen_by_its_result_and_errno) {
   EXPECT_TRUE(run_in_child([&] {
     interrupt_regularly([](int) {});
