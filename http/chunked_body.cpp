@@ -45,7 +45,7 @@ size_t chunked_body::parse(const char* data, size_t len) {
   return is_malformed() ? len : at;
 }
 
-// Between the lines: each place has one byte that is right.
+// Between the lines, where one byte is right and all others are wrong.
 chunked_body::places chunked_body::next(char c) {
   switch (place_) {
     case places::size_lf:
@@ -63,10 +63,14 @@ chunked_body::places chunked_body::next(char c) {
   }
 }
 
-// In a line: the byte counts, unless it ends the line.
+// In a line, where every byte counts but the CR that ends it.
 chunked_body::places chunked_body::next_in_line(char c) {
   if (place_ == places::size_begin || place_ == places::trailer_begin) line_length_ = 0;
   if (c != '\r' && ++line_length_ > most_line_bytes) return places::malformed;
+  return place_ <= places::extension ? next_of_size(c) : next_of_trailer(c);
+}
+
+chunked_body::places chunked_body::next_of_size(char c) {
   switch (place_) {
     case places::size_begin:
       left_ = 0;
@@ -78,18 +82,9 @@ chunked_body::places chunked_body::next_in_line(char c) {
     case places::blanks:
       if (c == ';') return places::extension;
       return is_blank(c) ? places::blanks : places::malformed;
-    case places::extension:
+    default:  // in an extension
       if (c == '\r') return places::size_lf;
       return is_text(c) ? places::extension : places::malformed;
-    case places::trailer_begin:
-      if (c == '\r') return places::last_lf;
-      return is_token_byte(c) ? places::trailer_name : places::malformed;
-    case places::trailer_name:
-      if (c == ':') return places::trailer_value;
-      return is_token_byte(c) ? places::trailer_name : places::malformed;
-    default:  // in the value of a trailer
-      if (c == '\r') return places::trailer_lf;
-      return is_text(c) ? places::trailer_value : places::malformed;
   }
 }
 
@@ -103,4 +98,18 @@ chunked_body::places chunked_body::add_digit(char c) {
 chunked_body::places chunked_body::after_size_line(char c) const {
   if (c != '\n') return places::malformed;
   return left_ > 0 ? places::chunk : places::trailer_begin;
+}
+
+chunked_body::places chunked_body::next_of_trailer(char c) const {
+  switch (place_) {
+    case places::trailer_begin:
+      if (c == '\r') return places::last_lf;
+      return is_token_byte(c) ? places::trailer_name : places::malformed;
+    case places::trailer_name:
+      if (c == ':') return places::trailer_value;
+      return is_token_byte(c) ? places::trailer_name : places::malformed;
+    default:  // in the value
+      if (c == '\r') return places::trailer_lf;
+      return is_text(c) ? places::trailer_value : places::malformed;
+  }
 }

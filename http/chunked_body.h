@@ -33,7 +33,7 @@ class chunked_body {
   bool is_malformed() const { return place_ == places::malformed; }
 
  private:
-  /* What the next byte is, or follows. */
+  /* What the next byte is to be. The places in the line of a size come first. */
   enum class places {
     size_begin,     // the first digit of a size
     size,           // another digit, or the end of the size
@@ -58,6 +58,8 @@ class chunked_body {
 
   places next(char c);
   places next_in_line(char c);
+  places next_of_size(char c);
   places add_digit(char c);
   places after_size_line(char c) const;
+  places next_of_trailer(char c) const;
 };

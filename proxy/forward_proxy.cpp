@@ -7,6 +7,7 @@
 #include "proxy/http_proxy.h"
 
 void http_proxy::on_headers() {
+  begin_body();
   printf("%s\n", info(true).c_str());
   split_url url(target);
   if (should_block(url.host)) {
@@ -27,7 +28,7 @@ void http_proxy::on_headers() {
     // Every further byte is body now, the body is the tunnel, and a tunnel has no length to exceed.
     keep_alive = false;
     max_request_length = 0;
-    answer(tunnel_answer);
+    tell_client(tunnel_answer);
     return;
   }
   std::string request = method + " " + url.path + " " + version + "\r\n" + copy_headers(head) + "\r\n";

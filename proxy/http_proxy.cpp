@@ -15,6 +15,21 @@ server_base*& http_proxy::g_server() {
   return server;
 }
 
+void http_proxy::begin_body() {
+  is_answered_here = false;
+  end_of_body = find_body_end(head);
+  if (end_of_body == body_end::by_length) return;
+  chunks = {};
+  keep_request_open();
+}
+
+// No number is above the largest one, so the count of a body without a limit on its length wraps a byte
+// early.
+void http_proxy::keep_request_open() {
+  content_length = INT32_MAX;
+  if (content_received == INT32_MAX) content_received = INT32_MIN;
+}
+
 namespace {
 
 // What can be no host is refused as one that does not resolve, but without a look-up, for which everybody
@@ -28,8 +43,7 @@ int connect(const std::string& host, int32_t port) {
 }  // namespace
 
 bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
-  auto* fresh =
-      new proxy_pipe;  // deleted by whoever drops the last reference; it may throw, so it comes first
+  auto* fresh = new proxy_pipe;  // deleted by whoever drops the last reference; first, because it may throw
   drop_pipe();
   pipe = fresh;
   pipe->client_sock = sock;
@@ -73,9 +87,23 @@ bool http_proxy::hand_over(proxy_connection* upstream) {
 
 void http_proxy::on_data(char* data, int len) {
   if (len <= 0) return;
+  const auto size = static_cast<size_t>(len);
+  if (end_of_body != body_end::by_length) {
+    follow_chunks(data, size);
+    if (is_answered_here) return;
+  }
   // A client with output under way is not asked for more, so what nobody will take would pile up.
   if (!has_upstream() && out_len != 0) pipe->to_upstream.clear();
-  pipe->append_to_upstream(data, static_cast<size_t>(len));
+  pipe->append_to_upstream(data, size);
+}
+
+// Bytes in one piece with the end of the body belong to the request, as with every other request.
+void http_proxy::follow_chunks(const char* data, size_t len) {
+  if (end_of_body == body_end::by_last_chunk) chunks.parse(data, len);
+  if (chunks.has_ended())
+    content_length = content_received;
+  else
+    keep_request_open();
 }
 
 bool http_proxy::should_block(const std::string&) {
@@ -119,6 +147,11 @@ void http_proxy::append_headers(std::string& to, const std::string& head) {
 }
 
 void http_proxy::answer(const std::string& text) {
+  is_answered_here = true;
+  tell_client(text);
+}
+
+void http_proxy::tell_client(const std::string& text) {
   pipe->append_to_client(text.data(), text.size());
   sockets::mark_ready(sock);  // the idle pipe does not know it
 }

@@ -11,6 +11,7 @@ base::hashmap<int>& reverse_proxy::hosts() {
 }
 
 void reverse_proxy::on_headers() {
+  begin_body();
   static std::string host, line;  // they keep their memory from request to request, unless it is much
   host.clear();
   append_header(host, "host", head);

@@ -50,15 +50,19 @@ TEST_F(kept_memory, long_head_that_is_passed_on_leaves_nothing) {
 }
 
 TEST_F(kept_memory, body_that_nobody_takes_is_gone_behind_each_turn) {
-  receive(request_to("unknown", "/", "Content-Length: 100000000\r\n"));
-  ask(*proxy);
-  { base::byte_queue long_queue(long_text); }
-  const auto before = static_cast<int64_t>(bytes_in_use());
-  for (int i = 0; i < 64; i++) {
-    receive(long_text.substr(0, mebibyte));
-    EXPECT_LE(proxy->pipe->to_upstream.size(), mebibyte);
-    EXPECT_TRUE(ask(*proxy).stays_open);
-    EXPECT_EQ(proxy->pipe->to_upstream.size(), 0u);
+  for (const char* line : {"Content-Length: 100000000\r\n", "Transfer-Encoding: chunked\r\n"}) {
+    receive(request_to("unknown", "/", line));
+    if (*line == 'T') receive("5f5e100\r\n");
+    ask(*proxy);
+    { base::byte_queue long_queue(long_text); }
+    const auto before = static_cast<int64_t>(bytes_in_use());
+    for (int i = 0; i < 64; i++) {
+      receive(long_text.substr(0, mebibyte));
+      EXPECT_LE(proxy->pipe->to_upstream.size(), mebibyte);
+      EXPECT_TRUE(ask(*proxy).stays_open);
+      EXPECT_EQ(proxy->pipe->to_upstream.size(), 0u);
+    }
+    EXPECT_LT(static_cast<int64_t>(bytes_in_use()) - before, static_cast<int64_t>(mebibyte));
+    start_over();
   }
-  EXPECT_LT(static_cast<int64_t>(bytes_in_use()) - before, static_cast<int64_t>(mebibyte));
 }

@@ -6,14 +6,11 @@ import subprocess
 
 import pytest
 
-from answers import NOT_FOUND, echo_page
+from answers import echo_page
 from example_process import example
 from mivo_process import PROGRAM, Mivo, ReservedPort
 from websocket_frames import frame, server_frame, upgrade
-from wire import header, reply, request, until
-
-CHUNKED = request("up", "/", "POST", ["Transfer-Encoding: chunked"])
-CHUNKS = b"5\r\nhello\r\n0\r\n\r\n"
+from wire import header, request, until
 
 
 class Relay:
@@ -56,28 +53,6 @@ def has_something(wire):
         return False
     finally:
         wire.sock.settimeout(15)
-
-
-# Request bodies in chunks
-
-
-def test_chunked_body_in_one_piece_with_its_head__reaches_the_upstream(relay):
-    relay.client.send(CHUNKED + CHUNKS)
-    at_upstream = relay.upstream.accept()
-    at_upstream.read_head()
-    assert at_upstream.read(len(CHUNKS)) == CHUNKS
-    at_upstream.send(reply(b"thanks"))
-    assert relay.client.read_reply()[1] == b"thanks"
-
-
-def test_chunked_body_behind_its_head__is_taken_for_another_request(relay):
-    relay.client.send(CHUNKED)
-    at_upstream = relay.upstream.accept()
-    at_upstream.read_head()
-    relay.client.send(CHUNKS)
-    assert relay.client.read(len(NOT_FOUND)) == NOT_FOUND
-    assert not has_something(at_upstream)
-    assert len(relay.mivo.requests()) == 2 + len(relay.mivo.lines(r"\[echo\].*"))
 
 
 # WebSocket through the proxy
