@@ -7,15 +7,24 @@
  * where many servers are lenient. A malformed body has no end: every further byte belongs to it. The rules:
  *
  * (1) A size is one or more hexadecimal digits, in either letter case, below 2^63. Leading zeros are allowed.
- * No sign, no "0x", no blank before it. A larger size overflows in some readers (section 7.1). (2) Blanks
- * after the size are allowed only in front of a ";", where the grammar has them (section 7.1.1). (3) An
- * extension, from its ";" to the end of the line, is not looked at, but no control character other than a tab
- * is allowed in it (section 7.1.1). (4) A line ends with CR LF. A bare CR or LF ends no line and is allowed
- * nowhere but in a chunk (section 2.2). (5) After the bytes of a chunk comes CR LF and nothing else
- * (section 7.1). (6) A chunk of size 0 is the last. Trailer lines follow, then an empty line, which ends the
- * body. A trailer line is a token, directly followed by ":", and text under rule 3. It is not continued on
- * the next line (sections 5.1, 5.2 and 7.1.2). (7) A line of a size or a trailer has at most 8,192 bytes in
- * front of its CR LF: some readers cut longer ones in two. There may be any number of trailer lines. */
+ *     No sign, no "0x", no blank before it. A larger size overflows in some readers (section 7.1).
+ *
+ * (2) Blanks after the size are allowed only in front of a ";", where the grammar has them (section 7.1.1).
+ *
+ * (3) An extension, from its ";" to the end of the line, is not looked at, but no control character other
+ * than a tab is allowed in it (section 7.1.1).
+ *
+ * (4) A line ends with CR LF. A bare CR or LF ends no line and is allowed nowhere but in a chunk (section
+ *     2.2).
+ *
+ * (5) After the bytes of a chunk comes CR LF and nothing else (section 7.1).
+ *
+ * (6) A chunk of size 0 is the last. Trailer lines follow, then an empty line, which ends the body. A trailer
+ *     line is a token, directly followed by ":", and text under rule 3. It is not continued on the next line
+ *     (sections 5.1, 5.2 and 7.1.2).
+ *
+ * (7) A line of a size or a trailer has at most 8,192 bytes in front of its CR LF: some readers cut longer
+ * ones in two. There may be any number of trailer lines. */
 #pragma once
 
 #include <cstddef>

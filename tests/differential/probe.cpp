@@ -13,6 +13,8 @@
 #include "base/split_url.h"
 #include "base/text.h"
 #include "base/var.h"
+#include "http/body_end.h"
+#include "http/chunked_body.h"
 #include "http/http_connection.h"
 #include "proxy/http_proxy.h"
 
@@ -113,7 +115,31 @@ std::string play_request(const arguments& words) {
   return "left " + to_hex(c.head) + " " + to_hex(c.content) + " " + std::to_string(c.upgraded) + c.report;
 }
 
+// The arguments are pieces of a body. How it ends, and behind how many bytes.
+std::string parse_chunks(const arguments& words) {
+  chunked_body body;
+  size_t used = 0;
+  for (const std::string& word : words) {
+    const std::string piece = from_hex(word);
+    used += body.parse(piece.data(), piece.size());
+  }
+  const char* const state = body.has_ended() ? "ended " : body.is_malformed() ? "malformed " : "open ";
+  return state + std::to_string(used);
+}
+
+std::string end_of_body(const std::string& head) {
+  switch (find_body_end(head)) {
+    case body_end::by_length:
+      return "by_length";
+    case body_end::by_last_chunk:
+      return "by_last_chunk";
+    default:
+      return "unknown";
+  }
+}
+
 std::string run(const std::string& name, const arguments& words) {
+  if (name == "chunks") return parse_chunks(words);
   if (name == "json") return print_value(words);
   if (name == "request") return play_request(words);
   if (name == "num") return base::num(strtod(words[0].c_str(), nullptr));
@@ -123,6 +149,7 @@ std::string run(const std::string& name, const arguments& words) {
   if (name == "escape") return to_hex(base::escape(bytes, true)) + " " + to_hex(base::escape(bytes, false));
   if (name == "idn") return to_hex(split_url::utf8_to_idn(bytes));
   if (name == "header") return to_hex(http_connection::get_header(bytes, from_hex(words[1])));
+  if (name == "body_end") return end_of_body(bytes);
   if (name == "copy_headers") return to_hex(http_proxy::copy_headers(bytes));
   return "unknown";
 }

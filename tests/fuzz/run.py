@@ -24,6 +24,7 @@ BUILD = HERE.parents[1] / "build" / "fuzz"
 
 # The longest input of each fuzzer, in bytes.
 LONGEST = {
+    "chunked": 600,
     "conversation": 1500,
     "copy_headers": 512,
     "get_header": 512,
