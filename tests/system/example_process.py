@@ -26,12 +26,17 @@ def example(name):
     return str(EXAMPLES / name)
 
 
-def every_build(name):
-    """A fixture `program`, which has each test of a file run an example as users build it, and with the
-    sanitizers."""
+def builds(name):
+    """The programs of an example, by the names of the builds: as users build it, and with the sanitizers."""
     folders = {"release": EXAMPLES, "sanitized": BUILD / "examples", "threads": REPOSITORY / "build/tsan/examples"}
     found = {build: str(folder / name) for build, folder in folders.items() if (folder / name).exists()}
     assert found, f"{name} is not built"
+    return found
+
+
+def every_build(name):
+    """A fixture `program`, which has each test of a file run every build of an example."""
+    found = builds(name)
 
     @pytest.fixture(params=found)
     def program(request):
