@@ -12,7 +12,7 @@
  * (2) Blanks after the size are allowed only in front of a ";", where the grammar has them (section 7.1.1).
  *
  * (3) An extension, from its ";" to the end of the line, is not looked at, but no control character other
- * than a tab is allowed in it (section 7.1.1).
+ *     than a tab is allowed in it (section 7.1.1).
  *
  * (4) A line ends with CR LF. A bare CR or LF ends no line and is allowed nowhere but in a chunk (section
  *     2.2).
@@ -24,7 +24,7 @@
  *     (sections 5.1, 5.2 and 7.1.2).
  *
  * (7) A line of a size or a trailer has at most 8,192 bytes in front of its CR LF: some readers cut longer
- * ones in two. There may be any number of trailer lines. */
+ *     ones in two. There may be any number of trailer lines. */
 #pragma once
 
 #include <cstddef>
