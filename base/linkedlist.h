@@ -53,6 +53,9 @@ struct linkedlist {
     tail = n;
   }
 
+  /* The first element; T() when there is none. */
+  T front() const { return head->next ? head->next->value : T(); }
+
   /* Removes the first element and returns it; T() when there is none. */
   T pop() {
     node* first = head->next;

@@ -88,6 +88,19 @@ TEST_F(linkedlist_of_letters, push_appends_at_the_tail) {
   EXPECT_EQ(list.tail->next, nullptr);
 }
 
+TEST_F(linkedlist_of_letters, front_is_the_first_element_and_stays) {
+  EXPECT_EQ(list.front(), '\0');
+  push("xyz");
+  EXPECT_EQ(list.front(), 'x');
+  EXPECT_EQ(content(), "xyz");
+  list.pop();
+  EXPECT_EQ(list.front(), 'y');
+  pass("y");
+  EXPECT_EQ(list.front(), 'z');
+  list.pop();
+  EXPECT_EQ(list.front(), '\0');
+}
+
 TEST_F(linkedlist_of_letters, pop_takes_the_first_element) {
   push("xyz");
   EXPECT_EQ(list.pop(), 'x');
