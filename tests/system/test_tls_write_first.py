@@ -5,8 +5,11 @@ The system's buffers are made small, so that little fills them; that needs a net
 """
 
 import contextlib
+import fcntl
 import hashlib
 import ssl
+import struct
+import termios
 import threading
 import time
 
@@ -66,11 +69,17 @@ def test_answers_to_key_updates_fill_the_buffers__session_waits_without_spinning
 
 
 def start_download(service, folder, version):
-    """With the buffers full, and more to come."""
+    """With the buffers full, and more to come: the reply has begun, and mivo is at rest."""
     client = RecordClient(service, folder, version)
     client.send(request("node", f"/repeat/{LENGTH}"))
-    time.sleep(0.5)
+    until(lambda: unread(client.wire) > 20000, "the reply has begun")
+    service.mivo.expect_idle()
     return client
+
+
+def unread(wire):
+    """The bytes that the system holds for it."""
+    return struct.unpack("i", fcntl.ioctl(wire.sock, termios.FIONREAD, bytes(4)))[0]
 
 
 def test_key_update_during_a_download_that_is_not_read__goes_on_exactly(service, folder, site):
