@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "net/name_memory.h"
@@ -160,13 +161,14 @@ bool is_connected_to_itself(int sock, const addrinfo& address) {
   return own.sin_port == peer->sin_port && own.sin_addr.s_addr == peer->sin_addr.s_addr;
 }
 
-// connect() for an IPv4 address. A connection to itself is undone, which frees the port for a server, and
-// counts as refused.
+// connect(), for which a connection to itself counts as refused. It is undone, which frees the port for a
+// server. A socket that does not block may be connected to itself before it knows that it is connected.
 bool connect_socket(int sock, const addrinfo& address) {
-  if (::connect(sock, address.ai_addr, address.ai_addrlen) != 0) return false;
-  if (!is_connected_to_itself(sock, address)) return true;
+  const bool is_connected = ::connect(sock, address.ai_addr, address.ai_addrlen) == 0;
+  if (!is_connected && errno != EINPROGRESS) return false;
+  if (!is_connected_to_itself(sock, address)) return is_connected;
   const sockaddr nowhere = {AF_UNSPEC, {}};
-  ::connect(sock, &nowhere, sizeof(nowhere));
+  static_cast<void>(::connect(sock, &nowhere, sizeof(nowhere)));
   return false;
 }
 
