@@ -54,7 +54,10 @@ struct linkedlist {
   }
 
   /* The first element; T() when there is none. */
-  T front() const { return head->next ? head->next->value : T(); }
+  T front() const {
+    if (!head->next) return T();
+    return head->next->value;
+  }
 
   /* Removes the first element and returns it; T() when there is none. */
   T pop() {

@@ -61,7 +61,8 @@ std::string split_url::utf8_to_idn(const std::string& host) {
   std::string out;
   for (size_t start = 0;;) {
     const size_t dot = host.find('.', start);
-    append_label(out, host.substr(start, dot - start).c_str());  // c_str(): up to the first zero byte
+    const std::string label = host.substr(start, dot - start);
+    append_label(out, label.substr(0, label.find('\0')));
     if (dot == std::string::npos) return out;
     out += '.';
     start = dot + 1;

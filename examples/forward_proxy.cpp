@@ -46,7 +46,8 @@ struct filtering_proxy : http_proxy {
    * connections and a copy. The one that comes over a connection of our own is the first that is refused. */
   void on_headers() override {
     if (!is_own_upstream()) return http_proxy::on_headers();
-    http_connection::on_headers();
+    begin_body();
+    printf("%s\n", info(true).c_str());
     answer("HTTP/1.1 508 Loop Detected\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n");
   }
 

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -86,18 +87,16 @@ connection_memory::row* connection_memory::add_row(size_t size) {
 
 void connection_memory::give_back(void* object) noexcept {
   auto* place = static_cast<char*>(object);
-  for (row& r : rows_) {
-    if (!r.holds(place)) continue;
-    wipe(place, r.size);
-    HIDE_FROM_USE(place, r.size);
-    r.free_slots |= 1U << r.slot_of(place);
-    spare_++;
-    if (r.free_slots == all_free && spare_ >= most_spare + slots && unmap(r)) {
-      spare_ -= slots;
-      r = rows_.back();
-      rows_.pop_back();
-    }
-    return;
+  const auto r = std::find_if(rows_.begin(), rows_.end(), [=](const row& some) { return some.holds(place); });
+  if (r == rows_.end()) return;
+  wipe(place, r->size);
+  HIDE_FROM_USE(place, r->size);
+  r->free_slots |= 1U << r->slot_of(place);
+  spare_++;
+  if (r->free_slots == all_free && spare_ >= most_spare + slots && unmap(*r)) {
+    spare_ -= slots;
+    *r = rows_.back();
+    rows_.pop_back();
   }
 }
 
