@@ -1,5 +1,6 @@
 // Whole conversations: clients and upstreams that send, read slowly, close, reset and wait, calls that fail
-// and a clock that jumps, against the servers of the program on a network in memory.
+// and a clock that jumps, against the servers of the program, those of the examples and one whose hooks
+// throw, on a network in memory.
 //
 // Input: a byte of flags, then operations, each a character with its operands behind it; see step(). Operands
 // that choose something count from '0'. Rules, after every turn: no set holds a closed descriptor, every open
@@ -8,12 +9,17 @@
 // servers, and nothing is missing; when the clients have gone, nothing is left; and after stop() no
 // descriptor is open and no set holds any.
 
+#include <filesystem>
+
 #include "main/https.h"
 #include "net/server.h"
 #include "net/sockets.h"
 #include "proxy/reverse_proxy.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/network.h"
+#include "tests/fuzz/programs.h"
+#include "tests/fuzz/tls_stub.h"
+#include "tls/ssl_server.h"
 
 using fuzz::expect;
 using network::net;
@@ -21,7 +27,22 @@ using network::stream;
 
 namespace {
 
-enum ports { relay_port = 80, forward_port = 81, redirect_port = 82, chat_port = 83 };
+enum ports {
+  relay_port = 80,
+  forward_port = 81,
+  redirect_port = 82,
+  chat_port = 83,
+  tls_port = 84,
+  filter_port = 85,
+  files_port = 86,
+  throwing_port = 87,
+};
+constexpr int port_count = 8;
+
+// Whether upstreams may speak to the clients of this port. What the others send and get is not judged.
+bool is_proxy(int port) {
+  return port != chat_port && port != files_port && port != throwing_port;
+}
 
 constexpr int most_streams = 40;
 constexpr int turns_to_rest = 400;  // far more than any conversation of this size needs
@@ -33,16 +54,29 @@ char stamp(const stream& upstream, int64_t position) {
   return static_cast<char>(0x80 | (upstream.number & 7) << 4 | (position & 15));
 }
 
-// A connection of a program on the library: it is in a channel, and passes every message on to all others.
-struct chatter : http_connection {
-  void on_upgrade() override { subscribe("room"); }
-  void on_message() override { publish("room", message, text_frame); }
-};
+// The folder of the file server: it stays, with the same files for each conversation. Bigger than an output
+// buffer is one of them, and one has no bytes.
+void make_files() {
+  char folder[] = "/tmp/mivo_fuzz_XXXXXX";
+  root() = mkdtemp(folder);
+  atexit([] { std::filesystem::remove_all(root()); });
+  const struct {
+    const char* name;
+    size_t size;
+  } files[] = {{"index.html", 5}, {"empty", 0}, {"big", big_reply}};
+  for (const auto& file : files) {
+    FILE* out = fopen((root() + "/" + file.name).c_str(), "wb");
+    const std::string bytes(file.size, 'f');
+    fwrite(bytes.data(), 1, bytes.size(), out);
+    fclose(out);
+  }
+}
 
 class conversation {
  public:
   explicit conversation(fuzz::input& in) : in_(in) {
     http_proxy::g_server() = &relay_;
+    tls_.ctx = tls_stub::context();
     for (server_base* s : servers_) s->start();
   }
 
@@ -65,8 +99,13 @@ class conversation {
   server<reverse_proxy> relay_{relay_port};
   server<http_proxy> forward_{forward_port};
   redirect_server<reverse_proxy> redirect_{redirect_port};
-  server<chatter> chat_{chat_port};
-  server_base* servers_[4] = {&relay_, &forward_, &redirect_, &chat_};
+  server<chat_connection> chat_{chat_port};
+  ssl_server<reverse_proxy> tls_{tls_port, "no key", "no certificate"};
+  server<filtering_proxy> filter_{filter_port};
+  server<file_connection> files_{files_port};
+  throwing_server throwing_{throwing_port};
+  server_base* servers_[port_count] = {&relay_, &forward_, &redirect_, &chat_,
+                                       &tls_,   &filter_,  &files_,    &throwing_};
   std::vector<size_t> parsed_;     // of each stream's received bytes, how many are checked
   std::vector<size_t> body_;       // of each upstream, which of its client's bodies it is getting
   std::vector<int> source_;        // of each client, the upstream whose bytes it is getting
@@ -94,8 +133,10 @@ class conversation {
     const char operation = static_cast<char>(in_.byte());
     switch (operation) {
       case 'n': {
-        const int port = relay_port + choice(4);
-        if (net().streams.size() < most_streams) network::add_client(port);
+        const int port = relay_port + choice(port_count);
+        if (net().streams.size() >= most_streams) break;
+        const int client = network::add_client(port);
+        if (port == tls_port) upstream(client).is_disturbed = true;  // its session may die at any byte
         break;
       }
       case 'c':
@@ -163,7 +204,7 @@ class conversation {
   // Bytes that no stamped one can be taken for, except where there are no upstreams.
   static void say(stream* s, std::string text) {
     if (s->has_ended || s->is_reset) return;
-    if (s->port != chat_port || s->is_upstream) {
+    if (is_proxy(s->port) || s->is_upstream) {
       for (char& c : text) c = static_cast<char>(c & 0x7F);
     }
     s->inbox += text;
@@ -236,8 +277,9 @@ class conversation {
       if (s.is_upstream) {
         check_tunnel(s);
         check_bodies(i);
-      } else if (s.port != chat_port)
+      } else if (is_proxy(s.port)) {
         check_relay(static_cast<int>(i));
+      }
       if (s.is_closed && !s.is_upstream) check_delivery(static_cast<int>(i));
     }
   }
@@ -337,6 +379,9 @@ class conversation {
   void check_delivery(int client) {
     const stream& s = upstream(client);
     if (s.is_disturbed || net().is_disturbed || s.last_upstream == network::none) return;
+    // A host that can be none is refused without a look-up, by which the network would know that the client
+    // has let go of its upstream.
+    if (s.received.find("Unable to connect") != s.received.npos) return;
     const auto at = static_cast<size_t>(client);
     const bool is_current = source_[at] == s.last_upstream;
     const int64_t taken = upstream(s.last_upstream).stamped_taken;
@@ -360,7 +405,7 @@ class conversation {
     for (int turns = 0, quiet = 0; quiet < 2; turns++) {
       expect(turns < turns_to_rest, "the servers come to rest");
       turn();
-      quiet = net().ready == 0 ? quiet + 1 : 0;
+      quiet = sockets::num_ready() == 0 ? quiet + 1 : 0;
     }
   }
 
@@ -400,6 +445,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     reverse_proxy::hosts().set("b", 8002);
     reverse_proxy::hosts().set("e", reverse_proxy::echo_port);
     redirector::ssl_port() = 8443;
+    tls_stub::install();
+    blocked().set("blocked", 1);
+    make_files();
     return true;
   }();
   fuzz::input in(data, size);
