@@ -3,11 +3,13 @@
  * A queue takes a block, owns it, and gives it back with the same size. Blocks of less than `full_size` bytes
  * are malloc's and return to it at once. Full-size blocks are kept for the next queue that needs one, until
  * the pool has `most_spare` of them. A download would otherwise return each block to the system and fault it
- * in again a turn later. Sizes are bytes.
+ * in again a turn later: 1.33 instead of 1.14 ms of processor time for a reply of 1 MiB with 16 clients (wrk,
+ * release build, two busy cores of a virtual machine, medians of 5 rounds in turns). Sizes are bytes.
  *
  * Memory that malloc has back may still stay with the process: one block in use near the end of the heap
- * keeps everything before it. So after a long queue the pool has malloc return its free memory to the system.
- * It waits until the queues are short again. A mapping for each block would do without, but it costs 16 page
+ * keeps everything before it. So after a long queue the pool has malloc return its free memory to the system:
+ * 8 MiB stay resident after 400 MiB were queued, and 136 without (tests/system/test_hostile_upstreams.py). It
+ * waits until the queues are short again. A mapping for each block would do without, but it costs 16 page
  * faults for each block of a download that runs ahead.
  *
  * Between calls: (1) 0 <= spare() <= most_spare, and no queue uses a spare block; (2) in_use() is the number

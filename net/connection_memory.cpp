@@ -100,11 +100,12 @@ void connection_memory::give_back(void* object) noexcept {
   }
 }
 
-// Makes an ended object all zero again. The pages that it shares with its neighbours, and the one behind the
-// output buffer, are kept, for the next object will touch them; what lies between is zero once it is faulted
-// in again.
+// Makes an ended object all zero again. The pages of its fields, at both ends, are cleared and kept, because
+// the next object touches them. What lies between is zero once it is faulted in again. An object that begins
+// with a page keeps that one, too: 170 us of processor time for a connection with one request, and 187
+// without (ab -c 1, and 62 against 74 with -c 64).
 void connection_memory::wipe(char* object, size_t size) const {
-  char* middle = page_of(object + page_ - 1);
+  char* middle = page_of(object) + page_;
   char* tail = page_of(object + connection::out_capacity);
   const auto between = static_cast<size_t>(tail - middle);
   memset(object, 0, static_cast<size_t>(middle - object));

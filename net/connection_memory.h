@@ -8,6 +8,11 @@
  * the system. Some free slots wait for the next connections, which saves the page faults that dominate the
  * cost of short ones.
  *
+ * Processor time for a connection with one request, ab with 64 at once and one after the other: 63 and 175
+ * us; with rows of one object 89 and 198; without slots that wait 72 and 228 (release build, two busy cores
+ * of a virtual machine, medians of 5 rounds in turns). An idle client takes 5.0 KiB of resident memory (RSS);
+ * with its object on pages of its own it took 8.0 (bench/run, "idle client").
+ *
  * A slot is free or taken: take() hands it over to the caller, who gives it back by give_back(). A row is
  * memory for eight objects of one size; its slots wait for objects of that size only.
  *
