@@ -250,7 +250,7 @@ TEST_P(pages_test, end_of_the_memory_unmaps_every_row) {
   const int before = calls("mmap") - calls("munmap");
   {
     connection_memory other;
-    for (size_t extra : {1, 2, 3}) other.give_back(other.take(smallest + 64 * extra));
+    for (size_t extra : {size_t{1}, size_t{2}, size_t{3}}) other.give_back(other.take(smallest + 64 * extra));
     EXPECT_EQ(calls("mmap") - calls("munmap"), before + 3);
   }
   EXPECT_EQ(calls("mmap") - calls("munmap"), before);
