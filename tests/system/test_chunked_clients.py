@@ -1,14 +1,21 @@
 """Real clients that send bodies in chunks, to real servers behind mivo, over HTTP and over HTTPS."""
 
+import gzip
 import hashlib
 import http.client
+import io
+import json
+import os
 import random
 import ssl
 import subprocess
+import tarfile
+import tempfile
 
 import pytest
 
-from clients import ENVIRONMENT, PATIENCE, curl, run
+from clients import ENVIRONMENT, PATIENCE, curl
+from repositories import Apache, Registry, run
 from upstreams import HERE, end
 
 pytest_plugins = ["tls_service"]
@@ -102,4 +109,98 @@ def test_python_client_on_one_connection__each_request_gets_its_own_reply(place)
 
 def test_fetch_of_node_streams_bodies__each_request_gets_its_own_reply(place):
     trust = ["env", f"NODE_EXTRA_CA_CERTS={place.root}"] if place.root else []
-    assert run(*trust, "node", HERE / "stream_bodies.js", "40", place.url) == "ok\n"
+    assert run(*trust, "node", HERE / "stream_bodies.js", "40", place.url) == b"ok\n"
+
+
+# Git, Subversion and a registry of images, whose clients send in chunks what is large
+
+
+@pytest.fixture(scope="module")
+def apache():
+    with tempfile.TemporaryDirectory(prefix="mivo_apache_") as path:
+        os.chmod(path, 0o755)
+        server = Apache(path)
+        yield server
+        server.close()
+
+
+@pytest.fixture(scope="module")
+def registry(tmp_path_factory):
+    server = Registry(tmp_path_factory.mktemp("registry"))
+    yield server
+    server.close()
+
+
+def large_file(path, mebibytes, seed):
+    """A file that cannot be compressed, another one for each seed."""
+    path.write_bytes(random.Random(str(seed)).randbytes(mebibytes * MIB))
+    return path
+
+
+def test_git_push_of_30_mb__is_in_the_repository(put_before, apache, tmp_path):
+    place = put_before(apache.port)
+    scheme = place.url.split(":")[0]
+    # It cannot be compressed, so nobody is to try.
+    git = ["git", "-C", tmp_path, "-c", "core.compression=0", "-c", "user.name=nobody", "-c", "user.email=nobody"]
+    if place.root:
+        git += ["-c", f"http.sslCAInfo={place.root}"]
+    run(*git, "init", "--quiet", "--initial-branch", scheme)
+    sent = large_file(tmp_path / "large", 30, place.url)
+    run(*git, "add", "large")
+    run(*git, "commit", "--quiet", "--message", "A large file")
+    run(*git, "push", "--quiet", place.url + "/git/project.git", scheme)
+    assert run("git", "-c", "safe.directory=*", "--git-dir", apache.git, "show", f"{scheme}:large") == sent.read_bytes()
+
+
+def test_subversion_commit_of_20_mb__is_in_the_repository(put_before, apache, tmp_path):
+    place = put_before(apache.port)
+    options = ["--non-interactive", "--config-dir", tmp_path / "settings"]
+    if place.root:
+        options += ["--config-option", f"servers:global:ssl-authority-files={place.root}"]
+    sent = large_file(tmp_path / "sent", 20, place.url)
+    name = place.url.split(":")[0]
+    run("svn", "import", "--quiet", *options, "--message", "A large file", sent, f"{place.url}/svn/{name}")
+    assert run("svnlook", "cat", apache.svn, name) == sent.read_bytes()
+
+
+# Over HTTPS alone: over HTTP, skopeo tries HTTPS first, and waits until it is timed out. It sends in chunks
+# because it compresses the image on its way, so its length is not known.
+@pytest.mark.parametrize("put_before", ["https"], indirect=True)
+def test_image_is_copied_to_a_registry__is_there_when_it_is_copied_back(put_before, registry, tmp_path):
+    place = put_before(registry.port)
+    layer = make_image(tmp_path / "image", random.Random(place.url).randbytes(20 * MIB))
+    (tmp_path / "trust").mkdir()
+    (tmp_path / "trust/ca.crt").write_bytes(place.root.read_bytes())
+    remote = "docker://" + place.url.split("//")[1] + "/image:1"
+    command = ["skopeo", "--insecure-policy", "copy", "--quiet"]
+    run(*command, "--dest-cert-dir", tmp_path / "trust", f"oci:{tmp_path}/image:1", remote)
+    run(*command, "--src-cert-dir", tmp_path / "trust", remote, f"oci:{tmp_path}/back:1")
+    back = max((tmp_path / "back/blobs/sha256").iterdir(), key=lambda path: path.stat().st_size)
+    assert gzip.decompress(back.read_bytes()) == layer
+
+
+def make_image(folder, content):
+    """An image in the layout of the Open Container Initiative, with one file. Returns its only layer."""
+    (folder / "blobs/sha256").mkdir(parents=True)
+
+    def add(data, kind):
+        name = hashlib.sha256(data).hexdigest()
+        (folder / "blobs/sha256" / name).write_bytes(data)
+        return {"mediaType": f"application/vnd.oci.image.{kind}", "digest": f"sha256:{name}", "size": len(data)}
+
+    def add_json(value, kind):
+        return add(json.dumps(value).encode(), kind)
+
+    archive = io.BytesIO()
+    with tarfile.open(fileobj=archive, mode="w") as tar:
+        entry = tarfile.TarInfo("large")
+        entry.size = len(content)
+        tar.addfile(entry, io.BytesIO(content))
+    layer = add(archive.getvalue(), "layer.v1.tar")
+    settings = add_json({"architecture": "amd64", "os": "linux", "config": {},
+                         "rootfs": {"type": "layers", "diff_ids": [layer["digest"]]}}, "config.v1+json")
+    manifest = add_json({"schemaVersion": 2, "config": settings, "layers": [layer]}, "manifest.v1+json")
+    manifest["annotations"] = {"org.opencontainers.image.ref.name": "1"}
+    (folder / "index.json").write_text(json.dumps({"schemaVersion": 2, "manifests": [manifest]}))
+    (folder / "oci-layout").write_text('{"imageLayoutVersion": "1.0.0"}')
+    return archive.getvalue()
