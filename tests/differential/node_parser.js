@@ -15,7 +15,8 @@ function endOf(bytes) {
   server.removeAllListeners();
   server.on("request", (r) => (request = r));
   server.on("clientError", () => (refused = true));
-  for (const event of ["upgrade", "connect", "checkContinue", "checkExpectation"]) server.on(event, () => (refused = true));
+  for (const event of ["upgrade", "connect", "checkContinue", "checkExpectation"])
+    server.on(event, () => (refused = true));
   const socket = new Duplex({ read() {}, write(chunk, encoding, done) { done(); } });
   http._connectionListener.call(server, socket);
   for (let i = 0; i < bytes.length; i++) {

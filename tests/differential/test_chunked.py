@@ -127,10 +127,10 @@ def test_node_finds_the_same_end_or_refuses():
     assert agreed > NODE_CASES / 10
 
 
-NAMES = [b"Transfer-Encoding:", b"transfer-encoding: ", b"TRANSFER-ENCODING:\t", b"Transfer-Encoding :", b"X-Transfer-Encoding:",
-         b"Transfer-Encoding-X:", b" Transfer-Encoding:", b"Transfer-Encoding"]
-VALUES = [b"chunked", b"Chunked", b"gzip, chunked", b"gzip", b"identity", b"chunked, gzip", b"xchunked", b"chunked ", b"", b",",
-          b"chunked, chunked", b"chunked,", b"chunked;a=b", b'"chunked"', b"chunked\x0b", b"\x0bchunked"]
+NAMES = [b"Transfer-Encoding:", b"transfer-encoding: ", b"TRANSFER-ENCODING:\t", b"Transfer-Encoding :",
+         b"X-Transfer-Encoding:", b"Transfer-Encoding-X:", b" Transfer-Encoding:", b"Transfer-Encoding"]
+VALUES = [b"chunked", b"Chunked", b"gzip, chunked", b"gzip", b"identity", b"chunked, gzip", b"xchunked", b"chunked ",
+          b"", b",", b"chunked, chunked", b"chunked,", b"chunked;a=b", b'"chunked"', b"chunked\x0b", b"\x0bchunked"]
 OTHERS = [b"X: y", b"a", b"Connection: x", b" folded", b"X: y\nZ: z", b"X: y\rZ: z", b"X: Transfer-Encoding: chunked"]
 
 
