@@ -43,7 +43,7 @@ class HAProxy(Server):
 
 
 class NginxFront(Server):
-    """Up to 8 connections to mivo are kept; a body is passed on while it comes in."""
+    """Up to 8 connections to mivo are kept. A body is passed on while it comes in."""
 
     CONFIGURATION = """
         daemon off;
@@ -67,20 +67,28 @@ class NginxFront(Server):
               proxy_http_version 1.1;
               proxy_set_header Connection "";
               proxy_set_header Host $http_host;
-              proxy_request_buffering off;
+              proxy_request_buffering {buffering};
             }}
           }}
           {filter}
         }}
         """
+    BUFFERING = "off"
     FILTER = "server {{ listen 127.0.0.1:{port} default_server; return 404; }}"
 
     def __init__(self, folder, mivo_port, is_open=False):
         super().__init__(folder)
         path = self.folder / "nginx.conf"
         others = "" if is_open else self.FILTER.format(port=self.port)
-        path.write_text(self.CONFIGURATION.format(folder=self.folder, port=self.port, mivo=mivo_port, filter=others))
+        path.write_text(self.CONFIGURATION.format(folder=self.folder, port=self.port, mivo=mivo_port, filter=others,
+                                                  buffering=self.BUFFERING))
         self.start("nginx", "-p", self.folder, "-e", self.folder / "errors", "-c", path)
+
+
+class BufferingNginxFront(NginxFront):
+    """A body is passed on when it is complete, with its length."""
+
+    BUFFERING = "on"
 
 
 class Crowd:

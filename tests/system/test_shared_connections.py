@@ -4,12 +4,13 @@ import subprocess
 
 import pytest
 
-from fronts import Crowd, HAProxy, NginxFront
+from fronts import BufferingNginxFront, Crowd, HAProxy, NginxFront
 from upstreams import HERE, end
 
 BODIES = ("none", "length", "chunks")
 RELAYED = [(body, host) for body in BODIES for host in ("a", "b")]
 ANSWERED_HERE = [("none", "unknown"), ("none", "echo")]
+FRONTS = [HAProxy, NginxFront, BufferingNginxFront]
 ANSWERED_IN_FRONT = [(body, "unknown") for body in BODIES]
 
 
@@ -38,13 +39,13 @@ def expect_own_answers(front, mivo, kinds):
     assert len({line.split()[1] for line in lines}) <= 8
 
 
-@pytest.mark.parametrize("front_class", [HAProxy, NginxFront])
+@pytest.mark.parametrize("front_class", FRONTS)
 def test_thousand_requests_of_eight_clients__each_gets_its_own_answer(start_mivo, hosts, folder, front_class):
     mivo = start_mivo(hosts)
     expect_own_answers(front_class(folder, mivo.port), mivo, RELAYED + ANSWERED_IN_FRONT)
 
 
-@pytest.mark.parametrize("front_class", [HAProxy, NginxFront])
+@pytest.mark.parametrize("front_class", FRONTS)
 def test_requests_without_a_body_are_answered_by_mivo__each_gets_its_own_answer(
         start_mivo, hosts, folder, front_class):
     mivo = start_mivo(hosts)
