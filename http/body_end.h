@@ -41,6 +41,6 @@ enum class body_end {
   unknown         // with the connection
 };
 
-/* Reads the head of a request. Allocates nothing, and looks at every 17th byte or so of a head that has no
+/* Reads the head of a request. Allocates nothing, and looks at one byte in eight or so of a head that has no
  * Transfer-Encoding. */
 body_end find_body_end(const std::string& head);
