@@ -13,7 +13,9 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <bitset>
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -45,7 +47,12 @@ struct filtering_proxy : http_proxy {
   /* A proxy that is asked to fetch from itself gets the request again, and again: each of them costs two
    * connections and a copy. The one that comes over a connection of our own is the first that is refused. */
   void on_headers() override {
-    if (!is_own_upstream()) return http_proxy::on_headers();
+    if (!is_from_ourselves()) {
+      const proxy_pipe* before = pipe;
+      http_proxy::on_headers();
+      if (pipe != before) note_upstream();
+      return;
+    }
     begin_body();
     printf("%s\n", info(true).c_str());
     answer("HTTP/1.1 508 Loop Detected\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n");
@@ -63,18 +70,28 @@ struct filtering_proxy : http_proxy {
     }
   }
 
+  ~filtering_proxy() override { own_ports()[port] = false; }
+
  private:
-  /* Whether the other end of this connection is an upstream connection of this program. */
-  bool is_own_upstream() const {
-    for (const auto* node = g_server()->connections.head->next; node; node = node->next) {
-      sockaddr_in local = {};
-      socklen_t length = sizeof(local);
-      if (node->value->server) continue;  // a client
-      if (getsockname(node->value->sock, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
-          ntohs(local.sin_port) == port && local.sin_addr.s_addr == ip)
-        return true;
-    }
-    return false;
+  /* The local ports of our connections to ourselves. Such a port is noted until the connection that was
+   * accepted from it ends. The upstream connection may end earlier: a client that asks and leaves at once
+   * ends it before the request comes back. */
+  static std::bitset<65536>& own_ports() {
+    static std::bitset<65536> ports;
+    return ports;
+  }
+
+  /* All clients are on this machine, where one port belongs to one of them at a time. */
+  bool is_from_ourselves() const { return own_ports()[port]; }
+
+  /* The resolver has taken the port modulo 65536. */
+  void note_upstream() const {
+    sockaddr_in local = {};
+    socklen_t length = sizeof(local);
+    if (static_cast<uint16_t>(upstream_port) != g_server()->port || pipe->upstream_sock == -1) return;
+    if (getsockname(pipe->upstream_sock, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
+        local.sin_addr.s_addr == htonl(INADDR_LOOPBACK))
+      own_ports()[ntohs(local.sin_port)] = true;
   }
 };
 
