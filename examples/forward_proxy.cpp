@@ -22,6 +22,7 @@
 
 #include "base/hashmap.h"
 #include "base/host_name.h"
+#include "base/split_url.h"
 #include "net/server.h"
 #include "net/sockets.h"
 #include "proxy/http_proxy.h"
@@ -102,7 +103,7 @@ int main(int argc, char** argv) {
     printf("USAGE: forward_proxy [port] [blocked host]...\n");
     return 1;
   }
-  for (int i = 2; i < argc; i++) blocked().set(usual_spelling(argv[i]), 1);
+  for (int i = 2; i < argc; i++) blocked().set(usual_spelling(split_url::utf8_to_idn(argv[i])), 1);
   sockets::raise_descriptor_limit();
   server<filtering_proxy> http(static_cast<int>(strtol(argv[1], nullptr, 10)), true);
   http_proxy::g_server() = &http;  // the upstream connections live in the same server
