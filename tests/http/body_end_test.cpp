@@ -139,6 +139,7 @@ TEST(body_end, continued_line_anywhere_makes_the_head_doubtful) {
   expect_end(body_end::unknown,
              {"Transfer-Encoding: chunked\r\n , identity", "Transfer-Encoding:\r\n chunked",
               "Transfer-Encoding: gzip,\r\n\tchunked", "X: y\r\n z\r\nTransfer-Encoding: chunked",
+              "Transfer-Encoding: chunked\r\n\t, identity", "X: y\r\n\tz\r\nTransfer-Encoding: chunked",
               // What is passed on of this one has the continuation directly behind the coding.
               "Transfer-Encoding: chunked\r\nConnection: x\r\n , identity"});
   expect_end(body_end::by_length, {"X: y\r\n z"});
@@ -150,7 +151,7 @@ TEST(body_end, only_http_1_1_has_transfer_codings) {
   for (const char* line :
        {"POST / HTTP/1.0", "POST / HTTP/1.2", "POST / HTTP/2", "POST / http/1.1", "POST / HTTP/1.1 ",
         "POST  / HTTP/1.1", "POST /  HTTP/1.1", "POST / x HTTP/1.1", "POST\t/ HTTP/1.1", "POST /", "POST",
-        " / HTTP/1.1", "POST  HTTP/1.1", "", " ", "  "})
+        "HTTP/1.1", " / HTTP/1.1", "POST  HTTP/1.1", "", " ", "  "})
     EXPECT_EQ(find_body_end(line + lines), body_end::unknown) << line;
 }
 
