@@ -30,6 +30,7 @@ struct connection {
   int out_pos = 0;                    // where they start
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
   uint8_t fruitless = 0;              // turns in a row in which the socket was ready and moved nothing
+  uint8_t unexplained = 0;            // the last of them, in a row, that did not ask to wait either
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
 

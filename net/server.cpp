@@ -199,7 +199,7 @@ void server_base::read_from(connection* conn, int64_t now) {
   else if (bytes == 0)
     note_fruitless_turn(conn, reading, asks_to_wait(cause), now);
   else
-    conn->fruitless = 0;
+    conn->fruitless = conn->unexplained = 0;
   if (n > 0 && !asks_to_wait(cause)) sockets::mark_unread(conn->sock);
 }
 
@@ -216,8 +216,8 @@ void server_base::write_to(connection* conn, int64_t now) {
   if (!conn->keep && conn->out_len == 0)
     unlink_and_end(conn);
   else if (conn->out_len < before)
-    conn->fruitless = 0;
-  else if (conn->out_len > 0)
+    conn->fruitless = conn->unexplained = 0;
+  else if (conn->out_len != 0)
     note_fruitless_turn(conn, writing, is_waiting, now);
 }
 
@@ -229,10 +229,16 @@ int server_base::send_pending(connection* conn) {
 // The socket was ready, and nothing moved; see the rules in the header.
 void server_base::note_fruitless_turn(connection* conn, directions direction, bool is_waiting, int64_t now) {
   if (conn->fruitless < most_fruitless_turns) conn->fruitless++;
-  if (conn->fruitless < most_fruitless_turns) return;
-  if (!is_waiting) {
+  if (is_waiting)
+    conn->unexplained = 0;
+  else if (conn->unexplained < most_fruitless_turns)
+    conn->unexplained++;
+
+  if (conn->unexplained == most_fruitless_turns) {
     conn->timeout = 0;
     conn->last_active = static_cast<int32_t>(now - 2);  // even if the clock steps back by a second until then
+  } else if (!is_waiting || conn->fruitless < most_fruitless_turns) {
+    return;
   } else if (direction == reading) {
     sockets::rest_reading(conn->sock);
     sockets::mark_ready(conn->sock);  // ends the wait when the session can write what it has to
@@ -277,11 +283,11 @@ void server_base::report(int64_t now) {
   last_report = now;
 }
 
-// The pass skips the connection after this one. What it has to say must not wait until something else
-// happens.
+// The pass skips the connection after this one. What it has to say, or has not read, must not wait until
+// something else happens.
 void server_base::unlink_and_end(connection* conn) {
   connections.remove();
-  if (connections.resume) sockets::mark_ready(connections.resume->value->sock);
+  if (connections.resume) sockets::mark_passed_over(connections.resume->value->sock);
   end_connection(conn);
 }
 

@@ -12,9 +12,9 @@
  *     What is left is read in the next turn, which follows at once.
  * (2) When the socket is ready, the transport moves nothing and does not ask to wait, 64 turns in a row, the
  *     connection is dead: the time-out rule ends it in the next turn. A loop that waits for it would spin.
- * (3) When the transport does ask to wait, 64 turns in a row, the connection lives, but the loop would spin
- * as well: a TLS session may have to write before it can read, or the reverse. The direction that bears
- *     nothing is then left out of every other wait.
+ * (3) When it moves nothing 64 turns in a row, but asks to wait in the last one, the connection lives. The
+ *     loop would spin as well: a TLS session may have to write before it can read, or the reverse. So the
+ *     direction that bears nothing is left out of every other wait.
  * (4) A hook that throws ends its connection, which is printed, and harms no other. A std::string passes
  *     through: it is the text of a missing entry point of OpenSSL, which ends the run. */
 #pragma once

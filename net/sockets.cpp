@@ -30,6 +30,7 @@ struct {
   fd_set unread;        // readable without asking
   fd_set not_read;      // left out for reading,
   fd_set not_written;   // and for writing
+  fd_set granted;       // what `unread` was for the last wait
 } wishes;
 
 void wish(fd_set& set, int sock) {
@@ -39,6 +40,7 @@ void wish(fd_set& set, int sock) {
 }
 
 void forget_wishes() {
+  wishes.granted = wishes.unread;
   for (fd_set* set : {&wishes.unread, &wishes.not_read, &wishes.not_written}) FD_ZERO(set);
   wishes.is_any = false;
 }
@@ -106,6 +108,7 @@ void select_all() {
   *writable() = *ready();
   *errors() = *all();
   FD_ZERO(ready());
+  FD_ZERO(&wishes.granted);
   timeval wait = {0, wishes.is_any ? grant_wishes() : longest_wait_us};
   num_ready() = select(FD_SETSIZE, readable(), writable(), errors(), &wait);
   if (num_ready() < 0 && errno != EINTR) {
@@ -122,6 +125,11 @@ void select_all() {
 
 void mark_unread(int sock) {
   wish(wishes.unread, sock);
+}
+
+void mark_passed_over(int sock) {
+  mark_ready(sock);
+  if (has(&wishes.granted, sock)) mark_unread(sock);
 }
 
 void rest_reading(int sock) {
@@ -145,7 +153,7 @@ void close(int sock) {
   ::close(sock);
   if (!fits(sock)) return;
   for (fd_set* set : {all(), ready(), readable(), writable(), errors(), &wishes.unread, &wishes.not_read,
-                      &wishes.not_written}) {
+                      &wishes.not_written, &wishes.granted}) {
     FD_CLR(sock, set);
   }
 }

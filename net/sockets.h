@@ -19,13 +19,17 @@ fd_set* errors();    // and for exceptional conditions
 int& num_ready();    // what the last select() returned: -1 on failure, 0 on time-out
 
 /* One wait, of 100 ms at most, for any registered socket to become readable and any ready() one writable.
- * Called once a turn, before the servers' update(). Afterwards errno is as select() left it. What the three
+ * Called once a turn, before the servers' update(). Afterwards errno is as select() left it. What the four
  * functions below have asked for holds for this wait and no later one. */
 void select_all();
 
 /* Says that the transport holds bytes of `sock` that select() knows nothing of: the next wait does not block,
  * and `sock` is readable after it. */
 void mark_unread(int sock);
+
+/* Says that this turn's pass leaves `sock` out: its output, and the unread bytes that the last wait was told
+ * of, are the business of the next wait. */
+void mark_passed_over(int sock);
 
 /* Leaves `sock` out of the next wait, for reading or for writing: the transport can do nothing in this
  * direction, although the socket is ready, until something else has happened. */

@@ -217,6 +217,45 @@ TEST_F(server_walk, fruitless_turns_count_from_the_last_byte_written) {
   expect_time_out_after(a, fruitless_turns + 1);
 }
 
+// A session may ask to wait for a long time, and once not ask: that is a turn, not 64 in a row.
+TEST_F(server_walk, turns_that_asked_to_wait_do_not_count_against_a_connection) {
+  link& a = join_readable();
+  srv.receives = moves_nothing(EAGAIN);
+  turns(2 * fruitless_turns);
+  srv.receives = moves_nothing(0);
+  expect_time_out_after(a, 1 + fruitless_turns + 1);  // the first turn does not read
+}
+
+TEST_F(server_walk, connection_whose_length_is_negative_is_timed_out_and_does_not_spin) {
+  link& a = join();
+  a.conn->timeout = -1;
+  a.conn->out_len = -1;
+  turn();
+  expect_time_out_after(a, fruitless_turns + 1);
+}
+
+// select() knows nothing of what the transport holds: the next wait has to be told once more.
+TEST_F(server_walk, unread_bytes_of_a_connection_that_is_passed_over_are_read_in_the_next_turn) {
+  link& leaver = join();
+  link& a = join();
+  int left = most_reads + 3;
+  srv.receives = [&](connection* conn, char* buf, int len) {
+    if (conn != a.conn) return srv.server_base::recv(conn, buf, len);
+    if (left == most_reads + 3 && ::recv(conn->sock, buf, 1, 0) != 1) return 0;
+    return left-- > 0 ? 1 : moves_nothing(EAGAIN)(conn, buf, len);
+  };
+  int received = 0;
+  a.conn->when_received = [&] { received++; };
+  a.deliver("x");
+  turn();
+  EXPECT_EQ(received, most_reads);
+  leaver.deliver_end();
+  turn();
+  EXPECT_EQ(received, most_reads) << "it was passed over";
+  turn();
+  EXPECT_EQ(received, most_reads + 3);
+}
+
 // A session that has to write before it can read, and cannot, leaves its socket readable for ever.
 TEST_F(server_walk, reading_that_bears_nothing_is_left_out_of_every_other_wait) {
   link& a = join_readable();
