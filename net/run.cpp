@@ -30,7 +30,7 @@ void on_interrupt(void (*handler)(int)) {
 // nothing more, so it is dropped there.
 void say_farewell() {
   pollfd console = {STDOUT_FILENO, POLLOUT, 0};
-  if (poll(&console, 1, longest_farewell_ms) == 0)
+  if (poll(&console, 1, longest_farewell_ms) <= 0)  // nor for a second SIGINT
     __fpurge(stdout);
   else
     printf("Shutting down...\n");

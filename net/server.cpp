@@ -129,7 +129,6 @@ void server_base::update() {
   if (port != 0 && sockets::has(sockets::readable(), sock) && !accept_connection()) restart();
   for_each_connection([=](connection* conn) { ask_for_output(conn); });
   report(now);
-  connection::selected() = nullptr;
 }
 
 // After a failed select(), when nothing is known about any socket, or a failed accept(): all connections go.
@@ -156,12 +155,14 @@ void server_base::for_each_connection(F serve) {
     try {
       serve(conn);
     } catch (const std::string&) {
+      selected = nullptr;
       throw;  // thrown by the end of a connection, too, which is gone then
     } catch (...) {
       print_failure(conn->sock);
       unlink_and_end(conn);
     }
   }
+  selected = nullptr;  // the last one may be gone
 }
 
 void server_base::service(connection* conn, int64_t now) {

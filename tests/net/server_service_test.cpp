@@ -401,6 +401,23 @@ TEST_F(server_service, negative_length_never_reaches_the_system_and_stays_pendin
   EXPECT_TRUE(is_ready(a));
 }
 
+TEST_F(server_service, none_is_selected_while_a_client_is_accepted) {
+  link& a = join();
+  a.deliver_end();
+  client c = connect_client();
+  std::vector<connection*> seen;
+  srv.when_created = [&] { seen.push_back(connection::selected()); };
+  turn();
+  EXPECT_THAT(seen, ElementsAre(nullptr)) << "the last one serviced has been deleted";
+}
+
+TEST_F(server_service, none_is_selected_after_a_turn_that_a_text_has_ended) {
+  link& a = join();
+  a.conn->answers = {[](char*, int, int*) -> bool { throw std::string("text"); }};
+  EXPECT_THROW(turn(), std::string);
+  EXPECT_EQ(connection::selected(), nullptr);
+}
+
 TEST_F(server_service, connection_is_selected_while_it_is_serviced_and_none_after_the_turn) {
   link& a = join_with_output("out");
   link& b = join();

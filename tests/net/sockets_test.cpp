@@ -185,8 +185,14 @@ TEST_F(sockets_test, close_forgets_what_was_asked_for_the_next_wait) {
   const int number = here;
   sockets::add(here);
   sockets::mark_unread(here);
-  sockets::rest_reading(here);
-  sockets::rest_writing(here);
+  sockets::close(here);
+  sockets::select_all();
+  EXPECT_FALSE(sockets::has(sockets::readable(), number));
+  EXPECT_EQ(sockets::num_ready(), 0);
+  sockets::rest_reading(number);
+  sockets::rest_writing(number);
+  here = dup(there);
+  ASSERT_EQ(here, number);
   sockets::close(here);
   here = dup(there);
   ASSERT_EQ(here, number);

@@ -127,6 +127,25 @@ def test_proxy_that_is_to_fetch_from_itself__asks_itself_once(start_mivo, connec
     assert len(proxy.lines(".* HTTP/1.1 .*")) == 2
 
 
+def test_client_that_asks_for_the_proxy_itself_and_leaves__makes_it_ask_itself_once(start_mivo, connect):
+    proxy = start_mivo()
+    wire = connect(proxy.port)
+    wire.send(request("loop", "http:" + f"//127.0.0.1:{proxy.port}" * 100 + "/"))
+    wire.close()
+    connect(proxy.port).send(request("last", "http://127.0.0.1:1/"))
+    proxy.wait_for_line(".*http://127.0.0.1:1/.*")
+    proxy.expect_idle()
+    assert len(proxy.lines(f".*127.0.0.1:{proxy.port}.* HTTP/1.1 .*")) == 2
+
+
+@pytest.mark.parametrize("host", ["m\u00fcnchen.invalid", "xn--mnchen-3ya.INVALID", "www.xn--mnchen-3ya.invalid"])
+def test_blocked_host_beyond_ascii__is_not_found_in_any_spelling(start_mivo, connect, host):
+    proxy = start_mivo(arguments=["m\u00fcnchen.invalid"])
+    wire = connect(proxy.port)
+    wire.send(f"GET http://{host}/ HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+    assert wire.read(len(NOT_FOUND)) == NOT_FOUND
+
+
 def test_tunnel_of_the_proxy_to_itself__goes_nowhere(start_mivo, connect):
     proxy = start_mivo()
     wire = connect(proxy.port)
