@@ -71,7 +71,7 @@ struct filtering_proxy : http_proxy {
     }
   }
 
-  ~filtering_proxy() override { own_ports()[port] = false; }
+  ~filtering_proxy() override { own_ports()[static_cast<size_t>(port)] = false; }
 
  private:
   /* The local ports of our connections to ourselves. Such a port is noted until the connection that was
@@ -83,7 +83,7 @@ struct filtering_proxy : http_proxy {
   }
 
   /* All clients are on this machine, where one port belongs to one of them at a time. */
-  bool is_from_ourselves() const { return own_ports()[port]; }
+  bool is_from_ourselves() const { return own_ports()[static_cast<size_t>(port)]; }
 
   /* The resolver has taken the port modulo 65536. */
   void note_upstream() const {

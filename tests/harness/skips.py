@@ -12,6 +12,7 @@ import sys
 EXPECTED = [
     "is not installed; its package would start a server on this machine",
     "passed before with the same packaging",
+    "a network namespace is not allowed here",
 ]
 if os.geteuid() != 0:
     EXPECTED.append("only root can make a system of its own")
