@@ -158,7 +158,7 @@ TEST(chunked_body, size_above_4_gib_is_not_cut_short) {
 TEST(chunked_body, blanks_behind_a_size_need_an_extension_behind_them) {
   for (const char* size : {"5 ;a", "5\t;a=b", "5 \t ; a = b"})
     expect_whole(std::string(size) + "\r\nhello\r\n0 ;\r\n\r\n");
-  expect_malformed("5 ", all_but(" \t;"));
+  for (const char* size : {"5 ", "5 \t", "5\t "}) expect_malformed(size, all_but(" \t;"));
 }
 
 TEST(chunked_body, extension_may_hold_any_text) {
