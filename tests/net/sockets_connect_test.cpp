@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <fstream>
 #include <utility>
+#include <vector>
 
 #include "net/sockets.h"
 #include "tests/net/child.h"
@@ -109,6 +110,28 @@ TEST_P(either_way, silent_peer_is_given_up_after_two_minutes_of_probes) {
 TEST_P(either_way, peer_on_this_machine_is_not_probed) {
   ASSERT_GE(connect("127.0.0.1"), 0);
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 0);
+}
+
+// A listener whose queue is full answers no more connections, so they stay under way.
+TEST_F(sockets_connect, connection_under_way_has_not_failed) {
+  const int full = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  ASSERT_EQ(bind(full, reinterpret_cast<sockaddr*>(&address), length), 0);
+  ASSERT_EQ(getsockname(full, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  ASSERT_EQ(listen(full, 0), 0);
+  std::vector<int> waiting;
+  pollfd connected = {-1, POLLOUT, 0};
+  do {
+    waiting.push_back(sockets::connect("127.0.0.1", ntohs(address.sin_port), false));
+    connected.fd = waiting.back();
+  } while (waiting.size() < 10 && poll(&connected, 1, 0) == 1);
+  EXPECT_LT(waiting.size(), 10u) << "the queue has no end";
+  EXPECT_FALSE(sockets::has_failed(waiting.back()));
+  for (int each : waiting) close(each);
+  close(full);
 }
 
 TEST_F(sockets_connect, all_of_the_loopback_network_is_on_this_machine) {

@@ -2,13 +2,12 @@
 
 import pathlib
 import struct
-import subprocess
 import time
 
 import pytest
 
 from mivo_process import PROGRAM
-from upstreams import HERE
+from preload import build_preload
 
 STEP = 5  # seconds; fewer than end an idle connection
 
@@ -35,9 +34,7 @@ class Clock:
 
 @pytest.fixture(scope="session")
 def clock_library(tmp_path_factory):
-    library = tmp_path_factory.mktemp("clock") / "clock.so"
-    subprocess.run(["cc", "-O1", "-fPIC", "-shared", HERE / "clock.c", "-o", library], check=True)
-    return library
+    return build_preload(tmp_path_factory, "clock")
 
 
 @pytest.fixture

@@ -2,14 +2,13 @@
 to it. On a real line the same happens now and then, at rates that depend on the machine; see test_links.py."""
 
 import pathlib
-import subprocess
 import time
 
 import pytest
 
 from mivo_process import PROGRAM
+from preload import build_preload
 from tls_service import Handshake
-from upstreams import HERE
 from wire import request
 
 pytest_plugins = ["tls_service"]
@@ -19,9 +18,7 @@ PACE = 0.0005  # seconds between two packets, so that one of them waits when the
 
 @pytest.fixture(scope="session")
 def next_packet_library(tmp_path_factory):
-    library = tmp_path_factory.mktemp("next_packet") / "next_packet.so"
-    subprocess.run(["cc", "-O1", "-fPIC", "-shared", HERE / "next_packet.c", "-o", library], check=True)
-    return library
+    return build_preload(tmp_path_factory, "next_packet")
 
 
 @pytest.fixture
