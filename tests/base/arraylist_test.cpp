@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <random>
@@ -87,7 +88,9 @@ TEST_F(arraylist_of_ints, reserved_room_is_closed_by_a_null_and_used_up_before_t
 
 // Address space alone, 16 GiB of it; the only page that is memory holds the end of the array.
 TEST_F(arraylist_of_ints, list_that_would_overflow_its_counters_is_not_doubled) {
-  constexpr size_t largest = size_t{1} << 31, page = 4096, bytes = largest * sizeof(int*) + page;
+  constexpr size_t largest = size_t{1} << 31;
+  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  const size_t bytes = largest * sizeof(int*) + page;
   void* space = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   ASSERT_NE(space, MAP_FAILED);
   ASSERT_EQ(mprotect(static_cast<char*>(space) + bytes - page, page, PROT_READ | PROT_WRITE), 0);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -19,8 +20,8 @@ using chunks = std::vector<std::string>;
 /* The address of `len` bytes, at most a megabyte, in front of a page that can be neither read nor written.
  * It is the same memory each time. */
 inline char* bytes_before_unreadable_page(size_t len) {
-  constexpr size_t page = 4096;
   static char* const end = [] {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     void* base = mmap(nullptr, megabyte + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     char* first_unreadable = static_cast<char*>(base) + megabyte;
     mprotect(first_unreadable, page, PROT_NONE);
