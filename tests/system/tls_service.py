@@ -1,5 +1,8 @@
 """Fixtures and clients for a mivo that serves HTTPS: a plugin that the test files load."""
 
+import ctypes
+import pathlib
+import re
 import ssl
 
 import pytest
@@ -23,6 +26,14 @@ class TlsService:
         self.mivo = start_mivo(hosts, arguments=["-ssl", str(self.port), str(certificate.key),
                                                  str(crt or certificate.crt)])
         self.url = f"https://localhost:{self.port}"
+
+    def openssl(self):
+        """The version of the library that mivo has loaded: (3, 0), or (1, 1)."""
+        maps = pathlib.Path(f"/proc/{self.mivo.pid}/maps").read_text()
+        path = re.search(r"/\S*/libcrypto\.so\S*", maps)[0]
+        number = ctypes.CDLL(f"/proc/{self.mivo.pid}/root{path}").OpenSSL_version_num
+        number.restype = ctypes.c_ulong
+        return number() >> 28, number() >> 20 & 0xff
 
     def context(self):
         """Trusts the root alone, so the server has to show the intermediate."""
