@@ -19,6 +19,7 @@
 #include "tests/fuzz/network.h"
 #include "tests/fuzz/programs.h"
 #include "tests/fuzz/tls_stub.h"
+#include "tests/support/turns.h"
 #include "tls/ssl_server.h"
 
 using fuzz::expect;
@@ -253,11 +254,7 @@ class conversation {
 
   void turn() {
     network::begin_turn();
-    sockets::select_all();
-    for (server_base* s : servers_) s->update();
-    if (sockets::num_ready() == 0) {
-      for (server_base* s : servers_) s->on_idle();
-    }
+    take_turn_or_idle(servers_);
     check_turn();
   }
 

@@ -1,7 +1,13 @@
 /* delivery: the ways in which bytes reach a connection, and leave it.
  *
  * Both ways use memory that ends at an unreadable page, and input is overwritten after the call: a connection
- * that reads or writes too far, or keeps a pointer, is found out. */
+ * that reads or writes too far, or keeps a pointer, is found out.
+ *
+ *     receive(c, "...");                   one chunk, as the server hands it over
+ *     for (const chunks& all : every_delivery("...")) receive_all(c, all);
+ *                                          the bytes whole, in two at every cut, and byte by byte
+ *     send_once(c, cap)                    what one on_send gives, and whether the connection stays
+ *     send_everything(c)                   what all that is queued comes to */
 #pragma once
 
 #include <sys/mman.h>

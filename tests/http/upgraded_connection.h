@@ -1,6 +1,14 @@
 /* upgraded_connection: a fixture with a connection that speaks WebSocket and stays open.
  *
- * The handshake's answer has been sent; what is queued afterwards are frames. */
+ * The handshake's answer has been sent; what is queued afterwards are frames.
+ *
+ *     receive(c(), short_frame(fin + text, "..."));
+ *                                          a frame from the client; see client_frames.h and delivery.h
+ *     messages()                           the messages delivered so far
+ *     send_everything(c())                 what the server sends
+ *     expect_open();                       the connection goes on
+ *     expect_fault("line\n", input);       the line was printed and the connection closes
+ *     reconnect();                         another connection, a silent console */
 #pragma once
 
 #include <gtest/gtest.h>

@@ -3,7 +3,11 @@
  * Two requests each for the echo page, for a host that is not there and for an upstream, with bodies, on
  * connections that are kept; an upstream that closes in the middle of its reply, and one that refuses; a
  * client that resets in the middle of an upload, one that leaves in the middle of a head, and one that says
- * nothing until it times out. At the end the certificate has changed and everybody is gone. */
+ * nothing until it times out. At the end the certificate has changed and everybody is gone.
+ *
+ *     conversation during(here);           everybody connects
+ *     during.play();                       from the first byte to the last close
+ *     during.harmed()                      the names of those that did not get all they asked for */
 #pragma once
 
 #include <functional>

@@ -1,4 +1,8 @@
-/* fault_run: a conversation during which one call into the system fails, and one after it. */
+/* fault_run: a conversation during which one call into the system fails, and one after it.
+ *
+ *     run_for_every_use<plain_stage>({"recv", ECONNRESET, harm::one_client}, 1);
+ *                                          fails once, at its first use, then at its second, and so on to the
+ * last run_with<plain_stage>(failure, 3, 2) fails at its third and fourth use; whether there were so many */
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,9 +1,14 @@
 /* stage: the servers of one run, on a port that nobody else gets. Faults hold while they start, take a turn
- * or stop, and at no other time; the clock stands still unless the conversation sets it forward. */
+ * or stop, and at no other time; the clock stands still unless the conversation sets it forward.
+ *
+ *     plain_stage here;                    or tls_stage, http_stage, faulty_tls_stage
+ *     here.start(), here.turn(), here.stop()
+ *                                          what the program does with its servers, with the faults
+ *     here.port(), here.front()            where the clients come to
+ *     here.is_serving()                    whether they can
+ *     here.connections()                   of all servers
+ *     here.change_files();                 there is a new certificate */
 #pragma once
-
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <memory>
 #include <string>
@@ -14,32 +19,9 @@
 #include "proxy/reverse_proxy.h"
 #include "tests/proxy/proxy_fixtures.h"
 #include "tests/support/faults.h"
+#include "tests/support/turns.h"
 #include "tests/tls/fake_openssl.h"
 #include "tests/tls/temp_folder.h"
-
-/* A port for servers that allow others to bind beside them, as ours do. Nothing listens at this socket. */
-class shared_port {
- public:
-  shared_port() : sock_(socket(AF_INET, SOCK_STREAM, 0)) {
-    const int on = 1;
-    setsockopt(sock_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    setsockopt(sock_, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    socklen_t length = sizeof(address);
-    bind(sock_, reinterpret_cast<sockaddr*>(&address), length);
-    getsockname(sock_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-  }
-  shared_port(const shared_port&) = delete;
-  shared_port& operator=(const shared_port&) = delete;
-  ~shared_port() { close(sock_); }
-  int port() const { return port_; }
-
- private:
-  int sock_;
-  int port_;
-};
 
 /* Faults hold while it lives. */
 struct with_faults {
@@ -85,10 +67,7 @@ class stage {
   /* A turn of the loop that drives the servers. */
   void turn() {
     with_faults on;
-    sockets::select_all();
-    for (server_base* s : servers_) s->update();
-    if (sockets::num_ready() != 0) return;
-    for (server_base* s : servers_) s->on_idle();
+    take_turn_or_idle(servers_);
   }
 
   void stop() {

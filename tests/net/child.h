@@ -1,4 +1,8 @@
-/* For what would change the process that the tests run in. */
+/* child: for what would change the process that the tests run in.
+ *
+ *     EXPECT_TRUE(run_in_child([&] { ... }));            in a copy of the process; its expectations count
+ *     EXPECT_TRUE(prints_without_flush([&] { ... }));    nothing that it prints is written out before it ends
+ *     interrupt_regularly(handler);                      a signal every 5 ms */
 #pragma once
 
 #include <gtest/gtest.h>

@@ -90,7 +90,7 @@ TEST_F(descriptor_limit, connection_there_touches_no_set_and_is_timed_out) {
     turn();
     EXPECT_EQ(srv.connections.count, 0);
     EXPECT_FALSE(is_open(sock));
-    expect_console(std::to_string(sock) + " has timed out.\n");
+    expect_console(time_out_line(sock));
   }));
 }
 

@@ -1,5 +1,12 @@
 /* recording_server: a server that notes every call of its hooks, and those of its connections, in one
- * journal. Connections are named c1, c2, ... in the order of their creation. */
+ * journal. Connections are named c1, c2, ... in the order of their creation.
+ *
+ *     conn->answers = {gives("..."), gives_up()};   what its next calls of on_send answer
+ *     conn->when_received = [&] { ... };            and the other when_...: called by the hook of that name
+ *     srv.accepts = false;                          on_accept refuses; srv.creates: there is no object
+ *     srv.receives = [&](connection*, char*, int) { ... };
+ *                                                   in place of the transport; srv.sends for the other
+ * direction is_open(sock)                                 whether the descriptor is */
 #pragma once
 
 #include <arpa/inet.h>

@@ -1,11 +1,25 @@
 /* server_fixture: a listening server, its clients, and the words of the tests about them. The clock stands
- * still, and the server has just reported its count, so nothing is printed that a test does not ask for. */
+ * still, and the server has just reported its count, so nothing is printed that a test does not ask for.
+ *
+ *     link& a = join();                    a client that is accepted; a.remote and a.conn are the two ends
+ *     client c = connect_client();         one that waits to be
+ *     append(make_outside());              a connection that the server did not accept joins its list
+ *     a.deliver("...");                    the client sends: bytes, an urgent byte, or the end
+ *     a.deliver_urgent_byte();
+ *     a.deliver_end();
+ *     idle(a, 11);                         nobody has heard of it for so many seconds
+ *     turn();                              one wait, one update
+ *     notes_of_a_turn()                    which hooks a turn has called
+ *     a.expect_received("...");            the client gets these bytes, or the end
+ *     a.expect_closed();
+ *     is_ready(a)                          whether the next wait asks for its output
+ *     expect_console(line(a, "..."));      what was printed since the last time, here about this connection
+ *
+ * See recording_server.h for what connections answer, and turns.h for turns of other servers. */
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <deque>
@@ -16,12 +30,7 @@
 #include "tests/support/client.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
-
-/* Waits until poll() reports one of `events` for `sock`; false after 10 s. */
-inline bool wait_for(int sock, short events) {
-  pollfd p = {sock, events, 0};
-  return ::poll(&p, 1, 10000) == 1;
-}
+#include "tests/support/turns.h"
 
 class server_fixture : public testing::Test {
  protected:
@@ -32,12 +41,7 @@ class server_fixture : public testing::Test {
     client remote;
     recording_connection* conn;
 
-    void deliver(const std::string& bytes) {
-      remote.send(bytes);
-      int there = 0;
-      ASSERT_TRUE(repeat_until([&] { ioctl(conn->sock, FIONREAD, &there); },
-                               [&] { return there >= static_cast<int>(bytes.size()); }));
-    }
+    void deliver(const std::string& bytes) { ASSERT_TRUE(send_and_wait(remote, conn->sock, bytes)); }
     void deliver_urgent_byte() {
       ::send(remote.sock(), "!", 1, MSG_OOB);
       ASSERT_TRUE(wait_for(conn->sock, POLLPRI));
@@ -71,10 +75,7 @@ class server_fixture : public testing::Test {
     sockets::num_ready() = 0;
   }
 
-  void turn() {
-    sockets::select_all();
-    srv.update();
-  }
+  void turn() { take_turn(srv); }
 
   /* A turn of which only these calls are noted, and nothing of what was before. */
   const journal& notes_of_a_turn() {

@@ -294,10 +294,7 @@ TEST_F(server_start, server_on_port_0_services_what_is_put_into_its_list) {
   a.conn->answers = {gives("out")};
   a.deliver("in");
   notes.clear();
-  for (int i = 0; i < 2; i++) {
-    sockets::select_all();
-    holder.update();
-  }
+  for (int i = 0; i < 2; i++) take_turn(holder);
   EXPECT_THAT(notes, ElementsAre("c1 recv 1048576 -> 2", "c1 received in", "c1 asked",
                                  "c1 send 3 from 0 -> 3", "c1 send 0 from 3 -> 0", "c1 asked"));
   a.expect_received("out");

@@ -1,7 +1,31 @@
 /* Fixtures for the relay: a client connection driven by hand, and a real server between real peers.
  *
  * Both run in one thread, capture the console, and check at their end that every descriptor is closed and
- * taken out of the registry. Expected answers are written out here, not taken from the code. */
+ * taken out of the registry. Expected answers are written out here, not taken from the code.
+ *
+ * Words of both:
+ *     map("a", upstream.port());           the host's requests go to this port; closed.port() refuses
+ *     request_to("a", "/path", lines, body)
+ *     forwarded("a", "/path", lines, body) what the upstream gets for it
+ *     not_found, bad_gateway               the fixed answers
+ *     expect_unflushed([&] { ... }, "...");
+ *
+ * Of proxy_object<T>, the connection by hand:
+ *     receive("...");                      the client has sent these bytes
+ *     to_upstream(), to_client()           what the pipe holds for each side
+ *     ask(*proxy)                          what the connection gives a server that asks for output
+ *     upstreams(), upstream_side(1)        how many were opened, and the second of them
+ *     end_upstream();                      the last one ends
+ *     start_over();                        another client takes the place of this one
+ *
+ * Of proxy_server<T>, the real server:
+ *     client c = connect();                a client that is accepted; served(c) is the server's side
+ *     client u = accept();                 the connection that the server has opened to the upstream
+ *     send_all(c, "...");                  the server takes its turns while the bytes go
+ *     expect_bytes(u, "...");              they come, and the connection stays
+ *     expect_end(c, "...");                they come, and then the end
+ *     expect_nothing(c);
+ *     turn();                              one wait, one update; until something holds: serve_until(...) */
 #pragma once
 
 #include <arpa/inet.h>
@@ -26,6 +50,7 @@
 #include "tests/support/client.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
+#include "tests/support/turns.h"
 
 const std::string not_found =
     "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n";
@@ -107,29 +132,6 @@ struct descriptor_check {
   }
 };
 
-/* A port of 127.0.0.1 that refuses connections, and that nobody else gets as long as this lives: it is bound,
- * but nothing listens. */
-class refusing_port {
- public:
-  refusing_port() : sock_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    bind(sock_, reinterpret_cast<sockaddr*>(&address), length);
-    getsockname(sock_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-  }
-  refusing_port(const refusing_port&) = delete;
-  refusing_port& operator=(const refusing_port&) = delete;
-  ~refusing_port() { close(sock_); }
-  int port() const { return port_; }
-
- private:
-  int sock_;
-  int port_;
-};
-
 /* What both fixtures share: a clean process, the console, one upstream, and the host map. */
 struct proxy_test : testing::Test {
   descriptor_check descriptors;  // first, because it looks when all else is gone
@@ -205,15 +207,12 @@ struct proxy_server : proxy_test {
 
   proxy_server() {
     http_proxy::g_server() = &front;
-    front.last_report = INT64_MAX / 2;  // no connection counts on the console
+    silence_reports(front);
     EXPECT_TRUE(front.start());
     out.clear();
   }
 
-  void turn() {
-    sockets::select_all();
-    front.update();
-  }
+  void turn() { take_turn(front); }
 
   bool serve_until(const std::function<bool()>& done) {
     return repeat_until([this] { turn(); }, done);

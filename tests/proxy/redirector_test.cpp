@@ -16,21 +16,19 @@
 #include "tests/support/client.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
+#include "tests/support/turns.h"
 
 namespace {
 
 struct redirects : testing::Test {
   redirects() {
-    front.last_report = INT64_MAX / 2;  // no connection counts on the console
+    silence_reports(front);
     EXPECT_TRUE(front.start());
     out.clear();
   }
   ~redirects() override { redirector::ssl_port() = 443; }
 
-  void turn() {
-    sockets::select_all();
-    front.update();
-  }
+  void turn() { take_turn(front); }
 
   client connect() {
     client c(front.port);

@@ -232,7 +232,7 @@ TEST_F(relay_test, client_that_was_only_answered_by_us_is_timed_out_as_usual) {
   out.clear();
   faults::clock_offset() = 12;
   expect_end(c);
-  EXPECT_EQ(out.text(), std::to_string(sock) + " has timed out.\n");
+  EXPECT_EQ(out.text(), time_out_line(sock));
 }
 
 TEST_F(relay_test, websocket_upgrade_is_relayed_and_not_answered_here) {
@@ -265,13 +265,10 @@ TEST_F(relay_test, upstreams_are_not_shown_to_on_accept_and_are_removed_like_cli
     void on_remove(connection*) override { removed++; }
   };
   counting second(free_port(), true);
-  second.last_report = front.last_report;
+  silence_reports(second);
   ASSERT_TRUE(second.start());
   http_proxy::g_server() = &second;
-  auto turn_of_second = [&] {
-    sockets::select_all();
-    second.update();
-  };
+  auto turn_of_second = [&] { take_turn(second); };
   client c(second.port);
   c.send(request_to("a"));
   EXPECT_TRUE(repeat_until(turn_of_second, [&] { return second.connections.count == 2; }));

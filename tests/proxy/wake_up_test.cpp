@@ -11,17 +11,13 @@ struct wake_up_test : proxy_server<reverse_proxy> {
 
   wake_up_test() {
     http_proxy::g_server() = &back;
-    back.last_report = front.last_report;
+    silence_reports(back);
     map("a", upstream.port());
   }
 
   void wait() { sockets::select_all(); }
 
-  void turn_of_both() {
-    wait();
-    front.update();
-    back.update();
-  }
+  void turn_of_both() { take_turn(front, back); }
 
   bool is_ready(int sock) { return sockets::has(sockets::ready(), sock); }
 

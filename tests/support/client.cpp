@@ -27,6 +27,18 @@ int bound_port(int sock) {
   return ntohs(address.sin_port);
 }
 
+// A socket that is bound to a free port; a shared one lets whoever allows it, as servers do, bind it as well.
+int bind_free_port(bool is_shared) {
+  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = is_shared;
+  setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  setsockopt(sock, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  return sock;
+}
+
 }  // namespace
 
 client::client(int port) {
@@ -115,26 +127,22 @@ client listener::accept() {
   return client::from_socket(::accept(sock_, nullptr, nullptr));
 }
 
+taken_port::taken_port(bool is_shared) : sock_(bind_free_port(is_shared)), port_(bound_port(sock_)) {}
+
+taken_port::~taken_port() {
+  ::close(sock_);
+}
+
 namespace {
 
 // Ports that stay bound as long as the process lives, so that no other one is given them, however many run
-// beside it. Nobody listens on them; whoever allows others beside it, as servers do, can bind them as well.
-// They are there before the first test counts its descriptors.
+// beside it. Nobody listens on them. They are there before the first test counts its descriptors.
 struct reserved_ports {
   int ports[16];
   int next = 0;
 
   reserved_ports() {
-    for (int& port : ports) {
-      const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      int on = 1;
-      setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-      setsockopt(sock, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));
-      sockaddr_in address = {};
-      address.sin_family = AF_INET;
-      bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-      port = bound_port(sock);
-    }
+    for (int& port : ports) port = bound_port(bind_free_port(true));
   }
 } reserved;
 

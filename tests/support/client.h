@@ -69,6 +69,33 @@ class listener {
   int port_ = 0;
 };
 
+/* A port that no other process is given as long as this lives. It is bound, but nothing listens. */
+class taken_port {
+ public:
+  taken_port(const taken_port&) = delete;
+  taken_port& operator=(const taken_port&) = delete;
+  ~taken_port();
+
+  int port() const { return port_; }
+
+ protected:
+  explicit taken_port(bool is_shared);
+
+ private:
+  int sock_;
+  int port_;
+};
+
+/* A port that refuses connections. */
+struct refusing_port : taken_port {
+  refusing_port() : taken_port(false) {}
+};
+
+/* A port for servers that allow others to bind beside them, as ours do. */
+struct shared_port : taken_port {
+  shared_port() : taken_port(true) {}
+};
+
 /* A TCP port that nothing listens on, and that no other process is given. There are 16, which take turns. */
 int free_port();
 

@@ -1,11 +1,23 @@
 /* ssl_server_fixture: a TLS server over a faked OpenSSL, and the words of the tests about them. The clock
- * stands still, and the server never reports its count. */
+ * stands still, and the server never reports its count.
+ *
+ *     make_server("key", "crt");           another server, with a context
+ *     listen();                            it starts
+ *     client c = join();                   a client that is accepted; `conn` is the server's side
+ *     deliver(c, "...");                   the client's bytes have arrived at the socket
+ *     unread_bytes()                       and so many are still there
+ *     conn->answer = "...";                given by the next on_send
+ *     turn();                              one wait, one update
+ *     conn->received                       what has come out of the session
+ *     expect_notes({"SSL_new(ctx) -> s1", ...});
+ *                                          the library's calls since the last time
+ *     expect_console("...");               what was printed since the last time
+ *
+ * See fake_openssl.h for what the library answers. */
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/ioctl.h>
 
 #include <memory>
 #include <string>
@@ -16,6 +28,7 @@
 #include "tests/support/client.h"
 #include "tests/support/console.h"
 #include "tests/support/faults.h"
+#include "tests/support/turns.h"
 #include "tests/tls/fake_openssl.h"
 #include "tls/ssl_server.h"
 
@@ -55,7 +68,7 @@ class ssl_server_fixture : public testing::Test {
   void make_server(const std::string& key, const std::string& crt) {
     srv = std::make_unique<ssl_server<talker>>(free_port(), key, crt);
     srv->ctx = fake_openssl::context();
-    srv->last_report = INT64_MAX / 2;
+    silence_reports(*srv);
   }
 
   void listen() {
@@ -63,21 +76,12 @@ class ssl_server_fixture : public testing::Test {
     screen.clear();
   }
 
-  void turn() {
-    sockets::select_all();
-    srv->update();
-  }
-
-  /* Waits until poll() reports one of `events` for `sock`. */
-  static void wait_for(int sock, short events) {
-    pollfd p = {sock, events, 0};
-    EXPECT_EQ(::poll(&p, 1, 10000), 1);
-  }
+  void turn() { take_turn(*srv); }
 
   /* A client that the server has accepted; `conn` is the server's side. */
   client join() {
     client c(srv->port);
-    wait_for(srv->sock, POLLIN);
+    EXPECT_TRUE(wait_for(srv->sock, POLLIN));
     EXPECT_TRUE(srv->accept_connection());
     if (srv->connections.count > 0) conn = static_cast<talker*>(srv->connections.tail->value);
     return c;
@@ -85,18 +89,11 @@ class ssl_server_fixture : public testing::Test {
 
   /* Sends bytes that are there when this returns. */
   void deliver(client& from, const std::string& bytes) {
-    int before = unread_bytes();
-    from.send(bytes);
-    EXPECT_TRUE(
-        repeat_until([] {}, [&] { return unread_bytes() == before + static_cast<int>(bytes.size()); }));
+    EXPECT_TRUE(send_and_wait(from, conn->sock, bytes));
   }
 
   /* Bytes that the session has left in the socket. */
-  int unread_bytes() const {
-    int count = 0;
-    ioctl(conn->sock, FIONREAD, &count);
-    return count;
-  }
+  int unread_bytes() const { return ::unread_bytes(conn->sock); }
 
   void expect_console(const std::string& text) {
     EXPECT_EQ(screen.text(), text);

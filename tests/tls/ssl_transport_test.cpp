@@ -45,11 +45,9 @@ struct tls_transport : ssl_server_fixture {
 
   bool is_served() const { return srv->connections.count == 1; }
 
-  std::string time_out_line() const { return std::to_string(conn->sock) + " has timed out.\n"; }
-
   /* Turns find out that the session is dead, and one more ends the connection by its time-out. */
   void expect_death(client& remote) {
-    const std::string line = time_out_line();
+    const std::string line = time_out_line(conn->sock);
     for (int i = 0; i < fruitless_turns; i++) turn();
     EXPECT_TRUE(is_served()) << "ended in the turn that should only find out";
     expect_console("");
@@ -161,7 +159,7 @@ TEST_F(tls_transport, session_that_refuses_every_write_is_ended_through_the_time
   };
   console out;
   EXPECT_TRUE(repeat_until([&] { turn(); }, [&] { return srv->connections.count == 0; }));
-  EXPECT_EQ(out.text(), std::to_string(sock) + " has timed out.\n");
+  EXPECT_EQ(out.text(), time_out_line(sock));
   EXPECT_EQ(writes, fruitless_turns);
 }
 
@@ -214,7 +212,7 @@ TEST_F(tls_transport, silent_client_lives_until_the_idle_time_out) {
   expect_life(2);
   expect_notes({});
   faults::clock_offset() = 11;
-  const std::string line = time_out_line();
+  const std::string line = time_out_line(conn->sock);
   turn();
   EXPECT_FALSE(is_served());
   expect_console(line);
@@ -255,7 +253,7 @@ TEST_F(tls_transport, session_behind_the_end_of_the_stream_is_dead) {
   client c = join_quietly();
   script_reads({});
   c.shutdown_write();
-  wait_for(conn->sock, POLLIN);
+  EXPECT_TRUE(wait_for(conn->sock, POLLIN));
   expect_death(c);
 }
 
@@ -263,7 +261,7 @@ TEST_F(tls_transport, session_behind_the_end_of_the_stream_is_read_only_once) {
   client c = join_quietly();
   script_reads({});
   c.shutdown_write();
-  wait_for(conn->sock, POLLIN);
+  EXPECT_TRUE(wait_for(conn->sock, POLLIN));
   turn();
   expect_notes({read_call + "-1"});
 }
@@ -272,7 +270,7 @@ TEST_F(tls_transport, session_on_a_reset_socket_is_dead) {
   client c = join_quietly();
   script_reads({});
   c.close_with_reset();
-  wait_for(conn->sock, POLLIN);
+  EXPECT_TRUE(wait_for(conn->sock, POLLIN));
   expect_death(c);
 }
 
