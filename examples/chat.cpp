@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <string>
 
@@ -117,7 +116,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   sockets::raise_descriptor_limit();
-  server<chat_connection> http(static_cast<int>(strtol(argv[1], nullptr, 10)));
+  server<chat_connection> http(base::parse_int(argv[1]));
   http.run();
   return 0;
 }

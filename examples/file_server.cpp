@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/text.h"
 #include "http/http_connection.h"
 #include "net/server.h"
 #include "net/sockets.h"
@@ -86,7 +87,7 @@ struct file_connection : http_connection {
   }
 
   bool on_send(char* buf, int cap, int* len) override {
-    const bool is_file = response_parts.count > 0 && response_parts.head->next->value->file;
+    const bool is_file = response_parts.count > 0 && response_parts.front()->file;
     const bool stay = http_connection::on_send(buf, cap, len);
     if (is_file && *len > 0) {
       sent += *len;
@@ -105,7 +106,7 @@ int main(int argc, char** argv) {
   }
   if (root() == "/") root().clear();
   sockets::raise_descriptor_limit();
-  server<file_connection> http(static_cast<int>(strtol(argv[1], nullptr, 10)));
+  server<file_connection> http(base::parse_int(argv[1]));
   http.run();
   return 0;
 }

@@ -17,12 +17,12 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "base/hashmap.h"
 #include "base/host_name.h"
 #include "base/split_url.h"
+#include "base/text.h"
 #include "net/server.h"
 #include "net/sockets.h"
 #include "proxy/http_proxy.h"
@@ -105,7 +105,7 @@ int main(int argc, char** argv) {
   }
   for (int i = 2; i < argc; i++) blocked().set(usual_spelling(split_url::utf8_to_idn(argv[i])), 1);
   sockets::raise_descriptor_limit();
-  server<filtering_proxy> http(static_cast<int>(strtol(argv[1], nullptr, 10)), true);
+  server<filtering_proxy> http(base::parse_int(argv[1]), true);
   http_proxy::g_server() = &http;  // the upstream connections live in the same server
   http.run();
   return 0;

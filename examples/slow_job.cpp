@@ -10,6 +10,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/text.h"
 #include "http/http_connection.h"
 #include "net/server.h"
 #include "net/sockets.h"
@@ -69,6 +70,7 @@ struct job_connection : http_connection {
   void on_request() override {
     if (written) return;  // a refused upgrade, or bytes after the last request: no thread for these
     if (response_parts.count > 0) return hang_up();  // one job at a time for each client
+    // More than 32 bits, which base::parse_int() would cut off.
     const long below = path.empty() ? 0 : strtol(path.c_str() + 1, nullptr, 10);
     if (method != "GET" || below <= 0) {
       write("HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\n", "Ask for a number: GET /1000000\n");
@@ -98,7 +100,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   sockets::raise_descriptor_limit();
-  server<job_connection> http(static_cast<int>(strtol(argv[1], nullptr, 10)));
+  server<job_connection> http(base::parse_int(argv[1]));
   http.run();
   return 0;
 }

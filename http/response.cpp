@@ -5,7 +5,6 @@
 #include <ctime>
 #include <utility>
 
-#include "base/text.h"
 #include "http/http_connection.h"
 #include "net/sockets.h"
 
@@ -16,7 +15,7 @@ http_connection::response_part::~response_part() {
 
 void http_connection::on_request() {
   write("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n",
-        head + "\r\n" + base::num(static_cast<double>(content.size())) + " bytes of content");
+        head + "\r\n" + std::to_string(content.size()) + " bytes of content");
 }
 
 void http_connection::write(std::string answer_head, const std::string& body) {
@@ -90,7 +89,7 @@ void http_connection::append_part(std::string data) {
 
 bool http_connection::on_send(char* buf, int cap, int* len) {
   if (response_parts.count == 0) return !written || keep_alive;  // not answered yet: wait
-  response_part& part = *response_parts.head->next->value;
+  response_part& part = *response_parts.front();
   if (part.file) return send_file(part, buf, cap, len);
   if (part.thread) return send_job(part, buf, cap, len);
   return send_data(part, buf, cap, len);
@@ -145,8 +144,7 @@ bool http_connection::send_job(response_part& part, char* buf, int cap, int* len
   snprintf(length, sizeof(length), "%zX\r\n", result.size());
   std::string text = length + result + "\r\n0\r\n\r\n";
   if (text.size() > static_cast<size_t>(out_capacity)) {
-    printf("Warning! Thread response (%zd) exceeds buffer size (%d).\n", static_cast<ssize_t>(text.size()),
-           out_capacity);
+    printf("Warning! Thread response (%zu) exceeds buffer size (%d).\n", text.size(), out_capacity);
     text = "0\r\n\r\n";
   }
   last_active = static_cast<int32_t>(time(nullptr));

@@ -168,7 +168,7 @@ void http_connection::send_message(const std::string& payload, int opcode) {
     frame += static_cast<char>(length_in_8_bytes);
     append_big_endian(8);
   } else {
-    printf("send_message() error! Message too long: %zd\n", static_cast<ssize_t>(n));
+    printf("send_message() error! Message too long: %zu\n", n);
   }
   append_part(frame + payload);
 }

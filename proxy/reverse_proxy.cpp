@@ -42,8 +42,8 @@ void reverse_proxy::relay_to(int local_port) {
 // Shows the client what it sent, and the address it sent it from.
 void reverse_proxy::answer_echo() {
   const std::string body = head + "\r\nYour IPv4 address is: " + ip_text();
-  answer("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " +
-         base::num(static_cast<double>(body.size())) + "\r\n\r\n" + body);
+  answer("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\n\r\n" + body);
 }
 
 // Passes the request head on, with the client's address behind the client's own lines. An X-Forwarded-For

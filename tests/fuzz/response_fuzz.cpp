@@ -180,7 +180,7 @@ class player {
 
   void send(size_t cap) {
     if (c_->response_parts.count == 0) return;
-    http_connection::job* job = c_->response_parts.head->next->value->thread;
+    http_connection::job* job = c_->response_parts.front()->thread;
     const bool has_job = job != nullptr;
     const bool waits = has_job && !job->done;
     const std::vector<char> unused(cap, '#');

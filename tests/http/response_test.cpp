@@ -169,7 +169,7 @@ TEST_F(http_response, is_queued_as_bytes_and_marks_the_request_as_answered) {
   c().write("S\r\n", "x");
   EXPECT_TRUE(c().written);
   ASSERT_EQ(c().response_parts.count, 1);
-  const http_connection::response_part* part = c().response_parts.head->next->value;
+  const http_connection::response_part* part = c().response_parts.front();
   EXPECT_EQ(part->file, nullptr);
   EXPECT_EQ(part->remaining, -1.0);
   EXPECT_EQ(part->thread, nullptr);

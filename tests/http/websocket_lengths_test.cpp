@@ -188,7 +188,7 @@ TEST_F(websocket_lengths, are_written_as_the_rfc_says_and_left_out_beyond_a_mebi
     const std::string payload(t.payload, 's');
     c().send_message(payload, text);
     ASSERT_EQ(c().response_parts.count, 1) << "never split";
-    EXPECT_TRUE(c().response_parts.head->next->value->data == t.header + payload) << t.payload;
+    EXPECT_TRUE(c().response_parts.front()->data == t.header + payload) << t.payload;
     EXPECT_EQ(console_.text(),
               t.payload < 1048576
                   ? ""

@@ -1,8 +1,7 @@
 // A server on the library whose WebSocket connections stay open; all else is as the library has it, so that
 // messages come back as text.
 
-#include <cstdlib>
-
+#include "base/text.h"
 #include "http/http_connection.h"
 #include "net/server.h"
 
@@ -16,7 +15,7 @@ struct echo : http_connection {
 
 int main(int argc, char** argv) {
   if (argc != 2) return 1;
-  server<echo> http(static_cast<int>(strtol(argv[1], nullptr, 10)));
+  server<echo> http(base::parse_int(argv[1]));
   http.run();
   return 0;
 }
