@@ -73,7 +73,6 @@ chunked_body::places chunked_body::next_in_line(char c) {
 chunked_body::places chunked_body::next_of_size(char c) {
   switch (place_) {
     case places::size_begin:
-      left_ = 0;
       return add_digit(c);
     case places::size:
       if (c == '\r') return places::size_lf;

@@ -63,7 +63,7 @@ class chunked_body {
 
   places place_ = places::size_begin;
   int32_t line_length_ = 0;  // bytes of the current line so far, without its end
-  uint64_t left_ = 0;        // the size so far; in a chunk, what is still to come of it
+  uint64_t left_ = 0;        // the size so far; in a chunk, what is still to come of it; 0 after it
 
   places next(char c);
   places next_in_line(char c);

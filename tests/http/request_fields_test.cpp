@@ -21,13 +21,14 @@ uintptr_t at(const void* member) {
   return reinterpret_cast<uintptr_t>(member);
 }
 
-// The offset of a virtual function in the table, plus one: how the Itanium C++ ABI stores a pointer to it.
+// The offset of a virtual function in the table is the first word of a pointer to it. The Itanium C++ ABI
+// adds 1 to it, and its variant for ARM to the second word instead: neither makes another slot of it.
 template <class F>
 uintptr_t slot_of(F function) {
   static_assert(sizeof(function) >= sizeof(uintptr_t), "a pointer to a member function");
-  uintptr_t slot;
-  memcpy(&slot, &function, sizeof(slot));
-  return (slot - 1) / sizeof(void*);
+  uintptr_t word;
+  memcpy(&word, &function, sizeof(word));
+  return word / sizeof(void*);
 }
 
 template <class F>

@@ -50,6 +50,13 @@ class sockets_connect : public testing::Test {
     return text;
   }
 
+  int own_port() const {
+    sockaddr_in address = {};
+    socklen_t length = sizeof(address);
+    EXPECT_EQ(getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    return ntohs(address.sin_port);
+  }
+
   static int option(int sock, int level, int name) {
     int value = -1;
     socklen_t length = sizeof(value);
@@ -137,6 +144,34 @@ TEST_F(sockets_connect, connection_under_way_has_not_failed) {
 TEST_F(sockets_connect, all_of_the_loopback_network_is_on_this_machine) {
   ASSERT_GE(connect("127.255.3.4", false), 0);
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 0);
+}
+
+// The system may give a connection the port that it goes to. Where nobody listens on it, the connection is
+// its own peer then.
+TEST_P(either_way, port_of_the_peer_is_no_connection_to_itself_on_another_address) {
+  faults::resolved() = {"127.0.0.2"};
+  const client other_host = client::from_socket(socket(AF_INET, SOCK_STREAM, 0));
+  const int port = free_port();
+  const int on = 1;
+  setsockopt(other_host.sock(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(0x7f000002);
+  ASSERT_EQ(bind(other_host.sock(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(listen(other_host.sock(), 1), 0);
+  faults::outgoing_port() = port;
+  sock = sockets::connect("other.example", port, GetParam());
+  ASSERT_GE(sock, 0);
+  EXPECT_EQ(own_port(), port);
+  EXPECT_EQ(peer(), "127.0.0.2");
+  EXPECT_FALSE(sockets::has_failed(sock));
+}
+
+TEST_P(either_way, connection_to_itself_counts_as_refused) {
+  faults::outgoing_port() = free_port();
+  sock = sockets::connect("127.0.0.1", faults::outgoing_port(), GetParam());
+  EXPECT_TRUE(sockets::has_failed(sock));
 }
 
 // Linux counts twice what was asked for, and gives no more than it is set to give.

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -178,6 +179,22 @@ TEST_F(sockets_test, direction_that_rests_is_left_out_of_one_wait) {
     EXPECT_TRUE(sockets::has(sockets::readable(), here));
     EXPECT_NE(sockets::has(sockets::writable(), here), rests);
   }
+}
+
+// A new socket may get the number before the end of the turn.
+TEST_F(sockets_test, close_forgets_what_the_last_wait_was_told_to_be_unread) {
+  const int number = here;
+  sockets::add(here);
+  sockets::mark_unread(here);
+  sockets::select_all();
+  ASSERT_TRUE(sockets::has(sockets::readable(), number));
+  sockets::close(here);
+  here = eventfd(0, 0);  // with nothing to read
+  ASSERT_EQ(here, number);
+  sockets::add(here);
+  sockets::mark_passed_over(here);
+  sockets::select_all();
+  EXPECT_FALSE(sockets::has(sockets::readable(), number));
 }
 
 // A new socket may get the number before the next wait.

@@ -75,6 +75,11 @@ std::vector<std::string>& adapters() {
   return addresses;
 }
 
+int& outgoing_port() {
+  static int port = 0;
+  return port;
+}
+
 std::string& last_node() {
   static auto& node = *new std::string;
   return node;
@@ -96,6 +101,7 @@ void clear() {
   page_size() = 0;
   resolved().clear();
   adapters().clear();
+  outgoing_port() = 0;
   last_node().clear();
   last_select() = {};
 }
@@ -253,6 +259,12 @@ int accept4(int sock, sockaddr* address, socklen_t* length, int flags) {
 int connect(int sock, const sockaddr* address, socklen_t length) {
   int result = 0;
   if (fails("connect", result)) return result;
+  if (faults::outgoing_port() != 0 && address->sa_family == AF_INET) {
+    const sockaddr_storage own = parse_address("127.0.0.1", static_cast<uint16_t>(faults::outgoing_port()));
+    const int on = 1;  // beside the socket that keeps the port for this process
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    bind(sock, reinterpret_cast<const sockaddr*>(&own), sizeof(sockaddr_in));
+  }
   static auto next = real(&connect, "connect");
   return next(sock, address, length);
 }

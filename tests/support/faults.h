@@ -63,6 +63,10 @@ size_t& page_size();
 std::vector<std::string>& resolved();
 std::vector<std::string>& adapters();
 
+/* The local port that connect() gives the sockets that it connects, on 127.0.0.1; 0: one that the system
+ * chooses. */
+int& outgoing_port();
+
 /* The node that getaddrinfo() was asked for last; empty for the wildcard. */
 std::string& last_node();
 

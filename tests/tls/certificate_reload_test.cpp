@@ -9,9 +9,18 @@
 #include "tests/tls/ssl_server_fixture.h"
 #include "tests/tls/temp_folder.h"
 
+// Found in the test program itself, where a test takes the library away.
+extern "C" int SSL_CTX_use_certificate_chain_file(void*, const char* path);
+
 namespace {
 
 constexpr int64_t old_time = 1500000000;
+
+const std::string pem = "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n";
+
+// What the library's function for chains was called with, and what it returns.
+std::vector<std::string> chain_calls;
+int chain_result = 1;
 
 const std::string reloading = "Reloading certificate...\n";
 
@@ -59,6 +68,11 @@ struct certificate_reload : ssl_server_fixture {
 };
 
 }  // namespace
+
+extern "C" int SSL_CTX_use_certificate_chain_file(void*, const char* path) {
+  chain_calls.push_back(path);
+  return chain_result;
+}
 
 TEST_F(certificate_reload, first_load_prints_nothing_and_remembers_both_times) {
   load_first();
@@ -212,11 +226,68 @@ TEST_F(certificate_reload, idle_turn_without_a_context_does_nothing) {
 TEST_F(certificate_reload, library_that_cannot_load_chains_gets_the_first_certificate) {
   void* const library = std::exchange(openssl::_import.handle, dlopen("libm.so.6", RTLD_LAZY));
   EXPECT_FALSE(openssl::use_certificate_chain_file(srv->ctx, crt.c_str()));
-  const std::string pem = "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n";
   folder.write("crt.pem", pem + pem);
   const std::string error = openssl::_import.error;
   check();
   expect_load("");
   EXPECT_EQ(openssl::_import.error, error);
   dlclose(std::exchange(openssl::_import.handle, library));
+}
+
+/* A library that can load chains: the test itself. */
+struct chain_reload : certificate_reload {
+  chain_reload() {
+    chain_calls.clear();
+    chain_result = 1;
+  }
+  ~chain_reload() override { openssl::_import.handle = library_; }
+
+  /* The file has so many certificates from now on, and is looked at. */
+  void renew(int certificates) {
+    std::string text;
+    for (int i = 0; i < certificates; i++) text += pem;
+    folder.write("crt.pem", text);
+    set_file_time(crt, ++file_time_);
+    check_in(61);
+  }
+
+ private:
+  int64_t file_time_ = old_time;
+  void* const library_ =
+      std::exchange(openssl::_import.handle, nullptr);  // now the whole process is searched
+};
+
+TEST_F(chain_reload, single_certificate_asks_for_no_chain) {
+  renew(1);
+  renew(1);
+  EXPECT_EQ(chain_calls, std::vector<std::string>());
+  EXPECT_FALSE(srv->has_chain);
+}
+
+TEST_F(chain_reload, single_certificate_after_a_chain_takes_the_chain_out_once) {
+  renew(2);
+  EXPECT_EQ(chain_calls, (std::vector<std::string>{crt}));
+  EXPECT_TRUE(srv->has_chain);
+  renew(1);
+  EXPECT_EQ(chain_calls, (std::vector<std::string>{crt, crt}));
+  EXPECT_FALSE(srv->has_chain);
+  renew(1);
+  EXPECT_EQ(chain_calls.size(), 2U);
+}
+
+TEST_F(chain_reload, chain_that_could_not_be_taken_out_is_tried_again_with_the_next_certificate) {
+  renew(2);
+  chain_result = 0;
+  renew(1);
+  EXPECT_TRUE(srv->has_chain);
+  chain_result = 1;
+  renew(1);
+  EXPECT_EQ(chain_calls, (std::vector<std::string>{crt, crt, crt}));
+  EXPECT_FALSE(srv->has_chain);
+}
+
+TEST_F(chain_reload, chain_that_could_not_be_loaded_counts_as_there) {
+  chain_result = 0;
+  renew(3);
+  EXPECT_TRUE(srv->has_chain);
 }
