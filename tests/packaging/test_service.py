@@ -26,11 +26,11 @@ def unit(installed, name):
     return installed / "usr/lib/systemd/system" / name
 
 
-def settings(unit):
+def settings(unit, section="Service"):
     parser = configparser.ConfigParser(strict=False, interpolation=None, delimiters="=")
     parser.optionxform = str
     parser.read(unit)
-    return parser["Service"]
+    return parser[section]
 
 
 @pytest.mark.parametrize("name", UNITS)
@@ -67,6 +67,24 @@ def test_files_that_the_unit_names__are_installed(unit, installed):
     assert "\nMIVO_ARGS=" in (installed / service["EnvironmentFile"].lstrip("/")).read_text()
     users = (installed / "usr/lib/sysusers.d/mivo.conf").read_text()
     assert re.search(rf"^u {service['User']} ", users, re.M)
+
+
+@pytest.mark.parametrize("name", UNITS)
+def test_program_that_ends_at_once_again_and_again__makes_the_unit_fail(unit):
+    """Its exit status is 0 even then, so only Restart=always starts it again; and the starts have to reach the
+    limit within the interval, or systemd would go on for ever and report nothing."""
+    service, limit = settings(unit), settings(unit, "Unit")
+    assert service["Restart"] == "always"
+    seconds_between, starts = int(service["RestartSec"]), int(limit["StartLimitBurst"])
+    assert 1 < starts and seconds_between * starts * 2 < int(limit["StartLimitIntervalSec"])
+
+
+@pytest.mark.parametrize("name", UNITS)
+def test_memory_limits__leave_room_for_all_connections_and_end_one_before_the_kernel_ends_all(unit):
+    memory, whole = (int(re.fullmatch(r"(\d+)G", settings(unit)[name])[1]) for name in ("LimitDATA", "MemoryMax"))
+    connections, buffer_mib = 1024, 1
+    assert memory * 1024 >= 2 * connections * buffer_mib
+    assert memory < whole
 
 
 def free_low_port():
