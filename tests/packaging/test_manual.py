@@ -1,51 +1,18 @@
-"""The manual against the program: the same options, the same console lines, and no fault of form."""
+"""The manual against the program: the same options, the same console lines, and no fault of form. In which mode
+each line appears is in test_manual_modes.py."""
 
 import os
 import re
-import shlex
 import subprocess
 
 import pytest
 
-from mivo_process import PROGRAM, REPOSITORY, Mivo, ReservedPort
-from wire import Wire, request
+from manual import BLANK, MANUAL, manual_messages, section
+from mivo_process import PROGRAM, REPOSITORY
 
-MANUAL = REPOSITORY / "packaging/mivo.8"
 LAYERS = ["base", "net", "tls", "http", "proxy", "main"]
 SECTIONS = ["NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "CONSOLE OUTPUT", "SIGNALS", "FILES",
             "EXIT STATUS", "EXAMPLES", "LIMITS", "BUGS", "SECURITY"]
-BLANK = "\0"  # stands for what varies in a message, on both sides of the comparison
-
-
-# What the manual says.
-
-
-def section(title):
-    """The source lines of a section."""
-    parts = re.split(r"^\.Sh (.+)$", MANUAL.read_text(), flags=re.M)
-    return dict(zip(parts[1::2], parts[2::2]))[title].strip("\n").split("\n")
-
-
-def message_of_item(line):
-    """The message in an .It line of the manual: .Li is its own words, .Ar what varies."""
-    text, kind, joined = "", None, True
-    for word in shlex.split(line.removeprefix(".It "), posix=True):
-        if word in ("Li", "Ar"):
-            kind = word
-        elif word == "Ns":
-            joined = True
-        else:
-            assert kind, f"no macro before {word!r}: {line}"
-            text += ("" if joined else " ") + (word.replace("&", "") if kind == "Li" else BLANK)
-            joined = False
-    return text
-
-
-def manual_messages():
-    lines = [line for line in section("CONSOLE OUTPUT") if line.startswith(".It ")]
-    assert len(lines) == len(set(lines))
-    # A backslash would be read as quoting by the split; in the manual it only begins the empty "\&".
-    return {message_of_item(line.replace("\\&", "&")) for line in lines}
 
 
 # What the program says. An expression whose text stands elsewhere is followed by hand, once, here; one that
@@ -152,28 +119,6 @@ def test_options_are_those_of_the_usage_text():
     assert documented == options
     shown = " ".join(section("SYNOPSIS"))
     assert {"-" + flag for flag in re.findall(r"Fl (\w+)", shown)} == set(options) - {""}
-
-
-def test_lines_of_a_run_are_as_the_manual_says(tmp_path):
-    """The program's own word against the manual's, so that nothing rests on how the sources are read."""
-    patterns = [re.escape(message).replace(BLANK, ".*") for message in manual_messages() - {BLANK}]
-    known = re.compile("|".join(patterns) + r"|[0-9.]+")  # the addresses of the banner
-    upstream = ReservedPort("127.0.0.1")
-    mivo = Mivo.serve(tmp_path, {"echo": -1, "refused": upstream.port})
-    try:
-        for host in ("echo", "nobody", "refused"):
-            client = Wire.connect(mivo.port)
-            client.send(request(host, "/a", headers=["User-Agent: x y"]))
-            client.read_head()
-            client.close()
-        mivo.wait_until_idle()
-        mivo.interrupt()
-    finally:
-        mivo.kill()
-        upstream.close()
-    lines = mivo.console().splitlines()
-    assert len([line for line in lines if line.startswith("[")]) == 3
-    assert [line for line in lines if not known.fullmatch(line)] == []
 
 
 def test_sections_are_there():

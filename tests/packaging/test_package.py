@@ -245,6 +245,10 @@ def test_installation__brings_the_recommended_library_and_the_user(debian):
     assert debian.run("mivo").startswith("USAGE:\n")
 
 
+def test_installation__makes_a_folder_that_only_the_service_may_read(debian):
+    assert debian.run("stat", "-c", "%U %G %a", "/etc/mivo") == "root mivo 750\n"
+
+
 def test_echo_example__shows_the_request(debian, port):
     debian.start([str(port), "-map", f"127.0.0.1:{port}", "-1"])
     page = fetch(f"http://127.0.0.1:{port}/hello")
@@ -260,12 +264,12 @@ def test_https_with_the_files_of_the_manuals_deploy_hook__serves(debian, port, t
     systemctl = debian.root / "usr/bin/systemctl"  # a bare system has none, and no service to restart
     assert not systemctl.exists()
     systemctl.symlink_to("true")
-    lineage = debian.root / "tmp/lineage"
-    lineage.mkdir(mode=0o700)
+    lineage = debian.root / "etc/letsencrypt/live/blog.example"
+    lineage.mkdir(parents=True)
+    lineage.parent.chmod(0o700)
     output_of("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
               "-keyout", lineage / "privkey.pem", "-out", lineage / "fullchain.pem")
-    debian.run(*re.search(r"^(install -d .*)$", manual, re.M)[1].split())
-    debian.run("env", "RENEWED_LINEAGE=/tmp/lineage", "sh", "/tmp/hook")
+    debian.run("env", "RENEWED_LINEAGE=/etc/letsencrypt/live/blog.example", "sh", "/tmp/hook")
     systemctl.unlink()
     assert sorted(os.listdir(debian.root / "etc/mivo")) == ["crt.pem", "key.pem"]
     assert (debian.root / "etc/mivo/key.pem").stat().st_mode & 0o777 == 0o640
@@ -276,8 +280,12 @@ def test_https_with_the_files_of_the_manuals_deploy_hook__serves(debian, port, t
     assert debian.stop() == 0
 
 
-def test_installing_again_and_purging__leave_nothing_but_the_user(debian, package):
+def test_installing_again_and_purging__leave_nothing_but_the_user_and_the_key(debian, package):
+    (debian.root / "etc/mivo").chmod(0o700)
     debian.run("dpkg", "--install", f"/tmp/{package.name}")
+    assert debian.run("stat", "-c", "%a", "/etc/mivo") == "700\n"  # as the administrator has made it
+    (debian.root / "etc/mivo/key.pem").touch()
     debian.run("dpkg", "--purge", "mivo")
+    assert (debian.root / "etc/mivo/key.pem").exists()
     assert [name for name in FILES if (debian.root / name.lstrip("/")).exists()] == []
     assert debian.run("getent", "passwd", "mivo")
