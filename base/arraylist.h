@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <type_traits>
 
 namespace base {
@@ -25,7 +26,7 @@ struct arraylist {
   arraylist& operator=(const arraylist&) = delete;
   ~arraylist() { free(data); }
 
-  /* Appends `x`. The array may move: pointers into `data` die. */
+  /* Appends `x`. The array may move: pointers into `data` die. After std::bad_alloc all is as before. */
   void add(T x) {
     if (capacity == 0)
       reserve(2);
@@ -53,10 +54,12 @@ struct arraylist {
   }
 
   /* Sets the capacity to `wanted` elements, more or fewer than before, but at least 1 and at least `count`.
-   * The null behind the last one has a place beyond them. */
+   * The null behind the last one has a place beyond them. After std::bad_alloc all is as before. */
   void reserve(uint32_t wanted) {
+    void* moved = realloc(data, (static_cast<size_t>(wanted) + 1) * sizeof(T));
+    if (!moved) throw std::bad_alloc();
+    data = static_cast<T*>(moved);
     capacity = wanted;
-    data = static_cast<T*>(realloc(data, (static_cast<size_t>(capacity) + 1) * sizeof(T)));
     data[count] = nullptr;
   }
 };

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <type_traits>
 
@@ -59,7 +60,7 @@ struct hashmap {
 
   /* Inserts, or replaces the value of a key that is there. The map copies the key, so the caller's string
    * may die at once. When no slot is free (only after 3 * 2^30 keys, when doubling would overflow) it says so
-   * and stores nothing. */
+   * and stores nothing. After std::bad_alloc all keys and values are as before. */
   void set(const std::string& key, V value) {
     grow_maybe();
     uint32_t h = hash_of(key);
@@ -80,11 +81,12 @@ struct hashmap {
 
   /* Removes `key`, which may be the map's own string, if it is there; its value is the caller's to free.
    * Costs a walk over all keys and a rebuild of the table: cheaper than tombstones for a map that hardly ever
-   * removes. */
+   * removes. After std::bad_alloc all is as before. */
   void remove(const std::string& key) {
     if (count == 0) return;
     slot* found = find_slot(hash_of(key), key, nullptr);
     if (!found || !found->key) return;
+    slot* fresh = new_slots(capacity);
     uint32_t at = 0;
     while (keys[at] != found->key) at++;
     delete keys[at];
@@ -92,7 +94,7 @@ struct hashmap {
     memmove(keys + at, keys + at + 1, (count - at) * sizeof(*keys));
     keys[count] = nullptr;
     found->key = nullptr;
-    rebuild(capacity);
+    move_slots(fresh, capacity);
   }
 
  private:
@@ -127,15 +129,28 @@ struct hashmap {
   }
 
   void resize(uint32_t wanted) {
-    keys = static_cast<std::string**>(realloc(keys, wanted * sizeof(*keys)));
-    rebuild(wanted);
+    slot* fresh = new_slots(wanted);
+    void* moved = realloc(keys, wanted * sizeof(*keys));
+    if (!moved) {
+      free(fresh);
+      throw std::bad_alloc();
+    }
+    keys = static_cast<std::string**>(moved);
+    keys[count] = nullptr;
+    move_slots(fresh, wanted);
   }
 
-  // Moves every slot into a fresh array of `wanted` slots; stored hashes serve again.
-  void rebuild(uint32_t wanted) {
+  static slot* new_slots(uint32_t wanted) {
+    void* fresh = calloc(wanted, sizeof(slot));
+    if (!fresh) throw std::bad_alloc();
+    return static_cast<slot*>(fresh);
+  }
+
+  // Moves every slot into a fresh array of `wanted` slots, which is taken over; stored hashes serve again.
+  void move_slots(slot* fresh, uint32_t wanted) {
     slot* old = slots;
     uint32_t old_capacity = capacity;
-    slots = static_cast<slot*>(calloc(wanted, sizeof(slot)));
+    slots = fresh;
     capacity = wanted;
     for (uint32_t i = 0; i < old_capacity; i++) {
       if (!old[i].key) continue;

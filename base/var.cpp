@@ -29,14 +29,27 @@ var& var::operator=(const var& other) {
 }
 
 void var::push(const var& x) {
-  if (has_payload(array_kind)) as_array().add(new var(x));  // deleted by unref()
+  if (!has_payload(array_kind)) return;
+  auto* element = new var(x);  // deleted by unref()
+  try {
+    as_array().add(element);
+  } catch (...) {  // no memory for its place
+    delete element;
+    throw;
+  }
 }
 
 void var::set(const std::string& key, const var& x) {
   if (!has_payload(object_kind)) return;
   base::hashmap<var*>& map = as_object();
   var* old = map.get(key);
-  map.set(key, new var(x));  // deleted by unref(), or here when it is replaced
+  auto* value = new var(x);  // deleted by unref(), or here when it is replaced
+  try {
+    map.set(key, value);
+  } catch (...) {  // no memory for the key, or for its place
+    delete value;
+    throw;
+  }
   delete old;
 }
 
