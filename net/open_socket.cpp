@@ -56,21 +56,22 @@ int open_socket(const addrinfo& address, int flags) {
   return -1;
 }
 
-// The IPv4 addresses of the adapters, one a line.
-std::string adapter_list() {
+// Prints the IPv4 addresses of the adapters, one a line. Not by way of a string: a server that starts again
+// in the middle of its work must not fail for lack of memory.
+void print_adapters() {
   ifaddrs* adapters = nullptr;
-  if (getifaddrs(&adapters) != 0) return "";
-  std::string text;
+  if (getifaddrs(&adapters) != 0) adapters = nullptr;
+  const char* between = "";
   for (ifaddrs* a = adapters; a; a = a->ifa_next) {
     char host[64];
     if (!a->ifa_addr || a->ifa_addr->sa_family != AF_INET) continue;
     if (getnameinfo(a->ifa_addr, sizeof(sockaddr_in), host, sizeof(host), nullptr, 0, NI_NUMERICHOST) != 0)
       continue;
-    if (!text.empty()) text += "\n";
-    text += host;
+    printf("%s%s", between, host);
+    between = "\n";
   }
-  freeifaddrs(adapters);
-  return text;
+  printf("\n");
+  if (adapters) freeifaddrs(adapters);
 }
 
 void print_binding(bool localhost_only, int port) {
@@ -78,7 +79,7 @@ void print_binding(bool localhost_only, int port) {
     printf("Binding to port %d on localhost only\n", port);
   } else {
     printf("Binding to port %d on all adapters:\n", port);
-    printf("%s\n", adapter_list().c_str());
+    print_adapters();
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 std::string clean_path(const std::string& path) {
   std::string clean;
@@ -21,10 +22,14 @@ std::string clean_path(const std::string& path) {
   return clean;
 }
 
-double certificate_file_time(const std::string& path) {
-  struct stat status;
-  if (stat(clean_path(path).c_str(), &status) != 0) return 0;
-  return static_cast<double>(status.st_mtim.tv_sec);
+double certificate_file_time(const std::string& path) noexcept {
+  try {
+    struct stat status;
+    if (stat(clean_path(path).c_str(), &status) != 0) return 0;
+    return static_cast<double>(status.st_mtim.tv_sec);
+  } catch (const std::bad_alloc&) {  // no connection is to end for it: the file is looked at again
+    return 0;
+  }
 }
 
 namespace {

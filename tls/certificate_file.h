@@ -3,9 +3,9 @@
 
 #include <string>
 
-/* The modification time of the file at `path` in whole seconds since the epoch; 0 when there is none.
- * The path is put right by clean_path() first. */
-double certificate_file_time(const std::string& path);
+/* The modification time of the file at `path` in whole seconds since the epoch; 0 when there is none, or no
+ * memory to look for it. The path is put right by clean_path() first. */
+double certificate_file_time(const std::string& path) noexcept;
 
 /* `path` with backslashes as slashes, and without doubled slashes, "/./" and a slash at the end. Two dots
  * and a leading "./" stay. */

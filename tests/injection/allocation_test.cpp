@@ -1,6 +1,7 @@
 // Memory that is refused: the pages of a connection, and every allocation of a conversation, small ones, too.
 
 #include <cerrno>
+#include <climits>
 #include <memory>
 #include <vector>
 
@@ -88,7 +89,84 @@ void refuse_every_allocation(int refused) {
   EXPECT_GT(granted, 50);
 }
 
+/* A turn in which every allocation is refused, and that throws nothing. */
+template <class Stage>
+void take_turn_without_memory(Stage& here) {
+  prepare_lists();
+  new_faults() = {true, 0, 0, INT_MAX};
+  EXPECT_NO_THROW(here.turn());
+  new_faults() = {};
+}
+
 }  // namespace
+
+TEST(allocation, server_starts_again_without_any) {
+  descriptor_check descriptors;
+  console screen;
+  plain_stage here;
+  faults::adapters() = {"10.11.12.13", "10.11.12.14", "10.11.12.15"};
+  ASSERT_TRUE(here.start());
+  here.turn();  // what the process allocates once
+  screen.clear();
+  faults::of()["select"] = {0, 1, EBADF};
+  take_turn_without_memory(here);
+  EXPECT_EQ(screen.text(), "select() failed! 9\nBinding to port " + std::to_string(here.port()) +
+                               " on all adapters:\n10.11.12.13\n10.11.12.14\n10.11.12.15\n");
+  EXPECT_TRUE(here.is_serving());
+  here.stop();
+}
+
+TEST(allocation, certificate_that_could_not_be_looked_at_is_loaded_by_the_next_look) {
+  descriptor_check descriptors;
+  console screen;
+  tls_stage here;
+  here.change_files();
+  ASSERT_TRUE(here.start());
+  here.turn();  // what the process allocates once
+  here.change_files();
+  for (bool is_refused : {true, false}) {
+    faults::clock_offset() += 61;
+    if (is_refused)
+      take_turn_without_memory(here);
+    else
+      here.turn();
+    EXPECT_EQ(screen.text().find("Reloading certificate...\n") == std::string::npos, is_refused);
+  }
+  here.stop();
+}
+
+// Of all allocations of a request, one is the place in the server's list.
+TEST(allocation, client_whose_upstream_the_server_could_not_take_gets_the_502_and_no_further_request) {
+  descriptor_check descriptors;
+  console screen;
+  plain_stage here;
+  ASSERT_TRUE(here.start());
+  const listener upstream;
+  reverse_proxy::hosts().set("a", upstream.port());
+  proxy_pipe unused;
+  delete new proxy_connection(-1, &unused);  // leaves its memory to the next one
+  prepare_lists();
+  int refusals = 0;
+  for (int granted = 0; granted < 100 && here.connections() == 0; granted++) {
+    reverse_proxy proxy;
+    {
+      with_faults on;
+      new_faults() = {true, 0, granted, 1};
+      try {
+        deliver(proxy, request_to("a"));
+      } catch (const std::bad_alloc&) {
+        new_faults() = {};
+        continue;
+      }
+      new_faults() = {};
+    }
+    if (here.connections() == 0) refusals++;
+    EXPECT_EQ(proxy.keep_alive, here.connections() == 1);
+    EXPECT_EQ(std::string(proxy.pipe->to_client), here.connections() == 1 ? "" : bad_gateway);
+  }
+  EXPECT_EQ(refusals, 1);
+  here.stop();
+}
 
 TEST(allocation, connection_without_pages_is_the_only_one_harmed) {
   run_for_every_use<stage_without_spares>({"mmap", ENOMEM, harm::one_client}, 1);
