@@ -1,5 +1,6 @@
 #include "net/connection.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include "net/connection_memory.h"
@@ -7,6 +8,28 @@
 // The buffer is left alone: operator new has handed out zeros, and writing them again would touch its pages.
 // cppcheck-suppress uninitMemberVar
 connection::connection() : last_active(static_cast<int32_t>(time(nullptr))) {}
+
+namespace {
+
+// The object whose destructor has run last, and how much of its output buffer was written: for the delete
+// that follows, which finds no object any more.
+struct {
+  const void* object = nullptr;
+  size_t filled = 0;  // bytes
+} last_ended;
+
+}  // namespace
+
+connection::~connection() {
+  last_ended = {this, static_cast<size_t>(out_filled < 0 ? out_capacity : out_filled)};
+}
+
+void connection::fill_output() {
+  const int before = out_filled;
+  out_filled = out_capacity;  // if on_send() throws, or gives a length that is none
+  keep = on_send(out, out_capacity, &out_len);
+  if (out_len >= 0) out_filled = std::max(before, out_len);
+}
 
 connection*& connection::selected() {
   static connection* current = nullptr;
@@ -24,7 +47,8 @@ void* connection::operator new(size_t size) {
 }
 
 void connection::operator delete(void* object, size_t) noexcept {
-  connection_memory::shared().give_back(object);
+  const size_t filled = object == last_ended.object ? last_ended.filled : size_t{out_capacity};
+  connection_memory::shared().give_back(object, filled);
 }
 
 // For a constructor that throws.

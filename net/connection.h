@@ -31,6 +31,7 @@ struct connection {
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
   uint8_t fruitless = 0;              // turns in a row in which the socket was ready and moved nothing
   uint8_t unexplained = 0;            // the last of them, in a row, that did not ask to wait either
+  int out_filled = -1;                // bytes of `out` that were ever written, from its front; -1: unknown
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
 
@@ -42,11 +43,16 @@ struct connection {
   virtual void on_recv(char* data, int len) = 0;
 
   /* Called when nothing is left to send: writes up to `cap` bytes to `buf` and stores their number in *len,
-   * which the caller has set to 0. Returns whether to stay open when they are sent. */
+   * which the caller has set to 0. Returns whether to stay open when they are sent. Not a byte may be written
+   * behind these: what is cleared for the next object on this memory goes by their number. */
   virtual bool on_send(char* buf, int cap, int* len) = 0;
 
   /* Must not throw: the language ends the program. */
-  virtual ~connection() = default;
+  virtual ~connection();
+
+  /* Has on_send() fill `out`, and keeps what it says in `out_len`, `keep` and `out_filled`. Throws what
+   * on_send() throws. */
+  void fill_output();
 
   /* The connection that update() is servicing; null outside. Set by the servers alone. */
   static connection*& selected();

@@ -267,7 +267,7 @@ void server_base::ask_for_output(connection* conn) {
     sockets::mark_ready(conn->sock);
     return;
   }
-  conn->keep = conn->on_send(conn->out, connection::out_capacity, &conn->out_len);
+  conn->fill_output();
   if (conn->out_len != 0) {
     if (conn->out_len > 0) conn->out_pos = 0;
     sockets::mark_ready(conn->sock);

@@ -127,6 +127,28 @@ TEST_P(pages_test, single_byte_is_cleared_wherever_it_was_written) {
   give_back(objects);
 }
 
+TEST_P(pages_test, little_output_is_cleared_in_place_with_all_fields) {
+  const size_t fields = smallest - connection::out_capacity;  // more than stand in front of the buffer
+  for (size_t size : sizes) {
+    std::vector<char*> objects = take(size, 2);
+    memset(objects[0], 'n', size);
+    char* object = objects[1];
+    for (size_t filled : {size_t{0}, size_t{1}, page - 1, std::min(page, size_t{16384})}) {
+      if (filled > 16384) continue;
+      memset(object, 'x', fields + filled);
+      memset(object + connection::out_capacity + fields - 16, 'x',
+             size - connection::out_capacity - fields + 16);
+      const int before = calls("madvise");
+      memory.give_back(object, filled);
+      EXPECT_EQ(calls("madvise"), before);
+      ASSERT_EQ(take(size), object);
+      ASSERT_TRUE(holds_only(object, size, '\0')) << filled << " of " << size;
+    }
+    ASSERT_TRUE(holds_only(objects[0], size, 'n'));
+    give_back(objects);
+  }
+}
+
 // The first object of a row begins with a page, the fourth in the midst of one.
 TEST_P(pages_test, pages_that_hold_only_output_are_returned_and_the_outer_ones_kept) {
   const auto real = static_cast<size_t>(getpagesize());

@@ -36,7 +36,7 @@ struct larger_connection : silent_connection {
   char extra[Extra];
 };
 
-constexpr int many = 200;
+constexpr int many = 400;
 
 class connection_test : public testing::Test {
  protected:
@@ -201,6 +201,82 @@ TEST_F(connection_test, memory_is_zero_when_only_a_byte_was_written) {
     std::unique_ptr<connection> again(new silent_connection);
     EXPECT_TRUE(is_zero(again->out, sizeof(again->out))) << at;
   }
+}
+
+// Fills the buffer up to `written` bytes and says that there are `said`.
+struct writing_connection : silent_connection {
+  int written = 0;
+  int said = 0;
+  bool fails = false;
+  bool on_send(char* buf, int, int* len) override {
+    fill(buf, static_cast<size_t>(written));
+    if (fails) throw std::string("no more");
+    *len = said;
+    return true;
+  }
+  void write(int length) {
+    written = said = length;
+    out_len = 0;
+    fill_output();
+  }
+};
+
+// Ends the object, and says how many calls gave its pages to the system. The next object must be on its place
+// and find zeros.
+int pages_returned_by_end_of(writing_connection* c) {
+  const int before = faults::calls()["madvise"];
+  const void* const place = c;
+  delete c;
+  const int calls = faults::calls()["madvise"] - before;
+  std::unique_ptr<connection> again(new writing_connection);
+  EXPECT_EQ(again.get(), place);
+  EXPECT_TRUE(is_zero(again->out, sizeof(again->out)));
+  return calls;
+}
+
+TEST_F(connection_test, output_is_kept_with_its_length_and_how_far_the_buffer_was_ever_written) {
+  std::unique_ptr<writing_connection> c(new writing_connection);
+  c->keep = false;
+  c->write(361);
+  EXPECT_EQ(c->out_len, 361);
+  EXPECT_TRUE(c->keep);
+  EXPECT_EQ(c->out_filled, 361);
+  c->write(10);
+  EXPECT_EQ(c->out_len, 10);
+  EXPECT_EQ(c->out_filled, 361);
+  c->write(1000);
+  EXPECT_EQ(c->out_filled, 1000);
+}
+
+TEST_F(connection_test, memory_of_little_output_is_cleared_without_a_call_into_the_system) {
+  for (int length : {0, 1, 361, 5000, 16384}) {
+    auto* c = new writing_connection;
+    c->write(length);
+    c->write(0);
+    EXPECT_EQ(pages_returned_by_end_of(c), 0) << length;
+  }
+}
+
+TEST_F(connection_test, memory_of_much_output_is_returned_to_the_system) {
+  for (int length : {16385, 100000, connection::out_capacity}) {
+    auto* c = new writing_connection;
+    c->write(length);
+    c->write(1);
+    EXPECT_EQ(pages_returned_by_end_of(c), 1) << length;
+  }
+}
+
+TEST_F(connection_test, memory_is_zero_again_when_a_hook_does_not_say_how_much_it_wrote) {
+  auto* negative = new writing_connection;
+  negative->written = 50000;
+  negative->said = -1;
+  negative->fill_output();
+  EXPECT_EQ(pages_returned_by_end_of(negative), 1);
+  auto* failing = new writing_connection;
+  failing->written = 50000;
+  failing->fails = true;
+  EXPECT_THROW(failing->fill_output(), std::string);
+  EXPECT_EQ(pages_returned_by_end_of(failing), 1);
 }
 
 TEST_F(connection_test, ended_object_leaves_its_neighbours_as_they_are) {
