@@ -1,6 +1,7 @@
 #include "base/text.h"
 
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -28,10 +29,13 @@ void empty_for_reuse(std::string& s) {
 void append_dotted_quad(std::string& text, uint32_t ip) {
   unsigned char bytes[4];
   memcpy(bytes, &ip, sizeof(bytes));
-  for (int i = 0; i < 4; i++) {
-    if (i > 0) text += '.';
-    text += std::to_string(bytes[i]);  // at most three digits: no allocation
+  char quad[16];
+  char* end = quad;
+  for (unsigned char byte : bytes) {
+    end = std::to_chars(end, end + 3, byte).ptr;
+    *end++ = '.';
   }
+  text.append(quad, static_cast<size_t>(end - 1 - quad));
 }
 
 std::string base64(const std::string& bytes) {

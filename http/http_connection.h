@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "base/arraylist.h"
 #include "base/hashmap.h"
@@ -210,7 +211,7 @@ struct http_connection : connection {
 
   /* get_header() and info() behind what is in the first argument already: a text that is built anew for each
    * request then keeps its memory. */
-  static void append_header(std::string& to, const std::string& name, const std::string& text);
+  static void append_header(std::string& to, std::string_view name, const std::string& text);
   void append_info(std::string& to, bool with_agent) const;
 
   // The end.

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <charconv>
 #include <string_view>
 
 #include "base/find.h"
@@ -91,7 +92,8 @@ void http_connection::parse_head() {
   content_length = base::parse_int(get_header("content-length", head).c_str());
   // HTTP/1.1 stays open even when the client says "Connection: close": the client is left to close it.
   if (version == "HTTP/1.0" && get_header("connection", head) != "Keep-Alive") keep_alive = false;
-  cookie = get_header("cookie", head);
+  cookie.clear();
+  append_header(cookie, "cookie", head);  // into the memory of an earlier one
 
   size_t question = target.find('?');
   if (signed_position(question) > 0) {
@@ -147,7 +149,9 @@ void http_connection::append_info(std::string& to, bool with_agent) const {
   const size_t before = to.size();
   if (ip == htonl(INADDR_LOOPBACK)) append_header(to, "x-forwarded-for", head);
   if (to.size() == before) base::append_dotted_quad(to, ip);
-  to.append(":").append(std::to_string(port));
+  char digits[12];
+  char* const end = std::to_chars(digits, digits + sizeof(digits), port).ptr;
+  to.append(":").append(digits, static_cast<size_t>(end - digits));
   to.append(" ").append(method).append(" ").append(target).append(" ").append(version);
   if (!with_agent) return;
   to += " [";
@@ -155,13 +159,24 @@ void http_connection::append_info(std::string& to, bool with_agent) const {
   to += "]";
 }
 
-void http_connection::append_header(std::string& to, const std::string& name, const std::string& text) {
+namespace {
+
+bool has_wildcard(std::string_view name) {
+  for (char c : name) {
+    if (c == '?' || c == '*') return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+void http_connection::append_header(std::string& to, std::string_view name, const std::string& text) {
   size_t end = std::string::npos;
-  if (base::find_case_insensitive() && name.find_first_of("?*") == std::string::npos) {
+  if (base::find_case_insensitive() && !has_wildcard(name)) {
     const size_t line = base::find_line(text, name);
     if (line != std::string::npos) end = line + 2 + name.size();
   } else {
-    base::find(text, "\r\n" + name, end);
+    base::find(text, std::string("\r\n").append(name), end);
   }
   if (end == std::string::npos) return;
   size_t start = end + 2;  // over ": ", whatever stands there
