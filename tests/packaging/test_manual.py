@@ -106,7 +106,7 @@ def test_options_are_those_of_the_usage_text():
     options, current = {"": []}, ""
     for word in synopsis[1:]:
         if word.startswith("-"):
-            options[current := word] = []
+            options[(current := word)] = []
         else:
             options[current].append(word.strip("[]"))
     documented = {"": []}

@@ -3,6 +3,7 @@
 import contextlib
 import random
 import select
+import socket
 import threading
 import time
 
@@ -131,7 +132,7 @@ class Load:
                     got += data
             except ConnectionError:
                 got = b""
-            except TimeoutError:
+            except socket.timeout:  # TimeoutError, but not before Python 3.10
                 got = b"nothing: the request hangs"
             if got.startswith(b"HTTP/1.1 200 OK\r\n") and got.endswith(HELLO):
                 self.served += 1

@@ -33,7 +33,7 @@ ROUNDS = 200
 NODE_CLIENT = """
 const https = require("https"), fs = require("fs"), crypto = require("crypto");
 const [url, ca, digestUrl] = process.argv.slice(1);
-const agent = new https.Agent({ keepAlive: true, maxSockets: 1, ca: fs.readFileSync(ca) });
+const agent = new https.Agent({ family: 4, keepAlive: true, maxSockets: 1, ca: fs.readFileSync(ca) });
 const get = (path) => new Promise((resolve, reject) => https.get(url + path, { agent }, (response) => {
   const { authorized } = response.socket, protocol = response.socket.getProtocol(), parts = [];
   const reused = response.req.reusedSocket;
@@ -149,7 +149,8 @@ def test_python_client__gets_exactly_what_mivo_answers_itself(serve, kind, versi
 
 def test_node_client__gets_its_bytes_on_one_connection(serve, site):
     service = serve()
-    told = run("node", "-e", NODE_CLIENT, service.url, service.root.crt)
+    # Node 12 knows no option for IPv4 first; the script asks for IPv4 instead.
+    told = run("env", "-u", "NODE_OPTIONS", "node", "-e", NODE_CLIENT, service.url, service.root.crt)
     def answer(digest, reused):
         return (f'{{"authorized":true,"protocol":"TLSv1.3","reused":{reused},"status":200,'
                 f'"digest":"{digest}"}}')

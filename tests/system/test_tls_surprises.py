@@ -3,6 +3,7 @@
 import os
 import pathlib
 import shutil
+import socket
 import stat
 
 import pytest
@@ -92,7 +93,7 @@ def is_served(service):
     try:
         service.context().wrap_socket(client.sock, server_hostname="localhost").close()
         return True
-    except TimeoutError:
+    except socket.timeout:  # TimeoutError, but not before Python 3.10
         client.close()
         return False
 

@@ -16,7 +16,9 @@ const fs = require("fs");
 const http = require("http");
 const path = require("path");
 const { pipeline, Readable } = require("stream");
-const timers = require("timers/promises");
+const { promisify } = require("util");
+
+const sleep = promisify(setTimeout);
 
 const [site, blockPath, port] = process.argv.slice(2);
 const block = fs.readFileSync(blockPath);
@@ -32,7 +34,7 @@ function* repeatedBlock(length) {
 async function* drip(count) {
   for (let i = 0; i < count; i++) {
     yield `piece ${i}\n`;
-    await timers.setTimeout(5);
+    await sleep(5);
   }
 }
 
