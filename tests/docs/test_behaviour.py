@@ -1,4 +1,4 @@
-"""docs/behaviour.md names tests as evidence: each of them has to be there."""
+"""docs/behaviour.md names tests as evidence, in a table at its end: each answer has some, and each is there."""
 
 import re
 
@@ -6,8 +6,21 @@ import pytest
 
 from mivo_process import REPOSITORY
 
-SECTIONS = re.split(r"^### ", (REPOSITORY / "docs/behaviour.md").read_text(), flags=re.MULTILINE)[1:]
-NAMED = re.compile(r"^\* `([^`:]+)::([^`]+)`$", re.MULTILINE)
+TEXT, _, TABLE = (REPOSITORY / "docs/behaviour.md").read_text().partition("\n## Tests\n")
+QUESTIONS = re.findall(r"^### (.+)$", TEXT, re.MULTILINE)
+ROW = re.compile(r"^\|(?: ([^|]+))? \| `([^`:]+)::([^`]+)` \|$", re.MULTILINE)
+
+
+def named_tests():
+    """{question: [(file, test)]}; a row without a question belongs to that of the row above."""
+    named, question = {}, None
+    for title, file, name in ROW.findall(TABLE):
+        question = title or question
+        named.setdefault(question, []).append((file, name))
+    return named
+
+
+NAMED = named_tests()
 
 
 def is_there(file, name):
@@ -18,15 +31,19 @@ def is_there(file, name):
     return re.search(rf"^TEST(_F|_P)?\({re.escape(suite)}, *{re.escape(test)}\)", text, re.MULTILINE) is not None
 
 
-@pytest.mark.parametrize("section", SECTIONS, ids=[section.splitlines()[0] for section in SECTIONS])
-def test_answer__names_tests_that_are_there(section):
-    named = NAMED.findall(section)
-    assert named
-    assert len(named) == section.count("\n* ")
-    missing = [f"{file}::{name}" for file, name in named if not is_there(file, name)]
+def test_table__has_each_question_once_and_in_its_order():
+    assert list(NAMED) == QUESTIONS
+    assert len(QUESTIONS) > 30
+    assert all(question.endswith("?") for question in QUESTIONS)
+    rows = [line for line in TABLE.splitlines() if line.startswith("|")][2:]
+    assert len(rows) == sum(map(len, NAMED.values()))
+
+
+def test_tests__are_named_in_the_table_alone():
+    assert not re.search(r"\.(py|cpp)::", TEXT)
+
+
+@pytest.mark.parametrize("question", QUESTIONS)
+def test_answer__names_tests_that_are_there(question):
+    missing = [f"{file}::{name}" for file, name in NAMED.get(question, []) if not is_there(file, name)]
     assert missing == []
-
-
-def test_document__has_questions_to_answer():
-    assert len(SECTIONS) > 30
-    assert all(section.splitlines()[0].endswith("?") for section in SECTIONS)
