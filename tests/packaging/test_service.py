@@ -87,6 +87,14 @@ def test_memory_limits__leave_room_for_all_connections_and_end_one_before_the_ke
     assert memory < whole
 
 
+@pytest.mark.parametrize("name", UNITS)
+def test_journal__is_told_of_a_rate_that_nothing_reaches(unit):
+    """systemd does not pass an interval of 0 on, and the journal's own limit would hold."""
+    service = settings(unit)
+    seconds, lines = int(service["LogRateLimitIntervalSec"]), int(service["LogRateLimitBurst"])
+    assert seconds > 0 and lines / seconds >= 1_000_000
+
+
 def free_low_port():
     """A port that only the privileged may open, and that nobody has."""
     for port in range(LEAST_PORT - 1, 512, -1):
