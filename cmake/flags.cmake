@@ -3,9 +3,11 @@
 
 add_library(mivo_flags INTERFACE)
 target_compile_options(mivo_flags INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  # A warning of a compiler that we have not met is no error in somebody else's project.
+  $<$<BOOL:${MIVO_STANDS_ALONE}>:-Werror>
   # The same bytes come out whatever folder the build runs in.
-  "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.")
 
 # Release: optimised and hardened.
 target_compile_options(mivo_flags INTERFACE

@@ -1,7 +1,10 @@
 /* import: a shared library that is opened at run time, and whose absence is no failure until it is used.
  *
  * The file is found by its name in the dynamic linker's cache, versions and all: "libssl.so" finds
- * "libssl.so.3". Owns the library's handle. */
+ * "libssl.so.3". Owns the library's handle.
+ *
+ * From C++20 on, a line that begins with this class's name and goes on with another name imports a module.
+ * Write `struct import` or `::import` there. */
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-"""The Debian package: what is in it, that the same bytes come out everywhere, and that it works on a Debian 12
-that has nothing else.
+"""The Debian packages: what is in them, that the same bytes come out everywhere, and that mivo works on a Debian 12
+that has nothing else. test_library.py and test_bare_library.py are about the content of libmivo-dev.
 
 The last two build everything once more, and a system with debootstrap, which takes a minute. They run when the
 packaging or the build has changed since they passed in this build folder; in a clean clone, always.
@@ -44,7 +44,7 @@ def output_of(*command, **options):
 
 
 def build_package(folder, date):
-    """Runs the script in a copy of the sources, and returns the path of the package."""
+    """Runs the script in a copy of the sources, and returns the path of the package mivo."""
     printed = output_of(f"{folder}/script/package", env={**os.environ, "SOURCE_DATE_EPOCH": date})
     return pathlib.Path(folder, printed.strip().split("\n")[-1])
 
@@ -57,6 +57,11 @@ def date():
 @pytest.fixture(scope="module")
 def package(date):
     return build_package(REPOSITORY, date)
+
+
+def development_package(package):
+    """The path of libmivo-dev, which is made together with this package."""
+    return package.with_name(f"libmivo-dev_{package.name.removeprefix('mivo_')}")
 
 
 # Whatever decides how the package is made, except for the sources of the program.
@@ -109,13 +114,27 @@ def test_control_fields__recommend_the_tls_library_and_do_not_depend_on_it(packa
     assert "ssl" not in depends
 
 
-def test_version_of_the_package__is_that_of_the_project(package):
+def test_version_of_the_packages__is_that_of_the_project(package):
     project = re.search(r"project\(mivo VERSION ([\d.]+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
-    assert output_of("dpkg-deb", "--field", package, "Version").strip() == project
+    for made in (package, development_package(package)):
+        assert output_of("dpkg-deb", "--field", made, "Version").strip() == project
+
+
+def test_package_of_the_library__puts_its_headers_into_one_folder_and_runs_nothing(package):
+    library = development_package(package)
+    names = [name for _, _, name in entries(library) if not name.endswith("/")]
+    headers = [name for name in names if name.startswith("/usr/include/")]
+    assert len(headers) > 20 and all(name.startswith("/usr/include/mivo/") for name in headers)
+    assert {"/usr/lib/libmivo.a", "/usr/lib/pkgconfig/mivo.pc", "/usr/lib/cmake/mivo/mivoConfig.cmake",
+            "/usr/share/doc/libmivo-dev/copyright", "/usr/share/doc/libmivo-dev/changelog.gz"} <= set(names)
+    assert {mode for mode, _, name in entries(library) if not name.endswith("/")} == {"-rw-r--r--"}
+    control = output_of("dpkg-deb", "--info", library)
+    assert not re.search(r"\b(pre|post)(inst|rm)\b", control)
 
 
 def test_lintian__finds_no_error(package):
-    result = subprocess.run(["lintian", "--fail-on", "error", package], capture_output=True, text=True)
+    result = subprocess.run(["lintian", "--fail-on", "error", package, development_package(package)],
+                            capture_output=True, text=True)
     assert result.returncode == 0, result.stdout
     assert "E: " not in result.stdout
 
@@ -131,15 +150,17 @@ def test_package_built_elsewhere__has_the_same_bytes(package, date, tmp_path, un
         (folder / name).parent.mkdir(parents=True, exist_ok=True)
         shutil.copy(REPOSITORY / name, folder / name)
     other = build_package(folder, date)
-    assert hashlib.sha256(other.read_bytes()).digest() == hashlib.sha256(package.read_bytes()).digest()
+    for ours, theirs in ((package, other), (development_package(package), development_package(other))):
+        assert hashlib.sha256(ours.read_bytes()).digest() == hashlib.sha256(theirs.read_bytes()).digest()
     unless_unchanged.add("built elsewhere")
 
 
 def test_everything_in_the_package__is_in_order_and_belongs_to_root(package):
     # Two builds on one disk list a folder in the same order; another disk has another.
-    names = [name.rstrip("/") for _, _, name in entries(package)]
-    assert names == sorted(names)
-    assert {owner for _, owner, _ in entries(package)} == {"root/root"}
+    for made in (package, development_package(package)):
+        names = [name.rstrip("/") for _, _, name in entries(made)]
+        assert names == sorted(names)
+        assert {owner for _, owner, _ in entries(made)} == {"root/root"}
 
 
 # On a bare Debian 12.

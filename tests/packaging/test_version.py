@@ -28,6 +28,11 @@ def test_version__is_the_same_in_cmake_the_manual_and_the_changelog():
     assert SECTIONS[0][0] == version
 
 
+def test_example_of_a_project__asks_for_this_version():
+    asked = stated("docs/embedding.md", r"^find_package\(mivo (\S+) REQUIRED\)$")
+    assert SECTIONS[0][0].startswith(f"{asked}.")
+
+
 def test_versions_of_the_changelog__have_a_date_and_come_newest_first():
     assert len(SECTIONS) == len(re.findall(r"^## ", CHANGELOG, re.M)) > 1
     numbers = [tuple(map(int, version.split("."))) for version, _ in SECTIONS]
