@@ -1,8 +1,12 @@
 // Microbenchmarks of what every request passes through: parser, header look-up, host map, byte queue,
-// connection objects, answers and the copying of headers.
+// connection objects, answers and the copying of headers. Each compares what it has computed with what that
+// must be, after the time is taken: a function that is fast because it does nothing ends the program.
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,36 +39,55 @@ const std::string browser_request =
 
 const std::string browser_head = browser_request.substr(0, browser_request.size() - 2);
 
+// Google Benchmark would report a wrong result and end with success.
+void require(bool is_right, const char* what) {
+  if (is_right) return;
+  fprintf(stderr, "Wrong: %s\n", what);
+  exit(1);
+}
+
 // Parses and says nothing: the console line and the answer have their own cost.
 struct silent : http_connection {
+  int64_t requests = 0;
+  std::string last_target;
+
   void on_headers() override {}
-  void on_request() override {}
+  void on_request() override {
+    requests++;
+    last_target.swap(target);  // reset() follows
+  }
 };
 
 void parse_request(benchmark::State& state) {
   auto conn = std::make_unique<silent>();
   std::string text = browser_request;
   for (auto _ : state) conn->on_recv(text.data(), static_cast<int>(text.size()));
+  require(conn->requests == state.iterations(), "parse_request, number of requests");
+  require(conn->last_target == "/articles/2024/index.html?page=2", "parse_request, target");
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
 BENCHMARK(parse_request);
 
-void get_header(benchmark::State& state, const char* name) {
+void get_header(benchmark::State& state, const char* name, const char* expected) {
   const std::string wanted = name;
-  for (auto _ : state) benchmark::DoNotOptimize(http_connection::get_header(wanted, browser_head));
+  std::string value;
+  for (auto _ : state) benchmark::DoNotOptimize(value = http_connection::get_header(wanted, browser_head));
+  require(value == expected, "get_header, value");
 }
-BENCHMARK_CAPTURE(get_header, first, "Host");
-BENCHMARK_CAPTURE(get_header, last, "priority");
-BENCHMARK_CAPTURE(get_header, missing, "content-length");
+BENCHMARK_CAPTURE(get_header, first, "Host", "www.example.com");
+BENCHMARK_CAPTURE(get_header, last, "priority", "u=1");
+BENCHMARK_CAPTURE(get_header, missing, "content-length", "");
 
-void find_host(benchmark::State& state, const char* name) {
+void find_host(benchmark::State& state, const char* name, int expected) {
   base::hashmap<int> hosts;
   for (int i = 0; i < 32; i++) hosts.set("site" + std::to_string(i) + ".example.com", 3000 + i);
   const std::string host = name;
-  for (auto _ : state) benchmark::DoNotOptimize(hosts.get(host));
+  int port = -2;
+  for (auto _ : state) benchmark::DoNotOptimize(port = hosts.get(host));
+  require(port == expected, "find_host, port");
 }
-BENCHMARK_CAPTURE(find_host, known, "site17.example.com");
-BENCHMARK_CAPTURE(find_host, unknown, "www.example.com");
+BENCHMARK_CAPTURE(find_host, known, "site17.example.com", 3017);
+BENCHMARK_CAPTURE(find_host, unknown, "www.example.com", 0);
 
 // Appends pieces until `total` bytes are there, and consumes them a buffer at a time.
 void pass_through_queue(benchmark::State& state) {
@@ -73,10 +96,14 @@ void pass_through_queue(benchmark::State& state) {
   const std::string data(piece, 'x');
   std::vector<char> buf(connection::out_capacity);
   base::byte_queue queue;
+  size_t passed = 0;
   for (auto _ : state) {
     for (size_t n = 0; n < total; n += piece) queue.append(data);
-    while (!queue.empty()) benchmark::DoNotOptimize(queue.consume(buf.data(), buf.size()));
+    while (!queue.empty()) benchmark::DoNotOptimize(passed += queue.consume(buf.data(), buf.size()));
   }
+  require(passed == static_cast<size_t>(state.iterations()) * total, "pass_through_queue, number of bytes");
+  const size_t last = std::min(total, buf.size());
+  require(std::string(buf.data(), last) == std::string(last, 'x'), "pass_through_queue, bytes");
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(total));
 }
 BENCHMARK(pass_through_queue)
@@ -95,6 +122,13 @@ void create_connections(benchmark::State& state) {
     for (auto& conn : connections) conn.reset(new reverse_proxy);
     for (auto& conn : connections) conn.reset();
   }
+  // A connection on memory of an ended one is as new.
+  for (auto& conn : connections) conn.reset(new reverse_proxy);
+  for (auto& conn : connections) {
+    require(conn->sock == -1 && conn->out_len == 0 && conn->head.empty(), "create_connections, fields");
+    require(std::count(conn->out, conn->out + connection::out_capacity, '\0') == connection::out_capacity,
+            "create_connections, output buffer");
+  }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(create_connections)->ArgName("at_once")->Arg(1)->Arg(64)->Arg(128);
@@ -103,20 +137,29 @@ void write_answer(benchmark::State& state) {
   auto conn = std::make_unique<silent>();
   const std::string body(static_cast<size_t>(state.range(0)), 'x');
   std::vector<char> buf(connection::out_capacity);
+  int len = 0;
   for (auto _ : state) {
     conn->write("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n", body);
-    while (conn->response_parts.count > 0) {
-      int len = 0;
-      conn->on_send(buf.data(), connection::out_capacity, &len);
-      benchmark::DoNotOptimize(len);
-    }
+    len = 0;
+    conn->on_send(buf.data(), connection::out_capacity, &len);
+    benchmark::DoNotOptimize(len);
     conn->reset();
   }
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: ";
+  require(conn->response_parts.count == 0, "write_answer, number of parts");
+  require(std::string(buf.data(), static_cast<size_t>(len)) ==
+              head + std::to_string(body.size()) + "\r\n\r\n" + body,
+          "write_answer, answer");
 }
 BENCHMARK(write_answer)->ArgName("body")->Arg(128)->Arg(16384);
 
 void copy_headers(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(http_proxy::copy_headers(browser_head));
+  std::string copied;
+  for (auto _ : state) benchmark::DoNotOptimize(copied = http_proxy::copy_headers(browser_head));
+  std::string expected = browser_head.substr(browser_head.find("Host: "));
+  const std::string dropped = "Connection: keep-alive\r\n";
+  expected.erase(expected.find(dropped), dropped.size());
+  require(copied == expected, "copy_headers, lines");
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(browser_head.size()));
 }
 BENCHMARK(copy_headers);
