@@ -1,6 +1,7 @@
-"""What needs a tool of its own: start-up time, the program's size, system calls, allocations, and several
-processes on one port."""
+"""What needs a tool of its own: start-up time, the program's size, system calls, allocations, several processes
+on one port, and the microbenchmarks."""
 
+import json
 import os
 import re
 import shlex
@@ -14,11 +15,12 @@ from contextlib import ExitStack, closing
 from pathlib import Path
 
 import clients
-from process import LOAD_CORE, PROXY_CORE, Server, free_port
+from process import LOAD_CORE, PROXY_CORE, Server
 from servers import HOST, PROGRAMS
 
-STARTS = 20
+STARTS = 5
 REQUESTS = 2000  # under strace and for the allocations, rounded down to a multiple of the clients
+NEW_CONNECTIONS = 500  # under strace
 WAITS = ("select", "pselect6", "poll", "epoll_wait", "epoll_pwait", "epoll_pwait2")
 
 
@@ -26,10 +28,10 @@ def start(bench, server, seconds):
     """Milliseconds from exec() to the first connect() that succeeds."""
     taken = []
     for _ in range(STARTS):
-        other = bench.make(server.name)
-        end = signal.SIGINT if server.name == "mivo" else signal.SIGTERM
-        helper = [str(PROGRAMS / "starter"), str(other.port), PROXY_CORE, str(int(end)), *other.command]
-        taken.append(float(clients.run(helper)))
+        other = bench.make(server.name, server.job)
+        end = str(int(other.end_signal()))
+        helper = [str(PROGRAMS / "starter"), str(other.port), PROXY_CORE, end, *other.command]
+        taken.append(float(clients.run(helper, other.environment)))
     return {
         "listening_ms": statistics.median(taken),
         "longest_ms": max(taken),
@@ -64,16 +66,18 @@ class KeptAlive(ExitStack):
                 client.read_reply()
 
 
-def count_calls(pid, work):
-    """System calls of the process during work(), by name."""
+def count_calls(server, work):
+    """System calls of all the server's processes during work(), by name."""
+    pids = server.pids()
     with tempfile.TemporaryDirectory() as folder:
         table = Path(folder) / "calls"
-        command = ["strace", "-c", "-f", "-o", str(table), "-p", str(pid)]
+        command = ["strace", "-c", "-f", "-o", str(table), *(word for pid in pids for word in ("-p", str(pid)))]
         with subprocess.Popen(command, stderr=subprocess.PIPE, text=True) as strace:
             try:
-                line = strace.stderr.readline()
-                if "attached" not in line:
-                    raise RuntimeError(f"strace: {line}")
+                for _ in pids:
+                    line = strace.stderr.readline()
+                    if "attached" not in line:
+                        raise RuntimeError(f"strace: {line}")
                 work()
             finally:
                 strace.send_signal(signal.SIGINT)
@@ -82,38 +86,50 @@ def count_calls(pid, work):
     return {name: int(calls) for calls, name in rows if name != "total"}
 
 
+def calls_per_request(calls, requests, is_mivo):
+    """What many requests share is counted apart: the waits, and the write() of a full buffer of mivo's console
+    lines. mivo answers nobody with write()."""
+    waits = sum(n for name, n in calls.items() if name in WAITS)
+    console = calls.get("write", 0) if is_mivo else 0
+    return {
+        "calls_per_request": (sum(calls.values()) - waits - console) / requests,
+        "waits_per_request": waits / requests,
+        "console_writes_per_request": console / requests,
+        "by_name": {name: n / requests for name, n in calls.items()},
+    }
+
+
 def system_calls(count):
     """Per request, with the connections open before: wrk would add theirs to the few requests that strace
-    lets through. What many requests share is counted apart: the waits, and the write() of a full buffer of
-    mivo's console lines. None of the servers answers plain requests with write()."""
+    lets through."""
     times = REQUESTS // count
 
     def measure(bench, server, seconds):
         with KeptAlive(server.port, count) as all_clients:
             all_clients.request_all(2)
-            calls = count_calls(server.pid, lambda: all_clients.request_all(times))
+            calls = count_calls(server, lambda: all_clients.request_all(times))
         requests = times * count
-        waits = sum(n for name, n in calls.items() if name in WAITS)
-        console = calls.get("write", 0)
-        return {
-            "calls_per_request": (sum(calls.values()) - waits - console) / requests,
-            "waits_per_request": waits / requests,
-            "console_writes_per_request": console / requests,
-            "by_name": {name: n / requests for name, n in calls.items()},
-            "command": f"strace -c -f -p PID, {requests} requests of {count} kept-alive clients",
-        }
+        command = f"strace -c -f -p PID, {requests} requests of {count} kept-alive clients"
+        return {**calls_per_request(calls, requests, server.name == "mivo"), "command": command}
 
     return measure
 
 
+def new_connection_calls(bench, server, seconds):
+    """Per request on a connection of its own, one after the other."""
+    command = ["ab", "-q", "-n", str(NEW_CONNECTIONS), "-H", f"Host: {HOST}", server.url("/128")]
+    calls = count_calls(server, lambda: clients.run(command))
+    figures = calls_per_request(calls, NEW_CONNECTIONS, server.name == "mivo")
+    return {**figures, "command": f"strace -c -f -p PID; {shlex.join(command)}"}
+
+
 def allocations(bench, server, seconds):
     """malloc(), calloc() and realloc() per request, counted by a library that is loaded before the others."""
-    port = free_port()
     with tempfile.NamedTemporaryFile() as counter:
         counter.write(bytes(8))
         counter.flush()
-        environment = {"LD_PRELOAD": str(PROGRAMS / "libcounted_malloc.so"), "ALLOCATIONS": counter.name}
-        counted = Server("mivo", bench.mivo_command(port), port, environment=environment)
+        counted = bench.make(server.name, server.job)
+        counted.environment = {"LD_PRELOAD": str(PROGRAMS / "libcounted_malloc.so"), "ALLOCATIONS": counter.name}
 
         def allocated():
             return struct.unpack("Q", Path(counter.name).read_bytes())[0]
@@ -122,7 +138,7 @@ def allocations(bench, server, seconds):
             counted.start()
             if allocated() == 0:
                 raise RuntimeError("no allocation is counted, not even at the start")
-            with KeptAlive(port, 16) as all_clients:
+            with KeptAlive(counted.port, 16) as all_clients:
                 all_clients.request_all(50)
                 before = allocated()
                 all_clients.request_all(REQUESTS // 16)
@@ -141,15 +157,15 @@ def processes_on_one_port(bench, server, seconds):
     and upstream."""
     rates = {}
     for count in (1, 2):
-        port = free_port()
+        first = bench.make(server.name, server.job)
         cores = f"{PROXY_CORE},{LOAD_CORE}"
-        running = [Server("mivo", bench.mivo_command(port), port, core=cores) for _ in range(count)]
+        running = [Server(first.name, first.command, first.port, core=cores) for _ in range(count)]
         own_cores = os.sched_getaffinity(0)
         try:
             for one in running:
                 one.start()
             os.sched_setaffinity(0, {int(PROXY_CORE), int(LOAD_CORE)})
-            figures = clients.wrk(f"http://127.0.0.1:{port}/128", HOST, 64, seconds, threads=2)
+            figures = clients.wrk(first.url("/128"), HOST, 64, seconds, threads=2)
         finally:
             os.sched_setaffinity(0, own_cores)
             for one in running:
@@ -163,3 +179,13 @@ def processes_on_one_port(bench, server, seconds):
         "requests_per_second_2": rates[2],
         "command": figures.command,
     }
+
+
+def microbenchmarks(bench, server, seconds):
+    """Nanoseconds of processor time by benchmark; each checks what it has computed."""
+    with tempfile.NamedTemporaryFile() as file:
+        command = [str(PROGRAMS / "micro"), f"--benchmark_out={file.name}", "--benchmark_out_format=json"]
+        command += [f"--benchmark_min_time={seconds / 30}"]
+        clients.run(["taskset", "-c", PROXY_CORE, *command])
+        found = json.loads(Path(file.name).read_text())["benchmarks"]
+    return {**{one["name"]: one["cpu_time"] for one in found}, "command": shlex.join(["micro", command[-1]])}

@@ -1,4 +1,4 @@
-"""What the figures hold for: the machine, the versions of the programs, and how mivo was compiled."""
+"""What the figures hold for: the machine, the commit, the versions of the programs, and how mivo was compiled."""
 
 import os
 import platform
@@ -6,7 +6,7 @@ import re
 import subprocess
 from pathlib import Path
 
-from servers import ROOT
+from sources import ROOT
 
 
 def field(file, name):
@@ -23,21 +23,29 @@ def machine():
     }
 
 
-def versions():
-    def first_line(*command):
-        try:
-            done = subprocess.run(command, capture_output=True, text=True)
-        except OSError:
-            return "not there"
-        line = ((done.stdout + done.stderr).splitlines() or ["unknown"])[0]
-        return re.split(r" \(x86| - http|, Copyright| Copyright| \(Library", line)[0]
+def first_line(*command):
+    try:
+        done = subprocess.run(command, capture_output=True, text=True)
+    except OSError:
+        return "unknown"
+    line = ((done.stdout + done.stderr).splitlines() or ["unknown"])[0]
+    return re.split(r" \(x86| - http|, Copyright| Copyright| \(Library", line)[0]
 
+
+def commit():
+    """What is measured; "unknown" in a tree without a repository."""
+    said = first_line("git", "-C", str(ROOT), "describe", "--always", "--dirty", "--exclude=*")
+    return said if re.fullmatch(r"[0-9a-f]+(-dirty)?", said) else "unknown"
+
+
+def versions():
     return {
-        "mivo": first_line("git", "-C", str(ROOT), "describe", "--always", "--dirty"),
         "nginx": first_line("nginx", "-v"),
         "HAProxy": first_line("haproxy", "-v"),
+        "Caddy": first_line("caddy", "version"),
         "wrk": first_line("wrk", "-v"),
         "ab": first_line("ab", "-V"),
+        "hey": first_line("dpkg-query", "-W", "-f", "${Version}\n", "hey"),
         "curl": first_line("curl", "--version"),
         "OpenSSL": first_line("openssl", "version"),
         "compiler": first_line("c++", "--version"),

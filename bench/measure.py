@@ -1,25 +1,34 @@
-"""Measures mivo beside its peers, in turns, in one run; writes JSON and Markdown tables.
+"""Measures mivo beside its peers, in turns, and keeps the figures as JSON.
 
-    measure.py [--rounds N] [--seconds S] [--only WORD]... [--out FOLDER] [--mivo PROGRAM]
+    measure.py [--rounds N] [--seconds S] [--only WORD]... [--out FILE] [--mivo PROGRAM] [--list]
 
-Every workload is run on each server in turn, N times over; a figure is the median of its rounds. The proxies
-have one core, load and upstream the other. Processor time is the kernel's account of the proxy's process.
-The results are written after each round. A workload that fails is noted with its cause, and the run goes
-on."""
+Every round runs each workload on each of its servers, one right after the other, and another server begins in each
+round. The proxies have one core, load and upstream the other. Processor time is the kernel's account of all
+processes of a proxy. The file is written after each workload. A workload that fails is noted with its cause, and
+the run goes on.
+
+A run of all workloads writes a new file; one with --only replaces the figures of those workloads in it. The file
+is docs/performance/figures.json, or build/bench/figures.json when rounds, seconds or the program are not the
+usual ones, which are for trying things out."""
 
 import argparse
-import json
+import datetime
 import os
 import re
 import sys
 import tempfile
+import time
 from pathlib import Path
 
+import figures
 import machine
-import tables
 from process import LOAD_CORE, given_ports
-from servers import ROOT, Bench
+from servers import Bench
+from sources import ROOT, sources_hash
 from workloads import WORKLOADS
+
+SECONDS = 3
+USUAL_PROGRAM = ROOT / "build" / "release" / "mivo"
 
 
 def unnamed(text, folder):
@@ -29,42 +38,49 @@ def unnamed(text, folder):
     return re.sub(r"\b\d{5}\b", lambda m: "PORT" if int(m.group()) in given_ports else m.group(), text)
 
 
-class Report:
-    """What a run has found so far."""
+def chosen_workloads(words):
+    """Those with one of the words in their names, or all."""
+    return {name: workload for name, workload in WORKLOADS.items() if any(word in name for word in words or [""])}
 
-    def __init__(self, options):
+
+class Report:
+    """What a run has found so far. `old`: the figures that it is merged with, or None."""
+
+    def __init__(self, options, chosen, old):
         self.path = options.out
+        self.seconds = options.seconds
+        self.old = old
+        measured = {
+            "commit": machine.commit(),
+            # Of another program nobody knows the sources.
+            "sources": sources_hash() if options.mivo == USUAL_PROGRAM else None,
+            "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d"),
+            "seconds": options.seconds,
+        }
         self.data = {
             "machine": machine.machine(),
             "versions": machine.versions(),
             "flags": machine.flags(),
-            "arguments": {"rounds": options.rounds, "seconds": options.seconds, "only": options.only},
-            "rounds": 0,
-            "commands": {},
-            "results": {},
-            "failures": [],
+            "servers": {},
+            "workloads": {name: {**measured, "command": "", "results": {}, "failures": []} for name in chosen},
         }
 
-    def add(self, name, server, figures):
-        self.data["commands"].setdefault(name, figures.pop("command"))
-        self.data["results"].setdefault(name, {}).setdefault(server, []).append(figures)
+    def add(self, round_number, name, server, found):
+        workload = self.data["workloads"][name]
+        workload["command"] = workload["command"] or found["command"]
+        found = {key: value for key, value in found.items() if key != "command"}
+        workload["results"].setdefault(server, []).append({"round": round_number, **found})
 
     def add_failure(self, round_number, name, server, error):
-        cause = f"{type(error).__name__}: {error}"
-        self.data["failures"].append(
-            {"round": round_number, "workload": name, "server": server, "cause": cause[:500]}
-        )
+        cause = f"{type(error).__name__}: {error}"[:500]
+        failures = self.data["workloads"][name]["failures"]
+        failures.append({"round": round_number, "server": server, "cause": cause})
 
-    def save(self, rounds):
-        self.data["rounds"] = rounds
-        self.data["bars"] = tables.bars(self.data["results"])
-        self.path.mkdir(parents=True, exist_ok=True)
-        text = json.dumps(self.data, indent=1)
-        # Complete or not at all: a run that is broken off leaves the rounds before.
-        part = self.path / "results.json.part"
-        part.write_text(text)
-        part.replace(self.path / "results.json")
-        (self.path / "results.md").write_text(tables.everything(self.data))
+    def whole(self):
+        return figures.merged(self.old, self.data) if self.old else self.data
+
+    def save(self):
+        figures.save(self.whole(), self.path)
 
 
 def show(progress, name, server, text):
@@ -72,57 +88,82 @@ def show(progress, name, server, text):
 
 
 def measure_one(bench, report, round_number, progress, name, workload, server_name):
-    proxy = bench.proxies[server_name]
-    server = proxy.tls if workload.tls else proxy
+    server = bench.proxies[workload.job, server_name]
     try:
         if server.revive():
             show(progress, name, server_name, "did not run and is started")
-        figures = workload.measure(bench, server, report.data["arguments"]["seconds"])
+        found = workload.measure(bench, server, report.seconds)
     except Exception as error:  # whatever it is, the other figures are still worth having
         report.add_failure(round_number, name, server_name, error)
         show(progress, name, server_name, f"FAILED: {error}"[:200])
         return
-    figures["command"] = unnamed(figures["command"], bench.folder)
-    headline = next(iter(figures))
-    report.add(name, server_name, figures)
-    show(progress, name, server_name, f"{figures[headline]:12.2f} {headline}")
+    found["command"] = unnamed(found["command"], bench.folder)
+    headline = next(iter(found))
+    report.add(round_number, name, server_name, found)
+    show(progress, name, server_name, f"{found[headline]:12.2f} {headline}")
 
 
-def measure_all(bench, report, options):
-    words = options.only or [""]
-    chosen = {name: workload for name, workload in WORKLOADS.items() if any(word in name for word in words)}
-    if not chosen:
-        sys.exit(f"No workload has {' or '.join(words)} in its name: {', '.join(WORKLOADS)}")
-    for name, server in bench.proxies.items():
-        report.data["commands"][name] = unnamed(" ".join(server.command), bench.folder)
-    for round_number in range(1, options.rounds + 1):
-        for number, (name, workload) in enumerate(chosen.items(), 1):
-            progress = f"round {round_number}/{options.rounds} {number:2}/{len(chosen)}"
-            for server_name in workload.servers:
+def rotated(servers, round_number):
+    """Another one begins in each round, so that none of them always has the same one before it."""
+    first = (round_number - 1) % len(servers)
+    return servers[first:] + servers[:first]
+
+
+def measure_all(bench, report, chosen, rounds):
+    for (job, name), server in bench.proxies.items():
+        report.data["servers"][f"{job}, {name}"] = unnamed(" ".join(server.command), bench.folder)
+    last = rounds or max(workload.rounds for workload in chosen.values())
+    for round_number in range(1, last + 1):
+        in_round = {name: one for name, one in chosen.items() if round_number <= (rounds or one.rounds)}
+        for number, (name, workload) in enumerate(in_round.items(), 1):
+            progress = f"round {round_number}/{last} {number:2}/{len(in_round)}"
+            for server_name in rotated(workload.servers, round_number):
                 measure_one(bench, report, round_number, progress, name, workload, server_name)
-        report.save(round_number)
+            report.save()
+
+
+def parsed():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--rounds", type=int, help="of every workload, in place of its own number")
+    parser.add_argument("--seconds", type=int, default=SECONDS, help="of a round of load")
+    parser.add_argument("--only", action="append", default=[], help="part of a workload's name")
+    parser.add_argument("--out", type=Path)
+    parser.add_argument("--mivo", type=Path, default=USUAL_PROGRAM)
+    parser.add_argument("--list", action="store_true", help="the names of the workloads, and nothing else")
+    options = parser.parse_args()
+    if options.out is None:
+        is_usual = options.rounds is None and options.seconds >= SECONDS and options.mivo == USUAL_PROGRAM
+        options.out = ROOT / ("docs/performance" if is_usual else "build/bench") / "figures.json"
+    return options
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--seconds", type=int, default=3)
-    parser.add_argument("--only", action="append", default=[], help="part of a workload's name")
-    parser.add_argument("--out", type=Path, default=ROOT / "build" / "bench")
-    parser.add_argument("--mivo", default=str(ROOT / "build" / "release" / "mivo"))
-    options = parser.parse_args()
+    options = parsed()
+    chosen = chosen_workloads(options.only)
+    if options.list or not chosen:
+        print("\n".join(f"{name}: {workload.rounds} rounds" for name, workload in WORKLOADS.items()))
+        return not options.list
+    old = figures.load(options.out) if options.only and options.out.exists() else None
+    report = Report(options, chosen, old)
+    try:
+        report.whole()
+    except ValueError as error:
+        return f"{options.out}: {error}. Measure everything, or name another file with --out."
 
     os.sched_setaffinity(0, {int(LOAD_CORE)})  # and every client that is started from here
-    report = Report(options)
+    begin = time.monotonic()
+    wanted = {(workload.job, server): None for workload in chosen.values() for server in workload.servers}
     with tempfile.TemporaryDirectory() as folder:
-        bench = Bench(folder, options.mivo)
+        bench = Bench(folder, str(options.mivo))
         try:
-            bench.start()
-            measure_all(bench, report, options)
+            bench.start(wanted)
+            measure_all(bench, report, chosen, options.rounds)
         finally:
             bench.stop()
-    print(tables.everything(report.data))
-    print(f"In {report.path}: results.json, results.md")
+    print(f"{(time.monotonic() - begin) / 60:.0f} minutes. The figures are in {report.path}.")
+    failures = sum(len(workload["failures"]) for workload in report.data["workloads"].values())
+    return f"{failures} failed; the file says why." if failures else 0
 
 
-main()
+if __name__ == "__main__":
+    sys.exit(main())

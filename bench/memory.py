@@ -1,4 +1,4 @@
-"""Resident memory: of idle connections, after the start, and while a slow client lets bytes pile up."""
+"""Resident memory (RSS): of idle connections, after the start, and while a slow client lets bytes pile up."""
 
 from contextlib import ExitStack, closing
 
@@ -16,51 +16,43 @@ def resident(server):
     return settled(server.resident, STEP_KIB)
 
 
-def per_client(bench, name, tls, ask):
-    """KiB that each of IDLE_CLIENTS adds to a server that has served one before."""
-    with bench.fresh(name) as fresh, ExitStack() as stack:
-        server = fresh.tls if tls else fresh
-        port = server.tls_port if tls else server.port
-        context = tls_context() if tls else None
+def connected(stack, server, context=None):
+    """IDLE_CLIENTS connections, which the stack closes."""
+    return [stack.enter_context(closing(Client(server.port, HOST, "/128", context))) for _ in range(IDLE_CLIENTS)]
 
-        def connect():
-            client = Client(port, HOST, "/128", context)
-            if ask:
-                client.ask()
-                client.read_reply()
-            return client
 
-        connect().close()
-        before = resident(server)
-        for _ in range(IDLE_CLIENTS):
-            stack.enter_context(closing(connect()))
-        after = resident(server)
-    what = "one request each" if ask else "nothing sent"
-    return {
-        "kib_per_client": (after - before) / IDLE_CLIENTS,
-        "command": f"{IDLE_CLIENTS} connections, {what}; growth of Rss in /proc/PID/smaps_rollup",
-    }
+def ask_once(opened):
+    for client in opened:
+        client.ask()
+        client.read_reply()
 
 
 def idle(bench, server, seconds):
-    return per_client(bench, server.name, tls=False, ask=False)
-
-
-def idle_proxied(bench, server, seconds):
-    return per_client(bench, server.name, tls=False, ask=True)
-
-
-def idle_proxied_tls(bench, server, seconds):
-    return per_client(bench, server.name, tls=True, ask=True)
+    """KiB that each of IDLE_CLIENTS adds to a server that has served one before: first when it has only
+    connected, then when it has had a request relayed and stays. Over TLS the latter alone."""
+    context = tls_context() if server.tls else None
+    with bench.fresh(server.name, server.job) as fresh, ExitStack() as stack:
+        with closing(Client(fresh.port, HOST, "/128", context)) as first:
+            ask_once([first])
+        before = resident(fresh)
+        opened = connected(stack, fresh, context)
+        figures = {} if server.tls else {"kib_per_silent_client": (resident(fresh) - before) / IDLE_CLIENTS}
+        ask_once(opened)
+        return {
+            "kib_per_client": (resident(fresh) - before) / IDLE_CLIENTS,
+            **figures,
+            "command": f"{IDLE_CLIENTS} connections, then a request on each; growth of Rss in /proc/PID/smaps_rollup",
+        }
 
 
 def after_start(bench, server, seconds):
-    with bench.fresh(server.name) as fresh:
+    with bench.fresh(server.name, server.job) as fresh:
+        settled(fresh.resident, STEP_KIB)
         return {
-            "plain_kib": resident(fresh),
-            "tls_kib": resident(fresh.tls),
+            "resident_kib": fresh.distinct(),
             "private_kib": fresh.private(),
-            "command": "Rss in /proc/PID/smaps_rollup of a server that has accepted one connection",
+            "command": "pages mapped in (/proc/PID/pagemap) by all processes of a server that has accepted one "
+            "connection",
         }
 
 
@@ -77,9 +69,9 @@ def read_until(client, received, wanted):
 def slow_client(bench, server, seconds):
     """A client reads a part, pauses until nothing moves any more, and reads the rest. Bytes waiting are those
     that the upstream has sent and the client has not read; a few MiB of them stand in the system's buffers."""
-    with bench.fresh(server.name) as fresh:
+    with bench.fresh(server.name, server.job) as fresh:
         before = resident(fresh)
-        with closing(Client(fresh.port, COUNTED, f"/counted/{SLOW_BODY}", receive=65536)) as client:
+        with closing(Client(fresh.port, COUNTED, f"/{SLOW_BODY}", receive=65536)) as client:
             client.ask()
             length, start = client.read_head()
             received = read_until(client, len(start), READ_FIRST)

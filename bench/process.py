@@ -1,12 +1,12 @@
-"""A server as a process: started, watched through /proc, and ended."""
+"""A server as a process, or as a process with children: started, watched through /proc, and ended."""
 
+import array
 import os
 import random
 import signal
 import socket
 import subprocess
 import time
-from dataclasses import dataclass
 from pathlib import Path
 
 PROXY_CORE = "0"  # the proxy has one core to itself,
@@ -26,8 +26,9 @@ def free_port():
                 s.bind(("127.0.0.1", port))
             except OSError:
                 continue
-        given_ports.add(port)
-        return port
+        if port not in given_ports:
+            given_ports.add(port)
+            return port
 
 
 def settled(read, step, quiet=0.5, longest=30):
@@ -44,36 +45,60 @@ def settled(read, step, quiet=0.5, longest=30):
     return value
 
 
-@dataclass
-class Processor:
-    """Processor time in seconds: `total` from the scheduler's nanoseconds, the split from clock ticks."""
+def family(pid):
+    """The process, its children, and theirs."""
+    children = {}
+    for entry in Path("/proc").iterdir():
+        if entry.name.isdigit():
+            try:
+                parent = (entry / "stat").read_text().rsplit(")", 1)[1].split()[1]
+            except OSError:
+                continue  # it has just ended
+            children.setdefault(int(parent), []).append(int(entry.name))
+    found = [pid]
+    for one in found:
+        found += children.get(one, [])
+    return found
 
-    total: float
-    user: float
-    system: float
 
-    def __sub__(self, other):
-        return Processor(self.total - other.total, self.user - other.user, self.system - other.system)
+def processor_seconds(pid):
+    """Processor time of a process and all its threads, those that have ended included, to the nanosecond. The
+    clock's number is what clock_getcpuclockid() gives."""
+    return time.clock_gettime((~pid << 3) | 2)
+
+
+def distinct_kib(pids):
+    """KiB that the processes have mapped in, each page counted once, however many of them share it. Needs root:
+    the kernel shows nobody else which page is which."""
+    page = os.sysconf("SC_PAGE_SIZE")
+    pages = set()
+    for pid in pids:
+        with open(f"/proc/{pid}/pagemap", "rb", buffering=0) as pagemap:
+            for line in Path(f"/proc/{pid}/maps").read_text().splitlines():
+                begin, end = (int(part, 16) // page for part in line.split()[0].split("-"))
+                if "[vsyscall]" in line:
+                    continue  # it has an address of the kernel
+                pagemap.seek(begin * 8)
+                entries = array.array("Q", pagemap.read((end - begin) * 8))
+                pages.update(entry & (1 << 55) - 1 for entry in entries if entry >> 63)
+    if pages == {0}:
+        raise RuntimeError("only root can tell which pages are shared")
+    return len(pages) * page // 1024
 
 
 class Server:
-    """A program that listens on `port`, and on `tls_port` if it has one; `tls` is who serves the latter. The
-    object can be started, ended and started again."""
+    """A program that listens on `port`, over TLS if `tls`. The object can be started, ended and started again.
+    What is measured is the sum over its processes."""
 
-    def __init__(self, name, command, port, core=PROXY_CORE, tls_port=None, environment=None):
+    def __init__(self, name, command, port, core=PROXY_CORE, tls=False, environment=None, job="http"):
         self.name = name
         self.command = command
         self.port = port
         self.core = core
-        self.tls_port = tls_port
-        self.tls = self if tls_port else None
+        self.tls = tls
+        self.job = job
         self.environment = environment or {}
         self.process = None
-        self.pid = None
-
-    def processes(self):
-        """This server, and the one beside it that serves TLS."""
-        return [self] if self.tls in (None, self) else [self, self.tls]
 
     def start(self):
         self.process = subprocess.Popen(
@@ -83,7 +108,6 @@ class Server:
             env={**os.environ, **self.environment},
         )
         self._wait()
-        self.pid = self._worker()
 
     def _wait(self):
         deadline = time.monotonic() + 10
@@ -97,57 +121,58 @@ class Server:
                 time.sleep(0.001)
         raise RuntimeError(f"{self.name} does not listen on {self.port}")
 
-    def _worker(self):
-        """The process that does the work: nginx has a master above it."""
-        children = subprocess.run(
-            ["pgrep", "-P", str(self.process.pid)], capture_output=True, text=True
-        ).stdout.split()
-        return int(children[0]) if children else self.process.pid
-
     def revive(self):
         """Starts it if it does not run, be it that a workload has ended it; returns whether that was so."""
-        if self.process is None or self.process.poll() is not None:
-            self.start()
-        elif not Path(f"/proc/{self.pid}").exists():
-            self.pid = self._worker()
-        else:
+        if self.process is not None and self.process.poll() is None:
             return False
+        self.start()
         return True
 
-    def url(self, path, tls=False):
-        return f"https://127.0.0.1:{self.tls_port}{path}" if tls else f"http://127.0.0.1:{self.port}{path}"
+    def url(self, path):
+        return f"{'https' if self.tls else 'http'}://127.0.0.1:{self.port}{path}"
+
+    def pids(self):
+        return family(self.process.pid)
 
     def processor(self):
-        total = int(Path(f"/proc/{self.pid}/schedstat").read_text().split()[0]) / 1e9
-        fields = Path(f"/proc/{self.pid}/stat").read_text().rsplit(")", 1)[1].split()
-        ticks = os.sysconf("SC_CLK_TCK")
-        return Processor(total, int(fields[11]) / ticks, int(fields[12]) / ticks)
+        """Processor time of all its processes in seconds."""
+        return sum(processor_seconds(pid) for pid in self.pids())
 
-    def _field(self, file, field):
-        for line in Path(f"/proc/{self.pid}/{file}").read_text().splitlines():
-            if line.startswith(field + ":"):
-                return int(line.split()[1])
-        raise KeyError(field)
+    def _sum(self, file, *fields):
+        total = 0
+        for pid in self.pids():
+            for line in Path(f"/proc/{pid}/{file}").read_text().splitlines():
+                if line.split(":")[0] in fields:
+                    total += int(line.split()[1])
+        return total
 
     def resident(self):
-        """KiB in memory now. Counted page by page: the kernel's running count is off by up to 64 pages."""
-        return self._field("smaps_rollup", "Rss")
+        """KiB in memory now, pages that its processes share counted for each: for what it grows by. Counted page
+        by page: the kernel's running count is off by up to 64 pages."""
+        return self._sum("smaps_rollup", "Rss")
 
     def private(self):
         """KiB of that which no other process shares: without the libraries' code, that is."""
-        return self._field("smaps_rollup", "Private_Clean") + self._field("smaps_rollup", "Private_Dirty")
+        return self._sum("smaps_rollup", "Private_Clean", "Private_Dirty")
+
+    def distinct(self):
+        return distinct_kib(self.pids())
 
     def peak(self):
         """KiB, the most since reset_peak()."""
-        return self._field("status", "VmHWM")
+        return self._sum("status", "VmHWM")
 
     def reset_peak(self):
-        Path(f"/proc/{self.pid}/clear_refs").write_text("5")
+        for pid in self.pids():
+            Path(f"/proc/{pid}/clear_refs").write_text("5")
+
+    def end_signal(self):
+        return signal.SIGINT if self.name == "mivo" else signal.SIGTERM
 
     def stop(self):
         if self.process is None or self.process.poll() is not None:
             return
-        self.process.send_signal(signal.SIGINT if self.name == "mivo" else signal.SIGTERM)
+        self.process.send_signal(self.end_signal())
         try:
             self.process.wait(10)
         except subprocess.TimeoutExpired:

@@ -1,27 +1,37 @@
-"""Writes docs/performance.md and its plots from the results of a run.
+"""Writes docs/performance.md, its charts, and the table of figures in README.md.
 
-    report.py [--out FOLDER] [--docs FOLDER]
+    report.py [--figures FILE] [--docs FOLDER] [--readme FILE]
 
---out is where the run left its results, --docs where the page goes. What micro.json holds is added when it
-is there."""
+FILE is docs/performance/figures.json unless it is named. In the README, what stands between the two comments with
+`figures` is replaced. No figure in these texts is typed by hand."""
 
 import argparse
-import json
+import re
+import textwrap
 from pathlib import Path
 
-import plots
+import bars
+import charts
+import figures
 import tables
-from servers import HAPROXY, NGINX, POOL, PROXY_SITE, ROOT
+from servers import configuration_lines
+from sources import FOLDERS, ROOT
+
+FILES = {"nginx": "nginx.conf", "haproxy": "haproxy.cfg", "caddy": "Caddyfile"}
 
 PAGE = """# Performance
 
-Every figure on this page but those of the microbenchmarks is from one run of `./bench/run`, which measures `mivo`
-in turns with nginx, HAProxy and a floor. Rounds: {rounds}; a figure is their median. `./bench/run --report` wrote the
-page.
+`./bench/run` measures `mivo` in turns with nginx, HAProxy, Caddy and a floor, and `./bench/run --report` writes this
+page, its charts and the README's table from [the figures](performance/figures.json). No figure here is typed by hand.
+
+{measured}
+
+A figure is the median of its rounds, with the least and the most of them in brackets. One figure alone means that
+all rounds gave it. A ratio is taken within each round, whose servers ran one right after the other, and is `mivo`'s
+over the other's: below 1, `mivo` takes less. The better peer is whichever of nginx and HAProxy has the lower median.
 
 The floor is the least that relaying costs: an epoll loop without a parser, one read and one write for each
-direction (`bench/floor.cpp`). *nginx unpooled* opens an upstream connection for each request, as nginx does
-by default; *nginx* and HAProxy keep theirs and share them between clients, which `mivo` does not.
+direction (`bench/floor.cpp`).
 
 ## Machine, versions, flags
 
@@ -31,20 +41,32 @@ by default; *nginx* and HAProxy keep theirs and share them between clients, whic
 
 `mivo` is compiled with `{compiler}` and linked with `{linker}`.
 
-## How it is measured
+## The same job for everybody
 
-* The proxy has core 0 to itself; load and upstream share core 1. Each proxy has one process or one thread
-  that serves.
-* Processor time is what the kernel accounts to that process, user and system, over the requests of the run.
-* Ratios are `mivo`'s median over the other's: below 1, `mivo` takes less. Only ratios and figures of the same
-  run say something about each other.
+Each server is measured with the configuration in [peers](peers), one folder for each of two jobs:
+
+* [http](peers/http) relays two names on one port to two local ports,
+* [https](peers/https) does so over TLS, and redirects the plain port.
+
+`bench/run` puts its own ports and paths into them, keeps nginx's temporary files and Caddy's data in its folder, and
+turns Caddy's administration port off. nginx, HAProxy and Caddy keep upstream connections in a pool and share them
+between clients, which `mivo` does not; [nginx without its pool](peers/http/nginx_unpooled.conf) opens one for each
+request and is shown where new connections are measured.
+
+* Two cores: the proxy has core 0 to itself (`taskset`), load and upstream share core 1. Each proxy serves with one
+  process or one thread there.
+* The load is that of wrk, ab, hey and curl; what they cannot do, a client in Python does. The upstream is nginx, and
+  for uploads and the slow client a server in Python.
+* Load runs for at least {seconds} s in each round. Rounds go through all workloads and, within a workload, through
+  all servers; another server begins in each round.
+* Processor time is what the kernel accounts to all processes of a server and all their threads, user and system,
+  over the requests of the round.
 * The clients ask again as soon as they are answered, so latencies are those of a busy server.
-* `mivo` prints a line for each request, to /dev/null here; the others log nothing. Its HTTPS is a process of
-  its own, for the plain port beside it would only redirect.
-* `openssl s_time` closes as soon as it has shaken hands. HAProxy notices and makes no session tickets; `mivo`
-  and nginx make two for each handshake.
-* Resident memory is what the process has mapped in at that moment, the code of shared libraries included. After
-  the start these are most of it: OpenSSL is opened then, whether it is needed or not.
+* `mivo` prints a line for each request, to /dev/null here; the others log nothing.
+* The client of new TLS connections (hey) resumes no session, asks for a file over each, and reads the reply and the
+  session tickets before it.
+* Resident memory (RSS) after the start counts each page once, however many processes of the server share it, the code
+  of shared libraries included.
 * Two processes on one port share both cores with load and upstream, so the figure shows that the port is
   shared and not what another core would bring.
 * Of the bytes that wait for a slow client, several MiB are in the system's buffers, and nginx puts what
@@ -55,8 +77,10 @@ by default; *nginx* and HAProxy keep theirs and share them between clients, whic
 {bars}
 {not_met}## Processor time
 
-`mivo`'s processor time for each request in µs, the same as a ratio to the others, and `mivo`'s other figures.
-A download or upload is one request.
+Microseconds for each request. A download or upload is one request.
+
+{costs}
+## Processor time of `mivo`, as a ratio
 
 {ratios}
 ## Latency, p99 in ms
@@ -64,36 +88,34 @@ A download or upload is one request.
 {latency}
 ## Memory, start, system calls
 
-Medians. Waits are `select()`, `epoll_wait()` and the like, which many requests share; so is the write of the
-console's lines.
+Waits are `select()`, `epoll_wait()` and the like, which many requests share and which are not counted among the system
+calls; nor is the write of the console's lines.
 
 {plain}
-{plots}{micro}{failures}## Commands
-
-    ./bench/run --rounds {asked_rounds} --seconds {seconds}{only}
-    ./bench/run --report
+{charts}{micro}{failures}## Commands
 
 {commands}
-
-nginx as a proxy; pooled, it has the first line and passes to the pool:
-
-```
-{nginx_pool}
-{nginx_proxy}
-```
-
-Every nginx has this around its site:
-
-```
-{nginx}
-```
-
-HAProxy:
-
-```
-{haproxy}
-```
 """
+
+README = """Processor time is given for each request, of all processes of a server. A figure is the median of
+{rounds} rounds, with the least and the most of them in brackets, measured on two cores of one machine on {date}.
+{unpooled} {lost} [docs/performance.md](docs/performance.md) has the rest."""
+
+MARKED = re.compile(r"(<!-- figures, by bench/run --report -->\n).*?(\n<!-- end of figures -->)", re.DOTALL)
+
+# Why a bar is hard to meet, by the beginning of its name; printed below the bars that are not met.
+REASONS = {
+    "keep-alive": "A reply takes two turns of the loop, and each turn is one `select()` over all connections, which "
+    "the others' `epoll_wait()` does not pay for. The fewer connections are ready at once, the less it is shared.",
+    "90 MiB up over TLS": "An upload is copied twice more than by HAProxy: into the pipe, and into the buffer of the "
+    "upstream.",
+    "resident memory": "Most of it are pages of shared libraries: OpenSSL is opened at the start, whether it is needed "
+    "or not. What is shared with no other process is in the table of memory below.",
+}
+
+
+def filled(text):
+    return textwrap.fill(text, 116, break_long_words=False, break_on_hyphens=False)
 
 
 def listed(values):
@@ -111,92 +133,118 @@ def machine_list(machine):
     )
 
 
-# Why a bar is hard to meet, by the beginning of its name; printed below the bars that are not met.
-REASONS = {
-    "keep-alive": "A reply takes two turns of the loop, and each turn is one `select()` over all connections, which "
-    "the others' `epoll_wait()` does not pay for. The fewer connections are ready at once, the less it is shared.",
-    "TLS 90 MiB up": "An upload is copied twice more than by HAProxy: into the pipe, and into the buffer of the "
-    "upstream.",
-    "resident after start": "Most of it are pages of shared libraries, see above. What is shared with nobody is in "
-    "the table of memory below.",
-}
+def distinct(data, key):
+    return sorted({workload[key] for workload in data["workloads"].values()})
 
 
-def not_met(bars):
-    names = [row["name"] for row in bars if row["met"] is False]
-    reasons = [why for begin, why in REASONS.items() if any(name.startswith(begin) for name in names)]
-    lines = ["Not met:", "", *(f"* {name}" for name in names), ""]
-    return "\n".join(lines + [f"{why}\n" for why in reasons]) + "\n" if names else ""
-
-
-def plots_text(drawn, folder):
-    return "".join(
-        f"## {heading}\n\n![{heading}]({folder}/{name})\n\n{sentence}\n\n" for heading, name, sentence in drawn
+def measured_text(data):
+    commits = " and ".join(f"`{commit}`" for commit in distinct(data, "commit"))
+    folders = ", ".join(f"`{folder}`" for folder in FOLDERS)
+    return filled(
+        f"Measured on {' and '.join(distinct(data, 'date'))} at commit {commits}. Since then nothing but comments and "
+        f"layout has changed in {folders}: a test compares the sources, and `bench/figures_age` tells."
     )
 
 
-def micro_text(path):
-    """The microbenchmarks as a table; "" when they were not run."""
-    if not path.exists():
-        return ""
-    lines = ["## Microbenchmarks", "", "From `./bench/run --micro`, nanoseconds of processor time.", ""]
-    lines += ["| benchmark | ns | of how many |", "|---|---|---|"]
-    for one in json.loads(path.read_text())["benchmarks"]:
-        if one.get("run_type") == "aggregate" and one.get("aggregate_name") != "median":
-            continue
-        items = round(one["items_per_second"] * one["cpu_time"] * 1e-9) if "items_per_second" in one else 1
-        lines.append(f"| {one['name']} | {one['cpu_time']:.1f} | {items} |")
-    return "\n".join(lines) + "\n\n"
+def not_met(results):
+    names = []
+    for bar in bars.BARS:
+        measured = bar.read(results)
+        if measured and not bars.is_met(bar, measured):
+            names.append(bar.name)
+    reasons = [why for begin, why in REASONS.items() if any(name.startswith(begin) for name in names)]
+    lines = ["Not met:", "", *(f"* {name}" for name in names), ""]
+    return "\n".join(lines + [f"{filled(why)}\n" for why in reasons]) + "\n" if names else ""
 
 
-def commands_text(commands):
-    return "\n".join(f"* {name}: `{command}`" for name, command in commands.items())
+def charts_text(results):
+    return "".join(
+        f"## {chart.heading}\n\n![{chart.heading}](performance/{chart.file})\n\n{charts.sentence(chart, results)}\n\n"
+        for chart in charts.CHARTS
+        if charts.is_drawn(chart, results)
+    )
 
 
-def plain(template):
-    """A template of str.format as what it stands for, its names left in braces."""
-    return template.replace("{{", "\0").replace("}}", "\1").replace("\0", "{").replace("\1", "}").strip()
+def micro_text(results):
+    found = tables.micro_table(results)
+    said = "Nanoseconds of processor time; each checks what it has computed."
+    return f"## Microbenchmarks\n\n{said}\n\n{found}\n" if found else ""
 
 
-def page(data, drawn, plot_folder, micro):
-    arguments = data["arguments"]
-    results = data["results"]
-    failures = tables.failures_text(data["failures"])
+def commands_text(data):
+    named = {**data["servers"], **{name: one["command"] for name, one in data["workloads"].items()}}
+    return "\n".join(f"* {name}: `{command}`" for name, command in named.items() if command)
+
+
+def page(data):
+    results = figures.results_of(data)
+    failures = tables.failures_text(data)
     return PAGE.format(
-        rounds=data["rounds"],
+        measured=measured_text(data),
         machine=machine_list(data["machine"]),
         versions=listed(data["versions"]),
         compiler=data["flags"]["compiler"],
         linker=data["flags"]["linker"],
-        bars=tables.bars_table(data["bars"]),
-        not_met=not_met(data["bars"]),
+        seconds=min(distinct(data, "seconds")),
+        bars=tables.bars_table(results),
+        not_met=not_met(results),
+        costs=tables.cost_table(results),
         ratios=tables.ratio_table(results),
         latency=tables.p99_table(results),
-        plain=tables.plain_table(results),
-        plots=plots_text(drawn, plot_folder),
-        micro=micro_text(micro),
+        plain=tables.rows_table(results, tables.PLAIN_ROWS),
+        charts=charts_text(results),
+        micro=micro_text(results),
         failures=f"## What failed\n\n{failures}\n" if failures else "",
-        asked_rounds=arguments["rounds"],
-        seconds=arguments["seconds"],
-        only="".join(f" --only '{word}'" for word in arguments["only"]),
-        commands=commands_text(data["commands"]),
-        nginx_pool=plain(POOL),
-        nginx_proxy=plain(PROXY_SITE),
-        nginx=plain(NGINX),
-        haproxy=plain(HAPROXY),
+        commands=commands_text(data),
     )
+
+
+def rounds_text(results):
+    """How many rounds the figures of the README's table have, "7 to 10"."""
+    found = [tables.spreads(results, row)["mivo"] for row in tables.README_ROWS]
+    counts = sorted({one.count for one in found if one})
+    return " to ".join(str(count) for count in (counts[:1] + counts[1:][-1:]))
+
+
+def readme_block(data):
+    results = figures.results_of(data)
+    lines = [str(configuration_lines("https", FILES[server])) for server in tables.COLUMNS[1:]]
+    first = ("lines of configuration", "0, and one command line", *lines)
+    lost = [row.title.rsplit(",", 1)[0] for row in tables.lost_rows(results, tables.README_ROWS)]
+    unpooled = tables.unpooled_text(results)
+    text = README.format(
+        rounds=rounds_text(results),
+        date=" and ".join(distinct(data, "date")),
+        unpooled=f"The others have a pool of upstream connections, and `mivo` has none: beside nginx without its pool, "
+        f"a request over HTTP on a new connection costs {unpooled}."
+        if unpooled
+        else "",
+        lost=f"`mivo` takes more than the best of the others in these rows: {'; '.join(lost)}." if lost else "",
+    )
+    return f"{tables.rows_table(results, tables.README_ROWS, [first])}\n{filled(text)}"
+
+
+def with_block(readme, block):
+    """The README's text with the block in place of the one that it has."""
+    if not MARKED.search(readme):
+        raise ValueError("the README has no place that is marked for the figures")
+    return MARKED.sub(lambda found: found[1] + block + found[2], readme)
 
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--out", type=Path, default=ROOT / "build" / "bench")
+    parser.add_argument("--figures", type=Path, default=ROOT / "docs" / "performance" / "figures.json")
     parser.add_argument("--docs", type=Path, default=ROOT / "docs")
+    parser.add_argument("--readme", type=Path, default=ROOT / "README.md")
     options = parser.parse_args()
-    data = json.loads((options.out / "results.json").read_text())
-    drawn = plots.draw_all(data["results"], options.docs / "performance")
-    text = page(data, drawn, "performance", options.out / "micro.json")
-    (options.docs / "performance.md").write_text(text)
-    print(f"Written: {options.docs / 'performance.md'} and {len(drawn)} plots")
+    import plots  # only drawing needs matplotlib; the tests compare the texts without it
+
+    data = figures.load(options.figures)
+    plots.draw_all(figures.results_of(data), options.docs / "performance", options.figures)
+    (options.docs / "performance.md").write_text(page(data))
+    options.readme.write_text(with_block(options.readme.read_text(), readme_block(data)))
+    print(f"Written: {options.docs / 'performance.md'}, its charts, and the table in {options.readme}")
 
 
-main()
+if __name__ == "__main__":
+    main()

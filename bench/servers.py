@@ -1,85 +1,63 @@
-"""The servers under measurement and the upstreams behind them: started for the run, ended after it."""
+"""The servers under measurement and the upstreams behind them: started for the run, ended after it.
+
+There are two jobs, each a folder of docs/peers with the configuration of every server for it: `http` relays two
+names on one port, `https` does so over TLS and redirects the other port. What is measured is what those files say;
+only ports, paths and what keeps a server within the run's folder are put in."""
 
 import contextlib
 import os
+import re
 import resource
+import shlex
 import subprocess
 from pathlib import Path
 
 from process import LOAD_CORE, Server, free_port
+from sources import ROOT
 from upstream import CountedUpstream
 
-ROOT = Path(__file__).resolve().parents[1]
+PEERS = ROOT / "docs" / "peers"
 PROGRAMS = ROOT / "build" / "release" / "bench"
-HOST = "bench"  # goes to nginx, which serves the files
-COUNTED = "counted"  # goes to the upstream that counts; the path begins with it too
+JOBS = ("http", "https")
+HOST = "one.example"  # goes to nginx, which serves the files
+COUNTED = "two.example"  # goes to the upstream that counts
 
 # As root, nginx would serve files as a user who cannot enter the temporary folder.
 USER = "user root;" if os.geteuid() == 0 else ""
 
-TEMP_PATHS = "".join(
-    f"{kind}_temp_path {{folder}}/{kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
-)
+TEMP_PATHS = "".join(f" {kind}_temp_path {kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
 
-NGINX = """
-{user} daemon off; worker_processes 1; pid {folder}/pid; error_log {folder}/error.log crit;
+UPSTREAM = """
+worker_processes 1;
 worker_rlimit_nofile 8192;
 events {{ worker_connections 4096; }}
 http {{
-  access_log off; sendfile on; keepalive_requests 1000000000; client_max_body_size 0; TEMP_PATHS
-  {http}
+  access_log off; sendfile on; keepalive_requests 1000000000;
+  server {{ listen 127.0.0.1:{port} backlog=4096; root {www}; }}
 }}
-""".replace("TEMP_PATHS", TEMP_PATHS)
-
-PROXY_SITE = """
-  {upstream}
-  proxy_http_version 1.1; proxy_request_buffering off;
-  proxy_set_header Host $host; proxy_set_header Connection ""; proxy_set_header X-Forwarded-For $remote_addr;
-  server {{
-    listen 127.0.0.1:{port} backlog=1024;
-    listen 127.0.0.1:{tls_port} ssl backlog=1024;
-    ssl_protocols TLSv1.2 TLSv1.3;
-    ssl_certificate {certificates}/crt.pem; ssl_certificate_key {certificates}/key.pem;
-    location / {{ proxy_pass http://{target}; }}
-    location /counted {{ proxy_pass http://127.0.0.1:{counted}; }}
-  }}
 """
 
-POOL = "upstream pool {{ server 127.0.0.1:{port}; keepalive 1024; keepalive_requests 1000000000; }}"
-
-HAPROXY = """
-global
-  nbthread 1
-  maxconn 4000
-defaults
-  mode http
-  timeout connect 10s
-  timeout client 60s
-  timeout server 60s
-frontend in
-  bind 127.0.0.1:{port}
-  bind 127.0.0.1:{tls_port} ssl crt {certificates}/both.pem
-  option forwardfor
-  use_backend counted if {{ path_beg /counted }}
-  default_backend out
-backend out
-  http-reuse always
-  server one 127.0.0.1:{upstream}
-backend counted
-  server one 127.0.0.1:{counted}
-"""
+CADDY = "{{\n\tadmin off\n\thttp_port {http}\n\thttps_port {https}\n}}\n"
 
 
-def nginx(folder, name, http, port, **options):
-    config = folder / "nginx.conf"
-    config.write_text(NGINX.format(folder=folder, http=http, user=USER))
-    command = ["nginx", "-p", str(folder), "-e", str(folder / "error.log"), "-c", str(config)]
-    return Server(name, command, port, **options)
+def adapted(text, ports, folder):
+    """A configuration with other ports, {as written: to use}, and with its certificates in `folder`."""
+    text = re.sub(r"\b(80|443|3000|3001)\b", lambda found: str(ports[int(found[0])]), text)
+    return re.sub(r"\b(?:key|crt|both)\.pem\b", lambda found: f"{folder}/{found[0]}", text)
+
+
+def without_comments(text):
+    return "".join(line for line in text.splitlines(True) if not line.startswith("#"))
+
+
+def configuration_lines(job, file):
+    """How many lines the configuration has; comments do not count."""
+    return len(without_comments((PEERS / job / file).read_text()).splitlines())
 
 
 class Bench:
     """All the servers of a run, in a temporary folder that the caller owns. `counted` is the upstream that
-    counts; `proxies` are the servers under measurement, by name."""
+    counts; `proxies` are the servers under measurement, by job and name."""
 
     def __init__(self, folder, mivo):
         resource.setrlimit(resource.RLIMIT_NOFILE, (16384, 16384))
@@ -93,43 +71,43 @@ class Bench:
         self._folders = 0
         self._makers = {
             "mivo": self._mivo,
-            "nginx": lambda: self._nginx_proxy("nginx", pooled=True),
-            "nginx unpooled": lambda: self._nginx_proxy("nginx unpooled", pooled=False),
+            "nginx": lambda job: self._nginx("nginx", job, "nginx.conf"),
+            "nginx unpooled": lambda job: self._nginx("nginx unpooled", job, "nginx_unpooled.conf"),
             "haproxy": self._haproxy,
+            "caddy": self._caddy,
             "floor": self._floor,
         }
 
-    def start(self):
+    def start(self, wanted):
+        """`wanted`: pairs of a job and a server's name."""
         self._make_files()
         self.counted = CountedUpstream(self.counted_port)
-        site = f"server {{ listen 127.0.0.1:{self.upstream_port} backlog=4096; root {self.folder}/www; }}"
-        self._start(nginx(self._new_folder(), "upstream", site, self.upstream_port, core=LOAD_CORE))
-        for name in self._makers:
-            self.proxies[name] = self.make(name)
+        text = UPSTREAM.format(port=self.upstream_port, www=self.folder / "www")
+        self._start(self._nginx_of("upstream", text, self.upstream_port, core=LOAD_CORE))
+        for job, name in wanted:
+            self.proxies[job, name] = self.make(name, job)
             try:
-                self._start(self.proxies[name])
+                self._start(self.proxies[job, name])
             except (OSError, RuntimeError):
                 pass  # each workload tries again, and notes the failure
 
-    def make(self, name):
+    def make(self, name, job):
         """Another server of that name, not started, on ports of its own."""
-        return self._makers[name]()
+        return self._makers[name](job)
 
     @contextlib.contextmanager
-    def fresh(self, name):
+    def fresh(self, name, job):
         """A server of that name that has not served anything yet; ended with the context."""
-        server = self.make(name)
+        server = self.make(name, job)
         try:
             self._start(server)
             yield server
         finally:
-            for part in server.processes():
-                part.stop()
+            server.stop()
 
     def _start(self, server):
-        for part in server.processes():
-            self.running.append(part)  # first, so that stop() ends it whatever happens
-            part.start()
+        self.running.append(server)  # first, so that stop() ends it whatever happens
+        server.start()
 
     def _new_folder(self):
         self._folders += 1
@@ -147,53 +125,54 @@ class Bench:
         key, crt = self.folder / "key.pem", self.folder / "crt.pem"
         subprocess.run(
             ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=bench"]
+            # The address as well: wrk asks for that name.
+            + ["-addext", f"subjectAltName=DNS:{HOST},DNS:{COUNTED},DNS:127.0.0.1,IP:127.0.0.1"]
             + ["-keyout", str(key), "-out", str(crt)],
             check=True,
             capture_output=True,
         )
         (self.folder / "both.pem").write_text(crt.read_text() + key.read_text())
 
-    def mivo_command(self, port):
-        routes = ["-map", HOST, str(self.upstream_port), "-map", COUNTED, str(self.counted_port)]
-        return [self.mivo_program, str(port), *routes]
+    def _configured(self, job, file):
+        """The text of a configuration on free ports, those ports, and the one that is measured."""
+        ports = {80: free_port(), 443: free_port(), 3000: self.upstream_port, 3001: self.counted_port}
+        text = adapted((PEERS / job / file).read_text(), ports, self.folder)
+        return text, ports, ports[443 if job == "https" else 80]
 
-    def _mivo(self):
-        """Two processes: with TLS, the plain port of one would only redirect."""
-        port, tls_port = free_port(), free_port()
-        server = Server("mivo", self.mivo_command(port), port)
-        ssl = ["-ssl", str(tls_port), str(self.folder / "key.pem"), str(self.folder / "crt.pem")]
-        server.tls = Server("mivo", self.mivo_command(0) + ssl, tls_port, tls_port=tls_port)
-        return server
+    def _mivo(self, job):
+        text, _, port = self._configured(job, "mivo")
+        return Server("mivo", [self.mivo_program, *shlex.split(text)[1:]], port, tls=job == "https", job=job)
 
-    def _nginx_proxy(self, name, pooled):
-        port, tls_port = free_port(), free_port()
-        http = PROXY_SITE.format(
-            certificates=self.folder,
-            port=port,
-            tls_port=tls_port,
-            upstream=POOL.format(port=self.upstream_port) if pooled else "",
-            target="pool" if pooled else f"127.0.0.1:{self.upstream_port}",
-            counted=self.counted_port,
-        )
-        return nginx(self._new_folder(), name, http, port, tls_port=tls_port)
+    def _nginx(self, name, job, file):
+        text, _, port = self._configured(job, file)
+        return self._nginx_of(name, text, port, tls=job == "https", job=job)
 
-    def _haproxy(self):
-        port, tls_port = free_port(), free_port()
+    def _nginx_of(self, name, text, port, **options):
+        folder = self._new_folder()
+        config = folder / "nginx.conf"
+        config.write_text(text.replace("http {", "http {" + TEMP_PATHS, 1))
+        globals_ = f"daemon off; pid {folder}/pid; {USER}"
+        command = ["nginx", "-p", str(folder), "-e", str(folder / "error.log"), "-g", globals_, "-c", str(config)]
+        return Server(name, command, port, **options)
+
+    def _haproxy(self, job):
+        text, _, port = self._configured(job, "haproxy.cfg")
         config = self._new_folder() / "haproxy.cfg"
-        config.write_text(
-            HAPROXY.format(
-                certificates=self.folder,
-                port=port,
-                tls_port=tls_port,
-                upstream=self.upstream_port,
-                counted=self.counted_port,
-            )
-        )
-        return Server("haproxy", ["haproxy", "-db", "-f", str(config)], port, tls_port=tls_port)
+        config.write_text(text)
+        return Server("haproxy", ["haproxy", "-db", "-f", str(config)], port, tls=job == "https", job=job)
 
-    def _floor(self):
+    def _caddy(self, job):
+        text, ports, port = self._configured(job, "Caddyfile")
+        folder = self._new_folder()
+        config = folder / "Caddyfile"
+        config.write_text(CADDY.format(http=ports[80], https=ports[443]) + text)
+        command = ["caddy", "run", "--adapter", "caddyfile", "--config", str(config)]
+        environment = {"HOME": str(folder), "XDG_DATA_HOME": str(folder), "XDG_CONFIG_HOME": str(folder)}
+        return Server("caddy", command, port, tls=job == "https", environment=environment, job=job)
+
+    def _floor(self, job):
         port = free_port()
-        return Server("floor", [str(PROGRAMS / "floor"), str(port), str(self.upstream_port)], port)
+        return Server("floor", [str(PROGRAMS / "floor"), str(port), str(self.upstream_port)], port, job=job)
 
     def stop(self):
         for server in self.running:

@@ -1,178 +1,165 @@
-"""The tables: figures and ratios of every workload, and the bars that mivo is to stay under."""
+"""The tables of the page and of the README, as Markdown. A figure is a median, with the least and the most of its
+rounds in brackets."""
 
-import statistics
+from typing import NamedTuple
 
-PEERS = ("nginx", "haproxy")
-OTHERS = ("nginx", "nginx unpooled", "haproxy", "floor")
-TITLES = {"mivo": "mivo", "nginx": "nginx", "nginx unpooled": "nginx unpooled", "haproxy": "HAProxy"}
-COST = "processor_us_per_request"
+import bars
+import figures
+from bars import COST, DOWN, HANDSHAKE, NEW, NEW_ALONE, TITLES, TLS_DOWN
 
-
-def median(results, workload, server, figure):
-    """The median over the rounds, or None when there is no such figure."""
-    runs = results.get(workload, {}).get(server, [])
-    values = [run[figure] for run in runs if run.get(figure) is not None]
-    return statistics.median(values) if values else None
+OTHERS = ("nginx", "haproxy", "caddy", "nginx unpooled", "floor")
+COLUMNS = ("mivo", "nginx", "haproxy", "caddy")  # of the tables that the README quotes
 
 
-def ratio(results, workload, figure, *others):
-    """mivo's figure over the least of the others'; None when one is missing."""
-    own = median(results, workload, "mivo", figure)
-    theirs = [median(results, workload, other, figure) for other in others]
-    if own is None or None in theirs or min(theirs) <= 0:
-        return None
-    return own / min(theirs)
+def table(head, rows):
+    """Left aligned; "" without rows."""
+    if not rows:
+        return ""
+    lines = [f"| {' | '.join(head)} |", "|---" * len(head) + "|"]
+    return "\n".join(lines + [f"| {' | '.join(row)} |" for row in rows]) + "\n"
 
 
-def own_figure(workload, figure, factor=1.0):
-    def read(results):
-        value = median(results, workload, "mivo", figure)
-        return None if value is None else value * factor
-
-    return read
-
-
-def beside(workload, figure, *others):
-    return lambda results: ratio(results, workload, figure, *others)
-
-
-def given_back(results):
-    """The share of what a slow client made mivo take that is still there after it. Buffers that are kept for
-    the next client are in it, a few MiB whatever the body: hence a bar of a tenth, not of nothing."""
-    kept = median(results, "slow client", "mivo", "kept_kib")
-    growth = median(results, "slow client", "mivo", "growth_kib")
-    return None if kept is None or not growth else kept / growth
-
-
-def keep_alive_bars():
-    for count, peers, floor in ((16, 0.90, 1.35), (64, 0.90, 1.35), (400, 0.75, 1.50)):
-        name = f"keep-alive, {count} clients"
-        yield f"{name}: processor time, of the better peer", beside(name, COST, *PEERS), peers, ""
-        yield f"{name}: processor time, of the floor", beside(name, COST, "floor"), floor, ""
-        yield f"{name}: p99 latency, of the better peer", beside(name, "p99_ms", *PEERS), 1.0, ""
-
-
-HANDSHAKE = "TLS handshakes, 4 clients"
-TLS_DOWN, TLS_UP = "TLS 1 GiB download", "TLS 90 MiB upload"
-NEW = "new connection per request, 64 at once"
-FRESH = "TLS new connection and request"
-
-# What, how it is read from the results, the most it may be, the unit ("" for a ratio)
-BARS = [
-    *keep_alive_bars(),
-    ("new connection per request: processor time, of the floor", beside(NEW, COST, "floor"), 1.15, ""),
-    ("the same, of nginx unpooled", beside(NEW, COST, "nginx unpooled"), 1.0, ""),
-    ("1 GiB down: processor time, of the better peer", beside("1 GiB download", COST, *PEERS), 1.0, ""),
-    ("1 GiB down: peak memory", own_figure("1 GiB download", "peak_kib", 1 / 1024), 48, "MiB"),
-    ("1 GiB down: first bytes, of the better peer", beside("1 GiB, first bytes", "p50_ms", *PEERS), 1.0, ""),
-    ("slow client: memory for each byte waiting", own_figure("slow client", "growth_per_waiting"), 1.15, ""),
-    ("slow client: share of it kept afterwards", given_back, 0.10, ""),
-    ("TLS handshake: processor time, of the better peer", beside(HANDSHAKE, COST, *PEERS), 1.05, ""),
-    ("TLS 1 GiB down: processor time, of the better peer", beside(TLS_DOWN, COST, *PEERS), 1.05, ""),
-    ("TLS 90 MiB up: processor time, of the better peer", beside(TLS_UP, COST, *PEERS), 1.05, ""),
-    ("fresh HTTPS request: p50 latency, of the better peer", beside(FRESH, "p50_ms", *PEERS), 1.0, ""),
-    ("idle proxied client", own_figure("idle proxied client", "kib_per_client"), 20, "KiB"),
-    ("idle proxied client over TLS", own_figure("TLS idle proxied client", "kib_per_client"), 40, "KiB"),
-    ("resident after start", own_figure("resident after start", "plain_kib", 1 / 1024), 3, "MiB"),
-    ("from start to listening", own_figure("start", "listening_ms"), 5, "ms"),
-    ("stripped program", own_figure("stripped program", "bytes", 1e-3), 250, "KB"),
-    ("system calls per request, 1 client", own_figure("system calls, 1 client", "calls_per_request"), 4, ""),
-    ("the same, 64 clients", own_figure("system calls, 64 clients", "calls_per_request"), 4, ""),
-    ("allocations per request", own_figure("allocations, 16 clients", "allocations_per_request"), 0, ""),
-]
-
-
-def bars(results):
+def bars_table(results):
+    words = {True: "yes", False: "**no**"}
     rows = []
-    for name, read, bar, unit in BARS:
-        figure = read(results)
-        met = None if figure is None else figure <= bar
-        rows.append({"name": name, "figure": figure, "bar": bar, "unit": unit, "met": met})
-    return rows
+    for bar in bars.BARS:
+        measured = bar.read(results)
+        limit = f"{bar.most:g} {bar.unit}".strip()
+        if measured is None:
+            rows.append((bar.name, "not measured", limit, "", ""))
+            continue
+        name = bar.name.replace("the better peer", f"the better peer, {TITLES.get(measured.other)}")
+        text = f"{figures.text_of(measured.spread)} {bar.unit}".strip()
+        rows.append((name, text, limit, str(measured.spread.count), words[bars.is_met(bar, measured)]))
+    return table(("what", "measured", "at most", "rounds", "met"), rows)
 
 
-def bars_table(rows):
-    lines = ["| line | measured | at most | met |", "|---|---|---|---|"]
-    words = {True: "yes", False: "**no**", None: ""}
-    for row in rows:
-        figure = "not measured" if row["figure"] is None else f"{row['figure']:.2f} {row['unit']}".strip()
-        limit = f"{row['bar']:g} {row['unit']}".strip()
-        lines.append(f"| {row['name']} | {figure} | {limit} | {words[row['met']]} |")
-    return "\n".join(lines) + "\n"
+def with_servers(results, figure, servers, factor=1.0):
+    """A row for each workload that has this figure of mivo."""
+    for name in results:
+        if figures.spread(results, name, "mivo", figure):
+            cells = [figures.text_of(figures.spread(results, name, server, figure, factor)) for server in servers]
+            yield name, *cells
 
 
-def cell(value):
-    return "" if value is None else f"{value:.2f}"
+def cost_table(results):
+    servers = ("mivo", *OTHERS)
+    head = ("workload", *(TITLES[server] for server in servers))
+    return table(head, list(with_servers(results, COST, servers)))
 
 
 def ratio_table(results):
-    """Processor time of mivo per request, and as a ratio to each of the others; the rest is mivo's alone."""
-    lines = ["| workload | mivo, µs | of nginx | of nginx unpooled | of HAProxy | of the floor | requests/s"]
-    lines[0] += " | p50, ms | p99, ms | longest, ms | peak, MiB |"
-    lines.append("|---" * 11 + "|")
+    rows = []
     for name in results:
-        if median(results, name, "mivo", COST) is None:
-            continue
-        own = {f: median(results, name, "mivo", f) for f in (COST, "requests_per_second", "peak_kib")}
-        ratios = [cell(ratio(results, name, COST, other)) for other in OTHERS]
-        latencies = [cell(median(results, name, "mivo", f)) for f in ("p50_ms", "p99_ms", "longest_ms")]
-        cells = [name, f"{own[COST]:.1f}", *ratios, f"{own['requests_per_second']:.1f}", *latencies]
-        lines.append(f"| {' | '.join(cells)} | {own['peak_kib'] / 1024:.1f} |")
-    return "\n".join(lines) + "\n"
+        cells = [figures.text_of(figures.ratio(results, name, COST, other)) for other in OTHERS]
+        if any(cells):
+            rows.append((name, *cells))
+    return table(("workload", *(f"of {TITLES[other]}" for other in OTHERS)), rows)
 
 
 def p99_table(results):
-    lines = ["| workload | mivo, ms | nginx | HAProxy | floor |", "|---|---|---|---|---|"]
-    for name in results:
-        p99 = [median(results, name, server, "p99_ms") for server in ("mivo", *PEERS, "floor")]
-        if p99[0]:
-            lines.append(f"| {name} | {' | '.join(cell(value) for value in p99)} |")
-    return "\n".join(lines) + "\n"
+    servers = (*COLUMNS, "floor")
+    head = ("workload", *(TITLES[server] for server in servers))
+    rows = [row for row in with_servers(results, "p99_ms", servers) if "keep-alive" in row[0]]
+    return table(head, rows)
 
 
-# Figures that are no processor time: workload, figure, what the table calls it, factor
-PLAIN_FIGURES = [
-    ("idle client", "kib_per_client", "idle client, KiB", 1),
-    ("idle proxied client", "kib_per_client", "idle proxied client, KiB", 1),
-    ("TLS idle proxied client", "kib_per_client", "idle proxied client over TLS, KiB", 1),
-    ("resident after start", "plain_kib", "resident after start, MiB", 1 / 1024),
-    ("resident after start", "tls_kib", "the same with TLS, MiB", 1 / 1024),
-    ("resident after start", "private_kib", "resident after start and shared with nobody, MiB", 1 / 1024),
-    ("slow client", "waiting_kib", "slow client: bytes waiting, MiB", 1 / 1024),
-    ("slow client", "growth_kib", "slow client: memory taken, MiB", 1 / 1024),
-    ("slow client", "kept_kib", "slow client: kept afterwards, MiB", 1 / 1024),
-    ("start", "listening_ms", "from start to listening, ms", 1),
-    ("stripped program", "bytes", "stripped program, KB", 1e-3),
-    ("system calls, 1 client", "calls_per_request", "system calls per request, 1 client", 1),
-    ("system calls, 1 client", "waits_per_request", "waits per request, 1 client", 1),
-    ("system calls, 64 clients", "calls_per_request", "system calls per request, 64 clients", 1),
-    ("system calls, 64 clients", "waits_per_request", "waits per request, 64 clients", 1),
-    ("system calls, 64 clients", "console_writes_per_request", "console writes per request", 1),
-    ("allocations, 16 clients", "allocations_per_request", "allocations per request", 1),
-    ("processes on one port", "requests_per_second_1", "one process on a port, requests/s", 1),
-    ("processes on one port", "requests_per_second_2", "two processes on a port, requests/s", 1),
+class Row(NamedTuple):
+    """A figure of all servers."""
+
+    title: str
+    workload: str
+    figure: str
+    factor: float = 1.0
+
+
+# What is not processor time of a request.
+PLAIN_ROWS = [
+    Row("client that has sent nothing, KiB", "idle client", "kib_per_silent_client"),
+    Row("idle client whose request was relayed, KiB", "idle client", "kib_per_client"),
+    Row("the same over TLS, KiB", "TLS idle client", "kib_per_client"),
+    Row("resident memory (RSS) after the start, MiB", "after the start", "resident_kib", 1 / 1024),
+    Row("the same with TLS, MiB", "TLS after the start", "resident_kib", 1 / 1024),
+    Row("of that, in one process alone, MiB", "TLS after the start", "private_kib", 1 / 1024),
+    Row("slow client: bytes waiting, MiB", "slow client", "waiting_kib", 1 / 1024),
+    Row("slow client: memory taken, MiB", "slow client", "growth_kib", 1 / 1024),
+    Row("slow client: kept afterwards, MiB", "slow client", "kept_kib", 1 / 1024),
+    Row("from the start to the first connection, ms", "start", "listening_ms"),
+    Row("the same with TLS, ms", "TLS start", "listening_ms"),
+    Row("stripped program, KB", "stripped program", "bytes", 1e-3),
+    Row("system calls for a kept-alive request, 1 client", "system calls, 1 client", "calls_per_request"),
+    Row("waits for it", "system calls, 1 client", "waits_per_request"),
+    Row("system calls for a kept-alive request, 64 clients", "system calls, 64 clients", "calls_per_request"),
+    Row("waits for it", "system calls, 64 clients", "waits_per_request"),
+    Row("console writes for it", "system calls, 64 clients", "console_writes_per_request"),
+    Row("system calls for a request on a new connection", bars.NEW_CALLS, "calls_per_request"),
+    Row("waits for it", bars.NEW_CALLS, "waits_per_request"),
+    Row("allocations for a kept-alive request", "allocations, 16 clients", "allocations_per_request"),
+    Row("one process on a port, requests/s", "processes on one port", "requests_per_second_1"),
+    Row("two processes on a port, requests/s", "processes on one port", "requests_per_second_2"),
+]
+
+# The README's: the job over HTTPS first, as it is what the configurations there are for.
+README_ROWS = [
+    Row("resident memory (RSS) after the start, MiB", "TLS after the start", "resident_kib", 1 / 1024),
+    Row("from the start to the first connection, ms", "TLS start", "listening_ms"),
+    Row("request over HTTPS, 64 clients that stay connected, µs", "TLS keep-alive, 64 clients", COST),
+    Row("request over HTTPS on a new connection, µs", HANDSHAKE, COST),
+    Row("download of 1 GiB over HTTPS, s", TLS_DOWN, COST, 1e-6),
+    Row("memory of an idle HTTPS client, KiB", "TLS idle client", "kib_per_client"),
+    Row("request over HTTP, 64 clients that stay connected, µs", "keep-alive, 64 clients", COST),
+    Row("the same, 400 clients", "keep-alive, 400 clients", COST),
+    Row("request over HTTP on a new connection, µs", NEW, COST),
+    Row("download of 1 GiB over HTTP, s", DOWN, COST, 1e-6),
+    Row("memory of an idle HTTP client, KiB", "idle client", "kib_per_client"),
+    Row("memory while a slow client leaves 192 MiB waiting, MiB", "slow client", "growth_kib", 1 / 1024),
 ]
 
 
-def plain_table(results):
-    lines = ["| figure | mivo | nginx | HAProxy |", "|---|---|---|---|"]
-    for workload, figure, title, factor in PLAIN_FIGURES:
-        values = [median(results, workload, server, figure) for server in ("mivo", *PEERS)]
-        if any(value is not None for value in values):
-            cells = [cell(None if value is None else value * factor) for value in values]
-            lines.append(f"| {title} | {' | '.join(cells)} |")
-    return "\n".join(lines) + "\n"
+def spreads(results, row, servers=COLUMNS):
+    return {server: figures.spread(results, row.workload, server, row.figure, row.factor) for server in servers}
 
 
-def failures_text(failures):
-    lines = [f"* round {f['round']}, {f['workload']}, {f['server']}: {f['cause']}" for f in failures]
-    return "Failed:\n\n" + "\n".join(lines) + "\n" if lines else ""
+def rows_table(results, rows, first=()):
+    cells = []
+    for row in rows:
+        found = spreads(results, row)
+        if found["mivo"]:
+            cells.append((row.title, *(figures.text_of(found[server]) for server in COLUMNS)))
+    return table(("", *(TITLES[server] for server in COLUMNS)), [*first, *cells])
 
 
-def everything(data):
-    results = data["results"]
-    texts = [ratio_table(results), p99_table(results), plain_table(results), bars_table(data.get("bars", []))]
-    # A table that is nothing but its head is left out.
-    texts = [text for text in texts if text.count("\n") > 2]
-    failed = failures_text(data["failures"])
-    return "\n".join(texts + ([failed] if failed else []))
+def lost_rows(results, rows):
+    """The titles of the rows in which mivo takes more than the least of the others."""
+    lost = []
+    for row in rows:
+        found = spreads(results, row)
+        others = [one.median for server, one in found.items() if one and server != "mivo"]
+        if found["mivo"] and others and found["mivo"].median > min(others):
+            lost.append(row)
+    return lost
+
+
+def unpooled_text(results):
+    """nginx without its pool, beside mivo, for both new-connection workloads."""
+    parts = []
+    for name, words in ((NEW, "64 at once"), (NEW_ALONE, "one after the other")):
+        own, other = (figures.spread(results, name, server, COST) for server in ("mivo", "nginx unpooled"))
+        if own and other:
+            parts.append(f"{figures.text_of(own)} µs beside {figures.text_of(other)} µs, {words}")
+    return "; ".join(parts)
+
+
+def micro_table(results):
+    runs = results.get("microbenchmarks", {}).get("mivo", [])
+    names = [name for name in runs[0] if name != "round"] if runs else []
+    rows = [(name, figures.text_of(figures.spread(results, "microbenchmarks", "mivo", name))) for name in names]
+    return table(("benchmark", "ns"), rows)
+
+
+def failures_text(data):
+    lines = []
+    for name, workload in data["workloads"].items():
+        for one in workload["failures"]:
+            lines.append(f"* {name}, round {one['round']}, {one['server']}: {one['cause']}")
+    return "\n".join(lines) + "\n" if lines else ""

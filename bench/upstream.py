@@ -8,7 +8,7 @@ PIECE = 65536  # bytes a send: the count is never further behind the socket than
 
 
 class CountedUpstream:
-    """GET /counted/N sends N bytes; PUT takes the announced body and then answers. `sent` is the number of
+    """GET /N sends N bytes; PUT takes the announced body and then answers. `sent` is the number of
     body bytes that the system has taken for the last GET; one GET at a time."""
 
     def __init__(self, port):
@@ -41,7 +41,7 @@ class CountedUpstream:
             data += more
         head, body = data.split(b"\r\n\r\n", 1)
         if head.startswith(b"GET"):
-            self._send(client, int(re.match(rb"GET /counted/(\d+) ", head).group(1)))
+            self._send(client, int(re.match(rb"GET /(\d+) ", head).group(1)))
         else:
             length = int(re.search(rb"\r\ncontent-length: *(\d+)", head, re.I).group(1))
             self._take(client, length - len(body))

@@ -1,4 +1,5 @@
-"""What is measured: each workload by its name, with the function that runs it and the servers it is for."""
+"""What is measured: each workload by its name, with the function that runs it, the servers and the job it is for,
+and how many rounds it gets."""
 
 from typing import Callable, NamedTuple
 
@@ -8,15 +9,21 @@ import memory
 from process import settled
 from servers import COUNTED, HOST
 
-ALL = ("mivo", "nginx", "nginx unpooled", "haproxy", "floor")
 PEERS = ("mivo", "nginx", "haproxy")
+QUOTED = (*PEERS, "caddy")  # what the README's table has columns for
 OWN = ("mivo",)
+FLOOR = "floor"
+
+MOST_ROUNDS = 10  # where a bar is close, or a latency
+ROUNDS = 7  # of what a bar or the README quotes
+FEW_ROUNDS = 3  # of the rest
 
 
 class Workload(NamedTuple):
     measure: Callable  # (bench, server, seconds) -> figures by name, the most telling one first
     servers: tuple
-    tls: bool = False
+    rounds: int
+    job: str = "http"
 
 
 def timed(load):
@@ -30,9 +37,8 @@ def timed(load):
         if figures.failed or not figures.requests:
             raise RuntimeError(f"{figures.failed} of {figures.requests} requests failed")
         return {
-            "processor_us_per_request": used.total * 1e6 / figures.requests,
-            "user_seconds": used.user,
-            "system_seconds": used.system,
+            "processor_us_per_request": used * 1e6 / figures.requests,
+            "requests": figures.requests,
             "requests_per_second": figures.requests / figures.seconds,
             "p50_ms": figures.p50,
             "p99_ms": figures.p99,
@@ -44,87 +50,98 @@ def timed(load):
     return measure
 
 
-def kept_alive(connections, path, tls=False):
+def kept_alive(connections, path, servers, rounds, job="http"):
     def load(bench, server, seconds):
-        return clients.wrk(server.url(path, tls), HOST, connections, seconds)
+        return clients.wrk(server.url(path), HOST, connections, seconds)
 
-    return Workload(timed(load), PEERS if tls else ALL, tls)
+    return Workload(timed(load), servers, rounds, job)
 
 
-def new_connections(connections, requests):
+def new_connections(connections, servers):
     def load(bench, server, seconds):
-        return clients.ab(server.url("/128"), HOST, connections, requests)
+        return clients.ab(server.url("/128"), HOST, connections, seconds)
 
-    return Workload(timed(load), ALL)
+    return Workload(timed(load), servers, ROUNDS)
 
 
-def handshakes(count):
+def handshakes(connections):
     def load(bench, server, seconds):
-        return clients.handshakes(server.tls_port, count, seconds)
+        return clients.hey(server.url("/128"), HOST, connections, seconds)
 
-    return Workload(timed(load), PEERS, tls=True)
+    return Workload(timed(load), QUOTED, ROUNDS, "https")
 
 
-def fresh_https(count):
+def fresh_https():
     def load(bench, server, seconds):
-        return clients.fresh_https(server.tls_port, HOST, "/128", count)
+        return clients.fresh_https(server.port, HOST, "/128", seconds)
 
-    return Workload(timed(load), PEERS, tls=True)
+    return Workload(timed(load), PEERS, ROUNDS, "https")
 
 
-def download(tls=False):
+def download(servers, job="http"):
     def load(bench, server, seconds):
-        return clients.curl(server.url("/1g", tls), HOST)
+        return clients.curl(server.url("/1g"), HOST, seconds)
 
-    return Workload(timed(load), PEERS if tls else ALL, tls)
+    return Workload(timed(load), servers, ROUNDS, job)
 
 
-def first_bytes(count):
+def first_bytes():
     def load(bench, server, seconds):
         def pause():
-            settled(lambda: server.processor().total, 1e-3, quiet=0.05)
+            settled(server.processor, 1e-3, quiet=0.05)
 
-        return clients.first_bytes(server.port, HOST, "/1g", count, pause)
+        # Most of the time is the pause.
+        return clients.first_bytes(server.port, HOST, "/1g", seconds / 100, pause)
 
-    return Workload(timed(load), PEERS)
+    return Workload(timed(load), PEERS, FEW_ROUNDS)
 
 
-def upload(tls=False):
+def upload(rounds, job="http"):
     def load(bench, server, seconds):
         options = ["-H", "Expect:", "-T", str(bench.folder / "90m")]
-        return clients.curl(server.url("/counted", tls), COUNTED, *options)
+        return clients.curl(server.url("/"), COUNTED, seconds, *options)
 
-    return Workload(timed(load), PEERS, tls)  # the floor knows one upstream only
+    return Workload(timed(load), PEERS, rounds, job)  # the floor knows one upstream only
+
+
+def other(measure, servers=PEERS, rounds=FEW_ROUNDS, job="http"):
+    return Workload(measure, servers, rounds, job)
 
 
 WORKLOADS = {
-    "keep-alive, 1 client": kept_alive(1, "/128"),
-    "keep-alive, 16 clients": kept_alive(16, "/128"),
-    "keep-alive, 64 clients": kept_alive(64, "/128"),
-    "keep-alive, 400 clients": kept_alive(400, "/128"),
-    "keep-alive, 64 clients, 16 KiB": kept_alive(64, "/16k"),
-    "keep-alive, 16 clients, 1 MiB": kept_alive(16, "/1m"),
-    "new connection per request, 64 at once": new_connections(64, 10000),
-    "1 GiB download": download(),
-    "1 GiB, first bytes": first_bytes(20),
-    "90 MiB upload": upload(),
-    "TLS keep-alive, 1 client": kept_alive(1, "/128", tls=True),
-    "TLS keep-alive, 64 clients": kept_alive(64, "/128", tls=True),
-    "TLS keep-alive, 64 clients, 16 KiB": kept_alive(64, "/16k", tls=True),
-    "TLS keep-alive, 16 clients, 1 MiB": kept_alive(16, "/1m", tls=True),
-    "TLS handshakes, 4 clients": handshakes(4),
-    "TLS new connection and request": fresh_https(200),
-    "TLS 1 GiB download": download(tls=True),
-    "TLS 90 MiB upload": upload(tls=True),
-    "slow client": Workload(memory.slow_client, PEERS),
-    "idle client": Workload(memory.idle, PEERS),
-    "idle proxied client": Workload(memory.idle_proxied, PEERS),
-    "TLS idle proxied client": Workload(memory.idle_proxied_tls, PEERS),
-    "resident after start": Workload(memory.after_start, PEERS),
-    "start": Workload(extras.start, PEERS),
-    "stripped program": Workload(extras.program_size, PEERS),
-    "system calls, 1 client": Workload(extras.system_calls(1), PEERS),
-    "system calls, 64 clients": Workload(extras.system_calls(64), PEERS),
-    "allocations, 16 clients": Workload(extras.allocations, OWN),
-    "processes on one port": Workload(extras.processes_on_one_port, OWN),
+    "keep-alive, 1 client": kept_alive(1, "/128", (*PEERS, FLOOR), FEW_ROUNDS),
+    "keep-alive, 16 clients": kept_alive(16, "/128", (*PEERS, FLOOR), MOST_ROUNDS),
+    "keep-alive, 64 clients": kept_alive(64, "/128", (*QUOTED, FLOOR), MOST_ROUNDS),
+    "keep-alive, 400 clients": kept_alive(400, "/128", (*QUOTED, FLOOR), MOST_ROUNDS),
+    "keep-alive, 64 clients, 16 KiB": kept_alive(64, "/16k", (*PEERS, FLOOR), FEW_ROUNDS),
+    "keep-alive, 16 clients, 1 MiB": kept_alive(16, "/1m", (*PEERS, FLOOR), FEW_ROUNDS),
+    "new connections, 64 at once": new_connections(64, (*QUOTED, "nginx unpooled", FLOOR)),
+    "new connections, one after the other": new_connections(1, (*PEERS, "nginx unpooled", FLOOR)),
+    "1 GiB download": download((*QUOTED, FLOOR)),
+    "1 GiB, first bytes": first_bytes(),
+    "90 MiB upload": upload(FEW_ROUNDS),
+    "TLS keep-alive, 1 client": kept_alive(1, "/128", PEERS, FEW_ROUNDS, "https"),
+    "TLS keep-alive, 64 clients": kept_alive(64, "/128", QUOTED, ROUNDS, "https"),
+    "TLS keep-alive, 64 clients, 16 KiB": kept_alive(64, "/16k", PEERS, FEW_ROUNDS, "https"),
+    "TLS keep-alive, 16 clients, 1 MiB": kept_alive(16, "/1m", PEERS, ROUNDS, "https"),
+    "TLS new connections, 4 at once": handshakes(4),
+    "TLS new connections, one after the other": fresh_https(),
+    "TLS 1 GiB download": download(QUOTED, "https"),
+    "TLS 90 MiB upload": upload(ROUNDS, "https"),
+    "slow client": other(memory.slow_client, QUOTED, ROUNDS),
+    "idle client": other(memory.idle, QUOTED, ROUNDS),
+    "TLS idle client": other(memory.idle, QUOTED, ROUNDS, "https"),
+    "after the start": other(memory.after_start, QUOTED, ROUNDS),
+    "TLS after the start": other(memory.after_start, QUOTED, ROUNDS, "https"),
+    "start": other(extras.start, QUOTED, ROUNDS),
+    "TLS start": other(extras.start, QUOTED, ROUNDS, "https"),
+    "stripped program": other(extras.program_size, rounds=1),
+    "system calls, 1 client": other(extras.system_calls(1)),
+    "system calls, 64 clients": other(extras.system_calls(64)),
+    "system calls, new connections": other(
+        extras.new_connection_calls, (*PEERS, "nginx unpooled", FLOOR), rounds=ROUNDS
+    ),
+    "allocations, 16 clients": other(extras.allocations, OWN),
+    "processes on one port": other(extras.processes_on_one_port, OWN),
+    "microbenchmarks": other(extras.microbenchmarks, OWN, ROUNDS),
 }

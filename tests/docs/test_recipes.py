@@ -6,7 +6,6 @@ service recipe installs a package and needs systemd; what it writes for the serv
 """
 
 import os
-import pathlib
 import re
 import shlex
 import signal
@@ -160,43 +159,3 @@ def test_service_recipe__writes_arguments_that_serve(site, start):
     mivo = start(["{port}", *arguments[1:3], str(site.port)])
     answer = curl("--header", "Host: www.example.org", f"http://127.0.0.1:{mivo.port}/{CHALLENGE}")
     assert answer == "the proof\n"
-
-
-# The table
-
-
-PEERS = REPOSITORY / "docs/peers"
-CHECKS = {"nginx.conf": ("nginx", ["-t", "-p", ".", "-e", "errors", "-c"]),
-          "haproxy.cfg": ("haproxy", ["-c", "-f"]),
-          "Caddyfile": ("caddy", ["validate", "--adapter", "caddyfile", "--config"])}
-
-
-def lines_of_configuration(name):
-    return sum(not line.startswith("#") for line in (PEERS / name).read_text().splitlines())
-
-
-def test_table__counts_the_lines_of_the_configurations():
-    readme = (REPOSITORY / "README.md").read_text()
-    row = re.search(r"^\| lines of configuration \|(.*)\|$", readme, re.MULTILINE)
-    told = [cell.strip() for cell in row[1].split("|")]
-    assert told[1:] == [str(lines_of_configuration(name)) for name in CHECKS]
-
-
-@pytest.mark.parametrize("name", CHECKS)
-def test_configuration_of_a_peer__is_accepted_by_it(name, tmp_path):
-    program, arguments = CHECKS[name]
-    found = [path for path in ("/usr/sbin", "/usr/bin") if pathlib.Path(path, program).exists()]
-    if not found:
-        pytest.skip(f"{program} is not installed; its package would start a server on this machine")
-    text = (PEERS / name).read_text()
-    if program == "nginx":
-        text = f"pid {tmp_path}/pid;\n" + text
-    (tmp_path / name).write_text(text)
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=one.example",
-                    "-keyout", "key.pem", "-out", "crt.pem"], cwd=tmp_path, check=True, capture_output=True)
-    both = (tmp_path / "key.pem").read_text() + (tmp_path / "crt.pem").read_text()
-    (tmp_path / "both.pem").write_text(both)
-    done = subprocess.run([f"{found[0]}/{program}", *arguments, str(tmp_path / name)], cwd=tmp_path,
-                          env={"HOME": str(tmp_path)}, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          timeout=PATIENCE, check=False)
-    assert done.returncode == 0, done.stdout.decode()
