@@ -13,7 +13,7 @@ STEP_KIB = 64  # memory that moves by less counts as settled
 
 
 def resident(server):
-    return settled(server.resident, STEP_KIB)
+    return settled(server.resident, STEP_KIB, quiet=0.3)
 
 
 def connected(stack, server, context=None):

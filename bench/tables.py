@@ -108,11 +108,11 @@ README_ROWS = [
     Row("download of 1 GiB over HTTPS, s", TLS_DOWN, COST, 1e-6),
     Row("memory of an idle HTTPS client, KiB", "TLS idle client", "kib_per_client"),
     Row("request over HTTP, 64 clients that stay connected, µs", "keep-alive, 64 clients", COST),
-    Row("the same, 400 clients", "keep-alive, 400 clients", COST),
+    Row("request over HTTP, 400 clients that stay connected, µs", "keep-alive, 400 clients", COST),
     Row("request over HTTP on a new connection, µs", NEW, COST),
     Row("download of 1 GiB over HTTP, s", DOWN, COST, 1e-6),
     Row("memory of an idle HTTP client, KiB", "idle client", "kib_per_client"),
-    Row("memory while a slow client leaves 192 MiB waiting, MiB", "slow client", "growth_kib", 1 / 1024),
+    Row("memory while a slow client has 192 of 256 MiB to come, MiB", "slow client", "growth_kib", 1 / 1024),
 ]
 
 

@@ -120,7 +120,6 @@ WORKLOADS = {
     "1 GiB download": download((*QUOTED, FLOOR)),
     "1 GiB, first bytes": first_bytes(),
     "90 MiB upload": upload(FEW_ROUNDS),
-    "TLS keep-alive, 1 client": kept_alive(1, "/128", PEERS, FEW_ROUNDS, "https"),
     "TLS keep-alive, 64 clients": kept_alive(64, "/128", QUOTED, ROUNDS, "https"),
     "TLS keep-alive, 64 clients, 16 KiB": kept_alive(64, "/16k", PEERS, FEW_ROUNDS, "https"),
     "TLS keep-alive, 16 clients, 1 MiB": kept_alive(16, "/1m", PEERS, ROUNDS, "https"),
@@ -143,5 +142,5 @@ WORKLOADS = {
     ),
     "allocations, 16 clients": other(extras.allocations, OWN),
     "processes on one port": other(extras.processes_on_one_port, OWN),
-    "microbenchmarks": other(extras.microbenchmarks, OWN, ROUNDS),
+    "microbenchmarks": other(extras.microbenchmarks, OWN),
 }
