@@ -19,6 +19,7 @@ FLOOR = ("floor",)
 
 NEW, NEW_ALONE = "new connections, 64 at once", "new connections, one after the other"
 NEW_CALLS = "system calls, new connections"
+CALLS_ALONE, CALLS = "system calls, 1 client", "system calls, 64 clients"
 HANDSHAKE, FRESH = "TLS new connections, 4 at once", "TLS new connections, one after the other"
 DOWN, TLS_DOWN = "1 GiB download", "TLS 1 GiB download"
 UP, TLS_UP = "90 MiB upload", "TLS 90 MiB upload"
@@ -97,8 +98,8 @@ BARS = [
     Bar("resident memory (RSS) after the start", own("after the start", "resident_kib", 1 / 1024), 3, "MiB"),
     Bar("from the start to the first connection", own("start", "listening_ms"), 5, "ms"),
     Bar("stripped program", own("stripped program", "bytes", 1e-3), 250, "KB"),
-    Bar("kept-alive request, 1 client: system calls but for waits", own("system calls, 1 client", "calls_per_request"), 4),
-    Bar("the same, 64 clients", own("system calls, 64 clients", "calls_per_request"), 4),
+    Bar("kept-alive request, 1 client: system calls but for waits", own(CALLS_ALONE, "calls_per_request"), 4),
+    Bar("the same, 64 clients", own(CALLS, "calls_per_request"), 4),
     Bar("allocations per request", own("allocations, 16 clients", "allocations_per_request"), 0),
 ]
 
