@@ -6,7 +6,7 @@ import re
 import subprocess
 from pathlib import Path
 
-from sources import ROOT
+from sources import FOLDERS, ROOT
 
 
 def field(file, name):
@@ -33,9 +33,14 @@ def first_line(*command):
 
 
 def commit():
-    """What is measured; "unknown" in a tree without a repository."""
-    said = first_line("git", "-C", str(ROOT), "describe", "--always", "--dirty", "--exclude=*")
-    return said if re.fullmatch(r"[0-9a-f]+(-dirty)?", said) else "unknown"
+    """What is measured; "unknown" in a tree without a repository. Only changes of the program's own sources make
+    another program of it."""
+    git = ["git", "-C", str(ROOT)]
+    said = first_line(*git, "rev-parse", "--short", "HEAD")
+    if not re.fullmatch(r"[0-9a-f]+", said):
+        return "unknown"
+    changed = subprocess.run([*git, "diff", "--quiet", "HEAD", "--", *FOLDERS], capture_output=True).returncode
+    return f"{said} with changes" if changed else said
 
 
 def versions():
