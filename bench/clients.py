@@ -51,8 +51,8 @@ def wrk(url, host, connections, seconds, threads=1):
     command += ["-H", f"Host: {host}", url]
     out = run(command)
     requests, taken = re.search(r"(\d+) requests in (\S+),", out).groups()
-    if int(requests) == 0:
-        raise RuntimeError(f"not one request was answered\n{out}")
+    if int(requests) < connections:
+        raise RuntimeError(f"this was connecting, not asking\n{out}")
     errors = re.search(r"Socket errors: connect (\d+), read (\d+), write (\d+), timeout (\d+)", out)
     statuses = re.search(r"Non-2xx or 3xx responses: (\d+)", out)
     failed = sum(map(int, errors.groups())) if errors else 0

@@ -13,6 +13,7 @@ usual ones, which are for trying things out."""
 
 import argparse
 import datetime
+import math
 import os
 import re
 import sys
@@ -39,8 +40,16 @@ def unnamed(text, folder):
 
 
 def chosen_workloads(words):
-    """Those with one of the words in their names, or all."""
-    return {name: workload for name, workload in WORKLOADS.items() if any(word in name for word in words or [""])}
+    """Those with one of the words in their names, or all. A "-" stands for a blank as well."""
+
+    def plain(text):
+        return text.replace("-", " ")
+
+    return {
+        name: workload
+        for name, workload in WORKLOADS.items()
+        if any(plain(word) in plain(name) for word in words or [""])
+    }
 
 
 class Report:
@@ -122,10 +131,15 @@ def measure_all(bench, report, chosen, rounds):
             report.save()
 
 
+def whole_seconds(text):
+    """The load generators know no others."""
+    return max(1, math.ceil(float(text)))
+
+
 def parsed():
     parser = argparse.ArgumentParser()
     parser.add_argument("--rounds", type=int, help="of every workload, in place of its own number")
-    parser.add_argument("--seconds", type=int, default=SECONDS, help="of a round of load")
+    parser.add_argument("--seconds", type=whole_seconds, default=SECONDS, help="of a round of load")
     parser.add_argument("--only", action="append", default=[], help="part of a workload's name")
     parser.add_argument("--out", type=Path)
     parser.add_argument("--mivo", type=Path, default=USUAL_PROGRAM)

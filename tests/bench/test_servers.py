@@ -39,10 +39,3 @@ def test_lines_of_a_configuration__do_not_count_comments():
     lines = (PEERS / "https/Caddyfile").read_text().splitlines()
     assert servers.configuration_lines("https", "Caddyfile") == 8
     assert len(lines) > 8
-
-
-def test_order_of_the_servers__changes_with_each_round():
-    from measure import rotated
-
-    assert [rotated(("a", "b", "c"), n)[0] for n in (1, 2, 3, 4)] == ["a", "b", "c", "a"]
-    assert sorted(rotated(("a", "b", "c"), 2)) == ["a", "b", "c"]
