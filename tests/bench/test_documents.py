@@ -1,0 +1,55 @@
+"""The figures in the documents: of these sources, complete, and from one file. `bench/run` measures again, and
+`bench/run --report` writes the texts and charts."""
+
+import hashlib
+import re
+
+import pytest
+
+import figures
+import report
+import sources
+from workloads import MOST_ROUNDS, WORKLOADS
+
+FILE = sources.ROOT / "docs/performance/figures.json"
+CHARTS = sorted((sources.ROOT / "docs/performance").glob("*.svg"))
+
+
+@pytest.fixture(scope="module")
+def data():
+    return figures.load(FILE)
+
+
+def test_figures__are_of_these_sources(data):
+    """Comments and layout may have changed since; see bench/figures_age."""
+    assert sources.older_workloads(data, sources.sources_hash()) == []
+
+
+def test_figures__are_of_all_workloads_in_all_rounds(data):
+    assert sorted(data["workloads"]) == sorted(WORKLOADS)
+    for name, workload in data["workloads"].items():
+        assert workload["failures"] == [], name
+        assert workload["seconds"] >= 3, name
+        assert set(workload["results"]) == set(WORKLOADS[name].servers), name
+        for server, runs in workload["results"].items():
+            assert [run["round"] for run in runs] == list(range(1, WORKLOADS[name].rounds + 1)), (name, server)
+    assert WORKLOADS["keep-alive, 16 clients"].rounds == MOST_ROUNDS >= 10
+
+
+def test_page__is_made_from_the_figures(data):
+    page = report.page(data)
+    assert (sources.ROOT / "docs/performance.md").read_text() == page
+    assert "not measured" not in page
+
+
+def test_readme__has_the_table_that_is_made_from_the_figures(data):
+    readme = (sources.ROOT / "README.md").read_text()
+    assert readme == report.with_block(readme, report.readme_block(data))
+
+
+def test_charts__are_drawn_from_the_figures_and_shown():
+    shown = re.findall(r"\]\(performance/(\S+\.svg)\)", (sources.ROOT / "docs/performance.md").read_text())
+    assert shown and sorted(shown) == [chart.name for chart in CHARTS]
+    expected = hashlib.sha256(FILE.read_bytes()).hexdigest()
+    for chart in CHARTS:
+        assert chart.read_text().endswith(f"<!-- sha256 {expected} -->\n"), chart.name
