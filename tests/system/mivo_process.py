@@ -25,9 +25,27 @@ TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
 
 
 def processor_seconds(pid):
-    """The processor time that a process has taken so far."""
+    """The processor time that a process has taken so far, in steps of a hundredth."""
     fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
     return (int(fields[11]) + int(fields[12])) / TICKS_PER_SECOND
+
+
+def expect_idle(*mivos):
+    """Whoever may be connected says nothing, so next to no processor time is taken by any of them. A second in
+    which memory is still given back may take some; a loop that spins takes it in all three."""
+    least = [1] * len(mivos)
+    for _ in range(3):
+        least = list(map(min, least, processor_shares(mivos)))
+        if max(least) < IDLE_SHARE:
+            return
+    raise AssertionError(f"{least} of a processor")
+
+
+def processor_shares(mivos):
+    """What each takes of a processor, in a second that they all have."""
+    start, before = time.monotonic(), [mivo.processor_seconds() for mivo in mivos]
+    time.sleep(WATCH_TIME)
+    return [(mivo.processor_seconds() - then) / (time.monotonic() - start) for mivo, then in zip(mivos, before)]
 
 
 def programs():
@@ -126,20 +144,10 @@ class Mivo:
               f"{self.idle_descriptors} are open when idle, see /proc/{self.pid}/fd")
 
     def expect_idle(self):
-        """Whoever may be connected says nothing, so next to no processor time is taken. A second in which memory
-        is still given back may take some; a loop that spins takes it in all three."""
-        shares = []
-        while len(shares) < 3 and min(shares, default=1) >= IDLE_SHARE:
-            shares.append(self._processor_share())
-        assert min(shares) < IDLE_SHARE, f"{shares} of a processor"
+        expect_idle(self)
 
-    def _processor_share(self):
-        before, start = self._processor_seconds(), time.monotonic()
-        time.sleep(WATCH_TIME)
-        return (self._processor_seconds() - before) / (time.monotonic() - start)
-
-    def _processor_seconds(self):
-        # In nanoseconds, but of the first thread alone; mivo has no other.
+    def processor_seconds(self):
+        """To the nanosecond, but of the first thread alone; mivo has no other."""
         return int(pathlib.Path(f"/proc/{self.pid}/schedstat").read_text().split()[0]) / 1e9
 
     def descriptor_limits(self):
