@@ -115,20 +115,34 @@ def refusing_port():
 
 @pytest.fixture
 def python_site(start_mivo, site):
-    yield from closed_after_the_test(PythonSite(site.folder))
+    yield from closed_at_the_end(PythonSite(site.folder))
 
 
 @pytest.fixture
 def nginx(start_mivo, site, folder):
-    yield from closed_after_the_test(Nginx(site.folder, folder))
+    yield from closed_at_the_end(Nginx(site.folder, folder))
+
+
+@pytest.fixture(scope="session")
+def node_for_all(site):
+    yield from closed_at_the_end(NodeUpstream(site))
 
 
 @pytest.fixture
-def node(start_mivo, site):
-    yield from closed_after_the_test(NodeUpstream(site))
+def node(node_for_all):
+    """One process for all tests of a file, because most of them take less time than its start. It goes on when
+    mivo is checked, so what mivo has open to it has to end with the clients."""
+    node_for_all.count_anew()
+    return node_for_all
 
 
-def closed_after_the_test(upstream):
+@pytest.fixture
+def own_node(start_mivo, site):
+    """For a test that has a network of its own, or that ends its upstream."""
+    yield from closed_at_the_end(NodeUpstream(site))
+
+
+def closed_at_the_end(upstream):
     try:
         yield upstream
     finally:

@@ -226,13 +226,13 @@ def test_upstream_is_down_for_a_while__502_then_served_again(start_mivo, connect
 
 
 def test_real_upstream_is_restarted__kept_clients_are_closed_and_new_ones_served(
-        start_mivo, connect, node, site):
-    mivo = start_mivo({"node": node.port})
+        start_mivo, connect, own_node, site):
+    mivo = start_mivo({"node": own_node.port})
     client = connect(mivo.port)
     assert client.ask(request("node", "/small")) == b"hello, world\n"
-    node.close()
+    own_node.close()
     assert client.read_to_end() == b""
-    restarted = NodeUpstream(site, node.port)
+    restarted = NodeUpstream(site, own_node.port)
     try:
         assert connect(mivo.port).ask(request("node", "/small")) == b"hello, world\n"
     finally:

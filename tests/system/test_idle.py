@@ -1,13 +1,11 @@
-"""What the passing of time does: idle clients end, and the number of connections is reported."""
+"""Idle clients end."""
 
-import re
 import time
 
 from wire import reply, request, until
 
 TIMEOUT = 10  # seconds; more than this, counted in whole seconds, ends a connection
 TOLERANCE = 2.5  # seconds, for the whole seconds and a turn
-REPORT = r"\d+ connections"
 
 
 def new_descriptor(mivo, connect, known):
@@ -59,26 +57,3 @@ def test_idle_clients__time_out_10_s_after_their_last_byte_unless_they_have_an_u
     assert sorted(mivo.lines(r".* timed out.*")) == sorted(
         f"{descriptor} has timed out." for descriptor in
         (silent_descriptor, echoed_descriptor, started_descriptor, active_again_descriptor))
-
-
-def test_number_of_connections__is_reported_while_there_are_any_and_once_when_the_last_has_gone(
-        start_mivo, connect, listen):
-    upstream = listen()
-    mivo = start_mivo({"up": upstream.port})
-    start = time.monotonic()
-    client = connect(mivo.port)
-    client.send(request("up"))
-    upstream.accept()
-
-    def reports(count):
-        until(lambda: len(mivo.lines(REPORT)) >= count, f"{count} reports")
-        return time.monotonic()
-    assert 5 < reports(2) - start < 5 + TOLERANCE
-    client.close()
-    reports(3)
-    time.sleep(7)  # longer than from one report to the next
-    assert mivo.lines(REPORT) == ["0 connections", "2 connections", "0 connections"]
-    connect(mivo.port)
-    reports(4)
-    assert re.search(r"\n0 connections\n\[up\] .*\n2 connections\n0 connections\n1 connections\n$",
-                     mivo.console())

@@ -25,8 +25,8 @@ PAUSE = 0.002  # seconds, between two bursts
 
 
 @pytest.fixture
-def service(serve_tls, node):
-    return serve_tls({"node": node.port, "localhost:{ssl_port}": node.port})
+def service(serve_tls, own_node):
+    return serve_tls({"node": own_node.port, "localhost:{ssl_port}": own_node.port})
 
 
 @on_links(*RATES)

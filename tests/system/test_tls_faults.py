@@ -5,6 +5,7 @@ import time
 
 import pytest
 
+from mivo_process import expect_idle
 from tls_service import Handshake
 from wire import reply, request, until
 
@@ -201,13 +202,24 @@ def expect_end_at_once(scene, intrude):
     assert len(scene.mivo.lines(TIMED_OUT)) == 1
 
 
+class Staying:
+    """A mivo of its own, with clients that say no more and stay."""
+
+    def __init__(self, scene, ways):
+        self.scene, self.start = scene, time.monotonic()
+        self.wires = [go(scene.service) for go in ways]
+
+    def seconds_until_ended(self):
+        for wire in self.wires:
+            wire.wait_closed()
+        return time.monotonic() - self.start
+
+
 def expect_end_by_the_time_out(scene, intrude):
-    start = time.monotonic()
-    wire = intrude(scene.service)
-    scene.service.mivo.expect_idle()
+    staying = Staying(scene, [intrude])
+    scene.mivo.expect_idle()
     scene.expect_service()
-    wire.wait_closed()
-    assert time.monotonic() - start <= TIMEOUT + 2.5
+    assert staying.seconds_until_ended() <= TIMEOUT + 2.5
 
 
 # A reply that nobody can encrypt any more tells at once, too.
@@ -216,10 +228,20 @@ def test_client_sends_what_is_no_tls__session_ends_at_once_as_timed_out(scene, i
     expect_end_at_once(scene, {**INTRUSIONS, **INTRUSIONS_READ_WHOLE}[intrusion])
 
 
-@pytest.mark.parametrize("intrusion", list(INTRUSIONS_READ_WHOLE))
-def test_client_sends_what_is_no_tls_and_stays__no_processor_time_and_ended_by_the_time_out_at_last(
-        scene, intrusion):
-    expect_end_by_the_time_out(scene, INTRUSIONS_READ_WHOLE[intrusion])
+def test_clients_break_off_or_send_no_tls_and_stay__no_processor_time_and_ended_by_the_time_out(serve_tls):
+    """All at the same time, because each waits for as long as an idle client may."""
+    kinds = {**{name: [go] for name, go in INTRUSIONS_READ_WHOLE.items()}, "every stage": STAGES.values()}
+    scenes = {name: Scene(serve_tls({"echo": -1})) for name in kinds}
+    staying = {name: Staying(scenes[name], ways) for name, ways in kinds.items()}
+    expect_idle(*(scene.mivo for scene in scenes.values()))
+    for scene in scenes.values():
+        scene.expect_service()
+    at_stages = scenes["every stage"].mivo
+    assert not at_stages.lines(TIMED_OUT)
+    seconds = {name: those.seconds_until_ended() for name, those in staying.items()}
+    assert max(seconds.values()) <= TIMEOUT + 2.5, seconds
+    assert seconds["every stage"] >= TIMEOUT - 1
+    assert len(at_stages.lines(TIMED_OUT)) >= len(STAGES)
 
 
 def test_client_sends_plain_http_and_stays__session_ends_when_openssl_lets_it(scene):
@@ -251,18 +273,6 @@ def test_client_says_goodbye__session_ends_at_once(scene):
     client.wire.sock.settimeout(AT_ONCE)
     client.wire.wait_closed()
     scene.expect_only_the_bystander()
-
-
-def test_clients_stop_at_every_stage__no_processor_time_and_ended_by_the_time_out(scene):
-    start = time.monotonic()
-    stuck = [go(scene.service) for go in STAGES.values()]
-    scene.service.mivo.expect_idle()
-    scene.expect_service()
-    assert not scene.mivo.lines(TIMED_OUT)
-    for wire in stuck:
-        wire.wait_closed()
-    assert TIMEOUT - 1 <= time.monotonic() - start <= TIMEOUT + 2.5
-    assert len(scene.mivo.lines(TIMED_OUT)) >= len(stuck)
 
 
 def test_all_faults_one_after_the_other__no_processor_time_is_taken_afterwards(scene):

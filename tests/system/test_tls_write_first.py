@@ -27,9 +27,9 @@ MANY_TURNS = 3  # seconds; a session that is taken for dead ends in the first of
 
 
 @pytest.fixture
-def service(network, serve_tls, node):
+def service(network, serve_tls, own_node):
     network.set_buffers(4096, 65536)
-    return serve_tls({"node": node.port})
+    return serve_tls({"node": own_node.port})
 
 
 class Sending:

@@ -174,9 +174,17 @@ class NodeUpstream:
             ["node", HERE / "upstream.js", site.folder, site.block_path, str(port)],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         self.port = int(self.process.stdout.readline())
+        self.counted = 0
+
+    def count_anew(self):
+        """From now on, connections() does not count those so far."""
+        self.counted = self._accepted() + 1
 
     def connections(self):
         """How many it had accepted before the one that asks."""
+        return self._accepted() - self.counted
+
+    def _accepted(self):
         wire = Wire.connect(self.port)
         wire.send(request("node", "/connections"))
         count = int(header(wire.read_head(), b"x-connections")) - 1
