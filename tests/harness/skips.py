@@ -11,7 +11,7 @@ import sys
 
 EXPECTED = [
     "is not installed; its package would start a server on this machine",
-    "passed before with the same packaging",
+    "passed before, and nothing has changed since",
     "a network namespace is not allowed here",
 ]
 if os.geteuid() != 0:

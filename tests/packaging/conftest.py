@@ -7,7 +7,8 @@ import sys
 
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
+for folder in ("system", "harness"):
+    sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / folder))
 
 from mivo_process import PROGRAM  # noqa: E402
 

@@ -2,7 +2,8 @@
 that has nothing else. test_library.py and test_bare_library.py are about the content of libmivo-dev.
 
 The last two build everything once more, and a system with debootstrap, which takes a minute. They run when the
-packaging or the build has changed since they passed in this build folder; in a clean clone, always.
+sources of the program, the packaging or the machine's own packages have changed since they passed in this build
+folder; in a clean clone, always.
 """
 
 import hashlib
@@ -16,6 +17,7 @@ import tempfile
 
 import pytest
 
+import passed
 from mivo_process import REPOSITORY, ReservedPort
 from wire import until
 
@@ -64,10 +66,10 @@ def development_package(package):
     return package.with_name(f"libmivo-dev_{package.name.removeprefix('mivo_')}")
 
 
-# Whatever decides how the package is made, except for the sources of the program.
+# Whatever decides how a package is made, except for the sources.
 MAKING = ["CMakeLists.txt", "CMakePresets.json", "CHANGELOG.md", "cmake", "packaging", "script/package",
           "script/packages.sh", "tests/packaging"]
-STAMP = pathlib.Path(os.environ.get("MIVO_BUILD", REPOSITORY / "build/asan"), "package_passed")
+KEPT = pathlib.Path(os.environ.get("MIVO_BUILD", REPOSITORY / "build/asan"), "debian")
 
 
 def repository_files(*paths):
@@ -79,16 +81,18 @@ def repository_files(*paths):
 @pytest.fixture(scope="module")
 def unless_unchanged(request):
     """For what takes long: a set to which each part adds itself when it has run. Once all have, without a
-    failure, they are left out until the packaging changes."""
-    digest = hashlib.sha256()
-    for name in repository_files(*MAKING):
-        digest.update(name.encode() + b"\0" + (REPOSITORY / name).read_bytes())
-    if STAMP.exists() and STAMP.read_text() == digest.hexdigest():
-        pytest.skip("passed before with the same packaging")
+    failure, they are left out until something changes. The other tests are all that plays no part in it; the
+    package itself will not do, because its dates change with every commit."""
+    files = repository_files(":!tests") + repository_files("tests/packaging", "tests/harness/passed.py",
+                                                           "tests/system/mivo_process.py", "tests/system/wire.py")
+    machine = output_of("dpkg-query", "-W", "-f", "${Package} ${Version} ${db:Status-Status}\n")
+    digest = passed.digest_of(machine, *(REPOSITORY / name for name in files))
+    if passed.has_passed(digest):
+        pytest.skip("passed before, and nothing has changed since")
     parts = set()
     yield parts
     if parts == {"built elsewhere", "installed"} and not request.session.testsfailed and not request.config.option.keyword:
-        STAMP.write_text(digest.hexdigest())
+        passed.note_pass(digest)
 
 
 def entries(package):
@@ -171,25 +175,43 @@ def debian_mirror():
     uris = output_of("apt-get", "indextargets", "--format", "$(REPO_URI)", f"Release: {CODENAME}",
                      "Component: main", "Created-By: Packages")
     for uri in dict.fromkeys(uris.split()):
-        release = subprocess.run(["curl", "-sfL", "-m", "20", f"{uri}dists/{CODENAME}/InRelease"],
-                                 capture_output=True, text=True, errors="replace")
-        if release.returncode == 0 and "\nLabel: Debian\n" in release.stdout:
+        if "\nLabel: Debian\n" in release_at(uri):
             return uri
     return None
 
 
+def release_at(uri):
+    """What a mirror says of the release, with the digests of all lists of packages; nothing when it is no mirror."""
+    got = subprocess.run(["curl", "-sfL", "-m", "20", f"{uri}dists/{CODENAME}/InRelease"],
+                         capture_output=True, text=True, errors="replace")
+    return got.stdout if got.returncode == 0 else ""
+
+
 class BareDebian:
-    """A root folder made by debootstrap. Ended by remove()."""
+    """A root folder made by debootstrap. Ended by remove().
+
+    The build folder keeps an archive of it for as long as the mirror's release is the same."""
 
     def __init__(self, mirror):
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="mivo_root_"))
         self.root.chmod(0o755)
         self.processes = []
         try:
-            output_of("debootstrap", "--variant=minbase", CODENAME, self.root, mirror)
+            self._fill(mirror, KEPT / f"{passed.digest_of(mirror, release_at(mirror))}.tar")
         except BaseException:
             self.remove()
             raise
+
+    def _fill(self, mirror, kept):
+        if kept.exists():
+            output_of("tar", "-C", self.root, "--numeric-owner", "-xpf", kept)
+            return
+        output_of("debootstrap", "--variant=minbase", CODENAME, self.root, mirror)
+        shutil.rmtree(KEPT, ignore_errors=True)
+        KEPT.mkdir(parents=True)
+        unfinished = kept.with_suffix(".new")
+        output_of("tar", "-C", self.root, "--numeric-owner", "--one-file-system", "-cpf", unfinished, ".")
+        unfinished.rename(kept)
 
     def command(self, *words):
         return ["env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8",
