@@ -1,7 +1,6 @@
 """Programs of other people on the library: what docs/embedding.md shows, and a program that runs and answers."""
 
 import hashlib
-import os
 import pathlib
 import re
 import signal
