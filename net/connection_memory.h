@@ -8,12 +8,12 @@
  * the pages of its output buffer to the system. Some free slots wait for the next connections, which saves
  * the page faults that dominate the cost of short ones.
  *
- * Processor time of a connection with one request, ab with 64 at once and one after the other (release build,
- * a busy virtual machine with two cores, medians of 15 rounds in turns): little output cleared, 0.98 and 0.94
- * of what it is with its pages returned each time; 128 slots that wait instead of 64, 0.94 with 64 at once,
- * which are 128 objects. Rows of eight instead of one object, 0.71 and 0.88; slots that wait, 0.87 and 0.77
- * (medians of 5 rounds). An idle client takes 5.0 KiB of resident memory (RSS); with its object on pages of
- * its own it took 8.0 (bench/run, "idle client").
+ * Processor time of a connection with one request (ab with 64 at once, release build, a busy virtual machine
+ * with two cores, medians of the ratios of 9 to 15 rounds in turns): rows of one object instead of eight cost
+ * 1.09 of this; no slots that wait, 1.15; 64 of them instead of 128, 1.06, because 64 relayed clients are 128
+ * objects; output buffers whose pages always go back to the system, 1.02, and 1.06 with one client after the
+ * other. An idle client takes 5.0 KiB of resident memory (RSS); with its object on pages of its own it took
+ * 8.0 (bench/run, "idle client").
  *
  * A slot is free or taken: take() hands it over to the caller, who gives it back by give_back(). A row is
  * memory for eight objects of one size; its slots wait for objects of that size only.
