@@ -8,8 +8,9 @@
  *
  * What a server does with a ready socket is decided in server_base alone; the hooks recv() and send() only
  * move bytes:
- * (1) A pass reads from a connection until the transport has no more for now, but at most a MiB or 64 times.
- *     What is left is read in the next turn, which follows at once.
+ * (1) A pass reads from a connection until the transport has no more for now, but at most 64 times, and until
+ *     it has a MiB, divided by the number of ready sockets, or 64 KiB if that is less than this. What is left
+ *     is read in the next turn, which follows at once.
  * (2) When the socket is ready, the transport moves nothing and does not ask to wait, 64 turns in a row, the
  *     connection is dead: the time-out rule ends it in the next turn. A loop that waits for it would spin.
  * (3) When it moves nothing 64 turns in a row, but asks to wait in the last one, the connection lives. The

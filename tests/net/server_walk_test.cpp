@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -100,6 +102,44 @@ TEST_F(server_walk, pass_reads_a_megabyte_at_most_from_one_connection) {
   a.conn->when_received = [&] { received++; };
   turn();
   EXPECT_EQ(received, 1 + megabyte / piece) << "the piece that reaches the megabyte is the last";
+}
+
+TEST_F(server_walk, ready_connections_share_a_megabyte_of_a_pass_but_get_64_kib_at_least) {
+  constexpr int piece = 16384;
+  std::map<connection*, int> received;
+  srv.receives = [&](connection* conn, char* buf, int) {
+    memset(buf, 'x', piece);
+    received[conn] += piece;
+    return piece;
+  };
+  const std::pair<int, int> shares[] = {{1, megabyte}, {4, megabyte / 4}, {32, 65536}};
+  int joined = 0;
+  for (auto [count, share] : shares) {
+    for (; joined < count; joined++) join_readable().conn->notes = nullptr;
+    received.clear();
+    turn();
+    EXPECT_EQ(received.size(), static_cast<size_t>(count));
+    for (auto [conn, bytes] : received) EXPECT_EQ(bytes, share) << count << " connections";
+  }
+}
+
+TEST_F(server_walk, sockets_that_hold_more_than_their_share_are_read_on_in_a_turn_that_follows_at_once) {
+  std::map<connection*, int> pieces;
+  for (int i = 0; i < 16; i++) {
+    link& a = make_outside();
+    srv.add_connection(a.conn);
+    a.conn->notes = nullptr;
+    a.conn->when_received = [&pieces, conn = a.conn] { pieces[conn]++; };
+    a.deliver(std::string(65536 + 5, 'x'));
+  }
+  turn();
+  EXPECT_EQ(pieces.size(), 16u);
+  for (auto [conn, count] : pieces) EXPECT_EQ(count, 1);
+  turn();
+  EXPECT_EQ(faults::last_select().wait_us, 0);
+  for (auto [conn, count] : pieces) EXPECT_EQ(count, 2);
+  turn();
+  EXPECT_EQ(faults::last_select().wait_us, 100000) << "nothing is left";
 }
 
 TEST_F(server_walk, transport_that_asks_to_wait_after_a_read_is_not_asked_again_in_the_pass) {
