@@ -16,6 +16,7 @@ import pytest
 
 from links import pace
 from records import CLIENT_HELLO, FINISHED, HANDSHAKE, NEW_SESSION_TICKET, RecordClient, handshake_message
+from tls_service import REFUSES_RENEGOTIATION
 from wire import request
 
 pytest_plugins = ["tls_service"]
@@ -138,7 +139,8 @@ def expect_no_long_wait(stream, service, folder, mbit=None):
     if mbit:
         pace(hostile.wire.sock, mbit)
     longest, taken = Bystander(service).longest_wait_beside(hostile)
-    assert longest < AT_ONCE and service.mivo.lines(TIMED_OUT) == []
+    is_ended = stream == "a_renegotiation_and_a_byte" and service.openssl() < REFUSES_RENEGOTIATION
+    assert longest < AT_ONCE and len(service.mivo.lines(TIMED_OUT)) == is_ended
     if stream in LONG:
         assert longest < taken * SHARE, (longest, taken)
 

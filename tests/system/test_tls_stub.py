@@ -52,7 +52,7 @@ def compiled(tmp_path_factory):
                        check=True)
     subprocess.run(["g++", "-shared", folder / "stub_system.o", "-o", folder / "stub_system.so"], check=True)
     subprocess.run(["g++", "-std=c++17", f"-I{REPOSITORY}", HERE / "ask_loader.cpp", REPOSITORY / "tls/import.cpp",
-                    "-o", folder / "ask_loader"], check=True)
+                    "-ldl", "-o", folder / "ask_loader"], check=True)
     return folder
 
 

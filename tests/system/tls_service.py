@@ -11,6 +11,10 @@ from certificates import Authority
 from mivo_process import ReservedPort
 from wire import Wire
 
+# The first OpenSSL that refuses a renegotiation and goes on. Those before begin it; if it is malformed, as those
+# of the tests are, that ends the session.
+REFUSES_RENEGOTIATION = (3, 0)
+
 
 class TlsService:
     """A running mivo with a certificate; its HTTP port redirects. Owns the connections made through it."""
