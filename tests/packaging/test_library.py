@@ -210,6 +210,6 @@ def test_project_that_wants_another_version__is_told(prefix, tmp_path):
     text = block("CMakeLists.txt: find_package").replace("mivo 0.2 ", "mivo 0.1 ")
     (tmp_path / "CMakeLists.txt").write_text(text)
     (tmp_path / "hello.cpp").write_text(block("hello.cpp"))
-    done = subprocess.run(["cmake", "-S", tmp_path, "-B", tmp_path / "out", f"-DCMAKE_PREFIX_PATH={prefix}"],
-                          capture_output=True, text=True, check=False)
+    command = ["cmake", "-G", "Ninja", "-S", tmp_path, "-B", tmp_path / "out", f"-DCMAKE_PREFIX_PATH={prefix}"]
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
     assert done.returncode != 0 and "0.1" in done.stderr, done.stderr
