@@ -76,10 +76,9 @@ def test_release__has_the_same_bytes_wherever_and_whenever_it_is_made(tmp_path):
         dist = one.folder / "build/dist" / f"mivo-{VERSION}"
         assert first.stdout.splitlines()[-1] == str(dist)
         check_files(dist)
-        sums = [(folder / "build/dist" / f"mivo-{VERSION}/SHA256SUMS").read_text()
-                for folder in (one.folder, other.folder)]
-        assert sums[0] == sums[1]
-        check_archive(dist, one, sums[0], tmp_path / "unpacked")
+        check_archive(dist, one)
+        sums = [repository.folder / "build/dist" / f"mivo-{VERSION}" / "SHA256SUMS" for repository in (one, other)]
+        assert sums[0].read_text() == sums[1].read_text()
 
 
 def check_files(dist):
@@ -96,19 +95,13 @@ def check_files(dist):
     assert notes.strip() == re.split(r"^## .*$", changelog, flags=re.M)[1].strip()
 
 
-def check_archive(dist, repository, sums, folder):
-    """All files of the commit are in the archive, and give the same packages again."""
+def check_archive(dist, repository):
+    """All files of the commit are in it, with its time. test_package.py builds from such a folder."""
     with tarfile.open(dist / f"mivo-{VERSION}.tar.gz") as archive:
         members = archive.getmembers()
-        archive.extractall(folder)
     files = {member.name.removeprefix(f"mivo-{VERSION}/") for member in members if member.isfile()}
     assert files == set(output_of("git", "-C", repository.folder, "ls-files").splitlines())
     assert {member.mtime for member in members} == {COMMIT_TIME}
-    environment = {name: value for name, value in os.environ.items() if name != "SOURCE_DATE_EPOCH"}
-    packages = output_of(folder / f"mivo-{VERSION}/script/package", env=environment).splitlines()[-2:]
-    for package in packages:
-        made = (folder / f"mivo-{VERSION}" / package).read_bytes()
-        assert hashlib.sha256(made).hexdigest() in sums
 
 
 # What it refuses. None of it gets as far as a build.
