@@ -1,25 +1,22 @@
 """The programs of examples/, which run and end as mivo does, and what their tests need besides.
 
 MIVO_EXAMPLES names their folder, MIVO_BUILD that of the programs of the tests, among which there are the examples
-with the sanitizers; where slow_job was built with the thread sanitizer, that runs as well. The Node packages of node/package-lock.json are installed once, into the build
-folder, by npm's own client.
+with the sanitizers; where slow_job was built with the thread sanitizer, that runs as well.
 """
 
 import os
 import pathlib
-import shutil
 import subprocess
 
 import pytest
 
 from clients import ENVIRONMENT
 from mivo_process import REPOSITORY
+from node_packages import node_packages
 from upstreams import HERE
 
 EXAMPLES = pathlib.Path(os.environ.get("MIVO_EXAMPLES", REPOSITORY / "build/release/examples"))
 BUILD = pathlib.Path(os.environ.get("MIVO_BUILD", REPOSITORY / "build/asan"))  # the tests' own programs
-NODE_FOLDER = pathlib.Path(os.environ.get("MIVO_NODE_FOLDER", REPOSITORY / "build/node"))
-INSTALL_PATIENCE = 120  # seconds
 
 
 def example(name):
@@ -47,14 +44,7 @@ def every_build(name):
 
 def node_environment():
     """The environment in which Node finds the packages of the tests."""
-    modules = NODE_FOLDER / "node_modules"
-    if not (modules / "ws/package.json").exists():
-        NODE_FOLDER.mkdir(parents=True, exist_ok=True)
-        for name in ("package.json", "package-lock.json"):
-            shutil.copy(HERE / "node" / name, NODE_FOLDER)
-        subprocess.run(["npm", "ci", "--ignore-scripts", "--no-audit", "--no-fund"], cwd=NODE_FOLDER,
-                       stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=INSTALL_PATIENCE, check=True)
-    return {**ENVIRONMENT, "NODE_PATH": str(modules)}
+    return {**ENVIRONMENT, "NODE_PATH": str(node_packages(HERE / "node"))}
 
 
 def run_node(script, *arguments):

@@ -1,20 +1,17 @@
 """Real clients that send bodies in chunks, to real servers behind mivo, over HTTP and over HTTPS."""
 
-import gzip
 import hashlib
 import http.client
-import io
-import json
 import os
 import random
 import ssl
 import subprocess
-import tarfile
 import tempfile
 
 import pytest
 
 from clients import ENVIRONMENT, PATIENCE, curl
+from images import layer_of, make_image
 from repositories import Apache, Registry, run
 from upstreams import HERE, end
 
@@ -175,32 +172,4 @@ def test_image_is_copied_to_a_registry__is_there_when_it_is_copied_back(put_befo
     command = ["skopeo", "--insecure-policy", "copy", "--quiet"]
     run(*command, "--dest-cert-dir", tmp_path / "trust", f"oci:{tmp_path}/image:1", remote)
     run(*command, "--src-cert-dir", tmp_path / "trust", remote, f"oci:{tmp_path}/back:1")
-    back = max((tmp_path / "back/blobs/sha256").iterdir(), key=lambda path: path.stat().st_size)
-    assert gzip.decompress(back.read_bytes()) == layer
-
-
-def make_image(folder, content):
-    """An image in the layout of the Open Container Initiative, with one file. Returns its only layer."""
-    (folder / "blobs/sha256").mkdir(parents=True)
-
-    def add(data, kind):
-        name = hashlib.sha256(data).hexdigest()
-        (folder / "blobs/sha256" / name).write_bytes(data)
-        return {"mediaType": f"application/vnd.oci.image.{kind}", "digest": f"sha256:{name}", "size": len(data)}
-
-    def add_json(value, kind):
-        return add(json.dumps(value).encode(), kind)
-
-    archive = io.BytesIO()
-    with tarfile.open(fileobj=archive, mode="w") as tar:
-        entry = tarfile.TarInfo("large")
-        entry.size = len(content)
-        tar.addfile(entry, io.BytesIO(content))
-    layer = add(archive.getvalue(), "layer.v1.tar")
-    settings = add_json({"architecture": "amd64", "os": "linux", "config": {},
-                         "rootfs": {"type": "layers", "diff_ids": [layer["digest"]]}}, "config.v1+json")
-    manifest = add_json({"schemaVersion": 2, "config": settings, "layers": [layer]}, "manifest.v1+json")
-    manifest["annotations"] = {"org.opencontainers.image.ref.name": "1"}
-    (folder / "index.json").write_text(json.dumps({"schemaVersion": 2, "manifests": [manifest]}))
-    (folder / "oci-layout").write_text('{"imageLayoutVersion": "1.0.0"}')
-    return archive.getvalue()
+    assert layer_of(tmp_path / "back") == layer
