@@ -13,6 +13,7 @@ EXPECTED = [
     "is not installed; its package would start a server on this machine",
     "passed before, and nothing has changed since",
     "a network namespace is not allowed here",
+    "neither docker nor podman works here",
 ]
 if os.geteuid() != 0:
     EXPECTED.append("only root can make a system of its own")
