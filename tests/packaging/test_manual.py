@@ -24,10 +24,12 @@ INFO = f"{BLANK}:{BLANK} {BLANK} {BLANK} {BLANK} [{BLANK}]"
 EXPRESSIONS = {
     "info(true).c_str()": INFO,
     "line.c_str()": f"[{BLANK}] {INFO}",  # of a request, put together above it
-    "adapter_list().c_str()": BLANK,
     "error.c_str()": None,  # the assignments to `error` are looked at below
     "text.c_str()": None,   # what was thrown is `error`
 }
+
+# Calls that print a part of a line, by their arguments. One such line is the address of an adapter.
+PARTS = {'"%s%s", between, host': BLANK, '"\\n"': None}
 
 
 def closing_bracket(code, start):
@@ -55,6 +57,8 @@ def joined_text(expression):
 
 def printed_by_call(function, arguments):
     """The text that one call prints, None if it is followed elsewhere."""
+    if arguments in PARTS:
+        return PARTS[arguments]
     if function == "fprintf":
         stream, arguments = arguments.split(",", 1)
         assert stream in ("stdout", "stderr")
