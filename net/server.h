@@ -110,6 +110,7 @@ struct server_base : abstract_server {
 
   enum directions { reading, writing };
 
+  static void print_failure(int failed);
   void restart();
   void prefetch_connections() const;
   template <class F>
