@@ -17,6 +17,23 @@ need_packages() {
     "${missing[@]}" >/dev/null
 }
 
+# need_packages_without SERVICE... -- PACKAGE...: the same, but a service of these that the packages start ends here.
+# Whoever has had it before keeps it.
+need_packages_without() {
+  local new_services=() as_root=()
+  for (( ; $# > 0; )); do
+    local service=$1
+    shift
+    [ "$service" = -- ] && break
+    [ -d /run/systemd/system ] || continue
+    systemctl cat "$service" >/dev/null 2>&1 || new_services+=("$service")
+  done
+  need_packages "$@"
+  [ ${#new_services[@]} -gt 0 ] || return 0
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  "${as_root[@]}" systemctl --quiet disable --now "${new_services[@]}"
+}
+
 # build PRESET [TARGET...]: configures and builds all, or the targets, quietly unless something fails.
 build() {
   local log

@@ -1,0 +1,3 @@
+export default function Layout({ children }) {
+  return <html><body>{children}</body></html>;
+}
