@@ -65,7 +65,8 @@ class House:
         return self.ports[number].port if number in self.ports else number
 
     def environment(self):
-        return {"PATH": f"{self.folder}/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(self.folder), "LC_ALL": "C.UTF-8"}
+        return {"PATH": f"{self.folder}/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(self.folder),
+                "LC_ALL": "C.UTF-8"}
 
     def run(self, text, expected_status=0):
         """Runs commands as pasted into a shell, and returns what they printed."""

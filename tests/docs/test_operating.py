@@ -104,7 +104,8 @@ def test_settings_of_the_page__are_known_to_systemd(tmp_path):
         unit = tmp_path / f"{name}.service"
         text = BLOCKS["drop-in", name]
         unit.write_text(f"{text}ExecStart=/bin/true\n")
-        done = subprocess.run(["systemd-analyze", "verify", "--man=no", unit], capture_output=True, text=True, check=False)
+        done = subprocess.run(["systemd-analyze", "verify", "--man=no", unit], capture_output=True, text=True,
+                              check=False)
         assert (done.returncode, done.stderr) == (0, "")
     settings = configparser.ConfigParser()
     settings.optionxform = str
