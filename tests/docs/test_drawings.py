@@ -19,6 +19,18 @@ def test_drawing__is_made_from_its_text(text):
     assert xml.etree.ElementTree.fromstring(drawing).tag.endswith("svg")
 
 
-def test_every_drawing__is_shown_in_the_architecture():
-    shown = re.findall(r"!\[[^]]*\]\((\w+)\.svg\)", (REPOSITORY / "docs/architecture.md").read_text())
-    assert sorted(shown) == [text.stem for text in TEXTS]
+def test_every_drawing__is_shown_in_a_document():
+    documents = [REPOSITORY / "README.md", REPOSITORY / "docs/architecture.md"]
+    shown = [name for document in documents
+             for name in re.findall(r"!\[[^]]*\]\((?:docs/)?(\w+)\.svg\)", document.read_text())]
+    assert sorted(shown) == sorted([*(text.stem for text in TEXTS), "two_terminals"])
+
+
+def test_first_lines_of_the_readme__are_those_of_the_recording():
+    """script/record writes the README's terminal, the recording and the picture from one run."""
+    block = re.search(r"^    \$ mivo .*\n(?:    .*\n)*", (REPOSITORY / "README.md").read_text(), re.MULTILINE)[0]
+    lines = [line.removeprefix("    ") for line in block.splitlines()]
+    assert "\n".join(lines) in (REPOSITORY / "docs/first_run.txt").read_text()
+    picture = xml.etree.ElementTree.parse(REPOSITORY / "docs/two_terminals.svg").getroot()
+    shown = [element.text for element in picture.iter("{http://www.w3.org/2000/svg}text")]
+    assert [line for line in lines if line not in shown] == []

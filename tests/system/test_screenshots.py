@@ -6,24 +6,15 @@ taken by test_chat.py.
 
 import os
 import pathlib
+import shutil
 
 import pytest
 
 from devtools import Browser
+from mivo_process import REPOSITORY
 
 pytest_plugins = ["tls_service"]
 
-SITE = """<!doctype html><html lang="en"><meta charset="utf-8"><title>A site behind mivo</title>
-<link rel="icon" href="data:,">
-<style>
-  body { font: 18px/1.5 "DejaVu Sans", sans-serif; max-width: 34em; margin: 3em auto; color: #222 }
-  h1 { font-size: 1.5em } code { background: #eee; padding: 0 .3em }
-</style>
-<h1>A site behind mivo</h1>
-<p>This file comes from Python's <code>http.server</code>, which speaks plain HTTP on a local port.</p>
-<p>The browser has it from <code id="address"></code>.</p>
-<script>address.textContent = location.href;</script></html>
-"""
 SMALL = 60000  # bytes; the pictures are in the repository
 
 
@@ -52,8 +43,8 @@ def test_echo_page__shows_the_request_of_the_browser(start_mivo, browser):
 
 
 def test_http_address_of_a_site_behind_https__ends_on_its_page(serve_tls, browser, python_site, site):
-    (site.folder / "site.html").write_text(SITE)
+    shutil.copy(REPOSITORY / "examples/site/index.html", site.folder / "site.html")
     service = serve_tls({"localhost:{ssl_port}": python_site.port})
     tab = browser.open(f"http://localhost:{service.mivo.port}/site.html")
-    tab.wait_for_text(f"from {service.url}/site.html")
+    tab.wait_for_text(f"asked for {service.url}/site.html")
     keep(tab, "https_site.png")
