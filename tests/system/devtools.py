@@ -1,4 +1,4 @@
-"""A headless Chromium, driven through its DevTools protocol.
+"""A Chromium, driven through its DevTools protocol.
 
 The Browser owns its process; `close` ends it. A Page is a tab. Each of its calls opens a DevTools connection of
 its own, so a page may be kept and asked in any order.
@@ -7,6 +7,7 @@ its own, so a page may be kept and asked in any order.
 import asyncio
 import base64
 import json
+import os
 import pathlib
 import subprocess
 import urllib.request
@@ -18,7 +19,7 @@ from upstreams import end
 from wire import until
 
 START_TIME = 60  # seconds; a browser takes its time on a busy machine
-FLAGS = ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+FLAGS = ("--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
          "--disable-dev-shm-usage", "--window-size=800,600", "--remote-debugging-port=0")
 
@@ -81,12 +82,15 @@ class Page:
 
 
 class Browser:
-    def __init__(self, folder, *flags):
+    def __init__(self, folder, *flags, in_window=False):
+        """Headless, unless it is to have a window on the display that DISPLAY names."""
+        shown = {"DISPLAY": os.environ["DISPLAY"], "XAUTHORITY": os.environ["XAUTHORITY"]} if in_window else {}
+        head = [] if in_window else ["--headless"]
         self.profile = pathlib.Path(folder, "profile")
         with open(f"{folder}/browser_output", "wb") as output:
             self.process = subprocess.Popen(
-                ["chromium", *FLAGS, *flags, f"--user-data-dir={self.profile}", "about:blank"],
-                env={**ENVIRONMENT, "HOME": folder}, stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+                ["chromium", *head, *FLAGS, *flags, f"--user-data-dir={self.profile}", "about:blank"],
+                env={**ENVIRONMENT, **shown, "HOME": folder}, stdin=subprocess.DEVNULL, stdout=output, stderr=output)
         try:
             self.port = until(self._debugging_port, "the browser has started", START_TIME)
         except AssertionError:

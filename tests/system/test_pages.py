@@ -1,11 +1,5 @@
-"""What a person sees: the echo page, and a site over HTTPS, in a browser's window.
+"""What a person sees in a browser: the echo page, and a site over HTTPS."""
 
-Where MIVO_SCREENSHOT_DIR names a folder, the pictures go there; script/screenshots sets it. That of the chat is
-taken by test_chat.py.
-"""
-
-import os
-import pathlib
 import shutil
 
 import pytest
@@ -14,8 +8,6 @@ from devtools import Browser
 from mivo_process import REPOSITORY
 
 pytest_plugins = ["tls_service"]
-
-SMALL = 60000  # bytes; the pictures are in the repository
 
 
 @pytest.fixture
@@ -26,20 +18,11 @@ def browser(start_mivo, folder):
     started.close()
 
 
-def keep(tab, name):
-    picture = tab.screenshot()
-    assert picture.startswith(b"\x89PNG")
-    if "MIVO_SCREENSHOT_DIR" in os.environ:
-        assert len(picture) < SMALL
-        pathlib.Path(os.environ["MIVO_SCREENSHOT_DIR"], name).write_bytes(picture)
-
-
 def test_echo_page__shows_the_request_of_the_browser(start_mivo, browser):
     mivo = start_mivo({"localhost:{port}": -1})
     tab = browser.open(f"http://localhost:{mivo.port}/some/path?with=query")
     tab.wait_for_text("Your IPv4 address is: 127.0.0.1")
     assert tab.text().startswith("GET /some/path?with=query HTTP/1.1")
-    keep(tab, "echo_page.png")
 
 
 def test_http_address_of_a_site_behind_https__ends_on_its_page(serve_tls, browser, python_site, site):
@@ -47,4 +30,3 @@ def test_http_address_of_a_site_behind_https__ends_on_its_page(serve_tls, browse
     service = serve_tls({"localhost:{ssl_port}": python_site.port})
     tab = browser.open(f"http://localhost:{service.mivo.port}/site.html")
     tab.wait_for_text(f"asked for {service.url}/site.html")
-    keep(tab, "https_site.png")
