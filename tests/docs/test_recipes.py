@@ -92,6 +92,32 @@ def test_commands_of_the_readme__are_there():
         assert os.access(REPOSITORY / command, os.X_OK)
 
 
+FIRST_RUN = """
+ip link set lo up
+script/run {arguments} &
+run=$!
+for attempt in $(seq 300); do curl --silent --output /dev/null {address} && break; sleep 0.1; done
+curl --silent --insecure --location http://site.localhost:8080/ http://localhost:8080/
+kill -INT $run
+wait $run
+for attempt in $(seq 100); do [ -z "$(ss -ltnH)" ] && break; sleep 0.1; done
+ss -ltnH
+"""
+
+
+@pytest.mark.parametrize("arguments, address", [("", "http://localhost:8080/"),
+                                                ("--https", "--insecure https://localhost:8443/")])
+def test_first_command__shows_a_page_that_is_relayed_and_the_request__and_leaves_nothing(arguments, address):
+    """In a network of its own, where the ports of the README are free."""
+    script = FIRST_RUN.format(arguments=arguments, address=address)
+    done = subprocess.run(["unshare", "--map-root-user", "--net", "bash", "-c", script], cwd=REPOSITORY,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=PATIENCE, check=False)
+    output = done.stdout.decode()
+    assert (REPOSITORY / "examples/site/index.html").read_text() in output
+    assert "\r\nYour IPv4 address is: 127.0.0.1" in output
+    assert output.endswith("Shutting down...\n"), "somebody still listens"
+
+
 @pytest.mark.parametrize("name", RUN_WHOLE)
 def test_recipe__runs_as_pasted(name, ports, tmp_path):
     script = re.sub(r"\b(8080|8443|3000|3001)\b", lambda match: str(ports[int(match[0])]), RECIPES[name])
