@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <ctime>
 #include <memory>
 #include <vector>
 
@@ -145,6 +146,8 @@ TEST(allocation, client_whose_upstream_the_server_could_not_take_gets_the_502_an
   reverse_proxy::hosts().set("a", upstream.port());
   proxy_pipe unused;
   delete new proxy_connection(-1, &unused);  // leaves its memory to the next one
+  faults::frozen_clock() = time(nullptr);  // so that the resolver's answer, remembered now, stays remembered
+  sockets::close(sockets::connect("localhost", upstream.port(), false));
   prepare_lists();
   int refusals = 0;
   for (int granted = 0; granted < 100 && here.connections() == 0; granted++) {
@@ -166,6 +169,7 @@ TEST(allocation, client_whose_upstream_the_server_could_not_take_gets_the_502_an
   }
   EXPECT_EQ(refusals, 1);
   here.stop();
+  faults::frozen_clock() = 0;
 }
 
 TEST(allocation, connection_without_pages_is_the_only_one_harmed) {
