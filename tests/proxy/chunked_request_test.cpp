@@ -1,6 +1,8 @@
 // Requests with a body in chunks, by hand: what is relayed, when the request is complete, and that no byte of
 // a body is ever taken for a request.
 
+#include <algorithm>
+
 #include "tests/proxy/proxy_fixtures.h"
 
 namespace {
