@@ -14,6 +14,7 @@ EXPECTED = [
     "passed before, and nothing has changed since",
     "a network namespace is not allowed here",
     "neither docker nor podman works here",
+    "the page is about servers of Debian 12",
     "needs Node 20.19",  # Debian 12 has 18
 ]
 if os.geteuid() != 0:
