@@ -26,7 +26,8 @@ struct arraylist {
   arraylist& operator=(const arraylist&) = delete;
   ~arraylist() { free(data); }
 
-  /* Appends `x`. The array may move: pointers into `data` die. After std::bad_alloc all is as before. */
+  /* Appends `x`. The array may move, so pointers into `data` die. After std::bad_alloc nothing has
+   * changed. */
   void add(T x) {
     if (capacity == 0)
       reserve(2);
@@ -36,7 +37,8 @@ struct arraylist {
     data[count] = nullptr;
   }
 
-  /* Removes the first element equal to `x`, keeping the order of the others. False: there was none. */
+  /* Removes the first element equal to `x` and keeps the order of the others. Returns false when there is
+   * none. */
   bool remove(T x) {
     for (uint32_t i = 0; i < count; i++) {
       if (data[i] != x) continue;
@@ -53,8 +55,9 @@ struct arraylist {
     if (count > 0) data[--count] = nullptr;
   }
 
-  /* Sets the capacity to `wanted` elements, more or fewer than before, but at least 1 and at least `count`.
-   * The null behind the last one has a place beyond them. After std::bad_alloc all is as before. */
+  /* Sets the capacity to `wanted` elements, which must be at least 1 and at least `count`; it may be less
+   * than before. The null at the end has a place of its own, after these elements. After std::bad_alloc
+   * nothing has changed. */
   void reserve(uint32_t wanted) {
     void* moved = realloc(data, (static_cast<size_t>(wanted) + 1) * sizeof(T));
     if (!moved) throw std::bad_alloc();

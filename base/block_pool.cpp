@@ -38,7 +38,7 @@ void block_pool::give_back(void* block, size_t size) noexcept {
 
 void block_pool::trim_maybe() noexcept {
   if (freed_ < freed_before_trim || in_use_ > in_use_when_short) return;
-#ifdef __GLIBC__  // the malloc() of others returns what it can on its own
+#ifdef __GLIBC__  // other C libraries return what they can automatically
   malloc_trim(0);
 #endif
   freed_ = 0;

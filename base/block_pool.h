@@ -1,20 +1,21 @@
 /* block_pool: the memory of the blocks that byte queues are made of.
  *
  * A queue takes a block, owns it, and gives it back with the same size. Blocks of less than `full_size` bytes
- * are malloc's and return to it at once. Full-size blocks are kept for the next queue that needs one, until
- * the pool has `most_spare` of them. A download would otherwise return each block to the system and fault it
- * in again a turn later: 1.33 instead of 1.14 ms of processor time for a reply of 1 MiB with 16 clients (wrk,
- * release build, two busy cores of a virtual machine, medians of 5 rounds in turns). Sizes are bytes.
+ * come from malloc and return to it at once. Full-size blocks are kept for the next queue that needs one,
+ * until the pool has `most_spare` of them. Otherwise a download would return each block to the system and
+ * cause page faults for it again one turn later: 1.33 instead of 1.14 ms of processor time for a response of
+ * 1 MiB with 16 clients (wrk, release build, two busy cores of a virtual machine, medians of 5 rounds in
+ * turns). Sizes are bytes.
  *
- * Memory that malloc has back may still stay with the process: one block in use near the end of the heap
- * keeps everything before it. So after a long queue the pool has malloc return its free memory to the system:
- * 8 MiB stay resident after 400 MiB were queued, and 136 without (tests/system/test_hostile_upstreams.py). It
- * waits until the queues are short again. A mapping for each block would do without, but it costs 16 page
- * faults for each block of a download that runs ahead.
+ * Freed memory may still stay with the process: one used block near the end of the heap keeps everything
+ * before it. So after a long queue the pool makes malloc return its free memory to the system. After 400 MiB
+ * were queued, 8 MiB stay resident, and 136 MiB without this (tests/system/test_hostile_upstreams.py). The
+ * pool waits with it until the queues are short again. With a mapping of its own for each block, none of this
+ * would be needed, but a download that runs ahead of its client would cause 16 page faults for each block.
  *
  * Between calls: (1) 0 <= spare() <= most_spare, and no queue uses a spare block; (2) in_use() is the number
- * of full-size blocks that queues own; (3) freed() is the number of full-size blocks that malloc has had back
- * since it was last trimmed; (4) freed() < freed_before_trim, or in_use() > in_use_when_short. */
+ * of full-size blocks that queues own; (3) freed() is the number of full-size blocks that were freed since
+ * malloc was last trimmed; (4) freed() < freed_before_trim, or in_use() > in_use_when_short. */
 #pragma once
 
 #include <cstddef>
@@ -26,7 +27,7 @@ class block_pool {
   static constexpr size_t full_size = 65536;
   static constexpr int most_spare = 64;          // 4 MiB: what a turn moves through eight pipes
   static constexpr int freed_before_trim = 256;  // 16 MiB
-  static constexpr int in_use_when_short = 16;   // 1 MiB: what these free later stays with malloc
+  static constexpr int in_use_when_short = 16;   // 1 MiB, which may stay with malloc when it is freed later
 
   block_pool() = default;
   block_pool(const block_pool&) = delete;
@@ -39,10 +40,10 @@ class block_pool {
   static block_pool& shared();
 
   /* Hands over a block of `size` bytes, at most full_size, with any content. Throws std::bad_alloc when
-   * malloc refuses it; the pool is as before then. */
+   * malloc has no memory; then the pool is unchanged. */
   void* take(size_t size);
 
-  /* Takes back a block from take(); `size` is the same. */
+  /* Takes back a block from take(). `size` must be the size that take() was called with. */
   void give_back(void* block, size_t size) noexcept;
 
   int spare() const { return spare_; }

@@ -10,7 +10,7 @@ namespace base {
 
 namespace {
 
-constexpr size_t smallest_block = 512;  // bytes with the header, as all block sizes here
+constexpr size_t smallest_block = 512;  // bytes; all block sizes here include the header
 constexpr size_t kept_when_empty = 4096;
 
 }  // namespace
@@ -81,7 +81,8 @@ std::string byte_queue::str() const {
   return s;
 }
 
-// Appends an empty block, with room for `wanted` bytes and sized for a queue that is about to hold them.
+// Appends an empty block. Its size grows with the queue and is enough for `wanted` bytes, within the limits
+// on block sizes.
 byte_queue::block* byte_queue::add_block(size_t wanted) {
   const size_t size = std::max(wanted + sizeof(block), size_ + wanted);
   const size_t bytes = std::clamp(size, smallest_block, block_pool::full_size);

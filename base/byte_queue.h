@@ -1,12 +1,12 @@
 /* byte_queue: a byte string that is appended to at the back and consumed from the front.
  *
- * The bytes stand in a chain of blocks, so both ends cost O(1) per byte however long the queue is and
- * however slowly it drains; nothing is ever moved to make room. The queue owns its blocks while it needs them
- * and gives them back to base::block_pool. Blocks grow with the queue, from 512 bytes to 64 KiB. An emptied
- * queue keeps at most one block of 4 KiB. Sizes are bytes.
+ * The bytes stand in a chain of blocks, so adding or removing a byte costs O(1), however long the queue is
+ * and however slowly it drains. No byte is ever moved to make room. The queue takes its blocks from
+ * base::block_pool, owns them while it needs them, and then gives them back. Blocks grow with the queue, from
+ * 512 bytes to 64 KiB. An emptied queue keeps at most one block of 4 KiB. Sizes are bytes.
  *
- * Between calls, failed ones included: (1) size() is the sum of what the blocks hold; (2) no block but the
- * last is empty; (3) head_ is null exactly when tail_ is. */
+ * Between calls, also after a failed one: (1) size() is the sum of what the blocks hold; (2) only the last
+ * block may be empty; (3) head_ is null exactly when tail_ is. */
 #pragma once
 
 #include <cstddef>
@@ -17,21 +17,21 @@ namespace base {
 class byte_queue {
  public:
   byte_queue() = default;
-  // By way of the first, after which the destructor runs even if a block is refused.
+  // These two first run the default constructor. Then the destructor runs even if append() throws.
   byte_queue(const std::string& s) : byte_queue() { append(s); }
   byte_queue(const char* s) : byte_queue() { *this = s; }
   byte_queue(const byte_queue&) = delete;
   byte_queue& operator=(const byte_queue&) = delete;
   ~byte_queue();
 
-  /* Replaces the content. After std::bad_alloc, the queue is whole and holds the first bytes of the new
-   * one, or none. */
+  /* Replaces the content. After std::bad_alloc the queue is valid and holds the first bytes of the new
+   * content, or nothing. */
   byte_queue& operator=(const std::string& s);
   byte_queue& operator=(const char* s);
 
   /* Appends `len` bytes, which are copied. Throws std::bad_alloc when there is no memory for all of them. The
-   * queue is whole then: it holds what it held, then as many of the first bytes as found room. The caller can
-   * tell their number by size(). */
+   * queue is valid then: it holds its old content, followed by the bytes for which there was memory. The
+   * caller can tell their number from size(). */
   byte_queue& append(const char* data, size_t len);
   byte_queue& append(const std::string& s) { return append(s.data(), s.size()); }
   byte_queue& operator+=(const std::string& s) { return append(s); }
@@ -46,7 +46,7 @@ class byte_queue {
   /* Moves the first min(cap, size()) bytes to `buf` and returns their number. */
   size_t consume(char* buf, size_t cap);
 
-  /* The content as one string: a copy, for answers that are compared or printed, not for the data path. */
+  /* A copy of the content as one string, to compare or to print it; too slow for the data path. */
   std::string str() const;
   operator std::string() const { return str(); }
 

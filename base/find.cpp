@@ -23,12 +23,14 @@ bool is_match(char byte, char wanted, bool fold_case) {
   return wanted == '?' || byte == wanted || (fold_case && fold(byte) == fold(wanted));
 }
 
-// Whether the whole of `pattern` matches at text[start]; `end` is then the position behind the match.
-// After a "*" only the part behind it is tried again, one byte further on; what stood before it is settled.
+// Whether the whole `pattern` matches at text[start]. If so, `end` is the position after the match. When a
+// part after a "*" does not match, only this part is tried again, one byte further on. Everything before the
+// "*" is settled.
 bool match_at(const std::string& text, size_t start, const std::string& pattern, size_t& end) {
   const bool fold_case = find_case_insensitive();
-  // Where the part behind the last "*" was tried last; npos, behind every text, before there is one. At the
-  // end of the text there is no further place: one attempt more would fail at once, and no caller could tell.
+  // Where the part after the last "*" was tried last. Before the first "*" it is npos, which is beyond the
+  // end of every text. At the end of the text no further attempt is made: it would fail at once and change no
+  // result.
   size_t retry_text = std::string::npos;
   size_t retry_pattern = 0;
   size_t t = start;
@@ -61,7 +63,7 @@ bool is_equal_folded(const char* a, std::string_view b) {
 }
 
 size_t find(const std::string& text, const std::string& pattern, size_t& end) {
-  // The end counts as a place, too, for an empty text: an empty pattern and a star match in it.
+  // The end of the text is tried, too: an empty pattern and a star match an empty text.
   for (size_t start = 0; start <= text.size(); start++) {
     if (match_at(text, start, pattern, end)) return start;
   }
@@ -70,8 +72,8 @@ size_t find(const std::string& text, const std::string& pattern, size_t& end) {
 
 namespace {
 
-// Sixteen bytes. An operator works on all of them: in one instruction on x86-64 and arm64, in a few
-// elsewhere.
+// Sixteen bytes. An operator works on all of them, with one instruction on x86-64 and arm64 and with a few on
+// other processors.
 using block = unsigned char __attribute__((vector_size(16)));
 
 block load(const char* from) {
@@ -96,15 +98,16 @@ size_t first_hit(const Block& hits) {
 
 constexpr size_t most_beyond = 16;
 
-// The first place from `at` on at which `matches` finds something; `end` when there is none. `matches` looks
-// at the sixteen places from its argument on, and for each at `beyond` bytes that follow the place.
+// The first place between `at` and `end` where `matches` finds something; `end` when there is none. `matches`
+// looks at sixteen places, of which its argument is the first, and also at the `beyond` bytes after each
+// place.
 template <class Matches>
 const char* first_match(const char* at, const char* end, size_t beyond, Matches matches) {
   for (; end - at >= 16; at += 16) {
     const size_t hit = first_hit(matches(at));
     if (hit < 16) return at + hit;
   }
-  char rest[16 + most_beyond] = {};  // what is left over, in front of zeros
+  char rest[16 + most_beyond] = {};  // the places that are left, then zeros
   const auto places = static_cast<size_t>(end - at);
   memcpy(rest, at, places + beyond);
   return at + std::min(first_hit(matches(rest)), places);
@@ -125,9 +128,9 @@ size_t find_line(std::string_view text, std::string_view name, size_t from) {
   if (name.empty()) return find_line_end(text, from);
   const size_t length = 2 + name.size();
   if (text.size() < length || from > text.size() - length) return std::string::npos;
-  // A candidate has the name's first byte and one far behind that: no text is full of candidates for all
-  // names. Without the bit in which A to Z differ from a to z some other bytes are equal, too, so it is
-  // compared again.
+  // A candidate has the name's first byte and, far after it, another byte of the name. So no text is full of
+  // candidates for all names. The bit in which A to Z differ from a to z is ignored here. Some other pairs of
+  // bytes differ only in this bit, too, so a candidate is compared again.
   const size_t far = std::min(name.size(), most_beyond - 1) - 1;
   const block case_bit = all(0x20), cr = all('\r'), lf = all('\n');
   const block first = all(static_cast<unsigned char>(name[0])) | case_bit;

@@ -1,12 +1,12 @@
 /* hashmap: an open-addressing map from byte strings to small values, in insertion order.
  *
- * Owns copies of its keys; never owns what the values point to. A miss reads as V(), so a stored zero
- * cannot be told from an absent key. Slots are found by linear probing; the table doubles when it is half
- * full (3, 6, 12, 24, ...), and a removal rebuilds it, so no probe chain ever has a hole.
+ * Owns copies of its keys; never owns what the values point to. An absent key reads as V(), so it looks the
+ * same as a key with a stored zero. Slots are found by linear probing; the table doubles when it is half full
+ * (3, 6, 12, 24, ...), and a removal rebuilds it, so no probe chain ever has a hole.
  *
- * Between calls: (1) count <= capacity / 2, unless doubling would overflow; (2) keys[0..count-1] are
- * the keys in the order of their first insertion, keys[count] is null; (3) slots and keys are null exactly
- * when capacity is 0. V is copied with its slot, byte for byte, and must allow that. */
+ * Between calls: (1) count <= capacity / 2, unless doubling would overflow; (2) keys[0..count-1] are the keys
+ * in the order of their first insertion, keys[count] is null; (3) slots and keys are null exactly when
+ * capacity is 0. A slot and its V are copied byte for byte; V must allow that. */
 #pragma once
 
 #include <cstdint>
@@ -37,8 +37,8 @@ struct hashmap {
   std::string** keys = nullptr;
   uint32_t count = 0;       // keys
   uint32_t capacity = 0;    // slots
-  uint32_t collisions = 0;  // insertions' steps past another key; statistics only, wraps
-  uint32_t (*hash)(const char*, unsigned) = tovel_hash;  // set before the first key: stored hashes stay
+  uint32_t collisions = 0;  // slots of other keys that insertions have passed; statistics only, wraps
+  uint32_t (*hash)(const char*, unsigned) = tovel_hash;  // set before the first key: hashes are stored
 
   hashmap() = default;
   hashmap(const hashmap&) = delete;
@@ -58,9 +58,10 @@ struct hashmap {
     return found->value;
   }
 
-  /* Inserts, or replaces the value of a key that is there. The map copies the key, so the caller's string
-   * may die at once. When no slot is free (only after 3 * 2^30 keys, when doubling would overflow) it says so
-   * and stores nothing. After std::bad_alloc all keys and values are as before. */
+  /* Inserts `key` with `value`, or replaces the value of a key that is there. The map copies the key, so the
+   * caller's string may die at once. When no slot is free (only after 3 * 2^30 keys, when doubling would
+   * overflow) it prints an error and stores nothing. After std::bad_alloc all keys and values are as
+   * before. */
   void set(const std::string& key, V value) {
     grow_maybe();
     uint32_t h = hash_of(key);
@@ -79,9 +80,9 @@ struct hashmap {
     place->value = value;
   }
 
-  /* Removes `key`, which may be the map's own string, if it is there; its value is the caller's to free.
-   * Costs a walk over all keys and a rebuild of the table: cheaper than tombstones for a map that hardly ever
-   * removes. After std::bad_alloc all is as before. */
+  /* Removes `key`, if it is there. `key` may be the map's own string. The caller frees the value. This walks
+   * over all keys and rebuilds the table, which is cheaper than tombstones for a map that hardly ever
+   * removes. After std::bad_alloc nothing has changed. */
   void remove(const std::string& key) {
     if (count == 0) return;
     slot* found = find_slot(hash_of(key), key, nullptr);
@@ -107,8 +108,8 @@ struct hashmap {
            (key.empty() || memcmp(s.key->data(), key.data(), key.size()) == 0);
   }
 
-  // The slot that holds `key`, or the empty slot where it belongs, or null when the table is full of others.
-  // `steps`, if given, counts the slots passed.
+  // The slot that holds `key`, or the empty slot where it belongs, or null when all slots hold other keys.
+  // `steps`, unless it is null, counts the slots passed.
   slot* find_slot(uint32_t h, const std::string& key, uint32_t* steps) const {
     uint32_t start = h % capacity;
     uint32_t i = start;
@@ -120,7 +121,7 @@ struct hashmap {
     return nullptr;
   }
 
-  // Growing comes before the key is looked at, so replacing a value can grow the table too.
+  // The table grows before the key is looked up, so replacing a value can make it grow, too.
   void grow_maybe() {
     if (capacity == 0)
       resize(3);
@@ -146,7 +147,8 @@ struct hashmap {
     return static_cast<slot*>(fresh);
   }
 
-  // Moves every slot into a fresh array of `wanted` slots, which is taken over; stored hashes serve again.
+  // Takes over a fresh array of `wanted` slots and moves every used slot into it. The stored hashes are used
+  // again.
   void move_slots(slot* fresh, uint32_t wanted) {
     slot* old = slots;
     uint32_t old_capacity = capacity;

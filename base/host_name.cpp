@@ -16,7 +16,7 @@ bool is_host_byte(char c) {
 bool is_host_name(const std::string& host) {
   const size_t size = !host.empty() && host.back() == '.' ? host.size() - 1 : host.size();
   if (size > longest_name) return false;
-  size_t label = 0;  // bytes of the current one
+  size_t label = 0;  // bytes of the current label so far
   for (size_t i = 0; i < size; i++) {
     if (host[i] == '.') {
       if (label == 0) return false;

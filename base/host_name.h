@@ -5,9 +5,10 @@
 
 namespace base {
 
-/* Whether `host`, in ASCII form, can be the name or the IPv4 address of a host: labels of 1 to 63 bytes
- * between dots, at most 253 bytes in all, made of letters, digits, "-" and "_" (which no host name may have
- * by RFC 1123 but some have). A dot at the end, which says that the name is complete, does not count. */
+/* Whether `host`, in ASCII form, can be the name or the IPv4 address of a host: labels of 1 to 63 bytes with
+ * dots between them, at most 253 bytes in all. A label consists of letters, digits, "-" and "_"; RFC 1123
+ * forbids "_" in a host name, but some names have it. A dot at the end marks a complete name and does not
+ * count. */
 bool is_host_name(const std::string& host);
 
 }  // namespace base

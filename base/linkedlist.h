@@ -4,13 +4,13 @@
  *
  *     for (list.begin(); list.current(x); list.next()) { if (...) list.remove(); }
  *
- * The element behind a removed one is not visited in that pass; the next pass visits it. Elements pushed
- * during a pass are visited by the rest of it.
+ * The element after a removed one is not visited in that pass; the next pass visits it. Elements pushed
+ * during a pass are visited before it ends.
  *
  * Between calls: (1) tail->next is null, and tail == head exactly when count is 0; (2) cursor is the node
- * before the visited element, or null after remove(); (3) resume is where the pass goes on after remove(),
- * and null while cursor is not. pop() must not be called between remove() and the next() that follows it: it
- * could free the node that resume points to. */
+ * before the visited element, or null after remove(); (3) after remove(), resume is the node from which the
+ * pass continues; while cursor is not null, resume is null. pop() must not be called between remove() and the
+ * next() that follows, because it could free the node that resume points to. */
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ struct linkedlist {
     node() = default;
     node(const node&) = delete;
     node& operator=(const node&) = delete;
-    ~node() { delete next; }  // and so the rest of the chain; recursive, hence short chains only
+    ~node() { delete next; }  // and with it the rest of the chain; recursive, so only for short chains
   };
 
   node* head;
@@ -83,7 +83,7 @@ struct linkedlist {
     return true;
   }
 
-  /* Goes on to the next element; after remove(), past the one behind the removed element. */
+  /* Goes on to the next element. After remove(), this skips the element after the removed one. */
   void next() {
     if (cursor && cursor->next) {
       cursor = cursor->next;
@@ -93,7 +93,7 @@ struct linkedlist {
     }
   }
 
-  /* Removes the element that the pass is on; nothing happens when it is on none. */
+  /* Removes the element that the pass is on, if there is one. */
   void remove() {
     if (!cursor || !cursor->next) return;
     node* victim = cursor->next;
@@ -106,7 +106,7 @@ struct linkedlist {
   }
 
  private:
-  // Frees `n` alone, not the chain behind it, and returns its value.
+  // Frees only `n`, not the chain after it, and returns its value.
   static T free_node(node* n) {
     T value = n->value;
     n->next = nullptr;

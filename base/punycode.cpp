@@ -7,7 +7,7 @@ namespace base {
 namespace {
 
 // RFC 3492, section 5.
-constexpr uint32_t radix = 36;  // its "base"
+constexpr uint32_t radix = 36;  // called "base" there
 constexpr uint32_t tmin = 1;
 constexpr uint32_t tmax = 26;
 constexpr uint32_t skew = 38;
@@ -15,8 +15,9 @@ constexpr uint32_t damp = 700;
 constexpr uint32_t initial_bias = 72;
 constexpr uint32_t initial_n = 128;
 
-// Counts marked positions below a given one, both in O(log n). The RFC walks the whole input once for each
-// distinct code point: a hostile label of 100 KB would hold everybody up.
+// Marks positions, and counts the marked ones below a given position, each in O(log n). The algorithm in the
+// RFC walks over the whole input once for each distinct code point, so a hostile label of 100 KB would block
+// all clients.
 class position_counter {
  public:
   explicit position_counter(size_t size) : sums_(size + 1) {}
@@ -56,7 +57,7 @@ void append_integer(std::string& out, uint32_t q, uint32_t bias) {
 }
 
 // Appends the ASCII code points of `input` to `out` and marks their places in `handled`. Returns the places
-// of the others, by code point, then by place.
+// of the other code points, sorted by code point, then by place.
 std::vector<size_t> append_basic(const std::vector<uint32_t>& input, std::string& out,
                                  position_counter& handled) {
   std::vector<size_t> others;
@@ -76,7 +77,7 @@ std::vector<size_t> append_basic(const std::vector<uint32_t>& input, std::string
 
 std::string punycode(const std::vector<uint32_t>& input) {
   std::string out;
-  position_counter smaller(input.size());  // where the code points are that are handled already
+  position_counter smaller(input.size());  // the places of the code points that are handled already
   const std::vector<size_t> order = append_basic(input, out, smaller);
   const auto basic = static_cast<uint32_t>(out.size());
   if (basic > 0 && !order.empty()) out += '-';

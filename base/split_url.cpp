@@ -8,7 +8,8 @@
 
 namespace {
 
-// Whether a separator was found with something in front of it. Positions are 32 bits and signed: npos is -1.
+// Whether a separator was found and there is something before it. Positions are cut to signed 32 bits, so
+// npos is -1.
 bool is_inside(size_t position) {
   return static_cast<int32_t>(position) >= 1;
 }
@@ -37,7 +38,7 @@ split_url::split_url(const std::string& url) : scheme("http"), path("/") {
     scheme = rest.substr(0, separator);
     rest.erase(0, separator + 3);
   } else if (rest.compare(0, 2, "//") == 0) {
-    scheme = "https";  // the URL leaves the scheme open: the safer one
+    scheme = "https";  // the URL leaves the scheme open, so the safer one is taken
     rest.erase(0, 2);
   }
 

@@ -1,7 +1,7 @@
 /* split_url: an absolute URL cut into scheme, host, port and path.
  *
- * Parsing never fails: what is not there gets a default. A slash right behind the scheme belongs to the host.
- * There is no handling of user information, fragments or bracketed addresses, and the query stays in the
+ * Parsing never fails: a missing part gets a default. A slash directly after the scheme's "://" belongs to
+ * the host. User information, fragments and bracketed addresses are not handled. The query stays in the
  * path. */
 #pragma once
 
@@ -11,12 +11,12 @@
 struct split_url {
   std::string scheme;  // "http" unless the URL says otherwise; "https" for one that begins with "//"
   std::string host;    // in ASCII form
-  int32_t port = 0;    // any number that the URL names, or the scheme's own: 80, 443 or 21
+  int32_t port = 0;    // the number in the URL, unchecked, or the scheme's default: 80, 443 or 21
   std::string path;    // always begins with "/"
 
   explicit split_url(const std::string& url);
 
-  /* `host` with every label that is not plain ASCII as "xn--" and its Punycode (RFC 3492). Labels are not
-   * normalised or case-folded; empty ones stay. */
+  /* Returns `host`. Each label that is not plain ASCII is replaced by "xn--" and its Punycode (RFC 3492).
+   * Labels are not normalised or case-folded; empty labels stay. */
   static std::string utf8_to_idn(const std::string& host);
 };

@@ -4,7 +4,7 @@
 
 var::var(kinds data_kind) : kind(data_kind), data(new var_data) {}  // deleted by unref()
 
-// The payloads are deleted by destroy(). They come last: a refused one leaves a var to release.
+// destroy() deletes the payloads. They are allocated last: when that fails, the var can be released as usual.
 var::var(const std::string& s) : var(string_kind) {
   data->payload = new std::string(s);
 }
@@ -71,8 +71,8 @@ void var::ref(const var& other) {
   }
 }
 
-// Depth first, elements before the array or object that they are in: a loop, because a nest of 30,000 arrays
-// is more than a stack holds.
+// Depth first: elements are released before the array or object that contains them. This is a loop, because
+// recursion into 30,000 nested arrays would overflow the stack.
 void var::unref() {
   var_data* current = let_go();
   while (current) {
@@ -91,7 +91,8 @@ void var::unref() {
   }
 }
 
-// Becomes null. Returns the payload when nobody else shares it: it is the caller's to destroy.
+// Becomes null. Returns the payload when nobody else shares it, and the caller must destroy it; null
+// otherwise.
 var::var_data* var::let_go() {
   var_data* last = kind >= string_kind && data && data->refs-- == 1 ? data : nullptr;
   if (last) last->released_kind = kind;
@@ -100,8 +101,8 @@ var::var_data* var::let_go() {
   return last;
 }
 
-// The next element of an array or object that is being released, from its first to its last, handed over.
-// Null when there is none.
+// Hands over the next element of an array or object that is being released, from the first to the last. Null
+// when there is none left.
 var* var::take_next_element(var_data& from) {
   if (!from.payload) return nullptr;
   if (from.released_kind == array_kind) {
@@ -160,7 +161,7 @@ var var::split(const std::string& separators) const {
   const std::string s = *this;
   auto is_separator = [&](char c) { return separators.find(c) != std::string::npos; };
   var result = array();
-  // Exactly as many as there will be pieces.
+  // Exactly the number of pieces.
   result.as_array().reserve(1 + static_cast<uint32_t>(std::count_if(s.begin(), s.end(), is_separator)));
   for (size_t start = 0;;) {
     size_t hit = s.find_first_of(separators, start);

@@ -1,8 +1,9 @@
 /* var: a small dynamically typed value that prints itself as JSON.
  *
- * Null, numbers and booleans live inside the var. Strings, arrays and objects live in a var_data that
- * several vars share; `refs` counts them, and the last one destroys it. Arrays and objects own the vars
- * inside them. Counts are plain integers: one thread. An object keeps the insertion order of its keys.
+ * Null, numbers and booleans live inside the var. Strings, arrays and objects live in a var_data that several
+ * vars share. `refs` counts these vars, and the last of them destroys the var_data. Arrays and objects own
+ * the vars inside them. The counts are plain integers, so only one thread may use them. An object keeps the
+ * insertion order of its keys.
  *
  * A payload that contains itself is allowed and prints as ERROR_CYCLE, but is never freed. */
 #pragma once
@@ -27,11 +28,11 @@ struct var {
     uint32_t refs = 1;
     void* payload = nullptr;  // owned: std::string, base::arraylist<var*> or base::hashmap<var*>, by kind
 
-    // While it is printed, or released: values may be nested more deeply than a stack could follow.
+    // For printing and releasing, which do not recurse: values may be nested too deeply for the stack.
     bool is_being_printed = false;
     int32_t released_kind = null_kind;
-    uint32_t released = 0;            // elements, or slots, that are gone
-    var_data* released_in = nullptr;  // the array or object from which it was taken, which ends after it
+    uint32_t released = 0;            // elements, or slots, that are already released
+    var_data* released_in = nullptr;  // the array or object that contained it; destroyed after it
 
     virtual ~var_data() = default;
   };
@@ -57,38 +58,38 @@ struct var {
   static var array();
   static var object();
 
-  /* Appends a value that shares `x`'s payload. Nothing happens on anything but an array. */
+  /* Appends a value that shares `x`'s payload. Does nothing if this is not an array. */
   void push(const var& x);
 
-  /* Stores a value that shares `x`'s payload under `key`. Nothing happens on anything but an object. */
+  /* Stores a value that shares `x`'s payload under `key`. Does nothing if this is not an object. */
   void set(const std::string& key, const var& x);
 
-  /* Takes over other's value, sharing its payload. What this var held is not released: for fresh and for
-   * released values only. */
+  /* Takes over `other`'s value and shares its payload. The old value of this var is not released, so call
+   * this only on a fresh or a released var. */
   void ref(const var& other);
 
-  /* Lets go of the value, and frees the payload when nobody else shares it; null afterwards. */
+  /* Releases the value, and frees the payload when nobody else shares it. The var is null afterwards. */
   void unref();
 
-  /* The element at position `i`, counted from the end when negative: a one-byte string, the value of the
-   * i-th key, or the i-th element. Null when there is none. */
+  /* The element at position `i`, counted from the end when `i` is negative: a one-byte string, the value of
+   * the i-th key, or the i-th element of an array. Null when there is none. */
   var get(int i) const;
 
-  /* The pieces of this value's text between bytes that occur in `separators`, as an array of strings;
-   * one piece more than separators found. A piece ends at its first zero byte. */
+  /* Cuts this value's text at every byte that occurs in `separators`, and returns the pieces as an array of
+   * strings. There is one piece more than separators in the text. A piece ends at its first zero byte. */
   var split(const std::string& separators) const;
 
   /* A string as it is; anything else as pretty JSON. */
   operator std::string() const;
 
-  /* The value as JSON text (RFC 8259 but for zero bytes in strings and ERROR_CYCLE). `visited` holds the
-   * arrays and objects being printed around this one, and is the same after the call. */
+  /* The value as JSON text (RFC 8259, except for zero bytes in strings and for ERROR_CYCLE). `visited` holds
+   * the arrays and objects around this value that are being printed. The call does not change it. */
   std::string to_json_helper(base::arraylist<var_data*>& visited, bool pretty) const;
 
  private:
   explicit var(kinds data_kind);
 
-  // Only after has_payload() of that kind.
+  // Call these only after has_payload() has returned true for that kind.
   std::string& as_string() const { return *static_cast<std::string*>(data->payload); }
   base::arraylist<var*>& as_array() const { return *static_cast<base::arraylist<var*>*>(data->payload); }
   base::hashmap<var*>& as_object() const { return *static_cast<base::hashmap<var*>*>(data->payload); }

@@ -8,7 +8,8 @@
 #include "base/text.h"
 #include "base/var.h"
 
-/* Appends values to one text. The arrays and objects that are being printed are a list instead of calls. */
+/* Appends values to one text. It keeps a list of the arrays and objects being printed; it does not recurse
+ * into them. */
 class var::printer {
  public:
   printer(const base::arraylist<var_data*>& visited, bool pretty) : visited_(visited), pretty_(pretty) {}
@@ -31,19 +32,19 @@ class var::printer {
  private:
   struct frame {
     const var* container;
-    size_t depth;  // of the arrays and objects around it
+    size_t depth;  // the number of arrays and objects around it
     bool is_multi_line;
     uint32_t next = 0;  // element or key
   };
 
-  const base::arraylist<var_data*>& visited_;  // what was being printed around the first one
+  const base::arraylist<var_data*>& visited_;  // the arrays and objects around the printed value
   const bool pretty_;
-  const var missing_;  // stands for an element that is not there
+  const var missing_;  // printed in place of an element that is not there
   std::vector<frame> frames_;
   std::string out_;
 
   bool is_cycle(const var& value) const {
-    if (value.kind < string_kind) return false;  // the word of a number or a boolean is no pointer
+    if (value.kind < string_kind) return false;  // a number or a boolean holds no pointer
     if (value.data && value.data->is_being_printed) return true;
     for (uint32_t i = 0; i < visited_.count; i++) {
       if (visited_.data[i] == value.data) return true;
@@ -51,7 +52,7 @@ class var::printer {
     return false;
   }
 
-  // A scalar as a whole, the opening of anything else.
+  // Prints the whole of a scalar, or the opening of an array or object.
   void begin(const var& value) {
     if (is_cycle(value)) {
       out_ += "ERROR_CYCLE";
@@ -119,7 +120,7 @@ class var::printer {
     frames_.pop_back();
   }
 
-  // The next element, or the closing. `f` dies with the element's own frame.
+  // Prints the next element, or the closing. `f` dies when the element gets a frame of its own.
   void go_on_with_array(frame& f) {
     const base::arraylist<var*>& list = f.container->as_array();
     if (f.next == list.count) {
