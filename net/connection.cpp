@@ -5,14 +5,14 @@
 
 #include "net/connection_memory.h"
 
-// The buffer is left alone: operator new has handed out zeros, and writing them again would touch its pages.
+// The buffer is left alone: operator new has returned zeros, and writing them again would touch its pages.
 // cppcheck-suppress uninitMemberVar
 connection::connection() : last_active(static_cast<int32_t>(time(nullptr))) {}
 
 namespace {
 
-// The object whose destructor has run last, and how much of its output buffer was written: for the delete
-// that follows, which finds no object any more.
+// The object whose destructor has run last, and how much of its output buffer was written. The delete that
+// follows needs this number, but the object has ended by then.
 struct {
   const void* object = nullptr;
   size_t filled = 0;  // bytes
@@ -26,7 +26,7 @@ connection::~connection() {
 
 void connection::fill_output() {
   const int before = out_filled;
-  out_filled = out_capacity;  // if on_send() throws, or gives a length that is none
+  out_filled = out_capacity;  // in case on_send() throws or sets a negative length
   keep = on_send(out, out_capacity, &out_len);
   if (out_len >= 0) out_filled = std::max(before, out_len);
 }
@@ -51,7 +51,7 @@ void connection::operator delete(void* object, size_t) noexcept {
   connection_memory::shared().give_back(object, filled);
 }
 
-// For a constructor that throws.
+// Called when a constructor throws.
 void connection::operator delete(void* object, const std::nothrow_t&) noexcept {
   connection_memory::shared().give_back(object);
 }

@@ -1,14 +1,15 @@
 /* connection: one TCP connection as a server handles it, with its output buffer.
  *
- * Owned by the list of the server that services it, which closes `sock` and deletes the object when the
- * connection ends. A subclass gets what was read in on_recv and gives what is to be written in on_send.
+ * Owned by the list of the server that services it. When the connection ends, this server closes `sock` and
+ * deletes the object. A subclass receives the bytes that were read in on_recv() and provides the bytes to
+ * write in on_send().
  *
- * The object is a little over 1 MiB of address space, most of it the output buffer. Objects on the heap
- * stand on zero pages of their own, so only the pages that are used cost memory; see net/connection_memory.h.
+ * The object takes a little over 1 MiB of address space, most of it for the output buffer. Objects on the
+ * heap stand on fresh zero pages, so only the pages that are used cost memory; see net/connection_memory.h.
  *
- * Between calls of the server: (1) 0 <= out_pos, and out_pos + out_len <= sizeof(out) while out_len > 0;
- * (2) out_len is 0 when on_send is called; (3) a negative out_len counts as output that is never sent. `keep`
- * is true at first: a connection may be written to before it was ever asked for output. */
+ * Between calls of the server: (1) 0 <= out_pos, and out_pos + out_len <= sizeof(out) while out_len > 0; (2)
+ * out_len is 0 when on_send is called; (3) a negative out_len counts as output that is never sent. `keep` is
+ * true at first, because a connection may be written to before it is first asked for output. */
 #pragma once
 
 #include <cstddef>
@@ -24,14 +25,14 @@ struct connection {
   uint32_t ip = 0;                    // the peer's IPv4 address in network order; 0 for outgoing connections
   int port = 0;                       // the peer's port in host order; 0 for outgoing connections
   int32_t last_active;                // seconds since the epoch, of the last read or write
-  abstract_server* server = nullptr;  // who accepted it, borrowed; null for outgoing connections
+  abstract_server* server = nullptr;  // the one that accepted it, borrowed; null for outgoing connections
   void* ssl = nullptr;                // the TLS session, owned by the TLS server
   int out_len = 0;                    // bytes of `out` still to be sent
-  int out_pos = 0;                    // where they start
+  int out_pos = 0;                    // where these bytes start
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
   uint8_t fruitless = 0;              // turns in a row in which the socket was ready and moved nothing
-  uint8_t unexplained = 0;            // the last of them, in a row, that did not ask to wait either
-  int out_filled = -1;                // bytes of `out` that were ever written, from its front; -1: unknown
+  uint8_t unexplained = 0;            // how many of these, up to the last, did not ask to wait either
+  int out_filled = -1;                // how many bytes at the front of `out` were ever written; -1: unknown
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
 
@@ -43,23 +44,24 @@ struct connection {
   virtual void on_recv(char* data, int len) = 0;
 
   /* Called when nothing is left to send: writes up to `cap` bytes to `buf` and stores their number in *len,
-   * which the caller has set to 0. Returns whether to stay open when they are sent. Not a byte may be written
-   * behind these: what is cleared for the next object on this memory goes by their number. */
+   * which the caller has set to 0. Returns whether the connection stays open after they are sent. No byte
+   * after these may be written, because only this number of bytes is cleared for the next object in this
+   * memory. */
   virtual bool on_send(char* buf, int cap, int* len) = 0;
 
-  /* Must not throw: the language ends the program. */
+  /* Must not throw: C++ would end the program. */
   virtual ~connection();
 
-  /* Has on_send() fill `out`, and keeps what it says in `out_len`, `keep` and `out_filled`. Throws what
+  /* Calls on_send() to fill `out`, and stores its results in `out_len`, `keep` and `out_filled`. Throws what
    * on_send() throws. */
   void fill_output();
 
-  /* The connection that update() is servicing; null outside. Set by the servers alone. */
+  /* The connection that update() is servicing; null outside update(). Only the servers set it. */
   static connection*& selected();
 
-  /* Zero-filled memory of connection_memory::shared(), given back by the deletes below, also when a
-   * constructor throws. The plain form throws std::bad_alloc when memory is refused, the other returns null.
-   */
+  /* Zero-filled memory from connection_memory::shared(). The operators delete below give it back, also when a
+   * constructor throws. When memory is refused, the plain form throws std::bad_alloc and the other one
+   * returns null. */
   static void* operator new(size_t size);
   static void* operator new(size_t size, const std::nothrow_t&) noexcept;
   static void* operator new(size_t, void* place) noexcept { return place; }

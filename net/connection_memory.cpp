@@ -23,8 +23,8 @@ constexpr size_t cache_line = 64;
 constexpr size_t most_cleared = 16384;                                // bytes of an output buffer
 constexpr unsigned all_free = (1U << connection_memory::slots) - 1U;  // as row::free_slots
 
-// The distance from object to object: whole cache lines, and an odd number of them, so that the hot fields
-// at the front of many objects spread over all sets of the cache instead of throwing each other out.
+// The distance from object to object: an odd number of whole cache lines. So the hot fields at the front of
+// many objects spread over all sets of the cache and do not evict each other.
 size_t stride_for(size_t size) {
   return ((size + cache_line - 1) / cache_line | 1) * cache_line;
 }
@@ -57,8 +57,8 @@ void* connection_memory::take(size_t size) noexcept {
   return r->at(slot);
 }
 
-// The first row with a free slot for `size` bytes, a new one if need be; null when memory is refused. A walk
-// over all rows, of which a full server has about 130.
+// The first row with a free slot for `size` bytes, or a new row; null when memory is refused. Walks over all
+// rows; a full server has about 130.
 connection_memory::row* connection_memory::find_row(size_t size) {
   for (row& r : rows_) {
     if (r.size == size && r.free_slots != 0) return &r;
@@ -99,11 +99,10 @@ void connection_memory::give_back(void* object, size_t filled) noexcept {
   }
 }
 
-// Makes an ended object all zero again. An output buffer that was hardly used is cleared, and its pages stay
-// for the next object.
+// Makes the memory of an ended object all zero again. An output buffer that was hardly used is cleared, and
+// its pages stay for the next object.
 void connection_memory::wipe(char* object, size_t size, size_t filled) const {
-  const size_t front =
-      sizeof(connection) - connection::out_capacity + filled;  // of the fields before it, too
+  const size_t front = sizeof(connection) - connection::out_capacity + filled;  // with the fields before it
   char* middle = object + front;
   char* tail = object + connection::out_capacity;
   if (filled > most_cleared) {
@@ -111,7 +110,7 @@ void connection_memory::wipe(char* object, size_t size, size_t filled) const {
     tail = page_of(tail);
     const auto between = static_cast<size_t>(tail - middle);
     if (madvise(middle, between, MADV_DONTNEED) != 0)
-      memset(middle, 0, between);  // refused for locked memory
+      memset(middle, 0, between);  // the system refuses this for locked memory
   }
   memset(object, 0, static_cast<size_t>(middle - object));
   memset(tail, 0, static_cast<size_t>(object + size - tail));
@@ -121,7 +120,8 @@ char* connection_memory::page_of(char* place) const {
   return place - reinterpret_cast<uintptr_t>(place) % page_;
 }
 
-// False when the system would have to split a mapping and has no memory or number left for that.
+// Returns false when the system would have to split a mapping and has too little memory or too many mappings
+// for that.
 bool connection_memory::unmap(row& r) {
   OPEN_FOR_USE(r.base, r.length);
   if (munmap(r.base, r.length) == 0) return true;

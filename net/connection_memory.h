@@ -1,31 +1,31 @@
-/* connection_memory: where connection objects stand, in rows of eight, back to back, on pages mapped from the
- * system.
+/* connection_memory: the memory of the connection objects. They stand in rows of eight, without gaps, on
+ * pages mapped from the system.
  *
- * A fresh page is zero and costs nothing until it is touched, so an object of over 1 MiB costs the page or
- * two that a small exchange uses: its last fields share a page with the first ones of the next object. malloc
- * would do for fresh memory, but calloc writes zeros over memory that it has had back, a MiB for each
- * connection. Here the end of an object clears what was written when that was little, and otherwise returns
- * the pages of its output buffer to the system. Some free slots wait for the next connections, which saves
- * the page faults that dominate the cost of short ones.
+ * A fresh page is zero and costs nothing until it is touched. So an object of over 1 MiB costs only the page
+ * or two that a small exchange uses: its last fields share a page with the first fields of the next object.
+ * malloc would be enough for fresh memory. But for memory that was used before, calloc writes zeros, a MiB
+ * for each connection. Here, when an object ends and its output buffer was hardly used, the bytes written are
+ * cleared. Otherwise the pages of the output buffer return to the system. Some free slots wait for the next
+ * connections, which saves the page faults that dominate the cost of short connections.
  *
- * Processor time of a connection with one request (ab with 64 at once, release build, a busy virtual machine
- * with two cores, medians of the ratios of 9 to 15 rounds in turns): rows of one object instead of eight cost
- * 1.09 of this; no slots that wait, 1.15; 64 of them instead of 128, 1.06, because 64 relayed clients are 128
- * objects; output buffers whose pages always go back to the system, 1.02, and 1.06 with one client after the
- * other. An idle client takes 5.0 KiB of resident memory (RSS); with its object on pages of its own it took
- * 8.0 (bench/run, "idle client").
+ * Other designs cost more processor time for a connection with one request (ab with 64 at once, release
+ * build, a busy virtual machine with two cores, medians of the ratios of 9 to 15 rounds in turns): rows of
+ * one object instead of eight, 1.09 times; no waiting slots, 1.15 times; 64 waiting slots instead of 128,
+ * 1.06 times, because 64 relayed clients are 128 objects; output buffers whose pages always return to the
+ * system, 1.02 times, and 1.06 times with one client after the other. An idle client takes 5.0 KiB of
+ * resident memory (RSS); with its object on pages of its own it took 8.0 KiB (bench/run, "idle client").
  *
- * A slot is free or taken: take() hands it over to the caller, who gives it back by give_back(). A row is
- * memory for eight objects of one size; its slots wait for objects of that size only.
+ * A slot is free or taken: take() hands a slot over to the caller, who gives it back with give_back(). A row
+ * is memory for eight objects of one size; its slots wait for objects of that size only.
  *
- * Between calls: (1) bit i of `free_slots` of a row is set exactly when its slot i is free; (2) `spare` is
+ * Between calls: (1) bit i in each row's `free_slots` is set exactly when its slot i is free; (2) `spare` is
  * the number of free slots in all rows; (3) a free slot is zero in all of its `size` bytes; (4) taken slots
- * do not overlap, and nothing here writes to them; (5) a give_back() that leaves its row without an object
- * unmaps the row, if `most_spare` free slots remain without it and the system lets go of it.
+ * do not overlap, and nothing here writes to them; (5) a give_back() after which its row has no object unmaps
+ * the row, if at least `most_spare` free slots remain in the other rows and the system can unmap it.
  *
- * Refused memory: take() returns null when the list of rows cannot grow or the system maps no more pages, and
- * everything is as before. give_back() needs none. Where the system does not take pages back, they are
- * cleared in place; a row that it does not unmap stays for the next objects of its size. */
+ * When memory is refused: take() returns null if the list of rows cannot grow or the system maps no more
+ * pages, and nothing has changed. give_back() needs no memory. Pages that the system does not take back are
+ * cleared in place. A row that the system does not unmap stays for the next objects of its size. */
 #pragma once
 
 #include <cstddef>
@@ -46,15 +46,16 @@ class connection_memory {
   /* Unmaps all rows. Every object must have ended. */
   ~connection_memory();
 
-  /* The memory of all connections. It is never destroyed: connections end until the process does. */
+  /* The memory of all connections. It is never destroyed, because connections may end as late as the
+   * process. */
   static connection_memory& shared();
 
-  /* Hands over `size` bytes, all zero and as aligned as a cache line; at least a connection's size. Null when
-   * the memory is refused. */
+  /* Hands over `size` bytes, all zero and aligned to a cache line. `size` is at least that of a connection.
+   * Null when the memory is refused. */
   void* take(size_t size) noexcept;
 
-  /* Takes back what take() has handed over. Of the output buffer of the object that was there, only the first
-   * `filled` bytes may have been written. */
+  /* Takes back memory from take(). The object in it must not have written more of its output buffer than the
+   * first `filled` bytes. */
   void give_back(void* object, size_t filled = connection::out_capacity) noexcept;
 
  private:
@@ -62,7 +63,7 @@ class connection_memory {
     char* base;
     size_t length;        // bytes mapped
     size_t size;          // of its objects
-    unsigned free_slots;  // a bit for each
+    unsigned free_slots;  // one bit for each slot
 
     char* at(unsigned slot) const;
     unsigned slot_of(const char* object) const;

@@ -12,7 +12,7 @@ const addrinfo* name_memory::find(const std::string& host, int port, int& code) 
 
   code = 0;
   const std::string service = std::to_string(port);
-  const std::string key = host + ":" + service;  // a port has no colon: the last one parts them
+  const std::string key = host + ":" + service;  // a port has no colon, so the last colon separates them
   addrinfo* list = lists_->get(key);
   if (list) return list;
   addrinfo hints = {};

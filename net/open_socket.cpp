@@ -21,21 +21,21 @@ namespace {
 
 constexpr int backlog = 128;
 
-// The kernel may buffer this much of an upstream's reply, in bytes. Left to itself it grows to several
-// MiB, all of which a turn reads into memory before the client has taken any of it.
+// How many bytes of an upstream's response the kernel may buffer. Without a limit its buffer grows to several
+// MiB. A turn would read all of this into memory before the client has taken any of it.
 constexpr int upstream_receive_buffer = 512 * 1024;
 
 void set_option(int sock, int level, int name, int value) {
   setsockopt(sock, level, name, &value, sizeof(value));
 }
 
-// Without TCP_NODELAY, the second of two small packets waits for the peer's delayed acknowledgement, 40 ms.
+// Without TCP_NODELAY, the second of two small packets waits 40 ms for the peer's delayed acknowledgement.
 void send_at_once(int sock) {
   set_option(sock, IPPROTO_TCP, TCP_NODELAY, 1);
 }
 
-// Keepalive finds peers that vanished without a word, after 60 + 4 * 15 s; proxied connections have no
-// time-out that would.
+// Keepalive finds peers that vanished without closing, after 60 + 4 * 15 s. Proxied connections have no
+// time-out that would find them.
 void probe_silent_peers(int sock) {
   set_option(sock, SOL_SOCKET, SO_KEEPALIVE, 1);
   set_option(sock, IPPROTO_TCP, TCP_KEEPIDLE, 60);
@@ -47,8 +47,8 @@ void set_nonblocking(int sock) {
   fcntl(sock, F_SETFL, fcntl(sock, F_GETFL) | O_NONBLOCK);
 }
 
-// socket() for an address, with a descriptor that fits into the sets; -1 otherwise. `flags` may be
-// SOCK_NONBLOCK.
+// Opens a socket for an address, with a descriptor that fits into the sets. Returns -1 when it cannot.
+// `flags` may be SOCK_NONBLOCK.
 int open_socket(const addrinfo& address, int flags) {
   int sock = socket(address.ai_family, address.ai_socktype | flags, address.ai_protocol);
   if (sock == -1 || fits(sock)) return sock;
@@ -56,8 +56,8 @@ int open_socket(const addrinfo& address, int flags) {
   return -1;
 }
 
-// Prints the IPv4 addresses of the adapters, one a line. Not by way of a string: a server that starts again
-// in the middle of its work must not fail for lack of memory.
+// Prints the IPv4 addresses of the adapters, one a line. It builds no string: a server that restarts while it
+// serves must not fail because memory is short.
 void print_adapters() {
   ifaddrs* adapters = nullptr;
   if (getifaddrs(&adapters) != 0) adapters = nullptr;
@@ -83,14 +83,14 @@ void print_binding(bool localhost_only, int port) {
   }
 }
 
-// Closes a socket that could not be made to listen, and returns listen()'s false.
+// Closes a socket that cannot listen, and returns false for listen().
 bool give_up(int& sock) {
   ::close(sock);
   sock = -1;
   return false;
 }
 
-// Opens, binds and sets listening a socket for one address; the rest is as listen() says.
+// Opens a socket for one address, binds it and makes it listen. The rest of the contract is that of listen().
 bool listen_on(int& sock, const addrinfo& address) {
   sock = open_socket(address, 0);
   if (sock == -1) {
@@ -99,7 +99,7 @@ bool listen_on(int& sock, const addrinfo& address) {
   }
   set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1);
   set_option(sock, SOL_SOCKET, SO_REUSEPORT, 1);
-  send_at_once(sock);  // both inherited by what is accepted, which saves the calls there
+  send_at_once(sock);  // accepted sockets inherit both, which saves the calls there
   probe_silent_peers(sock);
   int bound = bind(sock, address.ai_addr, address.ai_addrlen);
   if (bound == -1) {
@@ -117,7 +117,7 @@ bool listen_on(int& sock, const addrinfo& address) {
   return true;
 }
 
-// The dotted form of an address; what cannot be printed is named so.
+// The printed form of an address, or a text that says that it has none.
 std::string address_text(const addrinfo& address) {
   char text[46];
   if (address.ai_family == AF_INET)
@@ -127,7 +127,7 @@ std::string address_text(const addrinfo& address) {
   return "(Unknown address family)";
 }
 
-// Whether the peer is on this machine, where nobody vanishes without a word: a process that ends closes its
+// Whether the peer is on this machine. There it cannot vanish without closing: a process that ends closes its
 // sockets.
 bool is_loopback(const addrinfo& address) {
   if (address.ai_family != AF_INET) return false;
@@ -145,14 +145,16 @@ int open_upstream_socket(const addrinfo& address, int flags) {
   return sock;
 }
 
-// The first address from `a` on that is not IPv6, over which no upstream is reached; null when there is none.
+// The first address from `a` on that is not IPv6; null when there is none. Upstreams are not reached over
+// IPv6.
 const addrinfo* skip_ipv6(const addrinfo* a) {
   while (a && a->ai_family == AF_INET6) a = a->ai_next;
   return a;
 }
 
-// Where nobody listens on a port out of the range for outgoing connections, the system may give this very
-// port to the connection, which then is its own peer (RFC 9293, section 3.5, simultaneous open).
+// Nobody may be listening on a port, and the port may lie in the range for outgoing connections. Then the
+// system may choose this very port for the near end of the connection, which so becomes its own peer (RFC
+// 9293, section 3.5, simultaneous open).
 bool is_connected_to_itself(int sock, const addrinfo& address) {
   sockaddr_in own = {};
   socklen_t length = sizeof(own);
@@ -162,8 +164,8 @@ bool is_connected_to_itself(int sock, const addrinfo& address) {
   return own.sin_port == peer->sin_port && own.sin_addr.s_addr == peer->sin_addr.s_addr;
 }
 
-// connect(), for which a connection to itself counts as refused. It is undone, which frees the port for a
-// server. A socket that does not block may be connected to itself before it knows that it is connected.
+// Calls connect(). A connection to itself counts as refused; it is undone, which frees the port for a server.
+// A non-blocking socket may be connected to itself although connect() says that it is still in progress.
 bool connect_socket(int sock, const addrinfo& address) {
   const bool is_connected = ::connect(sock, address.ai_addr, address.ai_addrlen) == 0;
   if (!is_connected && errno != EINPROGRESS) return false;
@@ -173,8 +175,8 @@ bool connect_socket(int sock, const addrinfo& address) {
   return false;
 }
 
-// Starts connecting to the first address, which decides. Failed or under way: what became of it shows when
-// the socket is used.
+// Starts connecting to the first address; no other one is tried. Whether that has worked shows when the
+// socket is used.
 int connect_to_first(const addrinfo* addresses) {
   const addrinfo* a = skip_ipv6(addresses);
   if (!a) return -1;
@@ -233,8 +235,8 @@ bool has_failed(int sock) {
   sockaddr_storage peer;
   socklen_t peer_length = sizeof(peer);
   if (getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &peer_length) == 0) return false;
-  // Failed or under way. Not SO_ERROR: connect() has already reported, and thereby forgotten, an error that
-  // it met itself.
+  // Failed or in progress. SO_ERROR does not tell: an error that connect() itself has reported is cleared by
+  // then.
   tcp_info info = {};
   socklen_t length = sizeof(info);
   return getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || info.tcpi_state == TCP_CLOSE;

@@ -1,11 +1,11 @@
-/* redirect_server: a server<T> whose clients are all sent to HTTPS. What it makes is always a redirector; T
- * only names the server that it stands in for. It services upstream connections like any other server. */
+/* redirect_server: a server<T> that redirects all its clients to HTTPS. It always creates a redirector; T
+ * only names the server that it replaces. It services upstream connections like any other server. */
 #pragma once
 
 #include "net/server.h"
 
-/* A new `redirector`, handed over; null when there is no memory. Defined where that class is, in
- * proxy/redirector.cpp: the layer below cannot include it. */
+/* Hands over a new `redirector`; null when there is no memory. Defined in proxy/redirector.cpp, together with
+ * that class, because this layer cannot include it. */
 connection* new_redirector();
 
 template <class T>

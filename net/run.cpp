@@ -14,10 +14,10 @@ namespace {
 
 constexpr int longest_farewell_ms = 1000;
 
-using flag = volatile sig_atomic_t;  // what a signal handler may store to
+using flag = volatile sig_atomic_t;  // a type that a signal handler may write
 
-// Has SIGINT call `handler`. A write that blocks is interrupted by it: with a console that nobody reads, the
-// program would otherwise wait for its reader for ever.
+// Makes SIGINT call `handler` and interrupt a write that blocks. Otherwise the program would wait for ever
+// when nobody reads its console.
 void on_interrupt(void (*handler)(int)) {
   signal(SIGINT, handler);
   struct sigaction action;
@@ -26,11 +26,11 @@ void on_interrupt(void (*handler)(int)) {
   sigaction(SIGINT, &action, nullptr);
 }
 
-// What is left to say once the loop has ended. exit() would wait for ever to write it to a console that takes
-// nothing more, so it is dropped there.
+// Prints what is left to print after the loop has ended. If the console takes nothing more, this output is
+// dropped, because exit() would wait for ever to write it.
 void say_farewell() {
   pollfd console = {STDOUT_FILENO, POLLOUT, 0};
-  if (poll(&console, 1, longest_farewell_ms) <= 0)  // nor for a second SIGINT
+  if (poll(&console, 1, longest_farewell_ms) <= 0)  // also after a second SIGINT
     __fpurge(stdout);
   else
     printf("Shutting down...\n");

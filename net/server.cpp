@@ -14,14 +14,14 @@
 
 namespace {
 
-// Tells a connection its socket and whose it is.
+// Stores the socket and the peer's address in a connection.
 void introduce(connection* conn, int client, const sockaddr_in& peer) {
   conn->port = ntohs(peer.sin_port);
   conn->sock = client;
   conn->ip = peer.sin_addr.s_addr;
 }
 
-// Takes back a client that is not in the list yet. There may be no object for it.
+// Turns away a client that is not in the list yet. `conn` may be null.
 void refuse(connection* conn, int client) {
   delete conn;
   sockets::close(client);
@@ -58,7 +58,7 @@ bool server_base::accept_connection() {
   connection* conn = nullptr;
   bool is_welcome = false;
   try {
-    // A descriptor that no set can hold is turned away, and those already there go on undisturbed.
+    // A client whose descriptor no set can hold is turned away; this does not disturb the other clients.
     if (sockets::fits(client)) conn = create_connection(static_cast<int>(peer.sin_addr.s_addr));
     if (conn) {
       introduce(conn, client, peer);
@@ -84,15 +84,16 @@ void server_base::add_connection(connection* conn) {
   sockets::add(conn->sock);
 }
 
-// After a failed select(), when nothing is known about any socket, or a failed accept(): all connections go.
+// Called after a failed select(), when nothing is known about any socket, or after a failed accept(). Ends
+// all connections.
 void server_base::restart() {
   const int cause = errno;
   stop();
   start();
-  errno = cause;  // the next server looks at it too
+  errno = cause;  // the next server looks at it, too
 }
 
-// The pass skips the connection after this one. What it has to say, or has not read, must not wait until
+// The pass skips the connection after this one. That connection's output and unread bytes must not wait until
 // something else happens.
 void server_base::unlink_and_end(connection* conn) {
   connections.remove();
@@ -100,7 +101,8 @@ void server_base::unlink_and_end(connection* conn) {
   end_connection(conn);
 }
 
-// Called while an exception is handled: says whose hook has thrown it. A text goes on to the driver.
+// Called while an exception is handled: prints whose hook has thrown it. A std::string is thrown on to the
+// driver.
 void server_base::print_failure(int failed) {
   try {
     throw;

@@ -1,22 +1,22 @@
-/* The servers: who accepts, services and ends connections.
+/* The servers: they accept, service and end connections.
  *
- * abstract_server is the interface and the main loops. server_base is the engine: the connection list and
- * one turn of service, update(). server<T> adds only the making of T objects.
+ * abstract_server is the interface and the main loops. server_base is the engine: the connection list and one
+ * turn of service, update(). server<T> adds only the creation of T objects.
  *
  * A server owns its listening socket and the connections in its list; it closes and deletes them. One
  * thread drives all servers: a turn is one sockets::select_all(), then update() on each.
  *
- * What a server does with a ready socket is decided in server_base alone; the hooks recv() and send() only
- * move bytes:
- * (1) A pass reads from a connection until the transport has no more for now, but at most 64 times, and until
- *     it has a MiB, divided by the number of ready sockets, or 64 KiB if that is less than this. What is left
- *     is read in the next turn, which follows at once.
- * (2) When the socket is ready, the transport moves nothing and does not ask to wait, 64 turns in a row, the
- *     connection is dead: the time-out rule ends it in the next turn. A loop that waits for it would spin.
- * (3) When it moves nothing 64 turns in a row, but asks to wait in the last one, the connection lives. The
- *     loop would spin as well: a TLS session may have to write before it can read, or the reverse. So the
- *     direction that bears nothing is left out of every other wait.
- * (4) A hook that throws ends its connection, which is printed, and harms no other. A std::string passes
+ * server_base alone decides what happens to a ready socket; the hooks recv() and send() only move bytes:
+ * (1) A pass reads from a connection until the transport has no more for now, but at most 64 times, and only
+ *     until it has read its share. The share is a MiB divided by the number of ready sockets, but at least
+ *     64 KiB. The rest is read in the next turn, which follows at once.
+ * (2) A socket may be ready although the transport moves nothing and does not ask to wait. After 64 such
+ *     turns in a row the connection is dead, and the time-out rule ends it in the next turn. Otherwise the
+ *     loop would spin.
+ * (3) The transport may also move nothing 64 turns in a row, but ask to wait in the last of them. Then the
+ *     connection lives: a TLS session may have to write before it can read, or the reverse. But the loop
+ *     would spin here, too, so every other wait leaves out the direction in which nothing moves.
+ * (4) A hook that throws ends only its own connection, and this is printed. But a std::string passes
  *     through: it is the text of a missing entry point of OpenSSL, which ends the run. */
 #pragma once
 
@@ -32,7 +32,8 @@ struct abstract_server {
   abstract_server& operator=(const abstract_server&) = delete;
   virtual ~abstract_server() = default;
 
-  /* Opens the listening socket, if there is to be one. False after printing why it cannot. */
+  /* Opens the listening socket, if the server needs one. Returns false, after printing the cause, when it
+   * cannot. */
   virtual bool start() = 0;
 
   /* One turn of service, after sockets::select_all(). */
@@ -41,33 +42,34 @@ struct abstract_server {
   /* Called by the loop over several servers after a turn in which no socket was ready. */
   virtual void on_idle() {}
 
-  /* A new connection object for a client at `ip`, the bits of connection::ip, handed over to the caller. Null
+  /* Hands over a new connection object for a client at `ip`, which has the bits of connection::ip. Null
    * refuses the client. */
   virtual connection* create_connection(int ip) = 0;
 
-  /* Called when the connection is complete and its socket non-blocking. False refuses the client. */
+  /* Called when the connection object is complete and its socket is non-blocking. False refuses the
+   * client. */
   virtual bool on_accept(connection* conn) = 0;
 
-  /* Called when the connection has ended: its socket is closed and in no set, the object is about to be
-   * deleted. */
+  /* Called when the connection has ended: its socket is closed and in no set. The object is deleted right
+   * after the call. */
   virtual void on_remove(connection* conn) = 0;
 
-  /* Reads up to `len` bytes. Returns their number, 0 when the peer has closed, negative when there is
-   * nothing now.
-   * Both transport hooks also speak through errno, which the server sets to 0 before each call and looks at
-   * after it: EAGAIN or EINTR, after whatever result, says that the system has no more for now and that
-   * select() will tell when it has. A hook that has not asked the system leaves errno alone. */
+  /* Reads up to `len` bytes. Returns their number, 0 when the peer has closed, negative when there is nothing
+   * now. Both transport hooks also report through errno. The server sets it to 0 before each call and looks
+   * at it after the call. EAGAIN or EINTR, with any result, means that the system has no more for now and
+   * that select() will tell when it has. A hook that makes no system call leaves errno alone. */
   virtual int recv(connection* conn, char* buf, int len) = 0;
 
-  /* Writes up to `len` bytes. Returns how many were taken; 0 or negative when none can be now. */
+  /* Writes up to `len` bytes. Returns how many were accepted; 0 or negative when none can be accepted now. */
   virtual int send(connection* conn, char* buf, int len) = 0;
 
-  /* Starts this server and serves until SIGINT; returns at once, without a word of its own, when it cannot
-   * start. on_idle() is not called. */
+  /* Starts this server and serves until SIGINT. When it cannot start, returns at once; start() has printed
+   * the cause. on_idle() is not called. */
   void run();
 
   /* Starts the servers of a null-terminated array, which is borrowed, and drives them in its order until
-   * SIGINT. Returns at once, after saying so, when one cannot start; the others stay as they are. */
+   * SIGINT. When one cannot start, prints a message and returns at once; the other servers stay as they
+   * are. */
   static void run(abstract_server** servers);
 };
 
@@ -85,7 +87,7 @@ struct server_base : abstract_server {
   bool start() override;
   void update() override;
   bool on_accept(connection*) override { return true; }
-  // The destructor ends connections without the hook of a derived server, whose part is gone by then.
+  // The destructor ends connections without the hook of a derived server, whose part is already destroyed.
   // cppcheck-suppress virtualCallInConstructor
   void on_remove(connection*) override {}
   int recv(connection* conn, char* buf, int len) override;
@@ -94,15 +96,15 @@ struct server_base : abstract_server {
   /* Ends all connections in order of arrival and closes the listening socket. May be called again. */
   void stop();
 
-  /* Accepts one client. A refused one counts as accepted, and so does one for which a hook has thrown; false
-   * only when accept() failed, which is printed. */
+  /* Accepts one client. Returns false only when accept() has failed, which is printed. A client that is
+   * refused, or for which a hook throws, counts as accepted. */
   bool accept_connection();
 
-  /* Takes over a connection that was opened elsewhere, with its socket: services and ends it from now on.
+  /* Takes over a connection that was opened elsewhere, with its socket: this server services it and ends it.
    * Throws std::bad_alloc when there is no memory; nothing is taken over then. */
   void add_connection(connection* conn);
 
-  /* Closes the connection's socket and deletes it. The caller has taken it off the list. */
+  /* Closes the connection's socket and deletes the connection. The caller has removed it from the list. */
   void end_connection(connection* conn);
 
  private:

@@ -15,29 +15,30 @@ namespace {
 
 constexpr int read_capacity = 1048576;  // bytes
 
-constexpr int most_reads = 64;  // in a pass; for TLS, whose records may be of a byte
+constexpr int most_reads = 64;  // in a pass; this matters for TLS, whose records may hold one byte
 constexpr int least_share = 65536;
 
-// How many bytes a pass takes from one connection, but for the rest of a read that reaches this. All
-// connections together are to take about a MiB, which is still in the cache when it leaves the pipes and the
-// output buffers. With a MiB for each, a reply of 1 MiB with 16 clients cost 1.8 of the processor time, and
-// 1.5 over TLS (wrk, two busy cores of a virtual machine, medians of the ratios of 5 rounds in turns). With
-// 64 KiB for one that is alone, a long download cost 1.2.
+// How many bytes a pass takes from one connection. The last read may exceed this number. All connections
+// together should take about a MiB, which is still in the cache when it leaves the pipes and the output
+// buffers. With a MiB for each connection, a response of 1 MiB with 16 clients took 1.8 times the processor
+// time, and 1.5 times over TLS (wrk, two busy cores of a virtual machine, medians of the ratios of 5 rounds
+// in turns). With 64 KiB for a connection that is alone, a long download took 1.2 times.
 int share_of_a_pass() {
   return std::max(least_share, read_capacity / std::max(1, sockets::num_ready()));
 }
 
 constexpr int report_interval = 5;  // seconds
 
-// The buffer that all servers read into: a pass uses it for one connection at a time. Its pages come with the
-// first bytes read into them. Allocated at the first read, it could be refused in the middle of a turn.
+// The buffer that all servers read into: a pass uses it for one connection at a time. A page of it costs
+// memory only after bytes were read into it. It is static, because an allocation at the first read could fail
+// in the middle of a turn.
 alignas(4096) char read_buffer[read_capacity];
 
-// Both times are taken as 32 bits, which wrap in 2038; their difference does not.
+// Both times are cut to 32 bits, which wrap in 2038; their difference stays right.
 bool has_timed_out(const connection* conn, int64_t now) {
   auto idle_seconds =
       static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(conn->last_active));
-  // Active in this very second: `timeout` stands behind the output buffer, in memory that a pass over many
+  // idle_seconds is tested first: `timeout` stands after the output buffer, in memory that a pass over many
   // busy connections need not touch.
   return idle_seconds > 0 && conn->timeout >= 0 && idle_seconds > conn->timeout;
 }
@@ -50,7 +51,7 @@ bool asks_to_wait(int cause) {
 }  // namespace
 
 // One turn: read and write what the last select() found ready, accept one client, then ask every connection
-// without output for more. What it gives goes out in the next turn.
+// without output for more. This output is sent in the next turn.
 void server_base::update() {
   if (sockets::num_ready() < 0) {
     if (errno == EINTR) return;
@@ -65,15 +66,15 @@ void server_base::update() {
   report(now);
 }
 
-// Has the fields at the front of every connection fetched into the cache, all at once. In a pass over many
-// connections each of these would be waited for, one after the other: 1.08 of the processor time of a
-// kept-alive request with 400 clients (wrk, median of the ratios of 31 rounds in turns on two busy cores;
-// shorter runs gave 1.06 and 0.99).
+// Fetches the fields at the front of every connection into the cache, all at once. Otherwise a pass over many
+// connections would wait for each of these, one after the other: a kept-alive request with 400 clients took
+// 1.08 times the processor time (wrk, median of the ratios of 31 rounds in turns on two busy cores; shorter
+// runs gave 1.06 and 0.99).
 void server_base::prefetch_connections() const {
   for (auto* node = connections.head->next; node; node = node->next) __builtin_prefetch(node->value);
 }
 
-// One pass over the list, with `serve` called for each connection.
+// Makes one pass over the list and calls `serve` for each connection.
 template <class F>
 void server_base::for_each_connection(F serve) {
   connection*& selected = connection::selected();
@@ -84,7 +85,7 @@ void server_base::for_each_connection(F serve) {
       serve(conn);
     } catch (const std::string&) {
       selected = nullptr;
-      throw;  // thrown by the end of a connection, too, which is gone then
+      throw;  // the end of a connection throws it, too; the connection is gone then
     } catch (...) {
       print_failure(conn->sock);
       unlink_and_end(conn);
@@ -107,8 +108,8 @@ void server_base::service(connection* conn, int64_t now) {
   }
 }
 
-// The peer's closing ends the connection, pending output or not. A client that sends faster than its bytes
-// are dealt with must not keep the others waiting, hence the bound.
+// When the peer closes, the connection ends, even with output pending. The reads are limited, because a
+// client that sends faster than its bytes are handled must not keep the others waiting.
 void server_base::read_from(connection* conn, int64_t now) {
   int n = 0;
   int cause = 0;
@@ -156,7 +157,7 @@ int server_base::send_pending(connection* conn) {
   return send(conn, conn->out + conn->out_pos, conn->out_len);
 }
 
-// The socket was ready, and nothing moved; see the rules in the header.
+// Called when the socket was ready and nothing moved; see rules 2 and 3 in the header.
 void server_base::note_fruitless_turn(connection* conn, directions direction, bool is_waiting, int64_t now) {
   if (conn->fruitless < most_fruitless_turns) conn->fruitless++;
   if (is_waiting)
@@ -166,25 +167,25 @@ void server_base::note_fruitless_turn(connection* conn, directions direction, bo
 
   if (conn->unexplained == most_fruitless_turns) {
     conn->timeout = 0;
-    conn->last_active = static_cast<int32_t>(now - 2);  // even if the clock steps back by a second until then
+    conn->last_active = static_cast<int32_t>(now - 2);  // even if the clock steps back by a second meanwhile
   } else if (!is_waiting || conn->fruitless < most_fruitless_turns) {
     return;
   } else if (direction == reading) {
     sockets::rest_reading(conn->sock);
-    sockets::mark_ready(conn->sock);  // ends the wait when the session can write what it has to
+    sockets::mark_ready(conn->sock);  // ends the wait when the session can write what it must
   } else {
     sockets::rest_writing(conn->sock);
   }
 }
 
-// The write loop ends with an empty write, which needs no system call; and a negative length must never
-// reach the system, which would take it for a huge one.
+// The write loop ends with an empty write, which needs no system call. A negative length must never reach the
+// system, which would take it for a huge one.
 int server_base::send(connection* conn, char* buf, int len) {
   if (len <= 0) return 0;
   return static_cast<int>(::send(conn->sock, buf, static_cast<size_t>(len), 0));
 }
 
-// Fewer bytes than asked for mean that the socket is drained: another call would only be told so.
+// Fewer bytes than asked for mean that the socket is drained, so another call would find nothing.
 int server_base::recv(connection* conn, char* buf, int len) {
   const int most = std::min(len, share_of_a_pass());
   int n = static_cast<int>(::recv(conn->sock, buf, static_cast<size_t>(most), 0));
@@ -206,7 +207,7 @@ void server_base::ask_for_output(connection* conn) {
   }
 }
 
-// Says how many connections there are, while there are any, and once more when the last has gone.
+// Prints how many connections there are, while there are any, and once more when the last one has ended.
 void server_base::report(int64_t now) {
   if (now - last_report <= report_interval) return;
   if (connections.count != 0 || last_count != 0) printf("%d connections\n", connections.count);

@@ -24,10 +24,10 @@ fd_set* new_set() {
   return set;
 }
 
-// What the passes ask of the next wait, and of it alone.
+// What the passes ask of the next wait, and of no later one.
 struct {
-  bool is_any = false;  // the sets below are not empty: most turns need not look at them
-  fd_set unread;        // readable without asking
+  bool is_any = false;  // some set below is not empty; most turns need not look at them
+  fd_set unread;        // readable without asking select()
   fd_set not_read;      // left out for reading,
   fd_set not_written;   // and for writing
   fd_set granted;       // what `unread` was for the last wait
@@ -52,7 +52,7 @@ void subtract(fd_set* from, const fd_set& set) {
   }
 }
 
-// Prepares the sets for a wait that is not like the others; returns how long it is to be.
+// Changes the sets for the next wait as it was asked for. Returns how long the wait may be, in microseconds.
 int grant_wishes() {
   subtract(readable(), wishes.not_read);
   subtract(writable(), wishes.not_written);
@@ -62,7 +62,7 @@ int grant_wishes() {
   return longest_wait_us;
 }
 
-// Adds to the results what is readable without asking.
+// Adds to the results the sockets that are readable without asking select().
 void add_unread() {
   for (int sock = 0; sock < FD_SETSIZE; sock++) {
     if (!FD_ISSET(sock, &wishes.unread) || FD_ISSET(sock, readable())) continue;
@@ -114,9 +114,9 @@ void select_all() {
   if (num_ready() < 0 && errno != EINTR) {
     int cause = errno;
     printf("select() failed! %d\n", cause);
-    errno = cause;  // the servers look at it
+    errno = cause;  // for the servers
   }
-  // After a failed wait the servers skip the turn, and the wishes hold for the next one.
+  // After a failed wait the servers skip the turn, and the wishes hold for the next wait.
   if (wishes.is_any && num_ready() >= 0) {
     add_unread();
     forget_wishes();

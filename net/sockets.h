@@ -1,8 +1,9 @@
 /* sockets: the process-wide readiness sets, the one select() of a turn, and the opening of TCP sockets.
  *
- * Every server and connection of the process shares the sets. Each lives from its first use to the end of
- * the process. They hold descriptors below FD_SETSIZE (1024). add() and its companions pass over any other,
- * -1 included: FD_SET would write beside the set. Failures are printed on standard output and returned. */
+ * All servers and connections of the process share the sets. Each set lives from its first use to the end of
+ * the process. The sets hold descriptors below FD_SETSIZE (1024). add() and the other functions leave any
+ * other descriptor, -1 included, out of the sets, because FD_SET would write outside them. Failures are
+ * printed on standard output and returned. */
 #pragma once
 
 #include <sys/select.h>
@@ -18,21 +19,21 @@ fd_set* writable();  // for writing,
 fd_set* errors();    // and for exceptional conditions
 int& num_ready();    // what the last select() returned: -1 on failure, 0 on time-out
 
-/* One wait, of 100 ms at most, for any registered socket to become readable and any ready() one writable.
- * Called once a turn, before the servers' update(). Afterwards errno is as select() left it. What the four
- * functions below have asked for holds for this wait and no later one. */
+/* Waits until a registered socket is readable or a socket in ready() is writable, at most 100 ms. Called once
+ * a turn, before the servers' update(). Afterwards errno is as select() left it. What the next four functions
+ * ask for holds only for the first wait that follows. */
 void select_all();
 
-/* Says that the transport holds bytes of `sock` that select() knows nothing of: the next wait does not block,
+/* Says that the transport holds bytes of `sock` that select() does not know of. The next wait does not block,
  * and `sock` is readable after it. */
 void mark_unread(int sock);
 
-/* Says that this turn's pass leaves `sock` out: its output, and the unread bytes that the last wait was told
- * of, are the business of the next wait. */
+/* Says that this turn's pass skips `sock`. So the next wait ends when `sock` can take output. If
+ * mark_unread() was called for the last wait, it holds for the next one, too. */
 void mark_passed_over(int sock);
 
-/* Leaves `sock` out of the next wait, for reading or for writing: the transport can do nothing in this
- * direction, although the socket is ready, until something else has happened. */
+/* Leaves `sock` out of the next wait, for reading or for writing. The socket is ready in this direction, but
+ * the transport can do nothing there until something else has happened. */
 void rest_reading(int sock);
 void rest_writing(int sock);
 
@@ -45,36 +46,36 @@ inline bool has(fd_set* set, int sock) {
   return fits(sock) && FD_ISSET(sock, set);
 }
 
-/* Registers `sock` for reading and exceptional conditions. The caller's server closes it, by close(). */
+/* Registers `sock` for reading and exceptional conditions. The caller's server closes it with close(). */
 void add(int sock);
 
-/* Says that there is output for `sock`: the next wait, but no later one, ends when it can take some. Nothing
- * happens for a socket that is not registered: it may be closed already, and select() fails on such a one. */
+/* Says that there is output for `sock`: the next wait, but no later one, ends when the socket can take some.
+ * A socket that is not registered is ignored: it may be closed already, and select() fails on a closed
+ * one. */
 void mark_ready(int sock);
 
-/* Closes `sock` and takes it out of every set, this turn's results included: its number may come back
- * before the turn is over, and the new socket must not be taken for ready. Nothing happens for a negative
- * one. */
+/* Closes `sock` and takes it out of every set, this turn's results included. Its number may be used again
+ * before the turn is over, and the new socket must not be taken for ready. A negative number is ignored. */
 void close(int sock);
 
 /* Opens a non-blocking listening TCP socket on IPv4, prints what it binds to, and stores its descriptor in
- * `sock`. What it accepts has TCP_NODELAY and keepalive set. Returns false, after printing the cause, when
- * no socket could be had; nothing stays open then, and `sock` is -1, or untouched if not even an address was
+ * `sock`. Accepted sockets have TCP_NODELAY and keepalive set. Returns false, after printing the cause, when
+ * no socket could be opened. Then nothing stays open, and `sock` is -1; it is unchanged if no address was
  * found. The caller registers the socket and closes it. */
 bool listen(int& sock, bool localhost_only, int port);
 
-/* Opens a TCP connection to `host` over IPv4 and returns its descriptor, which the caller closes, or -1
- * after printing the cause. Not blocking: only the first address is tried and the connection may still be
- * under way, or have failed already: see has_failed(). Blocking: the addresses are tried in turn, and the
- * socket stays in blocking mode. */
+/* Opens a TCP connection to `host` over IPv4 and returns its descriptor, which the caller closes, or -1 after
+ * printing the cause. If `blocking` is false, only the first address is tried, and the connection may still
+ * be in progress or may have failed already: see has_failed(). If it is true, the addresses are tried in
+ * turn, and the socket stays in blocking mode. */
 int connect(const std::string& host, int port, bool blocking);
 
 /* Whether the connection started on `sock` is known to have failed. On loopback a refusal is known before
  * connect() returns. */
 bool has_failed(int sock);
 
-/* Raises the limit on open descriptors from the usual 1024 to 2048 where that is allowed. With 1024, the
- * client that is one too many makes accept() fail, which restarts the server; with more it is accepted and
+/* Raises the limit on open descriptors from the usual 1024 to 2048 where that is allowed. With 1024, one
+ * client too many makes accept() fail, which restarts the server. With 2048, this client is accepted and
  * turned away. Any other limit was set on purpose and stays. */
 void raise_descriptor_limit();
 
@@ -84,7 +85,7 @@ void raise_descriptor_limit();
  * every program that links this library. Returns 1. */
 int ignore_sigpipe();
 
-/* Opens /dev/null in the place of standard input, output and error where they are closed. A socket would get
- * their number otherwise, and its peer what is printed. Called before main() like the one above, and returns
- * 1 like it. */
+/* Opens /dev/null in place of standard input, output and error where these are closed. Otherwise a socket
+ * would get one of their numbers, and its peer would receive the printed messages. Called before main(), like
+ * ignore_sigpipe(), and also returns 1. */
 int take_standard_descriptors();
