@@ -117,7 +117,7 @@ bool listen_on(int& sock, const addrinfo& address) {
   return true;
 }
 
-// The printed form of an address, or a text that says that it has none.
+// An address as text, or a text that says that its family is unknown.
 std::string address_text(const addrinfo& address) {
   char text[46];
   if (address.ai_family == AF_INET)
@@ -152,9 +152,9 @@ const addrinfo* skip_ipv6(const addrinfo* a) {
   return a;
 }
 
-// Nobody may be listening on a port, and the port may lie in the range for outgoing connections. Then the
-// system may choose this very port for the near end of the connection, which so becomes its own peer (RFC
-// 9293, section 3.5, simultaneous open).
+// When nobody listens on a port in the range for outgoing connections, the system may choose this very port
+// for the near end of a connection to it. The connection is then its own peer (RFC 9293, section 3.5,
+// simultaneous open).
 bool is_connected_to_itself(int sock, const addrinfo& address) {
   sockaddr_in own = {};
   socklen_t length = sizeof(own);

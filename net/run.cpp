@@ -30,7 +30,7 @@ void on_interrupt(void (*handler)(int)) {
 // dropped, because exit() would wait for ever to write it.
 void say_farewell() {
   pollfd console = {STDOUT_FILENO, POLLOUT, 0};
-  if (poll(&console, 1, longest_farewell_ms) <= 0)  // also after a second SIGINT
+  if (poll(&console, 1, longest_farewell_ms) <= 0)  // a second SIGINT ends the wait, too
     __fpurge(stdout);
   else
     printf("Shutting down...\n");

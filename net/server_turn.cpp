@@ -85,7 +85,7 @@ void server_base::for_each_connection(F serve) {
       serve(conn);
     } catch (const std::string&) {
       selected = nullptr;
-      throw;  // the end of a connection throws it, too; the connection is gone then
+      throw;  // the end of a connection may throw it, too; the connection is gone then
     } catch (...) {
       print_failure(conn->sock);
       unlink_and_end(conn);
@@ -185,7 +185,7 @@ int server_base::send(connection* conn, char* buf, int len) {
   return static_cast<int>(::send(conn->sock, buf, static_cast<size_t>(len), 0));
 }
 
-// Fewer bytes than asked for mean that the socket is drained, so another call would find nothing.
+// Fewer bytes than asked for mean that the socket is drained, so another call would only report that.
 int server_base::recv(connection* conn, char* buf, int len) {
   const int most = std::min(len, share_of_a_pass());
   int n = static_cast<int>(::recv(conn->sock, buf, static_cast<size_t>(most), 0));

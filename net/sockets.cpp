@@ -52,7 +52,7 @@ void subtract(fd_set* from, const fd_set& set) {
   }
 }
 
-// Changes the sets for the next wait as it was asked for. Returns how long the wait may be, in microseconds.
+// Applies the wishes to the sets for the next wait. Returns how long this wait may be, in microseconds.
 int grant_wishes() {
   subtract(readable(), wishes.not_read);
   subtract(writable(), wishes.not_written);
@@ -114,7 +114,7 @@ void select_all() {
   if (num_ready() < 0 && errno != EINTR) {
     int cause = errno;
     printf("select() failed! %d\n", cause);
-    errno = cause;  // for the servers
+    errno = cause;  // the servers look at it
   }
   // After a failed wait the servers skip the turn, and the wishes hold for the next wait.
   if (wishes.is_any && num_ready() >= 0) {

@@ -13,7 +13,7 @@ std::string clean_path(const std::string& path) {
     if (path[i] == '/' || path[i] == '\\') {
       if (!after_slash) clean += '/';
     } else if (path[i] == '.' && after_slash && i + 1 < path.size() && path[i + 1] == '/') {
-      // Dropped; the slash behind it then counts as doubled. A dot in front of a backslash stays.
+      // The dot is dropped; the slash after it then counts as doubled. A dot before a backslash stays.
     } else {
       clean += path[i];
     }
@@ -27,7 +27,7 @@ double certificate_file_time(const std::string& path) noexcept {
     struct stat status;
     if (stat(clean_path(path).c_str(), &status) != 0) return 0;
     return static_cast<double>(status.st_mtim.tv_sec);
-  } catch (const std::bad_alloc&) {  // no connection is to end for it: the file is looked at again
+  } catch (const std::bad_alloc&) {  // no connection may end because of this: the file is looked at again
     return 0;
   }
 }
@@ -49,7 +49,7 @@ int count_certificates(const std::string& path) {
   if (!file) return 0;
   int count = 0;
   char line[256];
-  bool is_start = true;  // false behind a piece of a line that the buffer does not hold
+  bool is_start = true;  // false after a piece of a line that is too long for the buffer
   while (fgets(line, sizeof(line), file)) {
     if (is_start && begins_certificate(line)) count++;
     is_start = strchr(line, '\n') != nullptr;

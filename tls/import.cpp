@@ -7,11 +7,11 @@
 namespace {
 
 constexpr size_t block_size = 4096;  // bytes
-constexpr size_t longest_noise = 4;  // bytes; printable runs up to this length are chance
+constexpr size_t longest_noise = 4;  // bytes; printable runs up to this length occur by chance
 
 }  // namespace
 
-// The cache's format is not looked at: its paths are printable, and that serves for every version of it.
+// The format of the cache does not matter: in every version of it, the paths are printable.
 bool get_strings(const std::string& path, std::string& out) {
   FILE* file = fopen(path.c_str(), "rb");
   if (!file) return false;
@@ -46,7 +46,7 @@ std::string _import_probe(const std::string& name) {
   return cache.substr(slash + 1, cache.find('\n', slash) - slash - 1);
 }
 
-// C++20 makes a keyword of the class's name, and the formatter takes it for one already.
+// In C++20 the class's name is a keyword, and the formatter already takes it for one.
 // clang-format off
 import::import(const std::string& name) : handle(dlopen(_import_probe(name).c_str(), RTLD_LAZY)) {
   if (handle) {

@@ -40,11 +40,11 @@ void load(F*& pointer, const char* name) {
   pointer = reinterpret_cast<F*>(find(name));
 }
 
-// The pointer's name is the symbol's: written once, they cannot drift apart.
+// The pointer and the symbol have the same name. It is written once, so the two cannot differ.
 #define LOAD(name) load(name, #name)
 
-// All names are looked up in this order, so that the error text lists every one that is missing. Those that
-// are not stored are of no use to a server.
+// All names are looked up in this order, so that the error text lists every missing one. A server does not
+// use those that are not stored.
 bool load_all() {
   LOAD(OpenSSL_version_num);
   LOAD(SSL_load_error_strings);
@@ -78,7 +78,7 @@ bool load_all() {
 
 #undef LOAD
 
-const bool is_loaded = load_all();  // for the sake of the call: before main()
+const bool is_loaded = load_all();  // not read: it makes the call happen before main()
 
 }  // namespace
 

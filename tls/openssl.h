@@ -1,9 +1,9 @@
 /* openssl: the entry points of OpenSSL's libssl, found at run time.
  *
- * The pointers are filled before main() and never change. One whose entry point is missing throws the text
- * of the loader as a std::string when it is called, which https::run catches; so the program runs without
- * the library as long as it does not serve TLS. Contexts, sessions and methods are opaque; their types are
- * OpenSSL's own (SSL_CTX*, SSL*, const SSL_METHOD*), written as void*. See OpenSSL's manual for each
+ * The pointers are filled before main() and never change. A call through a pointer whose entry point is
+ * missing throws the loader's error text as a std::string, which https::run catches. So the program runs
+ * without the library as long as it does not serve TLS. Contexts, sessions and methods are opaque: OpenSSL's
+ * own types for them (SSL_CTX*, SSL*, const SSL_METHOD*) are written as void*. See OpenSSL's manual for each
  * function. */
 #pragma once
 
@@ -15,7 +15,7 @@ namespace openssl {
 
 extern import _import;
 
-/* What a missing entry point does. */
+/* Called in place of a missing entry point. */
 [[noreturn]] void throw_import_error();
 
 constexpr int filetype_pem = 1;           // SSL_FILETYPE_PEM
@@ -41,9 +41,10 @@ extern int (*SSL_read)(void* ssl, void* buf, int len);
 extern int (*SSL_write)(void* ssl, const void* buf, int len);
 extern long (*SSL_CTX_ctrl)(void* ctx, int command, long number, void* pointer);
 
-/* Loads a certificate and those that follow it in the file, in place of those loaded before. Not one of the
- * table's names: a library without it serves all the same, and no error text mentions it. False when the
- * library lacks it or cannot load the file; what was loaded before may then be there still. */
+/* Loads the first certificate in the file and those that follow it, and replaces those loaded before. The
+ * entry point is not one of the pointers above: a library without it works, too, and no error text mentions
+ * it. Returns false when the library lacks it or cannot load the file; the certificates loaded before may
+ * still be there then. */
 bool use_certificate_chain_file(void* ctx, const char* path);
 
 }  // namespace openssl

@@ -1,7 +1,7 @@
 /* ssl_server: a server whose connections speak TLS through OpenSSL.
  *
  * Only the transport differs; see tls_context, which does the work. When the server is destroyed, the context
- * goes first; then the base ends the connections, without a word of TLS to anyone. */
+ * is freed first. Then the base ends the connections and sends no TLS messages. */
 #pragma once
 
 #include <string>

@@ -3,9 +3,10 @@
  *
  * Owns the context, which the driver creates. A session belongs to its connection, in the field `ssl`, from
  * open_session() to close_session(). The handshake is finished inside read_session() and write_session(), so
- * no state of it is kept, and no OpenSSL error code is looked at.
+ * its state is not kept here, and no OpenSSL error code is looked at.
  *
- * All of it throws the std::string of a missing entry point; https::run catches it. */
+ * All functions but the destructor may throw the std::string of a missing entry point; https::run catches
+ * it. */
 #pragma once
 
 #include <string>
@@ -16,7 +17,7 @@ struct tls_context {
   static constexpr double check_interval = 60.0;  // seconds between looks at the certificate file
 
   void* ctx = nullptr;      // the SSL_CTX
-  bool is_new_api = false;  // OpenSSL 1.1 or later; noted by the driver, read by nobody here
+  bool is_new_api = false;  // OpenSSL 1.1 or later; set by the driver, not read here
   std::string key_file;
   std::string crt_file;
   double crt_mtime = 0;    // of the certificate that is loaded, in seconds since the epoch; 0: none yet
@@ -30,8 +31,9 @@ struct tls_context {
   /* Frees the context. The sessions may outlive it. */
   ~tls_context();
 
-  /* Loads the certificate into the context, which must be there, if its file is newer than what is loaded.
-   * Looks at it once a minute at most. A file counts as loaded even if the library rejects it or throws. */
+  /* Loads the certificate into the context, which must exist, if the file is newer than the loaded
+   * certificate. Looks at the file once a minute at most. A file counts as loaded even if the library rejects
+   * it or throws. */
   void load_certificate_maybe();
 
   /* Begins the handshake on the connection's socket. False when there is no context, or no session. */
@@ -42,7 +44,8 @@ struct tls_context {
   static void close_session(connection* conn);
 
   /* The transport hooks of a server; see abstract_server. SSL_read() and SSL_write() leave errno as their
-   * last call into the system has left it, and leave it alone when they make none, as on a dead session. */
+   * last system call has left it. When they make no system call, as on a dead session, they do not change
+   * it. */
   static int read_session(connection* conn, char* buf, int len);
   static int write_session(connection* conn, char* buf, int len);
 
