@@ -38,7 +38,7 @@ void block_pool::give_back(void* block, size_t size) noexcept {
 
 void block_pool::trim_maybe() noexcept {
   if (freed_ < freed_before_trim || in_use_ > in_use_when_short) return;
-#ifdef __GLIBC__  // other C libraries return what they can automatically
+#ifdef __GLIBC__  // other C libraries automatically return what they can
   malloc_trim(0);
 #endif
   freed_ = 0;

@@ -2,7 +2,7 @@
  *
  * A queue takes a block, owns it, and gives it back with the same size. Blocks of less than `full_size` bytes
  * come from malloc and return to it at once. Full-size blocks are kept for the next queue that needs one,
- * until the pool has `most_spare` of them. Otherwise a download would return each block to the system and
+ * until the pool has `most_spare` of them. Without this, a download would return each block to the system and
  * cause page faults for it again one turn later: 1.33 instead of 1.14 ms of processor time for a response of
  * 1 MiB with 16 clients (wrk, release build, two busy cores of a virtual machine, medians of 5 rounds in
  * turns). Sizes are bytes.
@@ -10,7 +10,7 @@
  * Freed memory may still stay with the process: one used block near the end of the heap keeps everything
  * before it. So after a long queue the pool makes malloc return its free memory to the system. After 400 MiB
  * were queued, 8 MiB stay resident, and 136 MiB without this (tests/system/test_hostile_upstreams.py). The
- * pool waits with it until the queues are short again. With a mapping of its own for each block, none of this
+ * pool does this only when the queues are short again. With a mapping of its own for each block, none of this
  * would be needed, but a download that runs ahead of its client would cause 16 page faults for each block.
  *
  * Between calls: (1) 0 <= spare() <= most_spare, and no queue uses a spare block; (2) in_use() is the number

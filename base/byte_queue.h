@@ -17,7 +17,7 @@ namespace base {
 class byte_queue {
  public:
   byte_queue() = default;
-  // These two first run the default constructor. Then the destructor runs even if append() throws.
+  // These two run the default constructor first, so the destructor runs even if append() throws.
   byte_queue(const std::string& s) : byte_queue() { append(s); }
   byte_queue(const char* s) : byte_queue() { *this = s; }
   byte_queue(const byte_queue&) = delete;

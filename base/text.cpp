@@ -20,8 +20,8 @@ int32_t parse_int(const char* text) {
   return static_cast<int32_t>(strtol(text, nullptr, 10));
 }
 
-// Kept memory saves a kept-alive request all its allocations, and 500 of its 11,400 instructions with a
-// browser's head (callgrind, 16 clients). The total processor time does not show a difference.
+// Keeping the memory saves a kept-alive request all its allocations, and 500 of its 11,400 instructions with
+// a browser's head (callgrind, 16 clients). The total processor time does not show a difference.
 void empty_for_reuse(std::string& s) {
   constexpr size_t most_kept = 65536;
   s.clear();
@@ -144,7 +144,7 @@ std::string sha1(const std::string& bytes) {
 }
 
 uint32_t utf8_decode(const std::string& s, size_t& pos) {
-  // The largest code point by the number of its continuation bytes.
+  // The largest code point for each number of continuation bytes.
   static const uint32_t masks[] = {0x7F, 0x7FF, 0xFFFF, 0x1FFFFF};
 
   uint32_t lead = static_cast<unsigned char>(s[pos++]);

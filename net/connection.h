@@ -1,11 +1,12 @@
 /* connection: one TCP connection as a server handles it, with its output buffer.
  *
  * Owned by the list of the server that services it. When the connection ends, this server closes `sock` and
- * deletes the object. A subclass receives the bytes that were read in on_recv() and provides the bytes to
- * write in on_send().
+ * deletes the object. In a subclass, on_recv() receives the bytes that were read, and on_send() provides the
+ * bytes to write.
  *
  * The object takes a little over 1 MiB of address space, most of it for the output buffer. Objects on the
- * heap stand on fresh zero pages, so only the pages that are used cost memory; see net/connection_memory.h.
+ * heap stand on zero pages from the system, so only the pages that are used cost memory; see
+ * net/connection_memory.h.
  *
  * Between calls of the server: (1) 0 <= out_pos, and out_pos + out_len <= sizeof(out) while out_len > 0; (2)
  * out_len is 0 when on_send is called; (3) a negative out_len counts as output that is never sent. `keep` is
@@ -31,7 +32,7 @@ struct connection {
   int out_pos = 0;                    // where these bytes start
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
   uint8_t fruitless = 0;              // turns in a row in which the socket was ready and moved nothing
-  uint8_t unexplained = 0;            // how many of these, up to the last, did not ask to wait either
+  uint8_t unexplained = 0;            // how many of the latest of these, in a row, did not ask to wait
   int out_filled = -1;                // how many bytes at the front of `out` were ever written; -1: unknown
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never

@@ -18,10 +18,11 @@
  * A slot is free or taken: take() hands a slot over to the caller, who gives it back with give_back(). A row
  * is memory for eight objects of one size; its slots wait for objects of that size only.
  *
- * Between calls: (1) bit i in each row's `free_slots` is set exactly when its slot i is free; (2) `spare` is
- * the number of free slots in all rows; (3) a free slot is zero in all of its `size` bytes; (4) taken slots
- * do not overlap, and nothing here writes to them; (5) a give_back() after which its row has no object unmaps
- * the row, if at least `most_spare` free slots remain in the other rows and the system can unmap it.
+ * Between calls: (1) bit i of a row's `free_slots` is set exactly when slot i of this row is free; (2)
+ * `spare` is the number of free slots in all rows; (3) a free slot is zero in all of its `size` bytes; (4)
+ * taken slots do not overlap, and nothing here writes to them; (5) a give_back() after which its row has no
+ * object unmaps the row, if at least `most_spare` free slots remain in the other rows and the system can
+ * unmap it.
  *
  * When memory is refused: take() returns null if the list of rows cannot grow or the system maps no more
  * pages, and nothing has changed. give_back() needs no memory. Pages that the system does not take back are

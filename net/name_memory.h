@@ -1,4 +1,4 @@
-/* name_memory: what the resolver has answered within this second of the clock.
+/* name_memory: what the resolver has answered in the current second of the clock.
  *
  * A look-up of "localhost" makes eight system calls, and a busy proxy would repeat it for every upstream
  * connection. A connection with one request would take 1.11 times the processor time (ab with 64 at once,

@@ -1,4 +1,4 @@
-// The life of a server and of its connections; net/server_turn.cpp has the turns between.
+// The life of a server and of its connections; the turns of service are in net/server_turn.cpp.
 
 #include "net/server.h"
 

@@ -14,10 +14,9 @@
  * read. */
 bool get_strings(const std::string& path, std::string& out);
 
-/* The file name to open for the library `name`. It is the last component of a path in the linker's cache: of
- * the first path whose last component begins with `name`. If there is no such path, it is `name` itself.
- * Prints a message on standard error when there is no cache. The text of the cache is kept until the process
- * ends. */
+/* The file name to open for the library `name`. It is the last component of the first path in the linker's
+ * cache whose last component begins with `name`. If there is no such path, it is `name` itself. Prints a
+ * message on standard error when there is no cache. The text of the cache is kept until the process ends. */
 std::string _import_probe(const std::string& name);
 
 struct import {
