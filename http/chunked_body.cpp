@@ -8,7 +8,7 @@ namespace {
 
 constexpr int32_t most_line_bytes = 8192;
 
-constexpr uint64_t first_size_too_large_for_a_digit = uint64_t{1} << 59;  // with one more it would reach 2^63
+constexpr uint64_t first_size_too_large_for_a_digit = uint64_t{1} << 59;  // one more digit would make it 2^63
 
 // The value of a hexadecimal digit; -1 for any other byte.
 int hex_value(char c) {
@@ -45,7 +45,7 @@ size_t chunked_body::parse(const char* data, size_t len) {
   return is_malformed() ? len : at;
 }
 
-// Between the lines, where one byte is right and all others are wrong.
+// At the end of a line and after a chunk, where one byte is right and all others are wrong.
 chunked_body::places chunked_body::next(char c) {
   switch (place_) {
     case places::size_lf:
@@ -63,7 +63,7 @@ chunked_body::places chunked_body::next(char c) {
   }
 }
 
-// In a line, where every byte counts but the CR that ends it.
+// In a line. Every byte counts for its length, except the CR that ends it.
 chunked_body::places chunked_body::next_in_line(char c) {
   if (place_ == places::size_begin || place_ == places::trailer_begin) line_length_ = 0;
   if (c != '\r' && ++line_length_ > most_line_bytes) return places::malformed;

@@ -1,4 +1,4 @@
-// The input side of http_connection: from chunks to requests.
+// The input side of http_connection: makes requests of the bytes that come.
 
 #include <netinet/in.h>
 
@@ -11,19 +11,19 @@
 
 namespace {
 
-constexpr char crlf[] = "\r\n";  // the line that begins with it is the empty one, where a head ends
+constexpr char crlf[] = "\r\n";  // a line that begins with it is the empty line at the end of a head
 
 // Counters wrap; signed addition must not.
 int32_t wrapping_sum(int32_t a, int len) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(len));
 }
 
-// Positions count as signed 32-bit numbers, so npos is -1.
+// Positions are compared as signed 32-bit numbers, so npos is -1.
 int32_t signed_position(size_t found) {
   return static_cast<int32_t>(found);
 }
 
-// Where the search for the next thing begins: behind the last, or at the beginning again if that is missing.
+// Where the next search begins: after what the last one found, or at the beginning when it found nothing.
 size_t behind(size_t found) {
   return found == std::string::npos ? 0 : found + 1;
 }
@@ -49,24 +49,25 @@ void http_connection::on_recv(char* data, int len) {
 void http_connection::receive_head(char* data, int len) {
   const std::string_view chunk(data, static_cast<size_t>(len));
   const size_t before = head.size();
-  // A head mostly comes whole, with its body behind it or without, and is then found where it is: a MiB of
-  // body is not to pass through `head`. A request that begins with the empty line is never parsed.
+  // A head mostly comes whole, with or without a body after it. Then its end is found in the chunk itself, so
+  // that a MiB of body does not pass through `head`. A request that begins with the empty line is never
+  // parsed.
   size_t end = before == 0 ? base::find_line(chunk, crlf) : std::string::npos;
   if (end != std::string::npos && end > 0) {
     head.assign(data, end + 2);
   } else {
     head.append(chunk);
     end = base::find_line(head, crlf, before < 3 ? 0 : before - 3);
-    // Here the search may begin behind the first byte, so the empty line in front is looked for by itself.
+    // This search may begin after the first byte, so an empty line at the beginning is looked for separately.
     if (signed_position(end) <= 0 || head.compare(0, 4, "\r\n\r\n") == 0) return;
     head.resize(end + 2);
   }
-  // The last byte of the end is new, so all that comes behind it is in this chunk.
+  // The last byte of the empty line is in this chunk, so all bytes after it are in this chunk, too.
   const int rest = static_cast<int>(before + chunk.size() - end - 4);
   on_head(data + len - rest, rest);
 }
 
-// The head is complete: parses it and calls the hooks. `rest` is what came behind it.
+// The head is complete: parses it and calls the hooks. `rest` is what came after it in the same chunk.
 void http_connection::on_head(char* rest, int rest_length) {
   headers_received = true;
   parse_head();
@@ -78,8 +79,8 @@ void http_connection::on_head(char* rest, int rest_length) {
   if (rest_length > 0) on_data(rest, rest_length);
 }
 
-// Splits the request line and takes out the headers that the connection itself needs. What is malformed
-// leaves its field empty.
+// Splits the request line and reads the headers that the connection itself needs. A malformed part leaves its
+// field empty.
 void http_connection::parse_head() {
   size_t first_space = head.find(' ');
   size_t second_space = head.find(' ', behind(first_space));
@@ -90,10 +91,10 @@ void http_connection::parse_head() {
     version.assign(head, behind(second_space), line_end - behind(second_space));
 
   content_length = base::parse_int(get_header("content-length", head).c_str());
-  // HTTP/1.1 stays open even when the client says "Connection: close": the client is left to close it.
+  // HTTP/1.1 stays open even after "Connection: close": closing is left to the client.
   if (version == "HTTP/1.0" && get_header("connection", head) != "Keep-Alive") keep_alive = false;
   cookie.clear();
-  append_header(cookie, "cookie", head);  // into the memory of an earlier one
+  append_header(cookie, "cookie", head);  // into the memory of an earlier cookie
 
   size_t question = target.find('?');
   if (signed_position(question) > 0) {
@@ -179,7 +180,7 @@ void http_connection::append_header(std::string& to, std::string_view name, cons
     base::find(text, std::string("\r\n").append(name), end);
   }
   if (end == std::string::npos) return;
-  size_t start = end + 2;  // over ": ", whatever stands there
+  size_t start = end + 2;  // skips two bytes, which should be ": "
   to.append(text, start, base::find_line_end(text, start) - start);
 }
 

@@ -31,7 +31,7 @@ void http_connection::write(std::string answer_head, const std::string& body) {
   std::string text = std::move(answer_head) + response_headers + "\r\n";
   if (method != "HEAD") text += body;
   if (text.size() <= static_cast<size_t>(out_capacity)) {
-    append_part(std::move(text));  // mostly, and without another copy
+    append_part(std::move(text));  // the usual case, without another copy
   } else {
     for (size_t at = 0; at < text.size(); at += out_capacity) append_part(text.substr(at, out_capacity));
   }
@@ -69,7 +69,7 @@ void http_connection::redirect(const std::string& url, bool permanent) {
 }
 
 void http_connection::hang_up() {
-  written = true;  // without an answer, on_send() would go on waiting for one
+  written = true;  // else on_send() would wait for an answer
   keep_alive = false;
   timeout = 0;
 }
@@ -83,21 +83,22 @@ void http_connection::append_part(std::string data) {
     delete part;
     throw;
   }
-  // The pass that follows may leave this connection out; the next wait is then to end at once.
+  // The pass that follows may leave this connection out. Then the next wait must end at once.
   sockets::mark_ready(sock);
 }
 
 bool http_connection::on_send(char* buf, int cap, int* len) {
-  if (response_parts.count == 0) return !written || keep_alive;  // not answered yet: wait
+  if (response_parts.count == 0) return !written || keep_alive;  // without an answer yet, it waits
   response_part& part = *response_parts.front();
   if (part.file) return send_file(part, buf, cap, len);
   if (part.thread) return send_job(part, buf, cap, len);
   return send_data(part, buf, cap, len);
 }
 
-// A slice of a file, until a read comes short. A limit that is not a multiple of `cap` is not counted down
-// in its last step: that slice repeats until the file ends. So a limit is exact when it is a multiple of
-// `cap` or reaches the end of the file.
+// Sends a slice of a file. The part ends when a read gives less than a slice, or when the limit is used up.
+// The limit is `remaining`, and each slice of `cap` bytes reduces it. A rest below `cap` is never reduced:
+// slices of that size follow until the file ends. So a limit is exact only when it is a multiple of `cap` or
+// reaches the end of the file.
 bool http_connection::send_file(response_part& part, char* buf, int cap, int* len) {
   if (part.announced >= 0) return send_announced(part, buf, cap, len);
   *len = 0;
@@ -113,12 +114,12 @@ bool http_connection::send_file(response_part& part, char* buf, int cap, int* le
     if (*len >= n) return true;
   }
   pop_part();
-  if (*len == 0) sockets::mark_ready(sock);  // nothing goes out, so no event would wake what comes next
+  if (*len == 0) sockets::mark_ready(sock);  // nothing goes out, so no event would start the next part
   return true;
 }
 
-// A slice of a file of which so many bytes were announced. A client that gets fewer would take the next
-// answer for the rest, so there is none.
+// Sends a slice of a file whose length was announced. When the file has lost bytes, nothing follows: the
+// client would take the next answer for the rest of the file.
 bool http_connection::send_announced(response_part& part, char* buf, int cap, int* len) {
   const auto wanted = static_cast<size_t>(std::min<int64_t>(part.announced, cap));
   const size_t got = fread(buf, 1, wanted, part.file);
@@ -136,7 +137,7 @@ bool http_connection::send_announced(response_part& part, char* buf, int cap, in
   return true;
 }
 
-// The job's result as one chunk and the last chunk (RFC 9112, section 7.1), once it is there.
+// Once the job is done, sends its result as one chunk and the last chunk (RFC 9112, section 7.1).
 bool http_connection::send_job(response_part& part, char* buf, int cap, int* len) {
   if (!__atomic_load_n(&part.thread->done, __ATOMIC_ACQUIRE)) return true;
   std::string result = part.thread->result;
@@ -150,7 +151,7 @@ bool http_connection::send_job(response_part& part, char* buf, int cap, int* len
   last_active = static_cast<int32_t>(time(nullptr));
   timeout = part.timeout;
   delete part.thread;
-  part.thread = nullptr;  // from here on it is a part like any other text, and may go out in slices
+  part.thread = nullptr;  // now it is a part like any other text, which may go out in slices
   part.data = std::move(text);
   return send_data(part, buf, cap, len);
 }

@@ -1,5 +1,5 @@
 // WebSocket (RFC 6455), server side: the opening handshake, frames in and out, channels, and the destructor,
-// which leaves them.
+// which leaves the channels.
 
 #include <algorithm>
 
@@ -10,11 +10,11 @@ namespace {
 
 const char handshake_guid[] = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 
-// What the two last values of a frame's 7-bit length say about where the length is (RFC 6455, section 5.2).
+// The last two values of a frame's 7-bit length: they tell where the real length is (RFC 6455, section 5.2).
 constexpr int length_in_2_bytes = 126;
 constexpr int length_in_8_bytes = 127;
 
-// A client's frame as its first bytes describe it. Without a mask, nothing behind `is_masked` is set.
+// A client's frame as its first bytes describe it. Without a mask, no field after `is_masked` is set.
 struct frame_header {
   int opcode;
   bool is_final;
@@ -24,7 +24,7 @@ struct frame_header {
   double payload = 0;  // bytes; a double, so that 2^64 - 1 is too long and not negative
 };
 
-// `count` bytes at text[at], least significant first.
+// The number in the `count` bytes at text[at], least significant byte first.
 double little_endian(const std::string& text, size_t at, size_t count) {
   uint64_t value = 0;
   for (size_t i = count; i-- > 0;) value = value << 8 | static_cast<unsigned char>(text[at + i]);
@@ -33,10 +33,10 @@ double little_endian(const std::string& text, size_t at, size_t count) {
 
 enum parse_results { complete, incomplete };
 
-// Parses the header of the frame at text[off], of which at least 6 bytes are there. Extended lengths are
-// read least significant byte first, and an 8-byte one at offset 8 with its mask behind it: not as RFC 6455
-// has them and browsers send them, but clients written for this server rely on it. Frames of up to 125 bytes
-// have no such field.
+// Parses the header of the frame at text[off], of which at least 6 bytes are there. An extended length is
+// read least significant byte first. A length of 8 bytes is read at offset 8, with its mask after it. Both
+// differ from RFC 6455 and from what browsers send, but clients written for this server rely on it. Frames
+// of up to 125 bytes have no extended length.
 parse_results parse_frame_header(const std::string& text, size_t off, frame_header& frame) {
   auto byte = [&](size_t i) { return static_cast<unsigned char>(text[off + i]); };
   frame.opcode = byte(0) & 15;
@@ -50,7 +50,7 @@ parse_results parse_frame_header(const std::string& text, size_t off, frame_head
     frame.mask_at = 2;
     frame.payload = code;
   } else if (code == length_in_2_bytes) {
-    // The length is among the first 6 bytes; only the first frame of the input waits for its mask as well.
+    // The length is in the first 6 bytes. Only the first frame of the input also waits for its mask.
     if (text.size() <= 7) return incomplete;
     frame.length = 8;
     frame.mask_at = 4;
@@ -66,8 +66,8 @@ parse_results parse_frame_header(const std::string& text, size_t off, frame_head
 
 }  // namespace
 
-// Answers a request for an upgrade (RFC 6455, section 4.2). A refused one goes on as an HTTP request, whose
-// handler then finds the answer already written.
+// Answers a request for an upgrade (RFC 6455, section 4.2). A request that is refused goes on as an HTTP
+// request: its handler then finds `written` set.
 void http_connection::start_websocket() {
   std::string key = get_header("Sec-WebSocket-Key", head);
   int32_t wanted = base::parse_int(get_header("Sec-WebSocket-Version", head).c_str());
@@ -109,7 +109,8 @@ void http_connection::read_frames() {
       hang_up();
       return;
     }
-    // The mask of an 8-byte length stands inside the payload: what is used of it must have come, too.
+    // With a length of 8 bytes the mask is inside the payload: the part of it that is used must be there,
+    // too.
     auto length = static_cast<size_t>(frame.payload);
     size_t mask_used = length < 4 ? length : 4;
     size_t end = std::max(off + frame.length + length, off + frame.mask_at + mask_used);
@@ -123,7 +124,7 @@ void http_connection::read_frames() {
   content.erase(0, off);
 }
 
-// Acts on one frame. False: the connection ends, and the input stays as it is.
+// Acts on one frame. Returns false when the connection ends; the input then stays as it is.
 bool http_connection::on_frame(int opcode, bool is_final, const std::string& payload) {
   switch (opcode) {
     case ping_frame:
@@ -191,7 +192,7 @@ void http_connection::subscribe(const std::string& channel) {
   base::arraylist<http_connection*>* members = channels().get(channel);
   if (!upgraded || contains(members, this)) return;
   const bool is_first = !members;
-  if (is_first) members = new base::arraylist<http_connection*>;  // deleted by leave(), with its last member
+  if (is_first) members = new base::arraylist<http_connection*>;  // deleted by leave() of the last member
   try {
     if (is_first) channels().set(channel, members);
     subscriptions.set(channel, 1);
@@ -220,7 +221,7 @@ void http_connection::publish(const std::string& channel, const std::string& pay
   }
 }
 
-// Takes this connection out of the channel's list, and the list out of the registry with its last member.
+// Removes this connection from the list of the channel. An empty list is removed from channels() and deleted.
 void http_connection::leave(const std::string& channel) {
   base::arraylist<http_connection*>* list = channels().get(channel);
   if (!list) {
