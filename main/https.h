@@ -1,4 +1,4 @@
-/* The driver of the HTTPS mode: a TLS server and, beside it, a plain one, in one loop. */
+/* The driver of the HTTPS mode: a TLS server and a plain server, in one loop. */
 #pragma once
 
 #include <cstdio>
@@ -13,8 +13,8 @@
 
 namespace https {
 
-/* Initialises the library, whichever generation of its API is there, stores in `is_new_api` which it is, and
- * returns the method for a server. Throws the loader's text when an entry point is missing. */
+/* Initialises the library, stores in `is_new_api` which generation of its API it has, and returns the method
+ * for a server. Throws the loader's text when an entry point is missing. */
 inline const void* init_library(bool& is_new_api) {
   try {
     openssl::OpenSSL_version_num();
@@ -31,31 +31,32 @@ inline const void* init_library(bool& is_new_api) {
   return openssl::SSLv23_server_method();
 }
 
-/* Creates the server's context and loads key and certificate into it. Files that OpenSSL rejects are not
- * noticed here: clients then fail their handshakes. Throws as above. */
+/* Creates the server's context and loads key and certificate into it. Does not notice files that OpenSSL
+ * rejects: the handshakes of all clients then fail. Throws as above. */
 template <class T>
 void create_context(ssl_server<T>& tls) {
   const void* method = init_library(tls.is_new_api);
   tls.ctx = openssl::SSL_CTX_new(method);
-  if (!tls.ctx) return;  // OpenSSL would crash on it; every client is refused
+  if (!tls.ctx) return;  // OpenSSL would crash on a null context; every client is refused
   openssl::SSL_CTX_use_PrivateKey_file(tls.ctx, tls.key_file.c_str(), openssl::filetype_pem);
   tls.load_certificate_maybe();
-  // SSL_write may then write less than asked, as send() does and as the server's write loop expects.
+  // Lets SSL_write write less than asked, as send() does and as the server's write loop expects.
   openssl::SSL_CTX_ctrl(tls.ctx, openssl::ctrl_mode, openssl::enable_partial_write, nullptr);
 }
 
-/* Drives the two servers, both borrowed, until SIGINT, the plain one first in every turn. Upstream
- * connections live in it, because they are plain, too. g_server() dangles once it is gone. */
+/* Drives the two servers, both borrowed, until SIGINT; in every turn the plain server comes first. The
+ * upstream connections live in the plain server, because they are plain, too. g_server() dangles after the
+ * plain server is gone. */
 inline void serve(server_base& plain, abstract_server& tls) {
   http_proxy::g_server() = &plain;
   abstract_server* servers[] = {&plain, &tls, nullptr};
   abstract_server::run(servers);
 }
 
-/* Serves T connections over TLS on `ssl_port`, and redirects `http_port` to it unless that is 0. Returns true
- * after SIGINT and also when a server cannot start; false, after printing why, when the TLS library lacks
- * something. Everything is closed by then: first the plain server with the upstream connections, then the
- * context, then the TLS clients. */
+/* Serves T connections over TLS on `ssl_port`. Redirects `http_port` to it, unless `http_port` is 0. Returns
+ * true after SIGINT and also when a server cannot start. Returns false, after printing why, when the TLS
+ * library lacks something. Before it returns it closes everything: first the plain server with the upstream
+ * connections, then the context, then the TLS clients. */
 template <class T>
 bool run(int ssl_port, const char* key, const char* crt, int http_port) {
   try {

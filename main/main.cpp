@@ -32,9 +32,9 @@ struct tls_options {
   const char* crt = nullptr;
 };
 
-// Walks the arguments behind the port: fills the host map from -map and returns the last -ssl, whose texts
-// are argv's. A number that is none reads as 0, without a word. The values of a flag are taken as they are,
-// even if they look like flags; a flag with too few values behind it is passed over like any unknown
+// Reads the arguments after the port: fills the host map from -map and returns the last -ssl, whose texts
+// belong to argv. A text that is not a number reads as 0, without a message. The values of a flag are taken
+// as they are, even if they look like flags. A flag with too few values after it is ignored, like any unknown
 // argument.
 tls_options parse_arguments(int argc, char** argv) {
   tls_options tls;

@@ -1,4 +1,4 @@
-// http_proxy as a forward proxy; reverse_proxy replaces this operation.
+// http_proxy as a forward proxy. reverse_proxy overrides this function.
 
 #include <cstdio>
 
@@ -14,18 +14,18 @@ void http_proxy::on_headers() {
     answer(not_found_answer);
     return;
   }
-  // Not has_upstream(): the idle pipe counts, too. Only a target without a host and with port 0 equals what
-  // the fields say before the first upstream. There is nothing to connect to, and nothing will come of the
-  // request.
+  // Not has_upstream(), because the idle pipe counts here, too. Before the first upstream the fields hold no
+  // host and port 0. Only a target like that equals them: there is nothing to connect to, and the request
+  // gets no answer.
   const bool is_current = pipe->refs > 1 && upstream_host == url.host && upstream_port == url.port;
   if (!is_current) {
     if (!open_upstream(url.host, url.port)) return;
     upstream_host = url.host;
     upstream_port = url.port;
   }
-  if (unserved) return;  // there is no server to carry anything, which has been printed
+  if (unserved) return;  // no server services the upstream; open_upstream() has printed that
   if (method == "CONNECT") {
-    // Every further byte is body now, the body is the tunnel, and a tunnel has no length to exceed.
+    // Every further byte is body now, and the body is the tunnel. A tunnel may have any length.
     keep_alive = false;
     max_request_length = 0;
     tell_client(tunnel_answer);

@@ -23,8 +23,8 @@ void http_proxy::begin_body() {
   keep_request_open();
 }
 
-// No number is above the largest one, so the count of a body without a limit on its length wraps a byte
-// early.
+// The request stays open while content_received is below content_length, here the largest number. A body
+// without a limit on its length may reach that number. So the count wraps one byte early.
 void http_proxy::keep_request_open() {
   content_length = INT32_MAX;
   if (content_received == INT32_MAX) content_received = INT32_MIN;
@@ -32,8 +32,8 @@ void http_proxy::keep_request_open() {
 
 namespace {
 
-// What can be no host is refused as one that does not resolve, but without a look-up, for which everybody
-// would wait.
+// A text that cannot be a host is refused like a name that does not resolve, but without a look-up: all
+// clients would wait for that.
 int connect(const std::string& host, int32_t port) {
   if (base::is_host_name(host)) return sockets::connect(host, port, false);
   printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
@@ -43,7 +43,7 @@ int connect(const std::string& host, int32_t port) {
 }  // namespace
 
 bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
-  auto* fresh = new proxy_pipe;  // deleted by whoever drops the last reference; first, because it may throw
+  auto* fresh = new proxy_pipe;  // first, as it may throw; deleted by whoever drops the last reference
   drop_pipe();
   pipe = fresh;
   pipe->client_sock = sock;
@@ -51,7 +51,7 @@ bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
   const int upstream_sock = connect(host, target_port);
   proxy_connection* upstream = nullptr;
   if (upstream_sock != -1 && !sockets::has_failed(upstream_sock)) {
-    // Deleted by the server that gets it. Without memory for it, the upstream cannot be reached either.
+    // Deleted by the server that gets it. Without memory for it, the upstream counts as unreachable.
     upstream = new (std::nothrow) proxy_connection(upstream_sock, pipe);
   }
   if (!upstream) {
@@ -62,7 +62,7 @@ bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
   }
   if (!hand_over(upstream)) {
     sockets::close(upstream_sock);
-    delete upstream;  // which tells the pipe
+    delete upstream;  // its destructor tells the pipe
     keep_alive = false;
     return false;
   }
@@ -70,7 +70,7 @@ bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
   return true;
 }
 
-// False when there is no memory for it: the upstream then stays with the caller.
+// Gives the upstream to the server. Returns false when there is no memory: the caller then keeps `upstream`.
 bool http_proxy::hand_over(proxy_connection* upstream) {
   if (!g_server()) {
     printf("%s\n", "Error! No server assigned for proxy connections.");
@@ -92,12 +92,13 @@ void http_proxy::on_data(char* data, int len) {
     follow_chunks(data, size);
     if (is_answered_here) return;
   }
-  // A client with output under way is not asked for more, so what nobody will take would pile up.
+  // While output to the client is under way, on_send() is not called. So bytes that nobody will take would
+  // pile up.
   if (!has_upstream() && out_len != 0) pipe->to_upstream.clear();
   pipe->append_to_upstream(data, size);
 }
 
-// Bytes in one piece with the end of the body belong to the request, as with every other request.
+// Bytes that come in one piece with the end of the body belong to this request, as with every other request.
 void http_proxy::follow_chunks(const char* data, size_t len) {
   if (end_of_body == body_end::by_last_chunk) chunks.parse(data, len);
   if (chunks.has_ended())
@@ -118,8 +119,8 @@ std::string http_proxy::copy_headers(const std::string& head) {
 
 namespace {
 
-// Whether the line at `start`, of two bytes at least, is for the proxy alone. One look at most lines is
-// enough.
+// Whether the line at `start`, of at least two bytes, is for the proxy alone. For most lines the first byte
+// decides.
 bool is_dropped(const std::string& head, size_t start) {
   if (head[start] == 'P') return head.compare(start, 5, "Proxy") == 0;
   if (head[start] == 'C') return head.compare(start, 10, "Connection") == 0;
@@ -131,10 +132,10 @@ bool is_dropped(const std::string& head, size_t start) {
 void http_proxy::append_headers(std::string& to, const std::string& head) {
   size_t p = base::find_line_end(head);
   if (p == 0 || p == std::string::npos) return;
-  size_t kept = p + 2;  // the lines from here to p + 2 are to be copied
+  size_t kept = p + 2;  // the lines from here to p + 2 are still to be copied
   for (;;) {
-    // From p + 4, so that the empty line at the end of a head is not taken for a header. The end of a line of
-    // one byte is passed over, too, and that line goes along with the next.
+    // From p + 4, so that the empty line at the end of a head is not taken for a header. This also skips the
+    // end of a line of one byte, so that line counts as part of the next one.
     size_t end = base::find_line_end(head, p + 4);
     if (end == std::string::npos) break;
     if (is_dropped(head, p + 2)) {
@@ -153,7 +154,7 @@ void http_proxy::answer(const std::string& text) {
 
 void http_proxy::tell_client(const std::string& text) {
   pipe->append_to_client(text.data(), text.size());
-  sockets::mark_ready(sock);  // the idle pipe does not know it
+  sockets::mark_ready(sock);  // the idle pipe does not know the socket
 }
 
 bool http_proxy::on_send(char* buf, int cap, int* len) {
@@ -165,8 +166,8 @@ http_proxy::~http_proxy() {
   drop_pipe();
 }
 
-// Leaves the pipe, which may be freed by that: `pipe` is to be set again. Whatever ends in here does not wake
-// this side any more, whose socket may be closed.
+// Leaves the pipe. This may free it, so the caller must not use `pipe` before it is set again. First the pipe
+// forgets this side's socket, which may be closed: what ends in here must not wake it.
 void http_proxy::drop_pipe() {
   pipe->client_sock = -1;
   if (unserved) {

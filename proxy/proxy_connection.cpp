@@ -17,6 +17,6 @@ bool proxy_connection::on_send(char* buf, int cap, int* len) {
 
 proxy_connection::~proxy_connection() {
   pipe->upstream_sock = -1;
-  if (pipe->refs > 1) pipe->lose_upstream(out_len);  // else the client has gone
+  if (pipe->refs > 1) pipe->lose_upstream(out_len);  // else the client is gone
   pipe->release();
 }

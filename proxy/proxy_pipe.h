@@ -2,8 +2,8 @@
  *
  * Shared by the two and owned by neither: `refs` counts the owners, and whoever drops the last reference
  * frees it. refs == 1 tells an owner that its partner is gone. Both queues are unbounded; their sizes are
- * bytes. The descriptors are borrowed, and -1 for a side that is not there: they let a side that queues bytes
- * wake the other. The side that ends clears its own. */
+ * bytes. The descriptors are borrowed: with them, a side that queues bytes wakes the other side. The
+ * descriptor of a side that is not there is -1. A side that ends sets its own to -1. */
 #pragma once
 
 #include <cstdint>
@@ -19,25 +19,25 @@ struct proxy_pipe {
   base::byte_queue to_client;
   int client_sock = -1;
   int upstream_sock = -1;
-  int64_t offered = 0;    // bytes that give_upstream() has given out
-  bool answered = false;  // something was given to the client through this pipe
+  int64_t offered = 0;    // bytes that give_upstream() has handed out
+  bool answered = false;  // some bytes were queued for the client
 
-  /* Queues bytes for the upstream, and has the next select() wait for its socket. */
+  /* Queues bytes for the upstream, and makes the next select() wait for its socket. */
   void append_to_upstream(const char* data, size_t len) {
     to_upstream.append(data, len);
     sockets::mark_ready(upstream_sock);
   }
 
-  /* Queues bytes for the client, and has the next select() wait for its socket. */
+  /* Queues bytes for the client, and makes the next select() wait for its socket. */
   void append_to_client(const char* data, size_t len) {
     to_client.append(data, len);
     answered = true;
     sockets::mark_ready(client_sock);
   }
 
-  /* What each side answers the server that asks it for output: moves up to `cap` bytes of its queue to `buf`
-   * and stores their number in *len. Returns whether to stay open: there is more, or the partner may bring
-   * some. */
+  /* Each side calls its function when the server asks it for output. Moves up to `cap` bytes of the queue to
+   * `buf` and stores their number in *len. Returns whether the connection stays open: more bytes are queued,
+   * or the partner is there and may queue more. */
   bool give_upstream(char* buf, int cap, int* len) {
     const bool stays = drain(to_upstream, buf, cap, len);
     offered += *len;
@@ -45,9 +45,9 @@ struct proxy_pipe {
   }
   bool give_client(char* buf, int cap, int* len) { return drain(to_client, buf, cap, len); }
 
-  /* There is no upstream any more, or there never was: `unsent` of the bytes that it was offered were not
-   * taken. One that took no byte and gave none was not there. Its client then gets the 502, and nothing else;
-   * without memory for that, an empty reply. */
+  /* The upstream is gone, or there never was one. It has not taken the last `unsent` of the bytes that it was
+   * offered. An upstream that took no byte and sent none counts as unreachable. Its client then gets the 502
+   * and nothing else; without memory for the 502, the client gets no byte at all. */
   void lose_upstream(int unsent) noexcept {
     const bool took_nothing = offered == unsent;
     if (!took_nothing || answered) return;
@@ -59,8 +59,8 @@ struct proxy_pipe {
     sockets::mark_ready(client_sock);
   }
 
-  /* Drops one reference; the pipe may be freed by that, and the caller forgets its pointer. The other side is
-   * woken, to see that it is alone. */
+  /* Drops one reference. This may free the pipe, so the caller must forget its pointer. Wakes the other side,
+   * which then sees that its partner is gone. */
   void release() {
     sockets::mark_ready(client_sock);
     sockets::mark_ready(upstream_sock);

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int32_t default_ssl_port = 443;  // needs no mention in a URL
+constexpr int32_t default_ssl_port = 443;  // a URL need not name it
 
 }  // namespace
 

@@ -1,7 +1,7 @@
 /* redirector: answers every request with a permanent redirect to the same host and path on HTTPS.
  *
- * Only on_request is replaced: the request line is printed as usual, and a WebSocket handshake is answered
- * by http_connection before on_request is asked. */
+ * It overrides on_request alone. So the request line is printed as usual, and http_connection answers a
+ * WebSocket handshake before it calls on_request. */
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,11 @@
 #include "http/http_connection.h"
 
 struct redirector : http_connection {
-  /* Queues the 301 and has the connection close behind it. The query is not carried over, and of the Host
-   * value only what stands before its first colon. */
+  /* Queues the 301; the connection closes after it. The new URL has no query, and has only the part of the
+   * Host value before its first colon. */
   void on_request() override;
 
-  /* The HTTPS port that clients are sent to: 443 at first, set before the servers start. */
+  /* The HTTPS port that clients are sent to. It is 443 unless it is set, which must be before the servers
+   * start. */
   static int32_t& ssl_port();
 };

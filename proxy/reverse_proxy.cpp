@@ -12,7 +12,7 @@ base::hashmap<int>& reverse_proxy::hosts() {
 
 void reverse_proxy::on_headers() {
   begin_body();
-  static std::string host, line;  // they keep their memory from request to request, unless it is much
+  static std::string host, line;  // keep their memory from request to request, unless it is much
   host.clear();
   append_header(host, "host", head);
   const int local_port = hosts().get(host);  // 0 when the host is not there
@@ -39,17 +39,17 @@ void reverse_proxy::relay_to(int local_port) {
   forward();
 }
 
-// Shows the client what it sent, and the address it sent it from.
+// Shows the client the head of its request, and its address.
 void reverse_proxy::answer_echo() {
   const std::string body = head + "\r\nYour IPv4 address is: " + ip_text();
   answer("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(body.size()) +
          "\r\n\r\n" + body);
 }
 
-// Passes the request head on, with the client's address behind the client's own lines. An X-Forwarded-For
-// line of the client's stays: the upstream sees both, in this order.
+// Passes the request head on, and adds the client's address after the client's own lines. If the client sent
+// an X-Forwarded-For line, it stays: the upstream sees both lines, in this order.
 void reverse_proxy::forward() {
-  static std::string request;  // keeps its memory, as the texts in on_headers do
+  static std::string request;  // keeps its memory, like the texts in on_headers()
   request.assign(method).append(" ").append(target).append(" ").append(version).append("\r\n");
   append_headers(request, head);
   request += "X-Forwarded-For: ";

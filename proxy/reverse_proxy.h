@@ -1,7 +1,8 @@
 /* reverse_proxy: routes each request by its Host header to a port of this machine.
  *
- * The connection class of the running system. The host map decides: a port number forwards the request to
- * "localhost" and that port, -1 answers it with the echo page, and a host that is not there gets a 404. */
+ * This is the connection class of the program. The host map decides: with a port number the request is
+ * forwarded to that port of "localhost", with -1 it is answered with the echo page, and for a host that is
+ * not in the map it is answered with a 404. */
 #pragma once
 
 #include "base/hashmap.h"
@@ -12,9 +13,9 @@ struct reverse_proxy : http_proxy {
 
   void on_headers() override;
 
-  /* Host header value, byte for byte, to local port; -1 for the echo page. 0 is as good as absent. Other
-   * numbers are tried as they are: the resolver refuses negative ones and takes large ones modulo 65536.
-   * Filled before the servers start. */
+  /* Maps a Host header value, byte for byte, to a local port; -1 means the echo page. A host with port 0
+   * counts as absent. All other numbers are tried as they are: the resolver refuses negative ones and takes
+   * large ones modulo 65536. Filled before the servers start. */
   static base::hashmap<int>& hosts();
 
  private:
