@@ -1,4 +1,4 @@
-"""The bars that mivo is to stay under, and what was measured for each."""
+"""The bars: limits that mivo should stay under, and the figure that was measured for each."""
 
 from typing import Callable, NamedTuple
 
@@ -28,20 +28,20 @@ TLS_LARGE = "TLS keep-alive, 16 clients, 1 MiB"
 
 class Measured(NamedTuple):
     spread: figures.Spread
-    other: str = ""  # the server that it is a ratio to
+    other: str = ""  # the server that mivo is compared with, if this is a ratio
 
 
 class Bar(NamedTuple):
-    """`read` gets the results and returns Measured, or None when something is missing."""
+    """`read` gets the results and returns Measured, or None when a figure is missing."""
 
     name: str
     read: Callable
     most: float
-    unit: str = ""  # none for a ratio
+    unit: str = ""  # empty for a ratio
 
 
 def beside(workload, figure, others):
-    """A ratio to the one of the others whose median is the least, so that it is the same one in all rounds."""
+    """The ratio to the server in `others` with the least median. So all rounds are compared with the same server."""
 
     def read(results):
         other = figures.least_of(results, workload, figure, others)
@@ -60,8 +60,8 @@ def own(workload, figure, factor=1.0):
 
 
 def given_back(results):
-    """The share of what a slow client made mivo take that is still there after it. Buffers that are kept for
-    the next client are in it, a few MiB whatever the body: hence a bar of a tenth, not of nothing."""
+    """Of the memory that mivo took for a slow client, the share that it still has afterwards. A few MiB of this are
+    buffers that are kept for the next client, however long the body is. So the bar is a tenth, not zero."""
     kept = figures.by_round(results, "slow client", "mivo", "kept_kib")
     growth = figures.by_round(results, "slow client", "mivo", "growth_kib")
     found = figures.spread_of(kept[n] / growth[n] for n in kept)
@@ -105,5 +105,6 @@ BARS = [
 
 
 def is_met(bar, measured):
-    """To the digits that are printed: 4.004 calls per request are 4, of which one in 250 was interrupted."""
+    """Compares with the digits that are printed: 4.004 calls per request count as 4, because one in 250 requests has a
+    call that was interrupted."""
     return float(figures.number(measured.spread.median)) <= bar.most

@@ -1,5 +1,5 @@
-"""What the charts of the page show, and the sentence below each. Every panel has an axis of its own, which begins at
-zero; the sentence quotes a panel, so that it names no figure that is not drawn."""
+"""What the charts of the page show, and the sentence below each chart. Every panel has an axis of its own, which
+begins at zero. The sentence quotes a panel, so all its figures are drawn."""
 
 from typing import NamedTuple
 
@@ -25,8 +25,8 @@ class Chart(NamedTuple):
     heading: str
     file: str
     panels: tuple
-    quoted: int  # the panel of the sentence
-    sentence: str  # what stands before the figures
+    quoted: int  # the panel whose figures the sentence quotes
+    sentence: str  # the words before the figures
 
 
 CHARTS = (

@@ -1,4 +1,4 @@
-"""The load: each function runs one client program, or is one, and returns what it saw."""
+"""The load: each function runs a client program, or is a client itself, and returns what it measured."""
 
 import os
 import re
@@ -15,8 +15,8 @@ from typing import Optional
 
 @dataclass
 class Figures:
-    """What a load generator says of one run. Latencies are milliseconds, None where they mean nothing; failed
-    requests are counted. `command` is what ran, for the report."""
+    """What a load generator says about one run. Latencies are in milliseconds, and None where they mean nothing.
+    `failed` is a number of requests. `command` is the command that ran, for the report."""
 
     requests: int
     seconds: float
@@ -68,8 +68,8 @@ def wrk(url, host, connections, seconds, threads=1):
 
 
 def ab(url, host, connections, seconds):
-    """A connection for each request (HTTP/1.0 without keep-alive). Its latencies are whole milliseconds, which
-    says too little. Only for plain HTTP: it counts an end of the connection without a close_notify as a failure."""
+    """A connection for each request (HTTP/1.0 without keep-alive). The latencies of ab are left out, because they are
+    whole milliseconds. Only for plain HTTP: ab counts a connection that ends without a close_notify as a failure."""
     command = ["ab", "-q", "-t", str(seconds), "-n", str(100000 * seconds), "-c", str(connections)]
     command += ["-H", f"Host: {host}", url]
     out = run(command)
@@ -84,8 +84,8 @@ def ab(url, host, connections, seconds):
 
 
 def hey(url, host, connections, seconds):
-    """A TLS connection for each request, each with a handshake of its own: no session is resumed. It reads the
-    reply, so it takes the session tickets as well, which come first."""
+    """A TLS connection for each request, each with a handshake of its own: no session is resumed. hey reads the
+    response, so it also reads the session tickets, which come before the response."""
     command = ["hey", "-disable-keepalive", "-z", f"{seconds}s", "-c", str(connections), "-host", host, url]
     out = run(command)
     statuses = {status: int(count) for status, count in re.findall(r"\[(\d+)\]\t(\d+) responses", out)}
@@ -99,7 +99,7 @@ def hey(url, host, connections, seconds):
 
 
 def curl(url, host, seconds, *options):
-    """Requests one after the other, each by a curl of its own, until the time has passed; `p50` is the time to the
+    """Requests one after the other, each with a curl of its own, until the time has passed. `p50` is the time to the
     last byte."""
     command = ["curl", "-sSk", "-o", "/dev/null", "-H", f"Host: {host}", *options]
     command += ["-w", "%{http_code} %{time_total}", url]
@@ -121,8 +121,8 @@ def tls_context():
 
 
 class Client:
-    """One connection that asks for `path`. With a `context` over TLS. Small `receive` buffers are for clients
-    that read slowly: the system then holds little for them."""
+    """One connection that asks for `path`, over TLS if there is a `context`. A client that reads slowly gets a small
+    `receive` buffer, so that the system holds few bytes for it."""
 
     def __init__(self, port, host, path, context=None, receive=None):
         self._request = f"GET {path} HTTP/1.1\r\nHost: {host}\r\n\r\n".encode()
@@ -139,7 +139,7 @@ class Client:
         self.sock.sendall(self._request)
 
     def read_head(self):
-        """Reads the head of the reply; returns the length of the body and the part of it that has come."""
+        """Reads the head of the response. Returns the length of the body and the part of it that has already come."""
         data = b""
         while b"\r\n\r\n" not in data:
             data += self._receive()
@@ -166,8 +166,8 @@ class Client:
 
 
 def repeated(seconds, once, command, pause=lambda: None):
-    """Calls `once` until it has taken that long in all, and `pause` before each; figures of what `once` returns,
-    seconds."""
+    """Calls `once` again and again, and `pause` before each call, until the calls of `once` have taken `seconds` in
+    total. Returns the figures of the seconds that `once` returns."""
     taken = []
     while sum(taken) < seconds * 1000:
         pause()
@@ -183,7 +183,7 @@ def repeated(seconds, once, command, pause=lambda: None):
 
 
 def fresh_https(port, host, path, seconds):
-    """Connect, handshake, one request, last byte; each on a connection of its own."""
+    """Times from connecting to the last byte of the response, with the handshake; each on a connection of its own."""
     context = tls_context()
 
     def once():
@@ -197,8 +197,8 @@ def fresh_https(port, host, path, seconds):
 
 
 def first_bytes(port, host, path, seconds, pause):
-    """Connect, ask, first bytes of the reply. The client then leaves: `pause` waits for the server to have
-    done with the rest, which would be counted as the next request's wait."""
+    """Times from connecting to the first bytes of the response. Then the client leaves. `pause` waits until the server
+    has finished the rest of the response; otherwise that time would count for the next request."""
 
     def once():
         begin = time.monotonic()

@@ -1,5 +1,6 @@
-/* counted_malloc: a library for LD_PRELOAD that counts malloc(), calloc() and realloc(), and through them
- * operator new, in the first 8 bytes of the file that the environment names in ALLOCATIONS. */
+/* counted_malloc: a library for LD_PRELOAD that counts the calls of malloc(), calloc() and realloc(), and so
+ * those of operator new. The count is the first 8 bytes of the file that the environment variable ALLOCATIONS
+ * names. */
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -8,14 +9,14 @@
 #include <cstdint>
 #include <cstdlib>
 
-// What glibc calls its own.
+// glibc's names for its own functions.
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
 extern "C" void* __libc_realloc(void* place, size_t size);
 
 namespace {
 
-uint64_t uncounted;  // before the file is there
+uint64_t uncounted;  // takes the counts until the file is open
 uint64_t* counter = &uncounted;
 
 __attribute__((constructor)) void open_counter() {

@@ -1,5 +1,5 @@
-"""What needs a tool of its own: start-up time, the program's size, system calls, allocations, several processes
-on one port, and the microbenchmarks."""
+"""The workloads that need a tool of their own: start-up time, the program's size, system calls, allocations, several
+processes on one port, and the microbenchmarks."""
 
 import json
 import os
@@ -48,7 +48,7 @@ def program_size(bench, server, seconds):
 
 
 class KeptAlive(ExitStack):
-    """Several kept-alive clients; each call of request_all() is a request of each of them."""
+    """Several kept-alive clients. In request_all() each of them makes `times` requests."""
 
     def __init__(self, port, count):
         super().__init__()
@@ -67,7 +67,7 @@ class KeptAlive(ExitStack):
 
 
 def count_calls(server, work):
-    """System calls of all the server's processes during work(), by name."""
+    """Counts the system calls of all the server's processes during work(), by name."""
     pids = server.pids()
     with tempfile.TemporaryDirectory() as folder:
         table = Path(folder) / "calls"
@@ -87,8 +87,8 @@ def count_calls(server, work):
 
 
 def calls_per_request(calls, requests, is_mivo):
-    """What many requests share is counted apart: the waits, and the write() of a full buffer of mivo's console
-    lines. mivo answers nobody with write()."""
+    """Calls that many requests share are counted separately: the waits, and the write() of a full buffer of mivo's
+    console lines. mivo uses write() for nothing else."""
     waits = sum(n for name, n in calls.items() if name in WAITS)
     console = calls.get("write", 0) if is_mivo else 0
     return {
@@ -100,8 +100,8 @@ def calls_per_request(calls, requests, is_mivo):
 
 
 def system_calls(count):
-    """Per request, with the connections open before: wrk would add theirs to the few requests that strace
-    lets through."""
+    """System calls per request. The connections are opened before the count. wrk would open its connections during
+    the count, and under strace there are too few requests to hide that."""
     times = REQUESTS // count
 
     def measure(bench, server, seconds):
@@ -116,7 +116,7 @@ def system_calls(count):
 
 
 def new_connection_calls(bench, server, seconds):
-    """Per request on a connection of its own, one after the other."""
+    """System calls per request, each on a connection of its own, one after the other."""
     command = ["ab", "-q", "-n", str(NEW_CONNECTIONS), "-H", f"Host: {HOST}", server.url("/128")]
     calls = count_calls(server, lambda: clients.run(command))
     figures = calls_per_request(calls, NEW_CONNECTIONS, server.name == "mivo")
@@ -124,7 +124,7 @@ def new_connection_calls(bench, server, seconds):
 
 
 def allocations(bench, server, seconds):
-    """malloc(), calloc() and realloc() per request, counted by a library that is loaded before the others."""
+    """Calls of malloc(), calloc() and realloc() per request. A library that is loaded before the others counts them."""
     with tempfile.NamedTemporaryFile() as counter:
         counter.write(bytes(8))
         counter.flush()
@@ -153,8 +153,8 @@ def allocations(bench, server, seconds):
 
 
 def processes_on_one_port(bench, server, seconds):
-    """Requests per second of one and of two processes, on the two cores of the run, which they share with load
-    and upstream."""
+    """Requests per second of one process and of two processes. They run on the two cores of the run, together with
+    load and upstream."""
     rates = {}
     for count in (1, 2):
         first = bench.make(server.name, server.job)
@@ -182,7 +182,7 @@ def processes_on_one_port(bench, server, seconds):
 
 
 def microbenchmarks(bench, server, seconds):
-    """Nanoseconds of processor time by benchmark; each checks what it has computed."""
+    """Nanoseconds of processor time by benchmark. Each benchmark checks its result."""
     with tempfile.NamedTemporaryFile() as file:
         command = [str(PROGRAMS / "micro"), f"--benchmark_out={file.name}", "--benchmark_out_format=json"]
         command += [f"--benchmark_min_time={seconds / 30}"]

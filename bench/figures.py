@@ -1,12 +1,13 @@
-"""The figures of a run: kept as JSON, merged with those of earlier runs, and summed up.
+"""The figures of a run: keeps them as JSON, merges them with those of earlier runs, and sums them up.
 
     {"machine": ..., "versions": ..., "flags": ..., "servers": {"JOB, SERVER": command},
      "workloads": {NAME: {"commit": ..., "sources": ..., "date": ..., "seconds": ..., "command": ...,
                           "results": {SERVER: [{"round": 1, FIGURE: number, ...}, ...]},
                           "failures": [{"round": 1, "server": ..., "cause": ...}]}}}
 
-Every round of every server is kept. What is printed is computed from them: a median with the least and the most
-beside it. A ratio is taken within each round, whose servers ran one after the other, and then its median."""
+Every round of every server is kept. The printed figures are computed from the rounds: a median, with the least and
+the most beside it. A ratio is taken within each round, in which the servers ran one after the other; what is printed
+is the median of these ratios."""
 
 import json
 import statistics
@@ -30,7 +31,7 @@ def spread_of(values):
 
 
 def by_round(results, workload, server, figure):
-    """{round: figure}; rounds that failed or have no such figure are left out."""
+    """{round: figure}, without the rounds that failed or have no such figure."""
     runs = results.get(workload, {}).get(server, [])
     return {run["round"]: run[figure] for run in runs if run.get(figure) is not None}
 
@@ -41,13 +42,13 @@ def spread(results, workload, server, figure, factor=1.0):
 
 
 def ratio(results, workload, figure, other, own="mivo"):
-    """The spread of `own` over `other`, over the rounds that both have."""
+    """The spread of the ratio of `own` to `other`, over the rounds that both have."""
     mine, theirs = (by_round(results, workload, server, figure) for server in (own, other))
     return spread_of(mine[n] / theirs[n] for n in mine if theirs.get(n))
 
 
 def least_of(results, workload, figure, servers):
-    """The server with the least median; None when one of them has no figure."""
+    """The server with the least median; None when any of them has no figure."""
     medians = {server: spread(results, workload, server, figure) for server in servers}
     if None in medians.values():
         return None
@@ -55,7 +56,7 @@ def least_of(results, workload, figure, servers):
 
 
 def number(value):
-    """Three digits, or all that stand before the point."""
+    """Three digits, or all digits before the point."""
     if value == 0:
         return "0"
     digits = 0 if abs(value) >= 99.95 else 1 if abs(value) >= 9.995 else 2 if abs(value) >= 0.1 else 3
@@ -63,7 +64,7 @@ def number(value):
 
 
 def text_of(found):
-    """"12.6 (12.3–12.9)"; the median alone when all rounds gave that; "" for None."""
+    """A text like "12.6 (12.3–12.9)". The median alone when all rounds gave the same; "" for None."""
     if found is None:
         return ""
     least, median, most = number(found.least), number(found.median), number(found.most)
@@ -75,8 +76,8 @@ def results_of(data):
 
 
 def merged(old, new):
-    """The old figures with the new ones in place of those of the same workloads. Raises ValueError when they are
-    of another machine or other versions: their figures would stand side by side as if they were of one."""
+    """The old figures, except that the new ones replace those of the same workloads. Raises ValueError when the old
+    ones are of another machine, or of other versions or flags: the reader would take them all for one run."""
     for key in ("machine", "versions", "flags"):
         if old[key] != new[key]:
             raise ValueError(f"the figures there are of another {key}: {old[key]}, now {new[key]}")
@@ -92,7 +93,7 @@ def load(path):
 
 
 def save(data, path):
-    """Complete or not at all: a run that is broken off leaves what it had."""
+    """Writes the file as a whole: when a run is interrupted, the file of the last save() stays."""
     path.parent.mkdir(parents=True, exist_ok=True)
     part = path.with_name(path.name + ".part")
     part.write_text(json.dumps(data, indent=1) + "\n")

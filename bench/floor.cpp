@@ -1,5 +1,6 @@
-/* floor: what relaying costs at the least. An epoll loop that parses nothing: each client gets an upstream
- * connection of its own, and every chunk is one recv and one send. Not a server: it trusts both sides.
+/* floor: shows the least that relaying costs. It is an epoll loop that parses nothing: each client gets an
+ * upstream connection of its own, and every chunk is one recv and one send. It is not a server for use,
+ * because it trusts both sides.
  *
  *     floor [port] [upstream port] */
 
@@ -33,7 +34,7 @@ void watch(int epoll, int sock) {
   epoll_ctl(epoll, EPOLL_CTL_ADD, sock, &event);
 }
 
-// Blocks while the other side is full: a floor may.
+// Blocks while the other side is full, which is acceptable in a floor.
 bool send_all(int sock, ssize_t len) {
   for (ssize_t done = 0; done < len;) {
     ssize_t n = send(sock, buf + done, static_cast<size_t>(len - done), MSG_NOSIGNAL);

@@ -1,4 +1,4 @@
-"""What the figures hold for: the machine, the commit, the versions of the programs, and how mivo was compiled."""
+"""The conditions of a run: the machine, the commit, the versions of the programs, and how mivo was compiled."""
 
 import os
 import platform
@@ -33,8 +33,8 @@ def first_line(*command):
 
 
 def commit():
-    """What is measured; "unknown" in a tree without a repository. Only changes of the program's own sources make
-    another program of it."""
+    """The commit that is measured; "unknown" in a tree without a repository. Only changes of the program's own sources
+    are marked, because other changes do not change the program."""
     git = ["git", "-C", str(ROOT)]
     said = first_line(*git, "rev-parse", "--short", "HEAD")
     if not re.fullmatch(r"[0-9a-f]+", said):
@@ -58,7 +58,7 @@ def versions():
 
 
 def flags():
-    """The flags of mivo's main.cpp and of its link, as the build has them; no paths."""
+    """The flags with which the build compiles mivo's main.cpp and links mivo, without paths."""
     lines = (ROOT / "build" / "release" / "build.ninja").read_text().splitlines()
 
     def of_target(start, variable):

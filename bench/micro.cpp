@@ -1,6 +1,6 @@
 // Microbenchmarks of what every request passes through: parser, header look-up, host map, byte queue,
-// connection objects, answers and the copying of headers. Each compares what it has computed with what that
-// must be, after the time is taken: a function that is fast because it does nothing ends the program.
+// connection objects, answers and the copying of headers. After the time is taken, each benchmark checks its
+// result. So a function that is fast because it does nothing ends the program.
 
 #include <benchmark/benchmark.h>
 
@@ -19,7 +19,7 @@
 
 namespace {
 
-// What a browser sends.
+// A request of a browser.
 const std::string browser_request =
     "GET /articles/2024/index.html?page=2 HTTP/1.1\r\n"
     "Host: www.example.com\r\n"
@@ -39,14 +39,14 @@ const std::string browser_request =
 
 const std::string browser_head = browser_request.substr(0, browser_request.size() - 2);
 
-// Google Benchmark would report a wrong result and end with success.
+// Ends the program: Google Benchmark itself would report a failure and still end with status 0.
 void require(bool is_right, const char* what) {
   if (is_right) return;
   fprintf(stderr, "Wrong: %s\n", what);
   exit(1);
 }
 
-// Parses and says nothing: the console line and the answer have their own cost.
+// Parses only: it prints no line and gives no answer, because those have costs of their own.
 struct silent : http_connection {
   int64_t requests = 0;
   std::string last_target;
@@ -89,7 +89,7 @@ void find_host(benchmark::State& state, const char* name, int expected) {
 BENCHMARK_CAPTURE(find_host, known, "site17.example.com", 3017);
 BENCHMARK_CAPTURE(find_host, unknown, "www.example.com", 0);
 
-// Appends pieces until `total` bytes are there, and consumes them a buffer at a time.
+// Appends pieces up to `total` bytes, and then consumes them, one buffer at a time.
 void pass_through_queue(benchmark::State& state) {
   const auto piece = static_cast<size_t>(state.range(0));
   const auto total = static_cast<size_t>(state.range(1));
@@ -113,8 +113,8 @@ BENCHMARK(pass_through_queue)
     ->Args({524288, 524288})
     ->Args({524288, 8388608});
 
-// Creates so many connections and then deletes them all; the time is for one of them. Up to 64 ended objects
-// are kept for the next ones, so 128 at once go half beyond.
+// Creates the given number of connections and then deletes them all; the time is for one of them. The memory
+// of up to 64 ended connections is kept for the next ones, so half of 128 connections find none.
 void create_connections(benchmark::State& state) {
   const auto count = static_cast<size_t>(state.range(0));
   std::vector<std::unique_ptr<reverse_proxy>> connections(count);
@@ -122,7 +122,7 @@ void create_connections(benchmark::State& state) {
     for (auto& conn : connections) conn.reset(new reverse_proxy);
     for (auto& conn : connections) conn.reset();
   }
-  // A connection on memory of an ended one is as new.
+  // A connection in the memory of an ended one is like a new one.
   for (auto& conn : connections) conn.reset(new reverse_proxy);
   for (auto& conn : connections) {
     require(conn->sock == -1 && conn->out_len == 0 && conn->head.empty(), "create_connections, fields");

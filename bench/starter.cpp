@@ -1,10 +1,10 @@
-/* starter: how long a server takes from exec() to the first connect() that succeeds.
+/* starter: measures how long a server takes from exec() to the first connect() that succeeds.
  *
  *     starter [port] [core] [signal] [program] [arguments...]
  *
- * Prints milliseconds and ends the program with the signal. Tries to connect without a pause in between: a
- * try costs some microseconds, on a core that the program does not use. The port must not be one that the
- * system gives to outgoing connections, or a try may end up connected to itself. */
+ * Prints milliseconds and ends the program with the signal. Tries to connect again and again without a pause:
+ * a try costs some microseconds, on a core that the program does not use. The port must not be one that the
+ * system gives to outgoing connections. Otherwise a try may become connected to itself. */
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -40,7 +40,7 @@ bool is_listening(int port) {
   return connected;
 }
 
-// Becomes the program, on `core` and silent; notes the time last of all.
+// Becomes the program, on `core` and without output. Takes the time just before exec().
 [[noreturn]] void become(char** command, int core, double* begin_ms) {
   cpu_set_t cores;
   CPU_ZERO(&cores);

@@ -1,9 +1,9 @@
 /* chat: a WebSocket chat room, and the page that talks to it. Run it with a port, open the page in two tabs.
  *
- * Everybody is in one channel. What one sends, all get, as text frames: so it has to be text, for a browser
- * closes a connection over which anything else comes as text, and it has to be short, because it is kept for
- * everybody. One message becomes as many as there are members: so nobody may send many, or leave many unread.
- */
+ * All members are in one channel. A message of one member goes to all members, as a text frame. It must be
+ * text, because a browser closes the connection when a text frame holds anything else. It must be short,
+ * because a copy is kept for each member. One message becomes as many messages as there are members. So no
+ * member may send many messages, or leave many of them unread. */
 
 #include <cstdint>
 #include <cstdio>
@@ -20,10 +20,10 @@ namespace {
 const char room[] = "room";
 
 constexpr int32_t longest_message = 4096;    // bytes
-constexpr int most_messages_a_second = 100;  // of one member
-constexpr int most_unread_messages = 1000;   // that one member keeps the chat waiting with
+constexpr int most_messages_a_second = 100;  // from one member
+constexpr int most_unread_messages = 1000;   // queued for one member
 
-/* Whether this is UTF-8 (RFC 3629), which is what a text frame holds. */
+/* Whether `message` is UTF-8 (RFC 3629), which a text frame must hold. */
 bool is_text(const std::string& message) {
   for (size_t i = 0; i < message.size();) {
     if (base::utf8_decode(message, i) > 0x10FFFF) return false;
@@ -66,27 +66,27 @@ const char page[] = R"(<!doctype html>
 struct chat_connection : http_connection {
   void on_request() override {
     if (written) return;                             // a refused upgrade, or bytes after the last request
-    if (response_parts.count > 0) return hang_up();  // whoever does not read is not to ask on
+    if (response_parts.count > 0) return hang_up();  // a client that does not read may not ask again
     if (path == "/")
       write("HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\n", page);
     else
       write("HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\n", "There is only one page here.\n");
   }
 
-  // Not calling the base: it would close the connection.
+  // Does not call the base, which would close the connection.
   void on_upgrade() override {
     max_frame_length = max_message_length = longest_message;
     subscribe(room);
   }
 
   void on_data(char* data, int len) override {
-    if (upgraded && !keep_alive) return;  // about to close: what still comes is not kept
+    if (upgraded && !keep_alive) return;  // about to close: bytes that still come are dropped
     http_connection::on_data(data, len);
-    if (response_parts.count > most_unread_messages) hang_up();  // it asks for pongs, say, and takes none
+    if (response_parts.count > most_unread_messages) hang_up();  // e.g. it sends pings and reads no pongs
   }
 
   void on_message() override {
-    if (!keep_alive) return;  // there is more in what was read at once, but this member is gone
+    if (!keep_alive) return;  // an earlier message of the same read has ended this connection
     if (is_too_fast()) return hang_up();
     if (!is_text(message)) return;
     publish(room, message, text_frame);
@@ -97,8 +97,8 @@ struct chat_connection : http_connection {
   }
 
  private:
-  int64_t second_ = 0;  // since the epoch, in which the last message came, and how many came in it
-  int messages_ = 0;
+  int64_t second_ = 0;  // of the last message, since the epoch
+  int messages_ = 0;    // that came in this second
 
   bool is_too_fast() {
     const int64_t now = time(nullptr);

@@ -1,9 +1,9 @@
-/* file_server: static files from a folder, streamed through file parts, with their progress on the console.
+/* file_server: serves static files from a folder in slices, and prints their progress on the console.
  *
  *     file_server [port] [folder]
  *
- * Nothing outside the folder is served, however the path is spelled: the file that the system finds for it,
- * links and all, must be inside. */
+ * It serves nothing outside the folder, however the path is spelled: the system resolves the path, links
+ * included, and the file that it finds must be inside the folder. */
 
 #include <sys/stat.h>
 
@@ -25,14 +25,14 @@ std::string& root() {
   return path;
 }
 
-/* The true path of what `path` names; "" when there is nothing. */
+/* The true path of the file or folder that `path` names; "" when there is none. */
 std::string true_path(const std::string& path) {
   char found[PATH_MAX];
   return realpath(path.c_str(), found) ? found : "";
 }
 
-/* `path` with %XX as the byte it stands for (RFC 3986, section 2.1). %00 stays as it is spelled: no file name
- * holds a zero byte. */
+/* `path` with each %XX replaced by the byte that it stands for (RFC 3986, section 2.1). %00 stays %00,
+ * because no file name holds a zero byte. */
 std::string decode(const std::string& path) {
   std::string out;
   for (size_t i = 0; i < path.size(); i++) {
@@ -51,14 +51,14 @@ std::string decode(const std::string& path) {
 }
 
 struct file_connection : http_connection {
-  std::string sending;  // the file on its way, for the console
-  long total = 0;       // its size and how much of the answer has gone out, in bytes
-  long sent = 0;
+  std::string sending;  // the file that is being sent, for the console
+  long total = 0;       // its size in bytes
+  long sent = 0;        // bytes of the answer that have gone out
 
   void on_request() override {
     if (written) return;  // a refused upgrade, or bytes after the last request: no file for these
-    // Every queued answer holds a file open. A client that asks on before it has read the one it is being
-    // sent could take all descriptors, so it gets no other.
+    // Every queued answer holds a file open. A client that asks again before it has read its answer could
+    // take all descriptors, so it gets no other answer.
     if (response_parts.count > 0) return hang_up();
     if (method != "GET" && method != "HEAD") {
       write("HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, HEAD\r\n", "");
@@ -73,12 +73,12 @@ struct file_connection : http_connection {
       write("HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\n", "There is no such file.\n");
   }
 
-  /* Queues the answer with the file as its body. False when it cannot be opened. */
+  /* Queues the answer with the file as its body. Returns false when the file cannot be opened. */
   bool queue_file(const std::string& file) {
     FILE* stream = fopen(file.c_str(), "rb");
     if (!stream) return false;
     struct stat status = {};
-    fstat(fileno(stream), &status);  // of what was opened, whatever has taken its name since
+    fstat(fileno(stream), &status);  // of the file that was opened: the path may name another one by now
     sending = file.substr(root().size());
     total = status.st_size;
     sent = 0;

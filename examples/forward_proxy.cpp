@@ -1,14 +1,13 @@
-/* forward_proxy: a proxy for a browser or curl -x, which hides the hosts that it is told to block.
+/* forward_proxy: a proxy for a browser or curl -x. It hides the hosts that it is told to block.
  *
  *     forward_proxy [port] [blocked host]...
  *
- * The hosts below a blocked one are blocked, too: example.org blocks www.example.org. Letter case does not
- * count, and numbers are compared as addresses: 127.1 is 127.0.0.1. What this does not stop: a blocked host
- * is still reached by another name of it, or by its address unless that is blocked as well, because no name
- * is looked up to be compared. And a name that is looked up keeps everybody waiting until the resolver has
- * answered.
+ * A blocked host blocks the hosts below it, too: example.org blocks www.example.org. Letter case does not
+ * count, and numbers are compared as addresses: 127.1 is 127.0.0.1. No name is looked up for the comparison.
+ * So a client still reaches a blocked host by another name of that host, or by its address, unless these are
+ * blocked as well. To fetch a page, the proxy looks up the name, and all clients wait for the resolver.
  *
- * Listens on localhost only, because it lets anybody who reaches it go anywhere. */
+ * It listens on localhost only, because a client that reaches it can reach any host. */
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -35,18 +34,18 @@ base::hashmap<int>& blocked() {
   return hosts;
 }
 
-/* The one spelling under which a host is compared. Numbers may be spelled in many ways, which the resolver
- * reads as inet_aton() does. */
+/* The one spelling by which hosts are compared. An address has many spellings, and the resolver reads them as
+ * inet_aton() does. */
 std::string usual_spelling(std::string name) {
   for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  if (!name.empty() && name.back() == '.') name.pop_back();  // the same host, spelled to its end
+  if (!name.empty() && name.back() == '.') name.pop_back();  // a dot at the end: the same host
   in_addr address = {};
   return inet_aton(name.c_str(), &address) != 0 ? inet_ntoa(address) : name;
 }
 
 struct filtering_proxy : http_proxy {
-  /* A proxy that is asked to fetch from itself gets the request again, and again: each of them costs two
-   * connections and a copy. The one that comes over a connection of our own is the first that is refused. */
+  /* A proxy that is asked to fetch from itself gets the same request again and again, and each time costs two
+   * connections and a copy. So a request that comes over a connection of our own is refused. */
   void on_headers() override {
     if (!is_from_ourselves()) {
       const proxy_pipe* before = pipe;
@@ -60,7 +59,7 @@ struct filtering_proxy : http_proxy {
   }
 
   bool should_block(const std::string& host) override {
-    // Refused later on, without a look-up. A name of many labels would take long here.
+    // This is refused later, without a look-up. A name of many labels would take long here.
     if (!base::is_host_name(host)) return false;
     std::string name = usual_spelling(host);
     for (;;) {
@@ -74,18 +73,18 @@ struct filtering_proxy : http_proxy {
   ~filtering_proxy() override { own_ports()[static_cast<size_t>(port)] = false; }
 
  private:
-  /* The local ports of our connections to ourselves. Such a port is noted until the connection that was
-   * accepted from it ends. The upstream connection may end earlier: a client that asks and leaves at once
-   * ends it before the request comes back. */
+  /* The local ports of our connections to ourselves. A port stays noted until the connection that was
+   * accepted from it ends. The upstream connection may end earlier: when a client asks and leaves at once, it
+   * ends before the request comes back. */
   static std::bitset<65536>& own_ports() {
     static std::bitset<65536> ports;
     return ports;
   }
 
-  /* All clients are on this machine, where one port belongs to one of them at a time. */
+  /* All clients are on this machine, where a port belongs to one client at a time. */
   bool is_from_ourselves() const { return own_ports()[static_cast<size_t>(port)]; }
 
-  /* The resolver has taken the port modulo 65536. */
+  /* Notes the local port of an upstream connection to ourselves. The resolver takes the port modulo 65536. */
   void note_upstream() const {
     sockaddr_in local = {};
     socklen_t length = sizeof(local);

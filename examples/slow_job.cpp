@@ -1,4 +1,4 @@
-/* slow_job: answers that take a while are worked out by a thread, while the loop goes on serving others.
+/* slow_job: a thread computes an answer that takes a while, and the loop serves other clients meanwhile.
  *
  *     slow_job [port]
  *
@@ -17,12 +17,13 @@
 
 namespace {
 
-constexpr int max_jobs = 16;  // threads at work at the same time, for all clients together
+constexpr int max_jobs = 16;  // threads that work at the same time, for all clients together
 
-/* Counts primes in a thread of its own. Deleted by the response part that holds it; a client that leaves
- * early ends the work early. */
+/* Counts primes in a thread of its own. The response part that holds it deletes it, so the work ends early
+ * when the client leaves early. */
 struct prime_count : http_connection::job {
-  /* The work, begun and handed over; null when enough are at work, or the system has no thread to spare. */
+  /* Starts the work and hands it over. Returns null when max_jobs threads work, or when the system gives no
+   * further thread. */
   static prime_count* start(long below) {
     if (at_work() == max_jobs) return nullptr;
     try {
@@ -41,14 +42,14 @@ struct prime_count : http_connection::job {
  private:
   explicit prime_count(long below) : thread_([this, below] { work(below); }) { at_work()++; }
 
-  /* How many there are. They are made and deleted by the loop's thread alone. */
+  /* The number of jobs. Only the loop's thread makes and deletes them. */
   static int& at_work() {
     static int count = 0;
     return count;
   }
 
   std::atomic<bool> is_cancelled_{false};
-  std::thread thread_;  // last, so that it starts when all else is there
+  std::thread thread_;  // last, so that it starts when all other fields are there
 
   void work(long below) {
     int primes = 0;  // a var holds no long
@@ -70,7 +71,7 @@ struct job_connection : http_connection {
   void on_request() override {
     if (written) return;  // a refused upgrade, or bytes after the last request: no thread for these
     if (response_parts.count > 0) return hang_up();  // one job at a time for each client
-    // More than 32 bits, which base::parse_int() would cut off.
+    // Not base::parse_int(), which would cut the number off at 32 bits.
     const long below = path.empty() ? 0 : strtol(path.c_str() + 1, nullptr, 10);
     if (method != "GET" || below <= 0) {
       write("HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\n", "Ask for a number: GET /1000000\n");
