@@ -88,7 +88,7 @@ def count_calls(server, work):
 
 def calls_per_request(calls, requests, is_mivo):
     """Calls that many requests share are counted separately: the waits, and the write() of a full buffer of mivo's
-    console lines. mivo uses write() for nothing else."""
+    console lines. mivo sends no answer with write()."""
     waits = sum(n for name, n in calls.items() if name in WAITS)
     console = calls.get("write", 0) if is_mivo else 0
     return {
@@ -101,7 +101,7 @@ def calls_per_request(calls, requests, is_mivo):
 
 def system_calls(count):
     """System calls per request. The connections are opened before the count. wrk would open its connections during
-    the count, and under strace there are too few requests to hide that."""
+    the count, and strace is so slow that few requests would share the cost of that."""
     times = REQUESTS // count
 
     def measure(bench, server, seconds):

@@ -93,7 +93,7 @@ def load(path):
 
 
 def save(data, path):
-    """Writes the file as a whole: when a run is interrupted, the file of the last save() stays."""
+    """Writes the whole file or nothing: when a run is interrupted, the file of the last save() stays."""
     path.parent.mkdir(parents=True, exist_ok=True)
     part = path.with_name(path.name + ".part")
     part.write_text(json.dumps(data, indent=1) + "\n")

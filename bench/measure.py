@@ -1,15 +1,15 @@
-"""Measures mivo beside its peers, in turns, and keeps the figures as JSON.
+"""Measures mivo and its peers, in turns, and keeps the figures as JSON.
 
     measure.py [--rounds N] [--seconds S] [--only WORD]... [--out FILE] [--mivo PROGRAM] [--list]
 
-Every round runs each workload on each of its servers, one right after the other, and another server begins in each
-round. The proxies have one core, load and upstream the other. Processor time is the kernel's account of all
-processes of a proxy. The file is written after each workload. A workload that fails is noted with its cause, and
-the run goes on.
+Every round runs each workload on each of its servers, one right after the other. Each round begins with another
+server. The proxies run on one core, load and upstream on the other. Processor time is what the kernel counts for all
+processes of a proxy. The file is written after each workload. A failure is noted with its cause, and the run
+goes on.
 
-A run of all workloads writes a new file; one with --only replaces the figures of those workloads in it. The file
-is docs/performance/figures.json, or build/bench/figures.json when rounds, seconds or the program are not the
-usual ones, which are for trying things out."""
+A run of all workloads writes a new file. A run with --only replaces the figures of those workloads in the file. The
+file is docs/performance/figures.json. A run with fewer seconds, another number of rounds or another program is for
+trying things out, so its file is build/bench/figures.json."""
 
 import argparse
 import datetime
@@ -33,14 +33,14 @@ USUAL_PROGRAM = ROOT / "build" / "release" / "mivo"
 
 
 def unnamed(text, folder):
-    """A command as anybody would run it: without this run's ports and temporary folder, and with programs by
-    their names."""
+    """A command in a general form: without this run's ports and temporary folder, and without the path of this
+    repository."""
     text = text.replace(str(folder), "FOLDER").replace(str(ROOT) + "/", "")
     return re.sub(r"\b\d{5}\b", lambda m: "PORT" if int(m.group()) in given_ports else m.group(), text)
 
 
 def chosen_workloads(words):
-    """Those with one of the words in their names, or all. A "-" stands for a blank as well."""
+    """The workloads with one of the words in their names; without words, all. A "-" in a word also matches a blank."""
 
     def plain(text):
         return text.replace("-", " ")
@@ -53,7 +53,7 @@ def chosen_workloads(words):
 
 
 class Report:
-    """What a run has found so far. `old`: the figures that it is merged with, or None."""
+    """What a run has found so far. `old` are the figures that it is merged with, or None."""
 
     def __init__(self, options, chosen, old):
         self.path = options.out
@@ -61,7 +61,7 @@ class Report:
         self.old = old
         measured = {
             "commit": machine.commit(),
-            # Of another program nobody knows the sources.
+            # The sources of another program are unknown.
             "sources": sources_hash() if options.mivo == USUAL_PROGRAM else None,
             "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d"),
             "seconds": options.seconds,
@@ -102,7 +102,7 @@ def measure_one(bench, report, round_number, progress, name, workload, server_na
         if server.revive():
             show(progress, name, server_name, "did not run and is started")
         found = workload.measure(bench, server, report.seconds)
-    except Exception as error:  # whatever it is, the other figures are still worth having
+    except Exception as error:  # whatever failed, the other figures are still useful
         report.add_failure(round_number, name, server_name, error)
         show(progress, name, server_name, f"FAILED: {error}"[:200])
         return
@@ -113,7 +113,8 @@ def measure_one(bench, report, round_number, progress, name, workload, server_na
 
 
 def rotated(servers, round_number):
-    """Another one begins in each round, so that none of them always has the same one before it."""
+    """The servers in the order of this round. Each round begins with another one, so that no server always runs
+    first."""
     first = (round_number - 1) % len(servers)
     return servers[first:] + servers[:first]
 
@@ -132,7 +133,7 @@ def measure_all(bench, report, chosen, rounds):
 
 
 def whole_seconds(text):
-    """The load generators know no others."""
+    """The load generators take only whole seconds."""
     return max(1, math.ceil(float(text)))
 
 

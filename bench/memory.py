@@ -1,4 +1,4 @@
-"""Resident memory (RSS): of idle connections, after the start, and while a slow client lets bytes pile up."""
+"""Resident memory (RSS): of idle connections, after the start, and while bytes pile up for a slow client."""
 
 from contextlib import ExitStack, closing
 
@@ -9,7 +9,7 @@ from servers import COUNTED, HOST
 IDLE_CLIENTS = 200
 SLOW_BODY = 256 << 20  # bytes
 READ_FIRST = 64 << 20  # bytes that the slow client reads before it pauses
-STEP_KIB = 64  # memory that moves by less counts as settled
+STEP_KIB = 64  # memory that changes by less counts as settled
 
 
 def resident(server):
@@ -17,7 +17,7 @@ def resident(server):
 
 
 def connected(stack, server, context=None):
-    """IDLE_CLIENTS connections, which the stack closes."""
+    """Opens IDLE_CLIENTS connections, which the stack closes."""
     return [stack.enter_context(closing(Client(server.port, HOST, "/128", context))) for _ in range(IDLE_CLIENTS)]
 
 
@@ -28,8 +28,9 @@ def ask_once(opened):
 
 
 def idle(bench, server, seconds):
-    """KiB that each of IDLE_CLIENTS adds to a server that has served one before: first when it has only
-    connected, then when it has had a request relayed and stays. Over TLS the latter alone."""
+    """KiB that each of IDLE_CLIENTS adds to a server that has already served one client. Measured first when the
+    clients have only connected, and again when a request of each has been relayed and they stay. Over TLS only the
+    second figure is measured."""
     context = tls_context() if server.tls else None
     with bench.fresh(server.name, server.job) as fresh, ExitStack() as stack:
         with closing(Client(fresh.port, HOST, "/128", context)) as first:
@@ -67,8 +68,8 @@ def read_until(client, received, wanted):
 
 
 def slow_client(bench, server, seconds):
-    """A client reads a part, pauses until nothing moves any more, and reads the rest. Bytes waiting are those
-    that the upstream has sent and the client has not read; a few MiB of them stand in the system's buffers."""
+    """A client reads a part, pauses until no byte moves any more, and reads the rest. The waiting bytes are those that
+    the upstream has sent and the client has not read. A few MiB of them are in the system's buffers."""
     with bench.fresh(server.name, server.job) as fresh:
         before = resident(fresh)
         with closing(Client(fresh.port, COUNTED, f"/{SLOW_BODY}", receive=65536)) as client:

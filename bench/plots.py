@@ -1,4 +1,4 @@
-"""Draws the charts: bars from zero with the median above each, and a line from the least round to the most."""
+"""Draws the charts: bars from zero, the median above each bar, and a line from the least round to the greatest."""
 
 import hashlib
 
@@ -10,7 +10,7 @@ import figures  # noqa: E402
 import matplotlib.pyplot as plt  # noqa: E402
 from bars import TITLES  # noqa: E402
 
-# The same figures give the same file.
+# With these settings the same figures give the same file.
 matplotlib.rcParams.update({"svg.hashsalt": "mivo", "svg.fonttype": "none", "font.size": 9})
 
 COLOURS = {
@@ -52,8 +52,7 @@ def draw(chart, results, path):
 
 
 def draw_all(results, folder, source):
-    """Draws into `folder`, in place of the charts that are there; each ends with the hash of the file that the
-    figures are from, `source`."""
+    """Replaces the charts in `folder`. Each chart ends with the hash of `source`, the file with the figures."""
     folder.mkdir(parents=True, exist_ok=True)
     for old in folder.glob("*.svg"):
         old.unlink()

@@ -1,4 +1,4 @@
-"""A server as a process, or as a process with children: started, watched through /proc, and ended."""
+"""A server, which is a process and perhaps its children: starts it, watches it through /proc, and ends it."""
 
 import array
 import os
@@ -13,12 +13,12 @@ PROXY_CORE = "0"  # the proxy has one core to itself,
 LOAD_CORE = "1"  # load and upstream share the other
 
 
-given_ports = set()  # by free_port(), in this run
+given_ports = set()  # the ports that free_port() has given in this run
 
 
 def free_port():
-    """A free port below those that the system gives to outgoing connections: a client that polls one of
-    those, waiting for a server, may be given the same number and be connected to itself."""
+    """A free port below those that the system gives to outgoing connections. On such a port, a client that polls
+    while it waits for a server may get the same port for itself, and be connected to itself."""
     while True:
         port = random.randrange(11000, 30000)
         with socket.socket() as s:
@@ -32,7 +32,7 @@ def free_port():
 
 
 def settled(read, step, quiet=0.5, longest=30):
-    """Calls `read` until what it returns has moved by less than `step` for `quiet` seconds; returns that."""
+    """Calls `read` until its value has changed by less than `step` for `quiet` seconds; returns that value."""
     deadline = time.monotonic() + longest
     value, since = read(), time.monotonic()
     while time.monotonic() - since < quiet:
@@ -46,7 +46,7 @@ def settled(read, step, quiet=0.5, longest=30):
 
 
 def family(pid):
-    """The process, its children, and theirs."""
+    """The process and all its descendants."""
     children = {}
     for entry in Path("/proc").iterdir():
         if entry.name.isdigit():
@@ -62,14 +62,14 @@ def family(pid):
 
 
 def processor_seconds(pid):
-    """Processor time of a process and all its threads, those that have ended included, to the nanosecond. The
-    clock's number is what clock_getcpuclockid() gives."""
+    """Processor time of a process and all its threads, including threads that have ended, in nanosecond steps. The
+    clock's number is the one that clock_getcpuclockid() gives."""
     return time.clock_gettime((~pid << 3) | 2)
 
 
 def distinct_kib(pids):
-    """KiB that the processes have mapped in, each page counted once, however many of them share it. Needs root:
-    the kernel shows nobody else which page is which."""
+    """KiB of the pages that the processes have mapped in. A page that several of them share counts once. Needs root,
+    because the kernel shows the identity of a page to nobody else."""
     page = os.sysconf("SC_PAGE_SIZE")
     pages = set()
     for pid in pids:
@@ -77,7 +77,7 @@ def distinct_kib(pids):
             for line in Path(f"/proc/{pid}/maps").read_text().splitlines():
                 begin, end = (int(part, 16) // page for part in line.split()[0].split("-"))
                 if "[vsyscall]" in line:
-                    continue  # it has an address of the kernel
+                    continue  # this page has an address of the kernel
                 pagemap.seek(begin * 8)
                 entries = array.array("Q", pagemap.read((end - begin) * 8))
                 pages.update(entry & (1 << 55) - 1 for entry in entries if entry >> 63)
@@ -88,7 +88,7 @@ def distinct_kib(pids):
 
 class Server:
     """A program that listens on `port`, over TLS if `tls`. The object can be started, ended and started again.
-    What is measured is the sum over its processes."""
+    A figure is the sum over all its processes."""
 
     def __init__(self, name, command, port, core=PROXY_CORE, tls=False, environment=None, job="http"):
         self.name = name
@@ -122,7 +122,8 @@ class Server:
         raise RuntimeError(f"{self.name} does not listen on {self.port}")
 
     def revive(self):
-        """Starts it if it does not run, be it that a workload has ended it; returns whether that was so."""
+        """Starts the server if it does not run, for example because a workload has ended it. Returns whether it was
+        started."""
         if self.process is not None and self.process.poll() is None:
             return False
         self.start()
@@ -135,7 +136,7 @@ class Server:
         return family(self.process.pid)
 
     def processor(self):
-        """Processor time of all its processes in seconds."""
+        """Processor time of all its processes, in seconds."""
         return sum(processor_seconds(pid) for pid in self.pids())
 
     def _sum(self, file, *fields):
@@ -147,19 +148,19 @@ class Server:
         return total
 
     def resident(self):
-        """KiB in memory now, pages that its processes share counted for each: for what it grows by. Counted page
-        by page: the kernel's running count is off by up to 64 pages."""
+        """KiB in memory now. A page that several processes share counts for each of them, so this is for measuring
+        growth. The kernel counts page by page here; its running count is wrong by up to 64 pages."""
         return self._sum("smaps_rollup", "Rss")
 
     def private(self):
-        """KiB of that which no other process shares: without the libraries' code, that is."""
+        """The part of resident() that no other process shares, in KiB. It does not contain the libraries' code."""
         return self._sum("smaps_rollup", "Private_Clean", "Private_Dirty")
 
     def distinct(self):
         return distinct_kib(self.pids())
 
     def peak(self):
-        """KiB, the most since reset_peak()."""
+        """The greatest resident memory since reset_peak(), in KiB."""
         return self._sum("status", "VmHWM")
 
     def reset_peak(self):

@@ -2,7 +2,7 @@
 
     report.py [--figures FILE] [--docs FOLDER] [--readme FILE]
 
-FILE is docs/performance/figures.json unless it is named. In the README, what stands between the two comments with
+Without --figures, FILE is docs/performance/figures.json. In the README, the text between the two comments with
 `figures` is replaced. No figure in these texts is typed by hand."""
 
 import argparse
@@ -103,13 +103,13 @@ README = """Processor time is given for each request, of all processes of a serv
 
 MARKED = re.compile(r"(<!-- figures, by bench/run --report -->\n).*?(\n<!-- end of figures -->)", re.DOTALL)
 
-# Why a bar is hard to meet, by the beginning of its name; printed below the bars that are not met.
+# Reasons why a bar is hard to meet, by the beginning of its name. They are printed below the bars that are not met.
 REASONS = {
     "keep-alive": "A reply takes two turns of the loop, and each turn is one `select()` over all connections, which "
     "the others' `epoll_wait()` does not pay for. The fewer connections are ready at once, the less it is shared.",
-    "90 MiB up over TLS": "An upload is copied twice more than by HAProxy: into the pipe, and into the buffer of the "
-    "upstream.",
-    "resident memory": "Most of it are pages of shared libraries: OpenSSL is opened at the start, whether it is needed "
+    "90 MiB up over TLS": "`mivo` copies an upload two more times than HAProxy does: into the pipe, and into the "
+    "buffer of the upstream.",
+    "resident memory": "Most of it is pages of shared libraries: OpenSSL is opened at the start, whether it is needed "
     "or not. What is shared with no other process is in the table of memory below.",
 }
 
@@ -200,7 +200,7 @@ def page(data):
 
 
 def rounds_text(results):
-    """How many rounds the figures of the README's table have, "7 to 10"."""
+    """How many rounds the figures of the README's table have, for example "7 to 10"."""
     found = [tables.spreads(results, row)["mivo"] for row in tables.README_ROWS]
     counts = sorted({one.count for one in found if one})
     return " to ".join(str(count) for count in (counts[:1] + counts[1:][-1:]))
@@ -225,7 +225,7 @@ def readme_block(data):
 
 
 def with_block(readme, block):
-    """The README's text with the block in place of the one that it has."""
+    """The README's text, with its block of figures replaced."""
     if not MARKED.search(readme):
         raise ValueError("the README has no place that is marked for the figures")
     return MARKED.sub(lambda found: found[1] + block + found[2], readme)

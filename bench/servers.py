@@ -1,8 +1,8 @@
-"""The servers under measurement and the upstreams behind them: started for the run, ended after it.
+"""The measured servers and their upstreams, which are started for the run and ended after it.
 
-There are two jobs, each a folder of docs/peers with the configuration of every server for it: `http` relays two
-names on one port, `https` does so over TLS and redirects the other port. What is measured is what those files say;
-only ports, paths and what keeps a server within the run's folder are put in."""
+There are two jobs. Each has a folder in docs/peers with the configuration of every server for it: `http` relays two
+names on one port, `https` does so over TLS and redirects the other port. The servers run with those configurations.
+Only ports and paths are replaced, and lines are added that keep a server's files within the run's folder."""
 
 import contextlib
 import os
@@ -22,7 +22,7 @@ JOBS = ("http", "https")
 HOST = "one.example"  # goes to nginx, which serves the files
 COUNTED = "two.example"  # goes to the upstream that counts
 
-# As root, nginx would serve files as a user who cannot enter the temporary folder.
+# Started as root, nginx would become a user who cannot enter the temporary folder.
 USER = "user root;" if os.geteuid() == 0 else ""
 
 TEMP_PATHS = "".join(f" {kind}_temp_path {kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
@@ -41,7 +41,8 @@ CADDY = "{{\n\tadmin off\n\thttp_port {http}\n\thttps_port {https}\n}}\n"
 
 
 def adapted(text, ports, folder):
-    """A configuration with other ports, {as written: to use}, and with its certificates in `folder`."""
+    """A configuration with its ports replaced, and with its certificates in `folder`. `ports` maps each port of the
+    text to the one that replaces it."""
     text = re.sub(r"\b(80|443|3000|3001)\b", lambda found: str(ports[int(found[0])]), text)
     return re.sub(r"\b(?:key|crt|both)\.pem\b", lambda found: f"{folder}/{found[0]}", text)
 
@@ -56,8 +57,8 @@ def configuration_lines(job, file):
 
 
 class Bench:
-    """All the servers of a run, in a temporary folder that the caller owns. `counted` is the upstream that
-    counts; `proxies` are the servers under measurement, by job and name."""
+    """All the servers of a run, in a temporary folder that the caller owns. `counted` is the upstream that counts.
+    `proxies` are the measured servers, by job and name."""
 
     def __init__(self, folder, mivo):
         resource.setrlimit(resource.RLIMIT_NOFILE, (16384, 16384))
@@ -89,15 +90,15 @@ class Bench:
             try:
                 self._start(self.proxies[job, name])
             except (OSError, RuntimeError):
-                pass  # each workload tries again, and notes the failure
+                pass  # each workload tries to start it again, and notes the failure
 
     def make(self, name, job):
-        """Another server of that name, not started, on ports of its own."""
+        """Makes another server of that name, with ports of its own, and does not start it."""
         return self._makers[name](job)
 
     @contextlib.contextmanager
     def fresh(self, name, job):
-        """A server of that name that has not served anything yet; ended with the context."""
+        """A server of that name that has not served anything yet. It ends with the context."""
         server = self.make(name, job)
         try:
             self._start(server)
@@ -125,7 +126,7 @@ class Bench:
         key, crt = self.folder / "key.pem", self.folder / "crt.pem"
         subprocess.run(
             ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=bench"]
-            # The address as well: wrk asks for that name.
+            # The address is also a DNS name, because wrk asks for it as one.
             + ["-addext", f"subjectAltName=DNS:{HOST},DNS:{COUNTED},DNS:127.0.0.1,IP:127.0.0.1"]
             + ["-keyout", str(key), "-out", str(crt)],
             check=True,
@@ -134,7 +135,7 @@ class Bench:
         (self.folder / "both.pem").write_text(crt.read_text() + key.read_text())
 
     def _configured(self, job, file):
-        """The text of a configuration on free ports, those ports, and the one that is measured."""
+        """Returns a configuration on free ports, these ports, and the port that is measured."""
         ports = {80: free_port(), 443: free_port(), 3000: self.upstream_port, 3001: self.counted_port}
         text = adapted((PEERS / job / file).read_text(), ports, self.folder)
         return text, ports, ports[443 if job == "https" else 80]
@@ -179,6 +180,6 @@ class Bench:
             try:
                 server.stop()
             except OSError:
-                pass  # the others are to be ended all the same
+                pass  # the other servers must still be ended
         if self.counted:
             self.counted.close()

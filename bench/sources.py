@@ -1,6 +1,6 @@
-"""What the figures are of: a hash over the program's sources that no comment and no layout changes.
+"""A hash of the program's sources, to tell which sources the figures are of. Comments and layout do not change it.
 
-It is kept beside the figures, so their age can be told without a repository around them."""
+The hash is kept with the figures, so a tree without a repository can also tell whether they are old."""
 
 import hashlib
 import re
@@ -9,7 +9,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 FOLDERS = ("base", "net", "tls", "http", "proxy", "main")
 
-# Tokens of C++, comments and blanks first. A raw string ends at its own delimiter; a line that is continued is one.
+# Tokens of C++, comments and blanks first. A raw string ends at its own delimiter. A continued line is one line.
 TOKEN = re.compile(
     r"""
     (?P<gap> //(?:\\\n|[^\n])* | /\*.*?\*/ | \\\n | [ \t\r\f\v]+ )
@@ -25,7 +25,7 @@ TOKEN = re.compile(
 
 
 def code_of(text):
-    """The tokens, a blank between them. A directive ends with its line, so there alone the line's end stays."""
+    """The tokens, with a blank between them. A line's end stays only after a directive, which ends with its line."""
     tokens, is_new_line, is_directive = [], True, False
     for found in TOKEN.finditer(text):
         if found.lastgroup == "line" or found["line"]:
@@ -40,7 +40,7 @@ def code_of(text):
 
 
 def sources_hash(root=ROOT):
-    """Of all sources of the program, by their names."""
+    """The hash of all sources of the program and of their names."""
     total = hashlib.sha256()
     for folder in FOLDERS:
         for path in sorted((Path(root) / folder).rglob("*")):
@@ -51,5 +51,5 @@ def sources_hash(root=ROOT):
 
 
 def older_workloads(data, present):
-    """The workloads whose figures are of other sources than those with the hash `present`."""
+    """The workloads that were not measured with the sources whose hash is `present`."""
     return [name for name, workload in data["workloads"].items() if workload["sources"] != present]

@@ -1,5 +1,5 @@
-"""The tables of the page and of the README, as Markdown. A figure is a median, with the least and the most of its
-rounds in brackets."""
+"""The tables of the page and of the README, as Markdown. A figure is a median, with the least and the greatest value
+of its rounds in brackets."""
 
 from typing import NamedTuple
 
@@ -8,11 +8,11 @@ import figures
 from bars import COST, DOWN, HANDSHAKE, NEW, NEW_ALONE, TITLES, TLS_DOWN
 
 OTHERS = ("nginx", "haproxy", "caddy", "nginx unpooled", "floor")
-COLUMNS = ("mivo", "nginx", "haproxy", "caddy")  # of the tables that the README quotes
+COLUMNS = ("mivo", "nginx", "haproxy", "caddy")  # of the README's table and of others
 
 
 def table(head, rows):
-    """Left aligned; "" without rows."""
+    """A Markdown table, aligned left; "" without rows."""
     if not rows:
         return ""
     lines = [f"| {' | '.join(head)} |", "|---" * len(head) + "|"]
@@ -35,7 +35,7 @@ def bars_table(results):
 
 
 def with_servers(results, figure, servers, factor=1.0):
-    """A row for each workload that has this figure of mivo."""
+    """A row for each workload that has this figure for mivo."""
     for name in results:
         if figures.spread(results, name, "mivo", figure):
             cells = [figures.text_of(figures.spread(results, name, server, figure, factor)) for server in servers]
@@ -65,7 +65,7 @@ def p99_table(results):
 
 
 class Row(NamedTuple):
-    """A figure of all servers."""
+    """A row with one figure of each server."""
 
     title: str
     workload: str
@@ -73,7 +73,7 @@ class Row(NamedTuple):
     factor: float = 1.0
 
 
-# What is not processor time of a request.
+# The figures that are not processor time of a request.
 PLAIN_ROWS = [
     Row("client that has sent nothing, KiB", "idle client", "kib_per_silent_client"),
     Row("idle client whose request was relayed, KiB", "idle client", "kib_per_client"),
@@ -99,7 +99,7 @@ PLAIN_ROWS = [
     Row("two processes on a port, requests/s", "processes on one port", "requests_per_second_2"),
 ]
 
-# The README's: the job over HTTPS first, as it is what the configurations there are for.
+# The rows of the README's table. HTTPS comes first, because the configurations there are for HTTPS.
 README_ROWS = [
     Row("resident memory (RSS) after the start, MiB", "TLS after the start", "resident_kib", 1 / 1024),
     Row("from the start to the first connection, ms", "TLS start", "listening_ms"),
@@ -130,7 +130,7 @@ def rows_table(results, rows, first=()):
 
 
 def lost_rows(results, rows):
-    """The titles of the rows in which mivo takes more than the least of the others."""
+    """The rows in which mivo takes more than the best of the others."""
     lost = []
     for row in rows:
         found = spreads(results, row)
@@ -141,7 +141,7 @@ def lost_rows(results, rows):
 
 
 def unpooled_text(results):
-    """nginx without its pool, beside mivo, for both new-connection workloads."""
+    """The figures of mivo and of nginx without its pool, for both workloads with new connections."""
     parts = []
     for name, words in ((NEW, "64 at once"), (NEW_ALONE, "one after the other")):
         own, other = (figures.spread(results, name, server, COST) for server in ("mivo", "nginx unpooled"))

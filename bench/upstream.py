@@ -1,15 +1,15 @@
-"""An upstream that takes large bodies and counts the bytes it sends; threads of the measuring process."""
+"""An upstream that takes large bodies and counts the bytes that it sends. It runs in threads of this process."""
 
 import re
 import socket
 import threading
 
-PIECE = 65536  # bytes a send: the count is never further behind the socket than this
+PIECE = 65536  # bytes of a send(); the count is never wrong by more
 
 
 class CountedUpstream:
-    """GET /N sends N bytes; PUT takes the announced body and then answers. `sent` is the number of
-    body bytes that the system has taken for the last GET; one GET at a time."""
+    """GET /N sends N bytes; PUT takes the announced body and then answers. `sent` is the number of body bytes that
+    the system has taken for the last GET. There may be only one GET at a time."""
 
     def __init__(self, port):
         self.sent = 0
@@ -30,7 +30,7 @@ class CountedUpstream:
                 while self._one_request(client):
                     pass
             except OSError:
-                pass  # the proxy has left; the client of the run notices if that was wrong
+                pass  # the proxy has left; if that was wrong, the client of the run notices it
 
     def _one_request(self, client):
         data = b""

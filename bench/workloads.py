@@ -1,5 +1,4 @@
-"""What is measured: each workload by its name, with the function that runs it, the servers and the job it is for,
-and how many rounds it gets."""
+"""The workloads: each has a name, the function that runs it, its servers, its job, and the number of its rounds."""
 
 from typing import Callable, NamedTuple
 
@@ -10,24 +9,24 @@ from process import settled
 from servers import COUNTED, HOST
 
 PEERS = ("mivo", "nginx", "haproxy")
-QUOTED = (*PEERS, "caddy")  # what the README's table has columns for
+QUOTED = (*PEERS, "caddy")  # the columns of the README's table
 OWN = ("mivo",)
 FLOOR = "floor"
 
-MOST_ROUNDS = 10  # where a bar is close, or a latency
-ROUNDS = 7  # of what a bar or the README quotes
-FEW_ROUNDS = 3  # of the rest
+MOST_ROUNDS = 10  # for figures that are close to a bar, and for latencies
+ROUNDS = 7  # for other figures that a bar or the README quotes
+FEW_ROUNDS = 3  # for the rest
 
 
 class Workload(NamedTuple):
-    measure: Callable  # (bench, server, seconds) -> figures by name, the most telling one first
+    measure: Callable  # (bench, server, seconds) -> figures by name, the most important one first
     servers: tuple
     rounds: int
     job: str = "http"
 
 
 def timed(load):
-    """A workload of requests on a running server. `load(bench, server, seconds)` returns clients.Figures."""
+    """Makes a workload of requests to a running server. `load(bench, server, seconds)` returns clients.Figures."""
 
     def measure(bench, server, seconds):
         server.reset_peak()
@@ -90,7 +89,7 @@ def first_bytes():
         def pause():
             settled(server.processor, 1e-3, quiet=0.05)
 
-        # Most of the time is the pause.
+        # A hundredth of the seconds is enough: the pauses take most of the time.
         return clients.first_bytes(server.port, HOST, "/1g", seconds / 100, pause)
 
     return Workload(timed(load), PEERS, FEW_ROUNDS)
@@ -101,7 +100,7 @@ def upload(rounds, job="http"):
         options = ["-H", "Expect:", "-T", str(bench.folder / "90m")]
         return clients.curl(server.url("/"), COUNTED, seconds, *options)
 
-    return Workload(timed(load), PEERS, rounds, job)  # the floor knows one upstream only
+    return Workload(timed(load), PEERS, rounds, job)  # the floor has only one upstream
 
 
 def other(measure, servers=PEERS, rounds=FEW_ROUNDS, job="http"):
