@@ -1,8 +1,8 @@
-# Sourced by the other scripts: need_packages installs Debian packages that are missing, build configures and
+# The other scripts source this file. need_packages installs Debian packages that are missing, build configures and
 # builds.
 
-# need_packages PACKAGE...: makes sure that all of them are installed. Asks dpkg first, so that nothing slow
-# happens when nothing is missing.
+# need_packages PACKAGE...: makes sure that all packages are installed. Asks dpkg first, because apt-get is slow even
+# when no package is missing.
 need_packages() {
   local missing=() package
   for package in "$@"; do
@@ -17,8 +17,8 @@ need_packages() {
     "${missing[@]}" >/dev/null
 }
 
-# need_packages_without SERVICE... -- PACKAGE...: the same, but a service of these that the packages start ends here.
-# Whoever has had it before keeps it.
+# need_packages_without SERVICE... -- PACKAGE...: does the same, and then stops and disables those of the services that
+# the packages have brought. A service that was there before is left as it is.
 need_packages_without() {
   local new_services=() as_root=()
   for (( ; $# > 0; )); do
@@ -34,7 +34,7 @@ need_packages_without() {
   "${as_root[@]}" systemctl --quiet disable --now "${new_services[@]}"
 }
 
-# build PRESET [TARGET...]: configures and builds all, or the targets, quietly unless something fails.
+# build PRESET [TARGET...]: configures and builds all targets, or those named. Prints the log only when this fails.
 build() {
   local log
   log=$(mktemp)

@@ -1,4 +1,4 @@
-"""The page docs/platforms.md, made of the results that script/platforms has kept."""
+"""Writes the page docs/platforms.md from the results that script/platforms has kept."""
 
 HEAD = """# Platforms
 
@@ -11,7 +11,7 @@ well. The unit tests run with the sanitizers, but not in the emulator. The black
 is passed / failed / skipped. A dash stands for what was not run.
 """
 
-# What the platforms differ in, and what the tests expect of each.
+# How the platforms differ, and what the tests expect of each.
 NOTES = """
 ## What differs
 
@@ -41,7 +41,7 @@ has none.
 
 
 def write_page(path, results):
-    """`results` are those of the platforms, one column each."""
+    """`results` has the results of each platform, which become one column."""
     if not results:
         return
     rows = [["", *(found["system"] for found in results)], ["---"] * (len(results) + 1)]

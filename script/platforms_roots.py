@@ -1,7 +1,7 @@
-"""The systems of script/platforms: a root each, in build/platforms, with its packages, its builds and its results.
+"""The platforms of script/platforms. Each has a root in build/platforms, with its packages, builds and results.
 
-A root shares nothing with this machine but the kernel and, for the packages, the network: the tests run in
-namespaces of their own, so whatever they start ends with them. Commands run as root there.
+A root shares only the kernel with this machine, and the network while packages are installed. The tests run in
+namespaces of their own, so all processes that they start end with them. Commands in a root run as root.
 """
 
 import datetime
@@ -17,7 +17,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 WORK = ROOT / "build/platforms"
 MIRROR = os.environ.get("MIVO_MIRROR", "http://deb.debian.org/debian")
 PATIENCE = 3600  # seconds; for one command in a root
-# As in script/test, as far as needed.
+# Those packages of script/test that are needed here.
 PACKAGES = ["g++", "cmake", "ninja-build", "libgtest-dev", "libgmock-dev", "python3", "python3-pytest",
             "python3-cryptography", "iproute2", "nodejs", "openssl", "curl", "ca-certificates", "gnutls-bin", "sslscan"]
 ARM_PACKAGES = ["g++-aarch64-linux-gnu", "cmake", "ninja-build", "libgtest-dev:arm64", "libgmock-dev:arm64",
@@ -27,7 +27,7 @@ MUSL_PACKAGES = ["clang-14", "libc++-14-dev", "libc++abi-14-dev", "libunwind-14-
 PARTS = ["build", "system", "unit"]
 UNITS = ["base", "net", "tls", "http", "proxy", "main", "injection"]
 UNIT_TESTS = [f"test_{folder}" for folder in UNITS]
-# By the names of their rows.
+# The names are those of the rows on the page.
 GROUPS = {
     "requests, relay, redirect": ["requests", "routing", "redirect", "idle"],
     "HTTPS clients, resumption": ["tls_clients"],
@@ -38,7 +38,7 @@ GROUPS = {
 }
 ARM_GROUPS = {"requests, relay, redirect": ["requests", "routing", "redirect"]}
 MUSL_GROUPS = {"requests, relay": ["requests", "routing"]}  # no redirect without HTTPS to redirect to
-# The line of each program that tells its version.
+# The command that prints the version of each program.
 VERSIONS = {
     "g++": "g++ --version", "clang": "CLANG --version", "libc": "ldd --version", "OpenSSL": "openssl version",
     "CMake": "cmake --version", "Python": "python3 --version", "pytest": "python3 -m pytest --version 2>&1",
@@ -53,7 +53,7 @@ MUSL_VERSIONS = {
     "Python": "python3 --version", "pytest": "python3 -m pytest --version 2>&1",
 }
 
-# $1 is the root; $2 the command. /proc, /dev and /sys go when the last process in the namespaces has ended.
+# $1 is the root, $2 the command. /proc, /dev and /sys disappear when the last process in the namespaces has ended.
 IN_A_ROOT = """
 set -e
 mount -t proc proc "$1/proc"
@@ -66,7 +66,7 @@ exec chroot "$1" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root L
 
 
 class Failure(Exception):
-    """A command in a root has failed; the text says which, and how."""
+    """A command in a root has failed. The text says which command, and what it printed."""
 
 
 class Platform:
@@ -82,12 +82,12 @@ class Platform:
 
     @property
     def clang(self):
-        """The name of the newest one in the root."""
+        """The name of the newest clang++ in the root."""
         names = [path.name for path in (self.root / "usr/bin").glob("clang++-*")]
         return max(names, key=lambda name: int(name.rpartition("-")[2]), default="")
 
     def run(self, what, command, network=False):
-        """Runs a shell command inside and returns its output, which also goes to a log of its own."""
+        """Runs a shell command in the root and returns its output, which also goes to a log of its own."""
         print(f"{self.name}: {what}", flush=True)
         spaces = ["--mount", "--pid", "--fork", "--kill-child", *([] if network else ["--net"])]
         if not network:
@@ -101,7 +101,7 @@ class Platform:
         return done.stdout
 
     def make_root(self):
-        """Makes the root with its packages, unless it is there."""
+        """Makes the root and installs its packages, unless that is done already."""
         made = self.folder / "made"
         wanted = " ".join(self.packages)
         if made.exists() and made.read_text() == wanted:
@@ -115,7 +115,7 @@ class Platform:
                            stdout=subprocess.DEVNULL)
         (self.root / "etc/hosts").write_text("127.0.0.1 localhost\n")
         shutil.copy("/etc/resolv.conf", self.root / "etc/resolv.conf")
-        # What has become too old is still what there is on the mirror.
+        # The mirror may have lists that have expired; there are no newer ones.
         (self.root / "etc/apt/apt.conf.d/mirror").write_text('Acquire::Check-Valid-Until "false";\n')
         self.run("packages", self.package_commands(), network=True)
         made.write_text(wanted)
@@ -126,7 +126,7 @@ class Platform:
                 f"apt-get install -y --no-install-recommends {' '.join(self.packages)} {newest_clang}")
 
     def copy_sources(self):
-        """Puts the sources as they are here, commits or not, into /mivo; unchanged ones keep their times."""
+        """Copies the sources as they are here, committed or not, to /mivo. The files keep their times."""
         sources = self.root / "mivo"
         shutil.rmtree(sources, ignore_errors=True)
         listed = subprocess.run(["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"], cwd=ROOT,
@@ -144,7 +144,7 @@ class Platform:
                  f"cmake --build /build/{folder} --target {' '.join(targets)}")
 
     def build_all(self):
-        """The release with both compilers. A warning is an error."""
+        """Builds the release with both compilers. A warning is an error."""
         self.build("release with g++", "release", "-DCMAKE_BUILD_TYPE=Release")
         self.build("release with clang", "clang", "-DCMAKE_BUILD_TYPE=Release",
                    f"-DCMAKE_CXX_COMPILER={self.clang}", targets=("all", "lone_headers"))
@@ -154,14 +154,14 @@ class Platform:
         self.build("tests with g++", "tests", "-DCMAKE_BUILD_TYPE=Asan", "-DMIVO_TESTS=ON", targets=UNIT_TESTS)
 
     def write_wrapper(self, command):
-        """Puts a program into the root that the tests start for mivo. The tests preload what stdbuf brings, which is
-        for programs of this machine alone."""
+        """Puts a program into the root that the tests start in place of mivo. It removes the library of stdbuf that the
+        tests preload, because that library is only for programs of this processor and C library."""
         path = self.root / self.wrapper.lstrip("/")
         path.write_text(f'#!/bin/sh\nunset LD_PRELOAD\n{command} "$@"\n')
         path.chmod(0o755)
 
     def test(self, what, command, report):
-        """Runs tests that write a report of JUnit's kind and returns their counts."""
+        """Runs tests that write a report in JUnit's form, and returns their counts."""
         path = self.root / report.lstrip("/")
         path.unlink(missing_ok=True)
         output = self.run(what, f"{command} || true")
@@ -187,7 +187,7 @@ class Platform:
     def system_tests(self, what, files):
         report = "/tmp/system.xml"
         names = " ".join(f"test_{name}.py" for name in files)
-        # A browser is 300 MB, and brings a TLS of its own.
+        # No browser: it is 300 MB, and has a TLS library of its own.
         return self.test(what, f"cd /mivo/tests/system\n{self.environment()} python3 -B -m pytest -q -rs "
                                f"-p no:cacheprovider -k 'not browser' --junit-xml={report} {names}", report)
 
@@ -202,7 +202,7 @@ class Platform:
         return found
 
     def go(self, parts):
-        """Does the parts and keeps their results, with those of earlier runs, in NAME/results.json."""
+        """Runs the parts. Keeps their results in NAME/results.json, together with those of earlier runs."""
         self.make_root()
         self.copy_sources()
         self.note(system=self.system())
@@ -231,7 +231,7 @@ class Platform:
 
 
 class Arm(Platform):
-    """64-bit ARM on a Debian 12: cross-compiled, and run by an emulator."""
+    """64-bit ARM on Debian 12. The program is cross-compiled, and an emulator runs it."""
 
     packages, groups, versions = ARM_PACKAGES, ARM_GROUPS, ARM_VERSIONS
     def package_commands(self):
@@ -246,7 +246,7 @@ class Arm(Platform):
         return {"release, g++": "built"}
 
     def build_unit_tests(self):
-        """Without the sanitizers, which do not know the emulator."""
+        """Builds without the sanitizers, which do not work in the emulator."""
         self.build_for_arm(UNIT_TESTS, "tests", "-DCMAKE_BUILD_TYPE=Debug", "-DMIVO_TESTS=ON")
 
     def build_for_arm(self, targets, folder, *options):
@@ -264,10 +264,10 @@ class Arm(Platform):
 
 
 class Musl(Platform):
-    """musl on a Debian 12, without the cache of the other C library's linker: a static program, plain HTTP alone."""
+    """musl on Debian 12: a static program that serves only plain HTTP. The root has no cache of glibc's linker."""
 
     packages, groups, versions = MUSL_PACKAGES, MUSL_GROUPS, MUSL_VERSIONS
-    # What stdbuf does to other programs: a static one cannot be preloaded with anything.
+    # Does what stdbuf does to other programs. Nothing can be preloaded into a static program.
     lines = ("#include <stdio.h>\n"
              "__attribute__((constructor)) static void by_lines(void) { setvbuf(stdout, 0, _IOLBF, 0); }\n")
     errors = "/tmp/errors"
@@ -289,7 +289,7 @@ class Musl(Platform):
         """None: GoogleTest would have to be compiled for musl, too."""
 
     def all_system_tests(self):
-        """What the loader says at each start is all that there is on standard error."""
+        """Also checks that standard error has nothing but the two lines that the loader prints at each start."""
         errors = self.root / self.errors.lstrip("/")
         errors.unlink(missing_ok=True)
         super().all_system_tests()
@@ -309,7 +309,7 @@ PLATFORMS = [Platform("bullseye", "bullseye"), Platform("bookworm", "bookworm"),
 
 
 def counts(path):
-    """{"passed": n, ...} of a report; what failed is named on the console."""
+    """Returns {"passed": n, ...} of a report. Names failed and skipped tests on the console."""
     found = {"passed": 0, "failed": 0, "skipped": 0}
     for case in xml.etree.ElementTree.parse(path).iter("testcase"):
         if case.get("status") == "notrun":

@@ -1,4 +1,4 @@
-"""The pictures of script/screenshots, which gives this a display and a network of its own."""
+"""Takes the pictures for script/screenshots, which starts this with a display and a network of its own."""
 
 import contextlib
 import pathlib
@@ -13,12 +13,12 @@ sys.path.insert(0, str(ROOT / "tests/system"))
 from devtools import Browser  # noqa: E402  (found through the path above)
 from wire import until  # noqa: E402
 
-MOST_BYTES = 60000  # of a picture: they are in the repository
+MOST_BYTES = 60000  # of a picture, because the pictures are in the repository
 
 
 @contextlib.contextmanager
 def running(*command):
-    """A server for as long as the block lasts."""
+    """Runs a server as long as the block lasts."""
     process = subprocess.Popen(command, cwd=ROOT, stdout=subprocess.DEVNULL)
     try:
         yield
@@ -28,13 +28,13 @@ def running(*command):
 
 
 def wait_for_port(port):
-    """Waits until somebody listens; script/run builds first."""
+    """Waits until a server listens. This takes long when script/run builds first."""
     until(lambda: f":{port} " in subprocess.run(["ss", "-ltn"], capture_output=True, text=True).stdout,
           f"port {port}", 300)
 
 
 def take(name):
-    """The whole screen, which the window of the browser fills."""
+    """Takes a picture of the whole screen, which the window of the browser fills."""
     path = ROOT / "docs" / name
     subprocess.run(["import", "-window", "root", "-colors", "64", f"png8:{path}"], check=True)
     if path.stat().st_size > MOST_BYTES:
