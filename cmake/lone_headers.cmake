@@ -1,6 +1,6 @@
-# add_lone_headers(TARGET LIBRARY FOLDER...): the target TARGET, which only the preset `clang` builds, compiles every
-# header of the folders alone, with LIBRARY's include paths: each includes what it needs. CMake can do that on its
-# own from 3.24 on, which is more than Debian 11 and Ubuntu 22.04 have.
+# add_lone_headers(TARGET LIBRARY FOLDER...): adds the target TARGET, which only the preset `clang` builds. It compiles
+# every header of the folders alone, with LIBRARY's include paths, so a header that lacks an include is found. CMake
+# 3.24 and later can do this on its own, but Debian 11 and Ubuntu 22.04 have older versions.
 function(add_lone_headers target library)
   set(sources)
   foreach(folder ${ARGN})

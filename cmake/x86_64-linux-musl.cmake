@@ -1,9 +1,10 @@
-# Compiles for musl, with what Debian has: clang-14, musl-dev, libc++-14-dev, libc++abi-14-dev, libunwind-14-dev and,
-# for a few objects, gcc. The program is static and serves plain HTTP: musl's dlopen() refuses in a static program.
+# Compiles for musl with packages of Debian: clang-14, musl-dev, libc++-14-dev, libc++abi-14-dev, libunwind-14-dev and,
+# for a few objects, gcc. The program is static and serves plain HTTP only, because musl's dlopen() always fails in a
+# static program.
 #     cmake -S . -B build/musl -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/x86_64-linux-musl.cmake
 #
-# Debian has no C++ library for musl. Its libc++ was compiled for glibc, and needs five functions that musl lacks:
-# the checked variants of three ordinary ones, which take one argument more, and two that print on the way to abort().
+# Debian has no C++ library for musl. Its libc++ was compiled for glibc, and needs five functions that musl lacks. Three
+# are checked variants of ordinary functions and take one more argument. Two print a message before abort().
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(CMAKE_CXX_COMPILER clang++-14)

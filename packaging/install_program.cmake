@@ -1,5 +1,5 @@
-# Runs at installation, with CMAKE_INSTALL_PREFIX as it is then. `source` and `work` are the folder of this
-# file and a folder for what is made of it. file(INSTALL) puts DESTDIR before every path.
+# Runs at installation, with the final CMAKE_INSTALL_PREFIX. `source` is the folder of this file, `work` is a folder for
+# generated files. file(INSTALL) puts DESTDIR before every path.
 
 set(etc "${CMAKE_INSTALL_PREFIX}/etc")
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
@@ -15,20 +15,20 @@ macro(install_unit file comment description identifier)
   file(INSTALL "${work}/${file}" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/systemd/system")
 endmacro()
 
-# The same twice: systemd does not let one file be a unit and a template.
+# Two units with the same text, because systemd does not accept one file as a unit and as a template.
 install_unit(mivo.service "mivo, with the arguments that ${etc}/default/mivo holds."
   "mivo front server" "mivo")
 install_unit(mivo@.service
   "One of several mivo processes that share their ports; see SEVERAL PROCESSES in mivo(8)."
   "mivo front server, process %i" "mivo-%i")
 
-# What someone has written there is kept; the package manager takes care of its own copy.
+# An existing file is kept, because someone may have edited it. The package manager protects its own copy.
 if(NOT EXISTS "$ENV{DESTDIR}${etc}/default/mivo")
   file(INSTALL "${source}/mivo.default" DESTINATION "${etc}/default" RENAME mivo)
 endif()
 file(INSTALL "${source}/mivo.sysusers" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/sysusers.d" RENAME mivo.conf)
 
-# Debian's zsh looks into a folder of its own for what packages bring.
+# Debian's zsh has a folder of its own for the completions of packages.
 set(zsh_folder "site-functions")
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(zsh_folder "vendor-completions")

@@ -3,7 +3,7 @@
 _mivo() {
   local word=${COMP_WORDS[COMP_CWORD]} at value=0 option=
   COMPREPLY=()
-  # An option takes the words behind it as they come, even if they look like options.
+  # An option takes the words after it as its values, even if they look like options.
   for ((at = 2; at < COMP_CWORD; at++)); do
     if ((value > 0)); then
       ((value--))

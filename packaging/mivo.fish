@@ -1,13 +1,13 @@
 # fish completion for mivo(8).
 
-# Prints what the next word is: "port", "option", or an option with the number of values that it lacks.
+# Prints what the next word should be: "port", "option", or an option and the number of values that it still lacks.
 function __mivo_next
     set -l words (commandline -opc)
     if test (count $words) -lt 2
         echo port
         return
     end
-    # An option takes the words behind it as they come, even if they look like options.
+    # An option takes the words after it as its values, even if they look like options.
     set -l value 0
     set -l option
     for word in $words[3..-1]

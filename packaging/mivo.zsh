@@ -4,7 +4,7 @@
 local -i at value=0
 local option
 
-# An option takes the words behind it as they come, even if they look like options.
+# An option takes the words after it as its values, even if they look like options.
 for ((at = 3; at < CURRENT; at++)); do
   if ((value > 0)); then
     ((value -= 1))
