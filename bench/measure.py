@@ -139,12 +139,12 @@ def whole_seconds(text):
 
 def parsed():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--rounds", type=int, help="of every workload, in place of its own number")
-    parser.add_argument("--seconds", type=whole_seconds, default=SECONDS, help="of a round of load")
+    parser.add_argument("--rounds", type=int, help="rounds of every workload, instead of its own number")
+    parser.add_argument("--seconds", type=whole_seconds, default=SECONDS, help="seconds of load in a round")
     parser.add_argument("--only", action="append", default=[], help="part of a workload's name")
     parser.add_argument("--out", type=Path)
     parser.add_argument("--mivo", type=Path, default=USUAL_PROGRAM)
-    parser.add_argument("--list", action="store_true", help="the names of the workloads, and nothing else")
+    parser.add_argument("--list", action="store_true", help="only print the names of the workloads")
     options = parser.parse_args()
     if options.out is None:
         is_usual = options.rounds is None and options.seconds >= SECONDS and options.mivo == USUAL_PROGRAM

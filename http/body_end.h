@@ -35,9 +35,9 @@
 #include <string>
 
 enum class body_end {
-  by_length,      // as the Content-Length says
+  by_length,      // after as many bytes as the Content-Length says
   by_last_chunk,  // see chunked_body
-  unknown         // with the connection
+  unknown         // only with the connection
 };
 
 /* Reads the head of a request. Allocates nothing. In a head without Transfer-Encoding it looks at about one

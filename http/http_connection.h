@@ -155,7 +155,7 @@ struct http_connection : connection {
   void write_file(std::string answer_head, FILE* file, int64_t length);
 
   /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. The 301
-   * announces that the connection closes; keep_alive decides. */
+   * announces that the connection closes, but only keep_alive decides whether it does. */
   void redirect(const std::string& url, bool permanent);
 
   /* Ends the connection without another answer, from any hook: what is queued is still sent, and the
