@@ -1,4 +1,4 @@
-"""What mivo itself answers, byte for byte."""
+"""The answers that mivo itself gives, byte for byte."""
 
 NOT_FOUND = b"HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n"
 BAD_GATEWAY = (b"HTTP/1.1 502 Bad Gateway\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n"

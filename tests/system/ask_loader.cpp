@@ -1,5 +1,5 @@
 // Asks the loader for the file of each library that is named on standard input, and prints the answers.
-// Standard error is buffered, so that the test sees what is flushed, and only that.
+// Standard error is buffered, so the test sees only what the loader flushes.
 
 #include <cstdio>
 #include <iostream>

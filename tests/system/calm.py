@@ -1,4 +1,4 @@
-"""What mivo takes when it has nothing to do, before and after somebody was hostile to it."""
+"""The memory, descriptors and processor time of a mivo that has nothing to do, before and after hostile clients."""
 
 import pathlib
 import re
@@ -6,14 +6,14 @@ import re
 from mivo_process import PROGRAM
 from wire import request
 
-# Resident memory may be higher than before by this: buffers that are kept for the next connections (1 MiB to
-# read into, 2 MiB of queue blocks, a few pages for each of 64 connection objects), and what the allocator has
-# had back and not returned.
+# Afterwards the resident memory may be higher by this much: mivo keeps buffers for the next connections (1 MiB to
+# read into, 2 MiB of queue blocks, a few pages for each of 64 connection objects), and the allocator keeps freed
+# memory that it has not returned to the system.
 RESIDENT_TOLERANCE_KIB = 8 * 1024
 
 
 class Calm:
-    """Taken before the trouble, when nobody is connected; `echo` has to be mapped to the echo page."""
+    """Make it before the hostile clients come, when nobody is connected. `echo` has to be mapped to the echo page."""
 
     def __init__(self, mivo, connect, tolerance_kib=RESIDENT_TOLERANCE_KIB):
         self.mivo = mivo
@@ -24,7 +24,7 @@ class Calm:
         self.resident_kib = self._resident_kib()
 
     def taken_kib(self):
-        """Resident now, beyond what was before."""
+        """The resident memory (RSS) beyond what was resident before."""
         return self._resident_kib() - self.resident_kib
 
     def _resident_kib(self):
@@ -37,7 +37,8 @@ class Calm:
         client.close()
 
     def expect_again(self):
-        """Everybody has gone: descriptors, memory and processor time are as before, and newcomers are served."""
+        """Checks, when all clients have left, that descriptors, memory and processor time are as before, and that
+        new clients are served."""
         self.mivo.wait_until_idle()
         self.mivo.expect_idle()
         if self.mivo.process.args[2] == PROGRAM:  # the sanitizers keep freed memory on purpose

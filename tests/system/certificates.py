@@ -1,8 +1,8 @@
 """Certificates as a real authority issues them, made by the openssl program.
 
-A root, which the clients trust; an intermediate, which only the server can show them; and server certificates
-for this machine, also under the name that the README uses. Key files may be used for several certificates, as
-a renewal does.
+There are a root, which the clients trust; an intermediate, which only the server can show them; and server
+certificates for this machine, also under the name that the README uses. Several certificates may share a key file, as
+after a renewal.
 """
 
 import pathlib
@@ -57,7 +57,7 @@ class Authority:
         self.intermediate = self._sign("intermediate", self.root, "authority")
 
     def issue(self, name, key=None):
-        """A new server certificate, for a key that there is or for a new one."""
+        """A new server certificate, with an existing key or with a new one."""
         leaf = self._sign(name, self.intermediate, "server", key)
         with open(leaf.crt, "a", encoding="ascii") as chain:
             chain.write(self.intermediate.crt.read_text())

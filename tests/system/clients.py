@@ -1,7 +1,7 @@
 """Real clients that fetch many files of the site at once.
 
-Each function starts one program and returns a Download; several can run at the same time. `check` waits for
-the end and compares every file with the site.
+Each function starts one program and returns a Download. Several programs can run at the same time. `check` waits for
+the end of the program and compares every file with the site.
 """
 
 import hashlib
@@ -12,10 +12,10 @@ import subprocess
 
 from upstreams import HERE
 
-# Upstreams and mivo listen on IPv4 only; Node 18 would try the first address of localhost, often ::1, alone.
+# Upstreams and mivo listen on IPv4 only. Node 18 would only try the first address of localhost, which is often ::1.
 ENVIRONMENT = {"PATH": os.environ["PATH"], "HOME": "/nonexistent", "LC_ALL": "C.UTF-8",
                "NODE_OPTIONS": "--dns-result-order=ipv4first"}
-PATIENCE = 60  # seconds until a client that does not end fails the test
+PATIENCE = 60  # seconds; a client that runs longer fails the test
 
 
 def run(*command, **options):
@@ -69,7 +69,7 @@ def own_folder(folder, name, base):
 
 
 def curl_files(folder, base, names):
-    """One curl, one file after the other. Prints one line for each with the connections opened for it."""
+    """One curl, one file after the other. curl prints a line for each file: the number of connections it opened."""
     target = own_folder(folder, "curl", base)
     config = target / "config"
     config.write_text("".join(f'url = "{base}/{name}"\noutput = "{target / name}"\n' for name in names))

@@ -1,5 +1,5 @@
-/* Preloaded into the program: its clock is ahead by the seconds, a 64-bit integer, at the start of the file that
- * MIVO_CLOCK names. The file stays mapped, so the program has no descriptor for it. */
+/* Preloaded into the program: sets its clock ahead. The number of seconds, a 64-bit integer, is at the start of the
+ * file that MIVO_CLOCK names. The file stays mapped, so the program has no descriptor for it. */
 
 #define _GNU_SOURCE
 #include <fcntl.h>

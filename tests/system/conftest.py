@@ -1,4 +1,4 @@
-"""Fixtures: whatever a test starts or opens is ended after it, by its process id."""
+"""Fixtures. They close whatever a test opened, and end the processes that it started, by their ids."""
 
 import tempfile
 
@@ -24,7 +24,7 @@ def site():
 
 @pytest.fixture
 def program():
-    """The program to run; a test may be parametrized with others."""
+    """The program to run. A test may be parametrized with other programs."""
     return PROGRAM
 
 
@@ -44,8 +44,8 @@ def run_mivo(folder, program):
 
 @pytest.fixture
 def start_mivo(request, folder, program):
-    """start_mivo({host: port}): a serving mivo. After the test, once the clients are gone, every connection
-    of it has to be closed, and SIGINT has to end it in good order."""
+    """start_mivo({host: port}): a mivo that serves. After the test, when the clients are gone, mivo has to close
+    every connection, and SIGINT has to end it in good order."""
     started = []
 
     def start(hosts=None, **options):
@@ -58,14 +58,14 @@ def start_mivo(request, folder, program):
             if mivo.is_running():
                 mivo.wait_until_idle()
                 mivo.interrupt()
-            mivo.expect_good_end()  # of all, or else a crash would go unnoticed
+            mivo.expect_good_end()  # even of those that have ended; otherwise a crash would go unnoticed
     finally:
         for mivo in started:
             mivo.kill()
 
 
 def closing_after_the_test(make):
-    """A factory whose products are closed, in the order of their making, at the end of the test."""
+    """A factory. At the end of the test it closes everything that it has made, the oldest first."""
     made = []
 
     def make_and_keep(*arguments, **options):
@@ -101,13 +101,13 @@ def upstream(listen):
 
 @pytest.fixture
 def calm(mivo, connect):
-    """What the module's `mivo` took before the trouble; it maps `echo` to the echo page."""
+    """The Calm of the module's `mivo`, which maps `echo` to the echo page."""
     return Calm(mivo, connect)
 
 
 @pytest.fixture
 def refusing_port():
-    """A port at which nobody listens, and nobody will."""
+    """A port at which nobody listens as long as the test runs."""
     reserved = ReservedPort("127.0.0.1")
     yield reserved.port
     reserved.close()
@@ -130,15 +130,15 @@ def node_for_all(site):
 
 @pytest.fixture
 def node(node_for_all):
-    """One process for all tests of a file, because most of them take less time than its start. It goes on when
-    mivo is checked, so what mivo has open to it has to end with the clients."""
+    """One Node process for all tests of a file, because most tests take less time than its start. It still runs when
+    mivo is checked, so mivo has to close its connections to it when the clients leave."""
     node_for_all.count_anew()
     return node_for_all
 
 
 @pytest.fixture
 def own_node(start_mivo, site):
-    """For a test that has a network of its own, or that ends its upstream."""
+    """A separate Node process, for a test that has its own network or that ends its upstream."""
     yield from closed_at_the_end(NodeUpstream(site))
 
 

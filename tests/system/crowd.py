@@ -1,4 +1,4 @@
-"""Clients enough to fill the set of descriptors that mivo can watch: for tests of overload."""
+"""Enough clients to fill the set of descriptors that mivo can watch, for tests of overload."""
 
 import resource
 import time
@@ -8,12 +8,12 @@ import pytest
 from wire import until
 
 SET_SIZE = 1024  # the descriptors that select() can watch
-TURNED_AWAY_WITHIN = 8  # seconds; less than it takes to be idle for too long
+TURNED_AWAY_WITHIN = 8  # seconds; less than the time after which mivo ends an idle client
 
 
 @pytest.fixture(autouse=True)
 def many_descriptors():
-    """The test itself needs one for each client."""
+    """Raises the test's own limit, because the test needs a descriptor for each client."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 4 * SET_SIZE), hard))
     yield
@@ -21,9 +21,10 @@ def many_descriptors():
 
 
 class Crowd:
-    """Clients that come few at a time and are waited for, so that the system's queue never fills.
+    """Clients that come a few at a time. The crowd waits for each few, so the system's queue never fills.
 
-    Those inside have begun a request; they go on with it while others come, so as not to be idle for long.
+    The clients inside have begun a request. They go on with it while others come, so that they are never idle for
+    long.
     """
 
     def __init__(self, mivo, connect):
@@ -40,7 +41,7 @@ class Crowd:
             self.last_sign_of_life = time.monotonic()
 
     def fill(self, count):
-        """Lets `count` clients in, who find room."""
+        """Lets `count` clients in, for which there is room."""
         for _ in range(count):
             self.inside.append(self.connect())
             self.inside[-1].send(b"GET / HTTP/1.1\r\nHost: echo\r\nSigns: ")
@@ -53,7 +54,7 @@ class Crowd:
             self.fill(min(missing, 60))
 
     def turn_away(self, count):
-        """Sends `count` clients who find no room: each is closed without a byte."""
+        """Connects `count` clients for which there is no room. mivo closes each of them without a byte."""
         for _ in range(count):
             client = self.connect()
             client.sock.settimeout(TURNED_AWAY_WITHIN)
@@ -69,7 +70,7 @@ class Crowd:
             assert body.startswith(b"GET / HTTP/1.1\r\n") and b"\r\nNumber: %d\r\n" % number in body
 
     def take_one_out(self):
-        """One of those inside, whose request is answered; it may send another."""
+        """Finishes the request of one of the clients inside and returns this client, which may send another."""
         client = self.inside.pop()
         assert client.ask(b"\r\n\r\n").startswith(b"GET / HTTP/1.1\r\n")
         return client

@@ -1,7 +1,7 @@
-"""A Chromium, driven through its DevTools protocol.
+"""A Chromium that is driven through its DevTools protocol.
 
-The Browser owns its process; `close` ends it. A Page is a tab. Each of its calls opens a DevTools connection of
-its own, so a page may be kept and asked in any order.
+The Browser owns its process; `close` ends the process. A Page is a tab. Each call of a Page opens a new DevTools
+connection, so a test may keep several pages and use them in any order.
 """
 
 import asyncio
@@ -18,14 +18,14 @@ from clients import ENVIRONMENT
 from upstreams import end
 from wire import until
 
-START_TIME = 60  # seconds; a browser takes its time on a busy machine
+START_TIME = 60  # seconds; a browser starts slowly on a busy machine
 FLAGS = ("--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
          "--disable-dev-shm-usage", "--window-size=800,600", "--remote-debugging-port=0")
 
 
 class NoPageYet(Exception):
-    """The tab is between two pages, as it is for a moment during a redirect."""
+    """The tab is between two pages, for example for a moment during a redirect."""
 
 
 class Page:
@@ -33,7 +33,7 @@ class Page:
         self.address = address
 
     def commands(self, *commands):
-        """Gives (method, parameters) commands one after the other; returns the result of the last."""
+        """Sends commands, each (method, parameters), one after the other; returns the result of the last."""
         return asyncio.run(asyncio.wait_for(self._run(commands), START_TIME))
 
     async def _run(self, commands):
@@ -65,8 +65,8 @@ class Page:
         until(lambda: text in self.text(), f"{text!r} on the page", START_TIME)
 
     def type_line(self, text):
-        """Types into what has the focus, then presses Enter. A tab that comes to the front is given the focus a
-        little later, and what is typed before goes nowhere."""
+        """Types into the element with the focus, then presses Enter. A tab that comes to the front gets the focus a
+        little later, and text that is typed before that is lost."""
         self.commands(("Page.bringToFront", {}))
         until(lambda: self.evaluate("document.hasFocus() && document.activeElement !== document.body"), "focus",
               START_TIME)
@@ -83,7 +83,7 @@ class Page:
 
 class Browser:
     def __init__(self, folder, *flags, in_window=False):
-        """Headless, unless it is to have a window on the display that DISPLAY names."""
+        """`in_window` gives the browser a window on the display that DISPLAY names; otherwise it is headless."""
         shown = {"DISPLAY": os.environ["DISPLAY"], "XAUTHORITY": os.environ["XAUTHORITY"]} if in_window else {}
         head = [] if in_window else ["--headless"]
         self.profile = pathlib.Path(folder, "profile")
@@ -105,7 +105,7 @@ class Browser:
         return lines[0] if len(lines) == 2 else None
 
     def open(self, url):
-        """A new tab."""
+        """Opens a new tab and returns its Page."""
         ask = urllib.request.Request(f"http://127.0.0.1:{self.port}/json/new?{url}", method="PUT")
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
         with opener.open(ask, timeout=START_TIME) as answer:

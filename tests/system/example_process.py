@@ -1,7 +1,7 @@
-"""The programs of examples/, which run and end as mivo does, and what their tests need besides.
+"""The programs of examples/, which run and end as mivo does, and other things that their tests need.
 
-MIVO_EXAMPLES names their folder, MIVO_BUILD that of the programs of the tests, among which there are the examples
-with the sanitizers; where slow_job was built with the thread sanitizer, that runs as well.
+MIVO_EXAMPLES names the folder of the examples. MIVO_BUILD names the folder of the tests' own programs, which contains
+the examples with sanitizers. If slow_job was built with the thread sanitizer, the tests run that program, too.
 """
 
 import os
@@ -24,7 +24,7 @@ def example(name):
 
 
 def builds(name):
-    """The programs of an example, by the names of the builds: as users build it, and with the sanitizers."""
+    """The programs of an example, by the names of their builds: as users build it, and with sanitizers."""
     folders = {"release": EXAMPLES, "sanitized": BUILD / "examples", "threads": REPOSITORY / "build/tsan/examples"}
     found = {build: str(folder / name) for build, folder in folders.items() if (folder / name).exists()}
     assert found, f"{name} is not built"
@@ -32,7 +32,7 @@ def builds(name):
 
 
 def every_build(name):
-    """A fixture `program`, which has each test of a file run every build of an example."""
+    """A fixture `program`: each test of a file runs with every build of an example."""
     found = builds(name)
 
     @pytest.fixture(params=found)

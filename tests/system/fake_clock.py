@@ -1,4 +1,4 @@
-"""A clock for mivo that the test sets. Import the fixtures: `program` has to win over the one of conftest.py."""
+"""A clock for mivo that the test sets. Import the fixtures: `program` has to replace the one of conftest.py."""
 
 import pathlib
 import struct
@@ -9,11 +9,11 @@ import pytest
 from mivo_process import PROGRAM
 from preload import build_preload
 
-STEP = 5  # seconds; fewer than end an idle connection
+STEP = 5  # seconds; less than the time after which an idle connection ends
 
 
 class Clock:
-    """The time of mivo, ahead of the real one."""
+    """The clock of mivo, which is ahead of the real one."""
 
     def __init__(self, path):
         self.path = pathlib.Path(path)
@@ -22,11 +22,11 @@ class Clock:
 
     def advance(self, seconds):
         self.ahead += seconds
-        with open(self.path, "r+b", buffering=0) as file:  # in one write, and into the file that mivo has mapped
+        with open(self.path, "r+b", buffering=0) as file:  # one write, into the file that mivo has mapped
             file.write(struct.pack("=q", self.ahead))
 
     def advance_in_steps(self, seconds):
-        """Connections that are used all the time do not become idle by this."""
+        """Sets the clock forward in small steps, so that connections in constant use do not become idle."""
         for _ in range(0, seconds, STEP):
             self.advance(STEP)
             time.sleep(0.1)
@@ -44,7 +44,7 @@ def clock(folder):
 
 @pytest.fixture
 def program(folder, clock, clock_library):
-    """Sets the clock and becomes the program."""
+    """A script that sets the clock and then runs the program in its own process."""
     script = pathlib.Path(folder, "mivo_with_clock")
     script.write_text(f'#!/bin/sh\nLD_PRELOAD="$LD_PRELOAD:{clock_library}" MIVO_CLOCK={clock.path} '
                       f'exec {PROGRAM} "$@"\n')

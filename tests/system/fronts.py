@@ -1,7 +1,7 @@
 """Proxies in front of mivo that share their connections among all of their clients, and a crowd of such clients.
 
-A front has `port` and `close()`. It passes on the names "a" and "b", and answers others itself; an open one passes
-on all.
+A front has `port` and `close()`. It passes the names "a" and "b" on, and answers all others itself. An open front
+passes all names on.
 """
 
 import hashlib
@@ -15,7 +15,7 @@ PATIENCE = 20  # seconds
 
 
 class HAProxy(Server):
-    """Three connections to mivo at most, on which a request is sent as soon as the one before it is over."""
+    """At most three connections to mivo. On each, a request is sent as soon as the request before it is over."""
 
     CONFIGURATION = """
         defaults
@@ -43,7 +43,7 @@ class HAProxy(Server):
 
 
 class NginxFront(Server):
-    """Up to 8 connections to mivo are kept. A body is passed on while it comes in."""
+    """Keeps up to 8 connections to mivo, and passes a body on while the body comes in."""
 
     CONFIGURATION = """
         daemon off;
@@ -86,13 +86,13 @@ class NginxFront(Server):
 
 
 class BufferingNginxFront(NginxFront):
-    """A body is passed on when it is complete, with its length."""
+    """Passes a body on when the body is complete, with its length."""
 
     BUFFERING = "on"
 
 
 class Crowd:
-    """Clients that ask at the same time, each on a connection of its own, and check every answer.
+    """Clients that send requests at the same time, each on its own connection, and check every answer.
 
     A kind of request is a pair: how its body comes ("none", "length" or "chunks"), and the host. The hosts "a" and
     "b" are upstreams of own_answers.js with these names, "echo" is the echo page, and others are not found.
@@ -127,8 +127,8 @@ class Crowd:
         return http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE)
 
     def _ask(self, connection, body_kind, host, path, pieces):
-        """None for the right answer, else what came instead. A front that answers itself may close before it has
-        read the body, which is as right."""
+        """Returns None for the right answer, or else what came instead. A front that answers itself may close before
+        it has read the body; that is right, too."""
         body = b"" if body_kind == "none" else b"".join(pieces)
         method = "GET" if body_kind == "none" else "POST"
         try:

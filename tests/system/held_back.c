@@ -1,6 +1,6 @@
-/* Preloaded into the program: counts the sends of bytes that the program had when it began to wait, for the wait ran
- * out: nothing was ready until its time was over, nobody was waited for who could take bytes, and none have come
- * since. The count, a 64-bit integer, is at the start of the file that MIVO_HELD_BACK names. */
+/* Preloaded into the program: counts the sends of bytes that the program already had when it began a wait. It has
+ * such bytes if the wait ran out with nothing ready, if it did not wait for a socket to become writable, and if no
+ * bytes have come since. The count, a 64-bit integer, is at the start of the file that MIVO_HELD_BACK names. */
 
 #define _GNU_SOURCE
 #include <dlfcn.h>

@@ -35,6 +35,6 @@ def make_image(folder, content):
 
 
 def layer_of(folder):
-    """The layer of an image with one layer that a client has written: the largest file, unpacked."""
+    """The unpacked layer of an image that a client has written. The image has one layer, which is its largest file."""
     largest = max((folder / "blobs/sha256").iterdir(), key=lambda path: path.stat().st_size)
     return gzip.decompress(largest.read_bytes())

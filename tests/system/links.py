@@ -1,7 +1,7 @@
-"""A network of the test's own, whose loopback is a line of a chosen rate: a plugin that the test files load.
+"""A separate network for a test, whose loopback is a line of a chosen rate: a plugin that the test files load.
 
-On the plain loopback a packet is never on its way. On a line, packets come one by one while the program works:
-between any two calls of the system there may be a new one.
+On the plain loopback, a packet arrives as soon as it is sent. On a line, packets come one by one while the program
+works: a new packet may come between any two system calls.
 """
 
 import ctypes
@@ -15,7 +15,7 @@ import pytest
 CLONE_NEWNET = 0x40000000  # sched.h
 SO_MAX_PACING_RATE = 47  # asm-generic/socket.h
 NOT_ALLOWED = "a network namespace is not allowed here"
-MTU = 1500  # bytes, as on an Ethernet; what burst and latency are made for
+MTU = 1500  # bytes, as on Ethernet; burst and latency are chosen for it
 RATES = [100, 200, 400, 500, 1000]  # Mbit/s
 
 libc = ctypes.CDLL(None, use_errno=True)
@@ -28,8 +28,8 @@ def in_libc(function, *arguments):
 
 
 class Network:
-    """What this thread opens from now on, and the threads and programs that it starts, is in a network of its
-    own, with a loopback and nothing else. `leave` takes the thread back."""
+    """Moves this thread into a separate network that has only a loopback. Sockets that the thread opens from now on
+    are there, and so are the threads and programs that it starts. `leave` takes the thread back."""
 
     def __init__(self):
         self.outside = os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
@@ -42,19 +42,19 @@ class Network:
 
     @staticmethod
     def shape(mbit):
-        """Makes the loopback a line that carries so many million bits a second."""
+        """Makes the loopback a line that carries `mbit` million bits a second."""
         run("tc", "qdisc", "add", "dev", "lo", "root", "tbf", "rate", f"{mbit}mbit", "burst", "3100",
             "latency", "20ms")
 
     @staticmethod
     def set_outgoing_ports(first, last):
-        """The ports that connections come from which have not chosen one."""
+        """Sets the range from which the system chooses the source ports of connections."""
         with open("/proc/sys/net/ipv4/ip_local_port_range", "w", encoding="ascii") as file:
             file.write(f"{first} {last}")
 
     @staticmethod
     def set_buffers(sending, receiving):
-        """The bytes that the system holds for each TCP connection."""
+        """Sets the number of bytes that the system holds for each TCP connection."""
         for name, size in (("tcp_wmem", sending), ("tcp_rmem", receiving)):
             with open(f"/proc/sys/net/ipv4/{name}", "w", encoding="ascii") as file:
                 file.write(f"4096 {size} {size}")
@@ -72,7 +72,7 @@ def run(*command):
 
 @pytest.fixture
 def network():
-    """To be asked for before whatever listens or connects."""
+    """Ask for this fixture before any fixture that listens or connects."""
     try:
         entered = Network()
     except OSError as error:
@@ -85,18 +85,18 @@ def network():
 
 @pytest.fixture
 def link(request):
-    """The rate in Mbit/s of the line that the test is on; None is the loopback that everybody shares."""
+    """The rate of the line of this test, in Mbit/s; None is the machine's own loopback."""
     if request.param is not None:
         request.getfixturevalue("network").shape(request.param)
     return request.param
 
 
 def on_links(*rates):
-    """Runs a test on each of these lines. It has to ask for `link` first."""
+    """Runs a test on each of these lines. The test has to ask for `link` first."""
     return pytest.mark.parametrize("link", rates, indirect=True,
                                    ids=[f"{rate}mbit" if rate else "loopback" for rate in rates])
 
 
 def pace(sock, mbit):
-    """Has the system send what is written to one socket at this rate, as if it alone were on a line."""
+    """Makes the system send the bytes of one socket at this rate, as if this socket alone were on a line."""
     sock.setsockopt(socket.SOL_SOCKET, SO_MAX_PACING_RATE, mbit * 1000000 // 8)

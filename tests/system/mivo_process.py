@@ -1,7 +1,7 @@
 """The program under test: started on a free port, watched from outside, ended by SIGINT.
 
-MIVO_PROGRAM names it; MIVO_ASAN_PROGRAM, where there is one, is the same program with sanitizers, which some
-tests run as well.
+MIVO_PROGRAM names the program. MIVO_ASAN_PROGRAM, if it is set, names the same program with sanitizers, which some
+tests run, too.
 """
 
 import contextlib
@@ -31,8 +31,8 @@ def processor_seconds(pid):
 
 
 def expect_idle(*mivos):
-    """Whoever may be connected says nothing, so next to no processor time is taken by any of them. A second in
-    which memory is still given back may take some; a loop that spins takes it in all three."""
+    """Checks that no mivo takes more than a little processor time while the connected clients send nothing. One of
+    three seconds is enough: mivo may still give memory back in the others, but a loop that spins takes all three."""
     least = [1] * len(mivos)
     for _ in range(3):
         least = list(map(min, least, processor_shares(mivos)))
@@ -42,14 +42,14 @@ def expect_idle(*mivos):
 
 
 def processor_shares(mivos):
-    """What each takes of a processor, in a second that they all have."""
+    """The share of a processor that each of them takes, all in the same second."""
     start, before = time.monotonic(), [mivo.processor_seconds() for mivo in mivos]
     time.sleep(WATCH_TIME)
     return [(mivo.processor_seconds() - then) / (time.monotonic() - start) for mivo, then in zip(mivos, before)]
 
 
 def programs():
-    """The programs that a test of robustness runs: paths by the names of the parameters."""
+    """The programs with which the tests of robustness run: {name of the parameter: path}."""
     found = {"release": PROGRAM}
     if os.path.exists(SANITIZED_PROGRAM):
         found["sanitized"] = SANITIZED_PROGRAM
@@ -57,11 +57,11 @@ def programs():
 
 
 class ReservedPort:
-    """A free port that no other process is given while the object lives.
+    """A free port that the system gives to no other process while the object lives.
 
-    The socket is bound but does not listen, and allows others to bind beside it on purpose: mivo does, and so
-    does nginx when it is told to; whoever asks for any free port is not given this one. As long as nobody
-    listens, connections to it are refused.
+    The socket is bound but does not listen. It allows other sockets to bind to the same port on purpose: mivo does
+    so, and nginx does when it is told to. The system never chooses this port for a process that asks for any free
+    port. As long as nobody listens, connections to it are refused.
     """
 
     def __init__(self, address="0.0.0.0"):
@@ -86,8 +86,8 @@ class Mivo:
         soft, hard = descriptors
         limits = (soft, hard or resource.getrlimit(resource.RLIMIT_NOFILE)[1])
         arguments = [text.replace("{port}", str(self.port)) for text in arguments]
-        # The program does not flush; stdbuf makes every line appear in the file as it is printed. It replaces
-        # itself by the program, so the process id is that of mivo.
+        # The program does not flush its output. stdbuf makes every line appear in the file at once. It then becomes
+        # the program, so the process id is that of mivo.
         with open(self.console_path, "wb") as console, open(self.errors_path, "wb") as errors:
             self.process = subprocess.Popen(
                 ["stdbuf", "-oL", program, *arguments], cwd=folder,
@@ -109,10 +109,10 @@ class Mivo:
         return self.process.pid
 
     def wait_until_it_runs(self):
-        """The first turn prints the count of connections, so by then the port is open."""
+        """Waits for the first turn: it prints the count of connections, and the port is open by then."""
         try:
             until(lambda: self.process.poll() is not None or self.lines(r"\d+ connections"), "the first turn")
-            assert self.process.poll() is None, f"ended at once: {self.console()}{self.errors()}"
+            assert self.process.poll() is None, f"mivo ended at once: {self.console()}{self.errors()}"
         except AssertionError:
             self.kill()
             raise
@@ -125,11 +125,11 @@ class Mivo:
         return self.errors_path.read_text(errors="replace")
 
     def lines(self, pattern):
-        """The console lines so far that match a pattern as a whole, without their line ends."""
+        """The console lines so far that match the whole pattern, without their line ends."""
         return [line for line in self.console().split("\n") if re.fullmatch(pattern, line)]
 
     def requests(self):
-        """The console lines that tell of requests."""
+        """The console lines of requests."""
         return self.lines(r"\[.*")
 
     def wait_for_line(self, pattern, deadline=15):
@@ -147,7 +147,7 @@ class Mivo:
         expect_idle(self)
 
     def processor_seconds(self):
-        """To the nanosecond, but of the first thread alone; mivo has no other."""
+        """The processor time in steps of a nanosecond. It covers the first thread alone; mivo has no other."""
         return int(pathlib.Path(f"/proc/{self.pid}/schedstat").read_text().split()[0]) / 1e9
 
     def descriptor_limits(self):
@@ -159,7 +159,7 @@ class Mivo:
 
     @contextlib.contextmanager
     def stopped(self):
-        """Stops mivo for a while: whatever happens meanwhile, it then sees in one turn."""
+        """Stops mivo for a while. mivo then sees in one turn everything that happened meanwhile."""
         self.process.send_signal(signal.SIGSTOP)
         status = pathlib.Path(f"/proc/{self.pid}/stat")
         try:
@@ -169,17 +169,17 @@ class Mivo:
             self.process.send_signal(signal.SIGCONT)
 
     def interrupt(self):
-        """Ends mivo as a user does."""
+        """Sends SIGINT, as a user does with Ctrl-C."""
         self.process.send_signal(signal.SIGINT)
         self.expect_good_end()
 
     def expect_good_end(self):
-        """Waits for the end of a run that SIGINT ended: mivo says so last and exits with 0."""
+        """Waits for the end of a run that SIGINT ends. mivo's last line says so, and its exit status is 0."""
         assert self.wait_for_exit() == 0
         assert self.console().endswith("\nShutting down...\n")
 
     def wait_for_exit(self):
-        """The exit status; nothing has ever been printed on standard error."""
+        """Returns the exit status, after checking that nothing was printed on standard error."""
         try:
             status = self.process.wait(15)
         finally:

@@ -1,6 +1,6 @@
-/* Preloaded into the program: when a socket has no more bytes, it has some again by the time that the program
- * knows it, as on a line on which packets come as fast as they are taken. Waits for the next bytes for a while
- * only, so that a peer who says nothing stops nobody. */
+/* Preloaded into the program: when the program learns that a socket has no more bytes, the next bytes have already
+ * come, as on a line on which packets come as fast as they are read. The library waits for the next bytes for a
+ * limited time, so a peer that sends nothing stops nobody. */
 
 #define _GNU_SOURCE
 #include <dlfcn.h>

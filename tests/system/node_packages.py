@@ -1,6 +1,6 @@
-"""The npm packages of the tests: those of a lock file, installed once into the build folder, by npm's own client.
+"""The npm packages of the tests. npm installs the packages of a lock file once, into the build folder.
 
-MIVO_NODE_FOLDER names another folder for them.
+MIVO_NODE_FOLDER names another folder for the packages.
 """
 
 import fcntl
@@ -16,8 +16,8 @@ INSTALL_PATIENCE = 300  # seconds
 
 
 def node_packages(source, target=NODE_FOLDER):
-    """The folder node_modules with the packages of source/package-lock.json. Tests that run at the same time wait
-    for the one that installs."""
+    """The folder node_modules with the packages of source/package-lock.json. If several tests ask at the same time,
+    one installs the packages and the others wait."""
     target.mkdir(parents=True, exist_ok=True)
     installed = target / "package-lock.json"
     with open(target / "lock", "wb") as lock:
@@ -30,7 +30,7 @@ def node_packages(source, target=NODE_FOLDER):
 
 
 def install(source, target):
-    """In a folder of its own, so that nothing half-done is ever taken for whole."""
+    """Installs into a separate folder first, so that nobody takes an unfinished folder for a finished one."""
     shutil.rmtree(target / "node_modules", ignore_errors=True)
     work = target / "work"
     work.mkdir(exist_ok=True)

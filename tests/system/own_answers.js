@@ -1,5 +1,5 @@
-// An upstream whose every answer tells which request it belongs to. Usage: node own_answers.js NAME; prints the port.
-// An answer is one line: NAME, the method, the path, and the length and the SHA-256 of the body.
+// An upstream whose every response shows which request it belongs to. Usage: node own_answers.js NAME; prints the port.
+// A response is one line: NAME, the method, the path, and the length and the SHA-256 of the body.
 "use strict";
 
 const crypto = require("crypto");

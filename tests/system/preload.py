@@ -1,4 +1,4 @@
-"""Libraries that a test puts between mivo and the system."""
+"""Libraries that a test preloads, between mivo and the system."""
 
 import subprocess
 

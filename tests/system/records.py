@@ -1,7 +1,7 @@
-"""TLS records of a test's own making: what no library would send, but the receiver has to live with.
+"""TLS records that the test makes itself. No library would send them, but a server has to survive them.
 
-The handshake is Python's. The keys of what the client sends come from its key log, and from then on the test
-writes the records (RFC 8446, section 5; RFC 5246, section 6.2). What the server sends is still read by Python.
+Python does the handshake. Its key log has the keys with which the client sends, and from then on the test writes the
+records (RFC 8446, section 5; RFC 5246, section 6.2). Python still reads what the server sends.
 """
 
 import hmac
@@ -74,7 +74,7 @@ class Sender12:
 
 
 class RecordClient(Handshake):
-    """A client that has finished its handshake; `records` makes what it sends from then on."""
+    """A client that has finished its handshake. `records` makes the records that it sends from then on."""
 
     def __init__(self, service, folder, version=ssl.TLSVersion.TLSv1_3, **options):
         log = f"{folder}/keys"

@@ -1,6 +1,6 @@
-"""Servers to which real programs upload much: Git and Subversion behind Apache, and a registry of images.
+"""Servers to which real programs upload large bodies: Git and Subversion behind Apache, and a registry of images.
 
-Each has `port` and `close()`, and keeps everything in a folder of its own.
+Each server has `port` and `close()`, and keeps everything in its own folder.
 """
 
 import os
@@ -13,7 +13,7 @@ from wire import Wire, until
 
 MODULES = "/usr/lib/apache2/modules"
 GIT_BACKEND = "/usr/lib/git-core/git-http-backend"
-# Git's and Subversion's own settings, and those of whoever runs the tests, are left out.
+# The clients use neither the machine's settings of Git and Subversion nor the settings of the user who runs the tests.
 ENVIRONMENT = {"PATH": os.environ["PATH"], "HOME": "/nonexistent", "LC_ALL": "C.UTF-8",
                "GIT_CONFIG_NOSYSTEM": "1", "GIT_TERMINAL_PROMPT": "0"}
 
@@ -26,7 +26,7 @@ def run(*command, **options):
 
 
 class Server:
-    """A program that listens on a port of its own, ended by its process id."""
+    """A program that listens on its own port, and that is ended by its process id."""
 
     def __init__(self, folder):
         self.folder = pathlib.Path(folder)
@@ -35,7 +35,7 @@ class Server:
 
     def start(self, *command):
         self.output = self.folder / "output"
-        # In a session of its own: Apache ends its process group when it ends.
+        # The server gets a new session, because Apache ends its whole process group when it ends.
         with open(self.output, "wb") as output:
             self.process = subprocess.Popen(command, env=ENVIRONMENT, stdin=subprocess.DEVNULL, stdout=output,
                                             stderr=output, start_new_session=True)
@@ -59,7 +59,7 @@ class Server:
 
 
 class Apache(Server):
-    """A bare repository at /git/project.git and a Subversion repository at /svn, which everybody may write."""
+    """A bare repository at /git/project.git and a Subversion repository at /svn. Every client may write to both."""
 
     CONFIGURATION = """
         ServerRoot {folder}
@@ -96,7 +96,7 @@ class Apache(Server):
         run("git", "init", "--quiet", "--bare", self.git)
         run("git", "--git-dir", self.git, "config", "http.receivepack", "true")
         run("svnadmin", "create", self.svn)
-        if os.geteuid() == 0:  # Apache then goes on as somebody who may do nothing
+        if os.geteuid() == 0:  # Apache then becomes a user without rights
             run("chown", "-R", "nobody:nogroup", self.folder)
         configuration = self.folder / "apache.conf"
         configuration.write_text(self.CONFIGURATION.format(folder=self.folder, port=self.port, modules=MODULES,

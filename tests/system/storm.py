@@ -1,8 +1,8 @@
-"""A storm: clients that send requests, WebSocket frames and garbage to a program of examples/, in any cut, that
-read slowly or not at all, and leave as they please. What they do comes from a seed.
+"""A storm of hostile clients. They send requests, WebSocket frames and garbage to a program of examples/, cut
+anywhere. They read slowly or not at all, and leave at any time. A seed decides what they do.
 
-Every client is a thread that makes one connection after the other. A connection is a few actions; some are left
-open afterwards, unread, until there are too many of these.
+Every client is a thread that makes one connection after the other. It does a few actions on each connection. Some
+connections stay open afterwards, unread, until there are too many of them.
 """
 
 import contextlib
@@ -29,7 +29,7 @@ class Storm:
         self.lock = threading.Lock()
 
     def blow(self, seconds):
-        """Returns when the time is over and every connection is closed."""
+        """Runs the storm. Returns when the time is over and every connection is closed."""
         end = time.monotonic() + seconds
         threads = [threading.Thread(target=self._client, args=(number, end), daemon=True)
                    for number in range(CLIENTS)]
@@ -51,7 +51,7 @@ class Storm:
             except OSError as error:
                 if isinstance(error, ConnectionRefusedError):
                     self.failures.append(f"nobody listens any more, seed {self.seed}")
-            except Exception as error:  # a mistake of the storm's own is not to be lost in a thread
+            except Exception as error:  # a mistake in the storm itself must not be lost in its thread
                 self.failures.append(repr(error))
 
     def _connection(self, chance):
@@ -66,7 +66,7 @@ class Storm:
             with self.lock:
                 self.connections += 1
                 self.actions += len(actions)
-            with contextlib.suppress(OSError):  # it is ended, or does not read
+            with contextlib.suppress(OSError):  # the server has closed the connection, or does not read
                 for action in actions:
                     action(self, sock, chance)
             self._leave(sock, chance)
@@ -129,7 +129,7 @@ class Storm:
     def rest(self, _, chance):
         time.sleep(chance.random() / 20)
 
-    # What is sent
+    # The bytes to send
 
     def _any_request(self, chance):
         body = chance.randbytes(chance.choice([0, 0, 1, 100]))
@@ -168,7 +168,7 @@ def any_frame(chance):
 
 
 class CapriciousUpstream:
-    """An upstream that replies in order, with garbage, in part, for ever, or not at all."""
+    """An upstream whose response is right, garbage, unfinished, endless, or missing."""
 
     def __init__(self, seed):
         self.chance = random.Random(seed)
@@ -201,7 +201,7 @@ class CapriciousUpstream:
 
 
 class Bystander:
-    """A client who asks politely all the time, on a connection of its own each time, and is always answered."""
+    """A client that sends correct requests all the time, each on a new connection, and has to be answered always."""
 
     def __init__(self, port, question, answer):
         self.port, self.question, self.answer = port, question, answer

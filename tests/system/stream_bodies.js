@@ -1,7 +1,7 @@
 // Node's fetch as a client that streams what it sends. Usage: node stream_bodies.js ROUNDS URL...
 //
 // Each round goes through the URLs: a body in chunks, of many sizes and in many pieces, to URL/digest, and a request
-// without a body to URL/small. Prints "ok" when every reply belonged to its request.
+// without a body to URL/small. Prints "ok" when every response belonged to its request.
 "use strict";
 
 const crypto = require("crypto");
@@ -9,7 +9,7 @@ const crypto = require("crypto");
 const [rounds, ...urls] = process.argv.slice(2);
 const small = "hello, world\n";
 
-// A body of `count` pieces of `size` bytes, none of which is there before it is asked for.
+// A body of `count` pieces of `size` bytes. Each piece is made when it is asked for.
 function* pieces(count, size) {
   for (let i = 0; i < count; i++) yield crypto.randomBytes(size);
 }

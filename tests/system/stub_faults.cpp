@@ -1,5 +1,5 @@
-// Preloaded into the program: MIVO_STUB_FAULT, "call first times errno", has the uses of a function of the
-// system fail from number `first` on, so many times. Every line on standard output is written at once.
+// Preloaded into the program: MIVO_STUB_FAULT, "call first times errno", makes calls of a system function
+// fail, from call number `first` on, `times` times. Every line on standard output is written at once.
 
 #include <dlfcn.h>
 #include <ifaddrs.h>
@@ -43,7 +43,7 @@ F real(F, const char* name) {
   return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
-// The sanitizer's own start comes earlier, without an environment; its calls are left alone.
+// The sanitizer starts earlier, without an environment. Its calls do not fail.
 __attribute__((constructor)) void prepare() {
   fault& f = the_fault;
   if (const char* text = getenv("MIVO_STUB_FAULT"))
@@ -120,8 +120,8 @@ void* dlopen(const char* path, int flags) noexcept {
   return fails("dlopen") ? nullptr : next(path, flags);
 }
 
-// Of mappings, those of connections, eight at a time. The sanitizer maps memory before there is anybody to
-// find a name.
+// Only mappings for connections count; each has room for eight connections. The sanitizer maps memory before
+// dlsym() works, so this function makes the system call directly.
 void* mmap(void* place, size_t length, int protection, int flags, int file, off_t offset) noexcept {
   const bool is_counted = (flags & MAP_NORESERVE) && length > (8 << 20) && length < (9 << 20);
   if (is_counted && fails("mmap")) return MAP_FAILED;

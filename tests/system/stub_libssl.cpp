@@ -1,6 +1,6 @@
-// A stand-in for OpenSSL's libssl that speaks plain text and notes every call, with its arguments, in the
-// file that MIVO_STUB_LOG names. MIVO_STUB_NULL names the function that returns null. The linker is told
-// which of the functions are exported, so that a library can lack some of them.
+// A stand-in for OpenSSL's libssl. It sends plain text and logs every call, with its arguments, in the file
+// that MIVO_STUB_LOG names. MIVO_STUB_NULL names the function that returns null. The test tells the linker
+// which functions to export, so a library can lack some of them.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -20,8 +20,8 @@ struct session {
   int sock;
 };
 
-// Sessions stay here even when they are freed: those that the program never frees, on its way out, are no
-// leak of the stand-in's.
+// All sessions stay reachable from here, even freed ones. The program does not free every session when it
+// ends, and the leak checker must not report those.
 session sessions[100];
 int session_count = 0;
 
@@ -54,7 +54,7 @@ bool is_null(const char* function) {
   return chosen && strcmp(chosen, function) == 0;
 }
 
-// The linker's cache gave the program this file's name.
+// Logs the name by which the program opened this file; the name comes from the linker's cache.
 __attribute__((constructor)) void note_loading() {
   Dl_info info;
   if (dladdr(&context, &info)) note("loaded %s", strrchr(info.dli_fname, '/') + 1);
@@ -165,7 +165,7 @@ void SSL_free(void* ssl) {
   note("SSL_free(s%d)", static_cast<session*>(ssl)->number);
 }
 
-// Nobody is to call these.
+// The program must not call these.
 #define UNUSED(function) \
   void function() {      \
     note(#function);     \

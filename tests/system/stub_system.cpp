@@ -1,6 +1,6 @@
-// Preloaded into the program: the linker's caches are the files that MIVO_STUB_ETC_CACHE and
-// MIVO_STUB_VAR_CACHE name, where these are set, and the clock goes ahead by the seconds written in the file
-// that MIVO_STUB_CLOCK names. Every line on standard output is written at once.
+// Preloaded into the program. MIVO_STUB_ETC_CACHE and MIVO_STUB_VAR_CACHE, if they are set, name files that
+// replace the linker's caches. The clock is ahead by the seconds that are written in the file that
+// MIVO_STUB_CLOCK names. Every line on standard output is written at once.
 
 #include <fcntl.h>
 
@@ -26,7 +26,7 @@ __attribute__((constructor)) void write_lines_at_once() {
 
 extern "C" {
 
-// The program only ever reads files.
+// The program opens files only to read them.
 FILE* fopen(const char* path, const char* mode) {
   int file = open(replacement(path), O_RDONLY | O_CLOEXEC);
   return file == -1 ? nullptr : fdopen(file, mode);

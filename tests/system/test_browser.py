@@ -1,4 +1,4 @@
-"""A browser loads a page of many parts through mivo and tells what it has got."""
+"""A browser loads a page of many parts through mivo and reports what it has received."""
 
 import hashlib
 import json
@@ -13,7 +13,7 @@ from upstreams import end
 from wire import until
 
 IMAGES, STYLES, SCRIPTS = 24, 6, 8
-START_TIME = 60  # seconds; a browser takes its time on a busy machine
+START_TIME = 60  # seconds; a browser starts slowly on a busy machine
 
 
 def png(width, height):
@@ -52,7 +52,7 @@ addEventListener("load", async () => {{
 
 @pytest.fixture(scope="module")
 def page(site):
-    """Adds a page with images, styles and scripts to the site; returns what a browser is to report of it."""
+    """Adds a page with images, styles and scripts to the site; returns the report that a browser has to send."""
     for i in range(IMAGES):
         (site.folder / f"image_{i}.png").write_bytes(png(10 + i, 2000 * i + 1))
     for i in range(STYLES):
@@ -77,7 +77,7 @@ def page(site):
 
 @pytest.fixture
 def browse(start_mivo, folder):
-    """browse(URL): opens a page in a browser with a profile of its own."""
+    """browse(URL): opens a page in a browser that has its own profile."""
     started = []
 
     def open_page(url):

@@ -1,4 +1,4 @@
-"""The chat: the WebSocket handshake, a full room, who is put out of it, and two tabs of a browser."""
+"""The chat: the WebSocket handshake, a full room, the clients that are removed from it, and two tabs of a browser."""
 
 import asyncio
 import contextlib
@@ -31,7 +31,7 @@ def chat(start_mivo):
 
 @pytest.fixture
 def join(chat, connect):
-    """join(): one more in the room."""
+    """join(): one more client in the room."""
     return lambda: upgrade(connect(chat.port))
 
 
@@ -66,7 +66,7 @@ def test_handshake_of_the_rfc__is_accepted(chat, connect):
     assert wire.read(len(ACCEPTED)) == ACCEPTED
 
 
-def test_frame_right_behind_the_handshake__is_read(chat, connect):
+def test_frame_right_after_the_handshake__is_read(chat, connect):
     wire = connect(chat.port)
     wire.send(handshake() + frame(b"early"))
     expected = ACCEPTED + server_frame(b"early")
@@ -106,7 +106,7 @@ def test_full_room__everybody_gets_every_message(join):
         wire.send(frame(message))
     length = sum(len(server_frame(message)) for message in said)
     heard = {wire.read(length) for wire in crowd}
-    assert len(heard) == 1  # and in the same order
+    assert len(heard) == 1  # all have heard the same, in the same order
     heard = heard.pop()
     for message in said:
         assert heard.count(server_frame(message)) == 1
@@ -168,12 +168,12 @@ def test_message_that_is_too_long__ends_its_sender_alone(join, message):
 
 def test_mib_of_empty_messages__is_cut_short_and_ends_its_sender(join):
     crowd, wire = [join() for _ in range(20)], join()
-    with contextlib.suppress(ConnectionError):  # it is ended before it has sent all
+    with contextlib.suppress(ConnectionError):  # mivo ends the connection before all is sent
         wire.send(frame(b"") * ((1 << 20) // 6))
     wire.wait_closed()
     crowd[0].send(frame(b"after"))
     for member in crowd:
-        # In two seconds of the clock, if the first one ends meanwhile.
+        # The messages fall into two seconds of the clock if one second ends meanwhile.
         assert len(member.read_until(server_frame(b"after"))) < 2 * 100 * len(server_frame(b"")) + 10
 
 
@@ -190,7 +190,7 @@ def test_member_that_takes_nothing__is_put_out(chat, join):
             wire.read(len(crowd) * len(server_frame(b"x" * LONGEST)))
         return len(chat.descriptors()) == before - 1
 
-    until(everybody_talks, "only those who listen are left", 60)
+    until(everybody_talks, "only the clients that read are left", 60)
     crowd[0].send(frame(b"still here"))
     expect_frame(crowd[1], b"still here")
 
@@ -199,7 +199,7 @@ def test_member_that_only_pings__takes_no_memory(chat, join):
     wire, other = join(), join()
     wire.sock.settimeout(0.5)
     before = chat.resident_peak_kib()
-    with contextlib.suppress(OSError):  # it is ended, or waited for
+    with contextlib.suppress(OSError):  # the chat ends the connection, or the send times out
         for _ in range(300):
             wire.send(frame(b"p" * 125, PING) * 8000)
     other.send(frame(b"others go on"))
@@ -233,7 +233,7 @@ def test_client_of_python__says_one_of_each_kind(chat):
 
     heard, code = asyncio.run(asyncio.wait_for(talk(), 30))
     assert heard == ["text", "binary", "fragments", "x" * 125]
-    assert code == 1006  # closed without a close frame
+    assert code == 1006  # the connection was closed without a close frame
 
 
 def test_two_tabs__talk_to_each_other(chat, browser):

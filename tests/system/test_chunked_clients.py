@@ -22,7 +22,7 @@ HELLO = b"hello, world\n"
 
 
 class Place:
-    """Where a server is to be found through mivo: its URL, and the certificate to trust, if there is one."""
+    """The way to a server through mivo: its URL, and the certificate to trust, if there is one."""
 
     def __init__(self, url, root=None):
         self.url, self.root = url, root
@@ -37,7 +37,7 @@ class Place:
 
 @pytest.fixture(params=["http", "https"])
 def put_before(request, start_mivo, serve_tls):
-    """put_before(port): a mivo in front of a server. Returns its Place."""
+    """put_before(port): starts a mivo in front of a server. Returns the server's Place."""
     def start(port):
         if request.param == "http":
             return Place(f"http://localhost:{start_mivo({'localhost:{port}': port}).port}")
@@ -46,7 +46,7 @@ def put_before(request, start_mivo, serve_tls):
     return start
 
 
-# Any client, to an upstream that answers with the length and the digest of what it got
+# Clients of all kinds, and an upstream that responds with the length and the digest of what it received
 
 
 @pytest.fixture
@@ -109,7 +109,7 @@ def test_fetch_of_node_streams_bodies__each_request_gets_its_own_reply(place):
     assert run(*trust, "node", HERE / "stream_bodies.js", "40", place.url) == b"ok\n"
 
 
-# Git, Subversion and a registry of images, whose clients send in chunks what is large
+# Git, Subversion and a registry of images: their clients send large bodies in chunks
 
 
 @pytest.fixture(scope="module")
@@ -129,7 +129,7 @@ def registry(tmp_path_factory):
 
 
 def large_file(path, mebibytes, seed):
-    """A file that cannot be compressed, another one for each seed."""
+    """Writes a file that cannot be compressed. Each seed gives another file."""
     path.write_bytes(random.Random(str(seed)).randbytes(mebibytes * MIB))
     return path
 
@@ -137,7 +137,7 @@ def large_file(path, mebibytes, seed):
 def test_git_push_of_30_mb__is_in_the_repository(put_before, apache, tmp_path):
     place = put_before(apache.port)
     scheme = place.url.split(":")[0]
-    # It cannot be compressed, so nobody is to try.
+    # The file cannot be compressed, so git must not try.
     git = ["git", "-C", tmp_path, "-c", "core.compression=0", "-c", "user.name=nobody", "-c", "user.email=nobody"]
     if place.root:
         git += ["-c", f"http.sslCAInfo={place.root}"]
@@ -160,8 +160,8 @@ def test_subversion_commit_of_20_mb__is_in_the_repository(put_before, apache, tm
     assert run("svnlook", "cat", apache.svn, name) == sent.read_bytes()
 
 
-# Over HTTPS alone: over HTTP, skopeo tries HTTPS first, and waits until it is timed out. It sends in chunks
-# because it compresses the image on its way, so its length is not known.
+# Only over HTTPS: for HTTP, skopeo tries HTTPS first and waits until that connection times out. skopeo sends chunks
+# because it compresses the image while it sends, so it does not know the length.
 @pytest.mark.parametrize("put_before", ["https"], indirect=True)
 def test_image_is_copied_to_a_registry__is_there_when_it_is_copied_back(put_before, registry, tmp_path):
     place = put_before(registry.port)

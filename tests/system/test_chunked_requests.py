@@ -1,4 +1,4 @@
-"""Requests whose body comes in chunks: they reach their upstream, and no byte of them is taken for a request."""
+"""Requests whose body comes in chunks reach their upstream, and mivo takes no byte of the body for a new request."""
 
 import pytest
 
@@ -17,7 +17,7 @@ def head(host, *lines):
 
 
 class Relay:
-    """A mivo before two scripted upstreams, and a bystander by which a test knows how far mivo has come."""
+    """A mivo in front of two scripted upstreams. A second client, the bystander, tells how far mivo has read."""
 
     def __init__(self, start_mivo, listen, connect, refusing_port):
         self.upstream, self.other = listen(), listen()
@@ -27,25 +27,25 @@ class Relay:
         self.client, self.bystander = self.connect(), self.connect()
 
     def deliver(self, data):
-        """Returns when mivo has read it in a piece of its own."""
+        """Sends data and returns when mivo has read it, in one piece that contains nothing else."""
         self.client.send(data)
         self.client.wait_delivered()
         for _ in range(2):
             self.bystander.ask(request("echo"))
 
     def requests(self):
-        """How many requests of the client mivo has seen."""
+        """The number of requests of this client that mivo has seen."""
         return len([line for line in self.mivo.requests() if f":{self.client.port} " in line])
 
     def expect_own_answer(self):
-        """The next request is a request: its answer shows it."""
+        """Sends another request and checks that mivo itself answers it: mivo has found where it begins."""
         ask = request("echo", "/next")
         self.client.send(ask)
         page = echo_page(ask)
         assert self.client.read(len(page)) == page
 
     def expect_no_end(self, sent_head, body):
-        """A new client's request: all that follows its head goes to the upstream."""
+        """Checks, with a new client, that everything after the head of its request goes to the upstream."""
         self.client = self.connect()
         self.deliver(sent_head)
         at_upstream = self.upstream.accept()

@@ -1,4 +1,4 @@
-"""The system's clock is set while mivo runs: idle times are counted by it."""
+"""The system's clock is set while mivo runs. mivo counts idle times by that clock."""
 
 import pytest
 
@@ -16,7 +16,7 @@ def mivo(start_mivo, upstream):
 
 
 class Scene:
-    """A client without an upstream, and one that waits for its reply."""
+    """A client without an upstream, and a client that waits for its response."""
 
     def __init__(self, mivo, connect, upstream):
         self.connect = lambda: connect(mivo.port)

@@ -1,4 +1,4 @@
-"""Started with standard descriptors closed: no socket takes their numbers, so what is printed reaches no client."""
+"""mivo starts with standard descriptors closed. No socket takes their numbers, so printed text reaches no client."""
 
 import itertools
 import os
@@ -17,7 +17,7 @@ SETS = [which for count in (1, 2, 3) for which in itertools.combinations(range(3
 
 
 class Bare:
-    """A program without a console. It is found to be up by connecting to it."""
+    """A program without a console. A connection that succeeds shows that the program has started."""
 
     def __init__(self, closed, command, port):
         self.port = port
@@ -29,7 +29,7 @@ class Bare:
         until(self._listens, "it listens")
 
     def _listens(self):
-        assert self.process.poll() is None, "it has ended at once"
+        assert self.process.poll() is None, "the program ended at once"
         try:
             Wire.connect(self.port).close()
             return True
@@ -37,7 +37,7 @@ class Bare:
             return False
 
     def standard_descriptors(self):
-        """What stands behind 0 to 2, as far as they are open."""
+        """The files of the descriptors 0 to 2, as far as they are open."""
         folder = f"/proc/{self.process.pid}/fd"
         return {number: os.readlink(f"{folder}/{number}") for number in os.listdir(folder) if int(number) < 3}
 
@@ -70,7 +70,7 @@ def start_bare():
 
 @pytest.fixture
 def clients():
-    """clients(port): some that are connected at the same time."""
+    """clients(port): several clients, connected at the same time."""
     made = []
 
     def connect(port):

@@ -42,8 +42,8 @@ def local_addresses():
 
 
 def expect_banner(console, port):
-    """Checks the lines of a server that binds, in whatever order the addresses are listed, and returns the
-    lines that follow."""
+    """Checks the lines that a server prints when it binds, with the addresses in any order. Returns the lines after
+    these."""
     first, *lines = console.split("\n")
     assert first == f"Binding to port {port} on all adapters:"
     addresses = local_addresses()
@@ -52,7 +52,7 @@ def expect_banner(console, port):
 
 
 def kind_of_answer(client, host):
-    """Which of mivo's two own answers a host gets: "echo" or "404"."""
+    """The kind of answer that mivo itself gives to a host: "echo" or "404"."""
     client.send(request(host))
     head, _ = client.read_reply()
     assert head == NOT_FOUND or head.startswith(b"HTTP/1.1 200 OK\r\n")
@@ -76,8 +76,8 @@ def test_start_and_stop__print_exactly_the_banner_the_count_and_the_farewell(sta
     assert expect_banner(mivo.console(), mivo.port) == "0 connections\nShutting down...\n"
 
 
-# Arguments behind the port, and what some hosts get then. The port -1 is the echo handler; what is not
-# mapped, or mapped to a port that reads as 0, is unknown.
+# Arguments after the port, and the answers that some hosts then get. The port -1 is the echo handler. A host is
+# unknown if it is not mapped, or if it is mapped to a port that reads as 0.
 WALKS = {
     "one_map": (["-map", "a", "-1"], {"a": "echo", "b": "404"}),
     "two_maps": (["-map", "a", "-1", "-map", "b", "-1"], {"a": "echo", "b": "echo"}),
@@ -121,7 +121,7 @@ WALKS = {
 
 
 @pytest.mark.parametrize("name", WALKS)
-def test_arguments_behind_the_port__map_the_hosts_that_they_name(start_mivo, connect, name):
+def test_arguments_after_the_port__map_the_hosts_that_they_name(start_mivo, connect, name):
     arguments, answers = WALKS[name]
     client = connect(start_mivo(arguments=arguments).port)
     assert {host: kind_of_answer(client, host) for host in answers} == answers
@@ -203,7 +203,7 @@ def signals(mivo, kind):
     return {number for number in range(1, 65) if mask >> (number - 1) & 1}
 
 
-# A program with sanitizers catches them on its own account.
+# A program with sanitizers catches these signals, too.
 SIGNS_OF_A_FAULT = {signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, signal.SIGILL, signal.SIGABRT}
 
 

@@ -1,4 +1,4 @@
-"""A console that nobody reads: mivo waits for its reader, and SIGINT ends it nevertheless."""
+"""A console that nobody reads: mivo waits until somebody reads it, and SIGINT ends mivo nevertheless."""
 
 import fcntl
 import os
@@ -35,14 +35,14 @@ class Unread:
             return None
 
     def fill(self):
-        """Asks until there is no answer; returns the number of those that came."""
+        """Sends requests until no answer comes; returns the number of answers that came."""
         self.client.sock.settimeout(1.5)
         for count in range(100):
             try:
                 self.client.ask(request("echo", LONG))
             except socket.timeout:  # TimeoutError, but not before Python 3.10
                 return count
-        raise AssertionError("the console takes everything")
+        raise AssertionError("the console never filled up")
 
     def close(self):
         self.process.kill()
@@ -67,7 +67,7 @@ def test_console_that_is_read_again__goes_on_without_losing_a_line(unread):
     while seen.count(b"[echo]") < count:
         seen += os.read(unread.reader, 65536)
     unread.client.sock.settimeout(15)
-    unread.client.read_reply()  # the one that was not answered
+    unread.client.read_reply()  # to the request that got no answer before
     unread.process.send_signal(signal.SIGINT)
     while data := os.read(unread.reader, 65536):
         seen += data

@@ -1,4 +1,4 @@
-"""Clients and upstreams that go in the middle, come back, or never say a word."""
+"""Clients and upstreams that leave in the middle, come back, or never send a byte."""
 
 import threading
 
@@ -9,7 +9,7 @@ from mivo_process import programs
 from upstreams import NodeUpstream
 from wire import reply, request
 
-LARGE = bytes(range(251)) * 40000  # some 10 MB, more than any buffer takes
+LARGE = bytes(range(251)) * 40000  # about 10 MB, more than any buffer takes
 
 
 @pytest.fixture(params=programs().values(), ids=programs())
@@ -34,7 +34,7 @@ class Relay:
         return client, upstream
 
     def expect_service(self):
-        """Checks that a newcomer is served, and that nothing of all former connections is still open."""
+        """Checks that a new client is served, and that every earlier connection is closed."""
         client, upstream = self.start(request("up"))
         upstream.send(reply(b"fine"))
         assert client.read_reply()[1] == b"fine"
@@ -56,7 +56,7 @@ def test_upstream_closes_mid_body__client_gets_what_was_sent_then_close(relay):
     relay.expect_service()
 
 
-def test_upstream_closes_behind_a_large_reply__client_gets_all_of_it_then_close(relay):
+def test_upstream_closes_after_a_large_reply__client_gets_all_of_it_then_close(relay):
     sender = threading.Thread(target=lambda: (relay.upstream.send(LARGE), relay.upstream.close()))
     sender.start()
     assert relay.client.read_to_end() == LARGE
@@ -105,7 +105,7 @@ def test_client_closes_mid_upload__upstream_gets_what_was_sent_then_close(relay)
 
 
 def test_client_closes_mid_upload_to_a_slow_upstream__upstream_gets_what_was_sent_then_close(relay):
-    relay.client.send(LARGE)  # the upstream reads nothing before it is all sent
+    relay.client.send(LARGE)  # the upstream reads nothing until all of it is sent
     relay.client.close()
     assert relay.upstream.read_to_end() == LARGE
     relay.expect_service()

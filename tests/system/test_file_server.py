@@ -1,4 +1,4 @@
-"""file_server: every size byte for byte, and nothing outside its folder."""
+"""file_server sends files of every size byte for byte, and no file from outside its folder."""
 
 import contextlib
 import os
@@ -96,7 +96,7 @@ def test_bytes_after_a_last_request__open_no_file(files, root, connect):
     wire.send(b"GET /file HTTP/1.0\r\n\r\n")
     for _ in range(20):
         wire.wait_delivered()
-        other.ask(request("files"))  # by the second answer the byte has been seen
+        other.ask(request("files"))  # after the second answer, the server has seen the byte
         other.ask(request("files"))
         assert len(files.descriptors() - files.idle_descriptors) == 3  # two clients and a file
         wire.send(b"x")
@@ -108,9 +108,9 @@ def test_client_that_asks_on_without_reading__takes_no_more_files_and_is_ended(f
     wire, other = connect(files.port), connect(files.port)
     other.ask(request("files"))
     for _ in range(20):
-        with contextlib.suppress(ConnectionError):  # it may have been ended already
+        with contextlib.suppress(ConnectionError):  # the server may have ended the connection already
             wire.send(request("files", "/file"))
-        for _ in range(2):  # by the second answer the request has been seen
+        for _ in range(2):  # after the second answer, the server has seen the request
             other.ask(request("files"))
         assert len(files.descriptors() - files.idle_descriptors) <= 3  # two clients and a file
     wire.wait_closed()

@@ -111,7 +111,7 @@ def test_host_that_cannot_be_one__is_a_bad_gateway(proxy, connect, host):
 
 def test_host_of_8_million_dots__takes_little_memory(proxy, connect):
     wire, before = connect(proxy.port), proxy.resident_peak_kib()
-    wire.sock.settimeout(60)  # seconds; the instrumented program may take some, and a busy machine many
+    wire.sock.settimeout(60)  # seconds; the program with sanitizers takes some, and on a busy machine many
     wire.send(request("far", "http://" + "." * 8000000 + "/"))
     assert wire.read_to_end() == BAD_GATEWAY
     assert proxy.resident_peak_kib() - before < 400000
@@ -157,7 +157,7 @@ def test_tunnel_of_the_proxy_to_itself__goes_nowhere(start_mivo, connect):
 
 
 class Page(http.server.BaseHTTPRequestHandler):
-    """Answers every request with a page that names the target as it arrived."""
+    """Answers every request with a page that shows the request's target as it arrived."""
 
     def do_GET(self):
         body = f"<p>You asked for {self.path}</p>".encode()
@@ -213,7 +213,7 @@ def test_node__fetches_by_an_absolute_url(proxy, plain_page):
 
 
 def test_browser__loads_a_page_through_the_proxy(proxy, plain_page, tmp_path):
-    # Without the bypass list a browser goes to this machine directly.
+    # Without the bypass list, a browser connects to this machine directly.
     told = run("chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                "--disable-background-networking", "--disable-component-update", "--disable-sync",
                "--disable-dev-shm-usage", f"--user-data-dir={tmp_path}/profile",

@@ -1,4 +1,4 @@
-"""Upstreams that are mute, mad or endless, or gone every other moment."""
+"""Upstreams that say nothing, send garbage, never stop sending, or restart all the time."""
 
 import contextlib
 import random
@@ -31,7 +31,7 @@ def mivo(start_mivo, upstream):
 
 @pytest.fixture
 def clients(calm, mivo, connect):
-    """They have asked; nothing is accepted yet."""
+    """Clients that have sent their requests. The upstream has not accepted a connection yet."""
     asking = [connect(mivo.port) for _ in range(CLIENTS)]
     for client in asking:
         client.send(request("up"))
@@ -68,7 +68,7 @@ def test_upstream_ends_what_it_accepts_at_once__clients_get_502_or_close(clients
 
 def test_upstream_sends_garbage__clients_get_it_byte_for_byte(clients, calm, upstream):
     chance = random.Random(65)
-    # Which client belongs to which connection is not told, so all get the same.
+    # The test does not know which connection belongs to which client, so it sends the same to all.
     garbage = chance.randbytes(100000)
     accepted = [upstream.accept() for _ in clients]
     for wire in accepted:
@@ -108,7 +108,7 @@ def test_upstream_sends_for_ever__others_are_served_and_all_ends_with_its_client
 
 
 class Load:
-    """Clients that ask all the time, each over one connection as long as it lasts."""
+    """Clients that send requests all the time, each over one connection as long as the connection lasts."""
 
     CLIENTS = 12
 
@@ -147,7 +147,7 @@ class Load:
 
     @staticmethod
     def _is_closed(wire):
-        return bool(select.select([wire.sock], [], [], 0)[0])  # nothing else than its end can have come
+        return bool(select.select([wire.sock], [], [], 0)[0])  # only its end can have come
 
     def finish(self):
         self.stop = True

@@ -1,4 +1,4 @@
-"""Clients that mean harm. After each of them mivo is what it was before, and the next request is served."""
+"""Clients that try to do harm. After each of them, mivo is as it was before, and the next request is served."""
 
 import random
 import socket
@@ -25,8 +25,8 @@ def mivo(start_mivo, upstream, node):
 
 
 class Bystander:
-    """A client that asks all the time on one connection, and wants each answer soon: before mivo has worked for a
-    second, which a busy machine may stretch to many."""
+    """A client that sends requests all the time on one connection. Each answer has to come before mivo has used a
+    second of processor time, which may be many seconds of the clock on a busy machine."""
 
     SOON = 1  # seconds of processor time
 
@@ -132,21 +132,21 @@ def test_urgent_data_of_an_upstream__ends_its_clients_connection_and_nobody_else
     calm.expect_again()
 
 
-# What a head is filled with to keep the search for its lines busy: bytes that are nearly a line end, the shortest
-# lines there are, and lines that are nearly the headers that mivo asks for or leaves out.
+# These fill a head so that the search for its lines takes long: bytes that are nearly a line end, the shortest
+# possible lines, and lines that are nearly the headers that mivo looks up or leaves out.
 FILLINGS = [b"\r", b"\n\r", b"\r\r\n", b"a\r\n", b"ab\r\n", b"ce\r\n", b"ut\r\n", b"Px\r\n"]
 
 
 def test_long_heads_that_are_made_to_be_searched__keep_nobody_waiting(mivo, connect, upstream, program):
-    # Of the memory in which such a head grows, the allocator keeps up to 64 MiB for the next one.
+    # The allocator keeps up to 64 MiB of the memory in which such a head grows, for the next head.
     calm = Calm(mivo, connect, 72 * 1024)
-    # The instrumented program takes ten times as long for each byte.
+    # The program with sanitizers takes ten times as long for each byte.
     size = 64 * MIB if program == PROGRAM else 16 * MIB
     bystander = Bystander(connect, mivo)
     for filling in FILLINGS:
         client = connect(mivo.port)
         client.send(request("up")[:-2] + filling * (size // len(filling)) + b"\r\nEnd: 1\r\n\r\n")
-        wire = upstream.accept()  # the head has been taken apart
+        wire = upstream.accept()  # mivo has parsed the head
         client.reset()
         wire.reset()
     bystander.finish()

@@ -1,15 +1,15 @@
-"""Idle clients end."""
+"""mivo ends the connections of idle clients."""
 
 import time
 
 from wire import reply, request, until
 
-TIMEOUT = 10  # seconds; more than this, counted in whole seconds, ends a connection
-TOLERANCE = 2.5  # seconds, for the whole seconds and a turn
+TIMEOUT = 10  # seconds; a connection that is idle for more whole seconds than this ends
+TOLERANCE = 2.5  # seconds; covers the rounding to whole seconds, and one turn
 
 
 def new_descriptor(mivo, connect, known):
-    """A new client connection and its descriptor in mivo, which is added to the known ones."""
+    """Returns a new client connection and its descriptor in mivo. Adds the descriptor to `known`."""
     client = connect(mivo.port)
     found = until(lambda: mivo.descriptors() - known, "the connection is accepted")
     known |= found
@@ -44,7 +44,7 @@ def test_idle_clients__time_out_10_s_after_their_last_byte_unless_they_have_an_u
     while time.monotonic() - start < TIMEOUT / 2:
         slow.send(sent[:1])
         sent = sent[1:]
-        time.sleep(0.5)  # the pace of a slow sender, who is never idle
+        time.sleep(0.5)  # a slow sender's pause between two bytes; such a client is never idle
     active_again.ask(request("echo"))
     active_again_start = time.monotonic()
     for client in (silent, echoed, started):

@@ -1,8 +1,8 @@
-"""Live HTTPS connections on links of real rates: whatever the pace of their bytes, none is cut, and each byte is
-right.
+"""Live HTTPS connections on links of real rates. Whatever the pace of the bytes, no connection is cut, and each byte
+is right.
 
-Two settings make the uploads as many and as long as wanted: MIVO_LINK_UPLOADS, by curl at each rate, and
-MIVO_LINK_MEGABYTES, the length of each. With 40 and 90, 200 uploads take half an hour.
+Two settings change the uploads: MIVO_LINK_UPLOADS is the number of uploads by curl at each rate, and
+MIVO_LINK_MEGABYTES is the length of each. With 40 and 90, 200 uploads take half an hour.
 """
 
 import os
@@ -21,7 +21,7 @@ pytest_plugins = ["links", "tls_service"]
 UPLOADS = int(os.environ.get("MIVO_LINK_UPLOADS", "2"))
 MEGABYTES = int(os.environ.get("MIVO_LINK_MEGABYTES", "6"))
 TIMED_OUT = r"\d+ has timed out\."
-PAUSE = 0.002  # seconds, between two bursts
+PAUSE = 0.002  # seconds between two bursts
 
 
 @pytest.fixture
@@ -46,7 +46,7 @@ def test_uploads_by_curl__all_arrive_exactly(link, service, site, folder):
 
 
 def drip(wire, data, size, burst):
-    """Sends pieces of one size; when there is a `burst`, so many at a time."""
+    """Sends pieces of `size` bytes. `burst`, if there is one, is the number of pieces that are sent at a time."""
     data = memoryview(data)
     for number, at in enumerate(range(0, len(data), size), 1):
         wire.send(data[at:at + size])
@@ -61,7 +61,7 @@ def upload_in_pieces(service, site, length, size, burst=None):
     drip(client.wire, client.encrypt(head) + client.encrypt(b"".join(site.pieces(length))), size, burst)
     expected = f"{length} {site.digest_of_repeated_block(length)}".encode()
     seen = b""
-    while expected not in seen:  # a client that is cut gets no more, and fails here
+    while expected not in seen:  # a client whose connection is cut gets no more bytes and fails here
         seen += client.read(1)
 
 
@@ -73,7 +73,7 @@ def test_records_in_pieces_of_one_size__all_arrive_exactly(link, service, site, 
     assert service.mivo.lines(TIMED_OUT) == []
 
 
-# Whole segments and the sizes around a record, which the session cannot use before the last piece is there.
+# Whole segments, and sizes around that of a record: the session cannot use a record before its last piece is there.
 @pytest.mark.parametrize("size, burst", [(1, 500), (100, 40), (1448, 12), (16405, 1)])
 @on_links(200, 500)
 def test_records_in_bursts_of_pieces__all_arrive_exactly(link, service, site, size, burst):

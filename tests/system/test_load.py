@@ -50,7 +50,7 @@ def test_upstream_connection_that_finds_no_room__gets_its_client_the_502(crowd, 
     client = crowd.connect()
     client.send(request("up"))
     wire = upstream.accept()
-    # What connected for the client in vain is closed already, and nothing was said on it.
+    # mivo has already closed the upstream connection for which it had no room, without sending a byte on it.
     if wire.read_some() == b"":
         wire = upstream.accept()
         wire.read_head()
@@ -87,7 +87,7 @@ def test_limit_of_256_descriptors__one_client_too_many_restarts_the_server(start
 
 
 def try_to_connect(mivo, connect):
-    """A connection, or None while the server closes its port and opens it again."""
+    """Returns a connection, or None while the server closes its port and opens it again."""
     try:
         return connect(mivo.port)
     except ConnectionError:

@@ -1,4 +1,4 @@
-"""What LimitDATA= of the service does: the system refuses memory, and one connection is ended for it."""
+"""The effect of LimitDATA= of the service: the system refuses memory, and mivo ends one connection because of that."""
 
 import resource
 
@@ -38,6 +38,6 @@ def test_limit_on_memory__ends_the_connection_that_asks_for_too_much_and_no_othe
     until(lambda: mivo.lines(r"\d+ has failed: std::bad_alloc"), "the line about the connection")
     assert len(mivo.lines(r"\d+ has failed: .*")) == 1
     assert b"200 OK" in head_of(bystander)
-    # What had come before is delivered, and then the end.
+    # The client gets what had come before, and then the end.
     received = len(slow_reader.read_to_end())
     assert LIMIT // 2 < received < MORE_THAN_THE_LIMIT

@@ -1,5 +1,5 @@
-"""Between any two calls that the program makes for a TLS client, the next packet comes: a preloaded library sees
-to it. On a real line the same happens now and then, at rates that depend on the machine; see test_links.py."""
+"""The next packet comes between any two calls that the program makes for a TLS client. A preloaded library makes this
+happen every time. On a real line it happens now and then, at rates that depend on the machine; see test_links.py."""
 
 import pathlib
 import time
@@ -13,7 +13,7 @@ from wire import request
 
 pytest_plugins = ["tls_service"]
 
-PACE = 0.0005  # seconds between two packets, so that one of them waits when the program looks
+PACE = 0.0005  # seconds between two packets, so that one packet waits when the program looks
 
 
 @pytest.fixture(scope="session")
@@ -42,6 +42,6 @@ def test_next_piece_of_a_record_always_comes__every_byte_of_the_upload_arrives(s
         time.sleep(PACE)
     expected = f"{length} {site.digest_of_repeated_block(length)}".encode()
     seen = b""
-    while expected not in seen:  # a client that is cut gets no more, and fails here
+    while expected not in seen:  # a client whose connection is cut gets no more bytes and fails here
         seen += client.read(1)
     assert service.mivo.lines(r"\d+ has timed out\.") == []

@@ -1,4 +1,4 @@
-"""More of everything than there is room for. Afterwards mivo is what it was before."""
+"""More clients and more data than there is room for. Afterwards mivo is as it was before."""
 
 import re
 import selectors
@@ -17,7 +17,7 @@ from wire import DEADLINE, request, until
 
 MIB = 1 << 20
 CROWD = 3000
-AT_ONCE = 120  # have not got an answer yet; the listening socket has a queue of 128
+AT_ONCE = 120  # the most clients without an answer; the listening socket has a queue of 128
 
 
 @pytest.fixture
@@ -27,12 +27,12 @@ def mivo(start_mivo, node):
 
 @pytest.fixture
 def calm(mivo, connect):
-    # Strings and list nodes of 1018 connections, each some KiB, lie between what the allocator still has in use.
+    # Strings and list nodes of 1018 connections, some KiB for each, lie between memory that is still in use.
     return Calm(mivo, connect, 16 * 1024)
 
 
 class Caller:
-    """One of many clients that ask, and then stay until all have an answer."""
+    """One of many clients. Each sends a request and stays until all clients have an answer."""
 
     def __init__(self, port, sent):
         self.sent, self.received, self.answered = sent, b"", False
@@ -41,7 +41,7 @@ class Caller:
         self.sock.connect_ex(("127.0.0.1", port))
 
     def go_on(self):
-        """Returns whether there is an end to it: a reply or the end of the connection."""
+        """Returns whether the client is done: it has a response, or its connection has ended."""
         try:
             self.sock.sendall(self.sent)
             self.sent = b""
@@ -56,14 +56,15 @@ class Caller:
 
 
 def answers_of_a_crowd(port, *sent):
-    """What each of the clients received; they send one or the other in turn. They come as fast as mivo takes
-    them: with the queue of its listening socket full, the system would have them try again after 1, 2, 4 ... s."""
+    """Returns what each client received. The clients send the texts of `sent` in turn. They come as fast as mivo
+    accepts them: if the queue of the listening socket were full, the system would make them try again after 1, 2,
+    4 ... s."""
     callers = []
     with selectors.DefaultSelector() as selector:
         waiting = 0
         end = time.monotonic() + DEADLINE
         while len(callers) < CROWD or waiting > 0:
-            assert time.monotonic() < end, f"{waiting} clients got neither a reply nor a close"
+            assert time.monotonic() < end, f"{waiting} clients got neither a response nor a close"
             while waiting < AT_ONCE and len(callers) < CROWD:
                 callers.append(Caller(port, sent[len(callers) % len(sent)]))
                 selector.register(callers[-1].sock, selectors.EVENT_READ | selectors.EVENT_WRITE, callers[-1])
@@ -84,7 +85,7 @@ def test_3000_clients_at_once__each_is_answered_or_closed(mivo, calm):
     served = [text for text in answers if text.startswith(b"HTTP/1.1 200 OK\r\n")
               and text.endswith((b"Your IPv4 address is: 127.0.0.1", b"hello, world\n"))]
     refused = [text for text in answers if text in (b"", BAD_GATEWAY)]
-    assert len(served) > 600  # one with an upstream takes two of the 1018 places
+    assert len(served) > 600  # a client with an upstream takes two of the 1018 places
     assert len(served) + len(refused) == CROWD
     calm.expect_again()
     assert not mivo.lines(".*failed.*")
@@ -114,15 +115,15 @@ def test_slow_senders_on_every_place__are_all_served_and_so_is_a_quick_one_meanw
 
 
 def serve_a_hundred(mivo, name):
-    """100 clients ask for a file of nginx for a second. Returns the processor time of mivo and their requests."""
+    """100 clients ask nginx for a file for a second. Returns mivo's processor time and the number of requests."""
     before = processor_seconds(mivo.pid)
     told = run("wrk", "-t1", "-c100", "-d1s", "-H", "Host: nginx", f"http://127.0.0.1:{mivo.port}/{name}")
     assert "Non-2xx" not in told and "Socket errors" not in told, told
     return processor_seconds(mivo.pid) - before, int(re.search(r"(\d+) requests in", told)[1])
 
 
-# What is kept for one client costs the others nothing: a queue that was moved to make room, say, would take a
-# tenth of a second in every turn.
+# What mivo keeps for one client costs the others nothing. For example, a queue that is moved to make room would take
+# a tenth of a second in every turn.
 def test_client_that_never_reads_a_reply_of_300_mib__takes_no_time_from_100_others(
         start_mivo, listen, nginx, connect, site):
     upstream = listen()
@@ -139,8 +140,8 @@ def test_client_that_never_reads_a_reply_of_300_mib__takes_no_time_from_100_othe
     sender.start()
     _, requests = serve_a_hundred(mivo, small)
     sender.join(DEADLINE)
-    until(lambda: calm.taken_kib() > 290 * 1024, "mivo keeps the reply")
-    assert processor_seconds(mivo.pid) - before - requests * for_each < 2  # a quarter of a second, mostly
+    until(lambda: calm.taken_kib() > 290 * 1024, "mivo keeps the response")
+    assert processor_seconds(mivo.pid) - before - requests * for_each < 2  # usually a quarter of a second
     seconds, requests = serve_a_hundred(mivo, small)
     assert seconds / requests < 2 * for_each
     client.reset()

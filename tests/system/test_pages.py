@@ -1,4 +1,4 @@
-"""What a person sees in a browser: the echo page, and a site over HTTPS."""
+"""What a user sees in a browser: the echo page, and a site over HTTPS."""
 
 import shutil
 
@@ -12,7 +12,7 @@ pytest_plugins = ["tls_service"]
 
 @pytest.fixture
 def browser(start_mivo, folder):
-    """The certificates of the tests have no authority that a browser knows."""
+    """A browser that takes any certificate, because no browser knows the authority of the tests' certificates."""
     started = Browser(folder, "--no-proxy-server", "--ignore-certificate-errors")
     yield started
     started.close()
@@ -25,7 +25,7 @@ def test_echo_page__shows_the_request_of_the_browser(start_mivo, browser):
     assert tab.text().startswith("GET /some/path?with=query HTTP/1.1")
 
 
-def test_http_address_of_a_site_behind_https__ends_on_its_page(serve_tls, browser, python_site, site):
+def test_http_address_of_an_https_site__ends_on_its_page(serve_tls, browser, python_site, site):
     shutil.copy(REPOSITORY / "examples/site/index.html", site.folder / "site.html")
     service = serve_tls({"localhost:{ssl_port}": python_site.port})
     tab = browser.open(f"http://localhost:{service.mivo.port}/site.html")

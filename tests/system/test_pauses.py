@@ -1,7 +1,7 @@
 """Clients that come and go make no pause in the download of another one.
 
-A pause is a wait of mivo, for the tenth of a second that nothing may be ready, while it has bytes that somebody would
-take. A preloaded library counts these waits: a clock would count those of a busy machine, too.
+A pause is a wait of mivo, for the tenth of a second in which nothing is ready, although it has bytes that a client
+could take. A preloaded library counts these waits. A clock would also count the delays of a busy machine.
 """
 
 import contextlib
@@ -15,7 +15,7 @@ from preload import build_preload
 from wire import reply, request
 
 MIB = 1 << 20
-LENGTH = 40 * MIB  # more than the system and the output buffer hold, so that the rest waits in mivo's queue
+LENGTH = 40 * MIB  # more than the system and the output buffer hold, so the rest waits in mivo's queue
 
 
 class Pauses:
@@ -47,7 +47,7 @@ def program(folder, pauses, held_back_library):
 
 
 def drain(wire):
-    """Reads what the system holds for the client; returns how much it was."""
+    """Reads the bytes that the system holds for the client; returns their number."""
     wire.sock.setblocking(False)
     count = 0
     with contextlib.suppress(BlockingIOError):
@@ -58,8 +58,9 @@ def drain(wire):
 
 
 def download_when_another_goes(mivo, connect, upstream):
-    """The one that goes is in front of the reader, in order of arrival, and its upstream connection between them:
-    it ends when it is asked for output, in the turn in which the reader's output has just been sent."""
+    """The client that leaves came before the reader, and its upstream connection is between the two in the list.
+    mivo ends that upstream connection when it asks it for output. This happens in the turn in which the reader's
+    output has just been sent."""
     goer = connect(mivo.port)
     goer.send(request("up", "/goer"))
     upstream.accept().read_head()

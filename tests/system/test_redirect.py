@@ -1,4 +1,4 @@
-"""What the HTTP port answers while mivo serves HTTPS: a redirect for every request, byte for byte."""
+"""While mivo serves HTTPS, its HTTP port answers every request with a redirect; compared byte for byte."""
 
 import socket
 
@@ -18,14 +18,14 @@ def moved(location, kept_alive=True):
 
 
 def answer(connect, port, sent):
-    """Everything until the connection is closed, which the client does not ask for."""
+    """Returns everything until mivo closes the connection; the client does not ask for the close."""
     client = connect(port)
     client.send(sent)
     return client.read_to_end()
 
 
-# A request, the location without "https://" and with P for the port's suffix, and whether the connection is
-# one to be kept by the rules, which only look at the Connection header of HTTP/1.0.
+# A request, the location without "https://" and with P for the port's suffix, and whether the rules keep the
+# connection. The rules only look at the Connection header of HTTP/1.0.
 REDIRECTS = {
     "path": (request("h", "/x"), "hP/x", True),
     "root": (request("h"), "hP/", True),
@@ -50,14 +50,14 @@ REDIRECTS = {
 
 @pytest.fixture(params=["any", "443"])
 def redirecting(request, serve_tls, start_mivo, certificates):
-    """A mivo that redirects, and the suffix for its HTTPS port."""
+    """A mivo that redirects, and the suffix of its HTTPS port."""
     if request.param == "any":
         service = serve_tls({"echo": -1})
         return service.mivo, f":{service.port}"
     try:
         socket.create_server(("", HTTPS_PORT)).close()
     except OSError as error:
-        pytest.skip(f"port {HTTPS_PORT} is not to be had: {error}")
+        pytest.skip(f"port {HTTPS_PORT} is not free: {error}")
     certificate = certificates["ecdsa"]
     mivo = start_mivo({"echo": -1}, arguments=["-ssl", str(HTTPS_PORT), str(certificate.key),
                                                str(certificate.crt)])

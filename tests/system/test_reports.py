@@ -1,11 +1,11 @@
-"""The number of connections is reported. In a file of its own, so that its waits and those for idle clients overlap."""
+"""mivo reports the number of connections. This test has its own file, so that it waits while test_idle.py waits."""
 
 import re
 import time
 
 from wire import request, until
 
-TOLERANCE = 2.5  # seconds, for the whole seconds and a turn
+TOLERANCE = 2.5  # seconds; covers the rounding to whole seconds, and one turn
 REPORT = r"\d+ connections"
 
 

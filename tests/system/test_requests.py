@@ -1,4 +1,4 @@
-"""How requests arrive: cut anywhere, slowly, oversized, or as no requests at all."""
+"""Requests that arrive cut anywhere, slowly, or too large, and bytes that are no request at all."""
 
 import random
 import socket
@@ -9,7 +9,7 @@ from mivo_process import programs
 from wire import header, reply, request, until
 
 MAX_REQUEST_LENGTH = 104857600
-READ_SIZE = 1048576  # what mivo reads at once, at most
+READ_SIZE = 1048576  # the most bytes that mivo reads at once
 WARNING = rf"Warning! Request exceeds max length of {MAX_REQUEST_LENGTH}\."
 
 
@@ -19,7 +19,7 @@ def program(request):
 
 
 class Service:
-    """A mivo with a scripted upstream, and a second client by which a test knows how far mivo has come."""
+    """A mivo with a scripted upstream. A second client, the bystander, tells how far mivo has read."""
 
     def __init__(self, start_mivo, listen, connect):
         self.upstream = listen()
@@ -28,8 +28,8 @@ class Service:
         self.bystander = self.connect()
 
     def deliver(self, client, data):
-        """Sends and returns when mivo has read it: the turn that reads a request of the bystander reads what
-        has arrived before, up to READ_SIZE."""
+        """Sends data and returns when mivo has read it. The turn that reads a request of the bystander also reads
+        what arrived earlier, up to READ_SIZE."""
         client.send(data)
         client.wait_delivered()
         for _ in range(1 + len(data) // READ_SIZE):
@@ -38,7 +38,7 @@ class Service:
     def hang_up(self, client):
         """Closes the client's connection and returns when mivo has closed it as well."""
         client.close()
-        until(lambda: len(self.mivo.descriptors()) == len(self.mivo.idle_descriptors) + 1, "its end")
+        until(lambda: len(self.mivo.descriptors()) == len(self.mivo.idle_descriptors) + 1, "the end of the connection")
 
     def requests_of(self, client):
         return [line for line in self.mivo.requests() if f":{client.port} " in line]
@@ -85,7 +85,7 @@ def test_body_cut_anywhere__is_followed_by_the_next_request(service):
     assert not service.upstream.accept_if_waiting()
 
 
-def test_bytes_behind_a_request_in_one_piece__belong_to_it_and_go_upstream_as_they_are(service):
+def test_bytes_after_a_request_in_one_piece__belong_to_it_and_go_upstream_as_they_are(service):
     client = service.connect()
     client.send(request("up", "/1") + request("echo", "/2"))
     upstream = service.upstream.accept()
@@ -108,7 +108,7 @@ def test_head_without_end__is_dropped_beyond_100_mib_with_a_warning_and_others_a
     client = service.connect()
     service.deliver(client, b"x" * MAX_REQUEST_LENGTH)
     assert service.mivo.lines(WARNING) == []
-    service.deliver(client, b"x")  # the limit is not exceeded before this byte, so it still counts
+    service.deliver(client, b"x")  # the limit is not yet exceeded when this byte comes, so it still counts
     assert service.mivo.lines(WARNING) == []
     for count in (1, 2, 3):
         service.deliver(client, b"\r\n\r\n")
@@ -169,7 +169,7 @@ def random_garbage(seed, length):
     return random.Random(seed).randbytes(length)
 
 
-# What other programs, or nobody in his right mind, send to an HTTP port.
+# Bytes that other programs send to an HTTP port, and bytes that no sensible program sends.
 GARBAGE = {
     "empty_line_first": b"\r\n\r\n" + request("echo"),
     "zeros": bytes(100000),
@@ -188,7 +188,7 @@ GARBAGE = {
     "bare_upgrade": request("echo", headers=["Upgrade: websocket"]) + b"\x81\xff",
     "many_headers": b"GET / HTTP/1.1\r\n" + b"".join(b"H%d: x\r\n" % i for i in range(20000)) + b"\r\n",
     **{f"random_{seed}": random_garbage(seed, 200000) for seed in range(3)},
-    **{f"random_behind_a_head_{seed}": request("up") + random_garbage(seed, 20000) for seed in range(2)},
+    **{f"random_after_a_head_{seed}": request("up") + random_garbage(seed, 20000) for seed in range(2)},
 }
 
 

@@ -1,5 +1,5 @@
-"""Which host gets what: the echo page, the 404, the 502 and the request head that an upstream sees; and the
-console line of every request."""
+"""What each host gets: the echo page, the 404, the 502, or an upstream, which sees the changed head; and the console
+line of every request."""
 
 import pytest
 
@@ -9,7 +9,7 @@ from wire import header, reply, request
 
 @pytest.fixture
 def relay(start_mivo, listen, connect):
-    """A client and an upstream with mivo between them: up and UP2 lead to the upstream, echo to itself."""
+    """A client and an upstream with mivo between them: up and UP2 lead to the upstream, echo to mivo's own page."""
     class Relay:
         upstream = listen()
         mivo = start_mivo({"up": upstream.port, "UP2": upstream.port, "echo": -1})
@@ -98,7 +98,7 @@ def test_upstream_that_refuses_after_another_has_answered__gets_the_client_the_5
 
 OWN_LINE = b"X-Forwarded-For: 127.0.0.1\r\n\r\n"
 
-# A head as the client sends it, and as the upstream sees it.
+# A head as the client sends it, and the head that the upstream sees.
 FORWARDED_HEADS = {
     "nothing_to_change": (b"GET / HTTP/1.1\r\nHost: up\r\n\r\n", b"GET / HTTP/1.1\r\nHost: up\r\n"),
     "target_with_query": (b"PUT /a/b?c=d?e HTTP/1.1\r\nHost: up\r\n\r\n",
@@ -189,7 +189,7 @@ def test_echo_and_404_between_two_requests__leave_the_upstream_connection_alone(
     assert not relay.upstream.accept_if_waiting()
 
 
-# A request, and its console line behind "[host] address:port ".
+# A request, and its console line.
 CONSOLE_LINES = [
     (request("echo"), "[echo] 127.0.0.1:{port} GET / HTTP/1.1 []"),
     (request("echo", "/a?b=c", "POST", ["User-Agent: curl/8.0"]),

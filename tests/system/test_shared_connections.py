@@ -1,4 +1,5 @@
-"""Behind a proxy that shares its connections among its clients, each client gets the answers to its own requests."""
+"""A proxy in front of mivo shares its connections among its clients. Each client still gets the answers to its own
+requests."""
 
 import subprocess
 
@@ -33,7 +34,7 @@ def expect_own_answers(front, mivo, kinds):
     finally:
         front.close()
     assert (crowd.own, crowd.wrong) == (1000, [])
-    # Each that was passed on is one request, and the connections were shared.
+    # mivo saw each request that was passed on once, and the clients shared the connections.
     lines = mivo.requests()
     assert 500 < len(lines) <= 1000
     assert len({line.split()[1] for line in lines}) <= 8

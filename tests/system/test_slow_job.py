@@ -1,4 +1,4 @@
-"""slow_job: threads work while the loop serves others, and end with the client who asked."""
+"""slow_job: threads work while the loop serves other clients. A thread ends when the client that asked leaves."""
 
 import contextlib
 import os
@@ -29,7 +29,7 @@ def threads(jobs):
 @pytest.fixture
 def jobs(start_mivo):
     started = start_mivo()
-    # The thread sanitizer begins one of its own with the first of the program.
+    # The thread sanitizer starts a thread of its own together with the program's first thread.
     wire = Wire.connect(started.port)
     wire.send(request("jobs", "/1"))
     wire.read(len(answer(b"0")))
@@ -95,7 +95,7 @@ def test_bytes_after_a_last_request__start_no_job(jobs, connect):
     wire.send(f"GET {ENDLESS} HTTP/1.0\r\n\r\n".encode())
     for _ in range(20):
         wire.wait_delivered()
-        for _ in range(2):  # by the second answer the byte has been seen
+        for _ in range(2):  # after the second answer, the server has seen the byte
             other.ask(request("jobs", "/none"))
         wait_for_workers(jobs, 1)
         wire.send(b"x")
@@ -104,9 +104,9 @@ def test_bytes_after_a_last_request__start_no_job(jobs, connect):
 def test_client_that_asks_on_without_waiting__gets_no_more_threads_and_is_ended(jobs, connect):
     wire, other = connect(jobs.port), connect(jobs.port)
     for _ in range(20):
-        with contextlib.suppress(ConnectionError):  # it may have been ended already
+        with contextlib.suppress(ConnectionError):  # the server may have ended the connection already
             wire.send(request("jobs", ENDLESS))
-        for _ in range(2):  # by the second answer the request has been seen
+        for _ in range(2):  # after the second answer, the server has seen the request
             other.ask(request("jobs", "/none"))
         assert workers(jobs) <= 1
     wire.wait_closed()

@@ -1,4 +1,4 @@
-"""A short soak: mixed clients whose every byte is compared. script/soak is the long one."""
+"""A short soak: mixed clients, with every byte compared. script/soak runs a long one."""
 
 import json
 import os
@@ -13,7 +13,7 @@ LOAD = BUILD / "tests/soak/soak_load"
 
 
 def soak(folder, *arguments):
-    """Runs one and returns its exit status and its results."""
+    """Runs a soak and returns its exit status and its results."""
     done = subprocess.run(
         [sys.executable, "-B", REPOSITORY / "tests/soak/run.py", "--program", PROGRAM, "--load", LOAD,
          "--out", folder, "--seconds", "60", *arguments], stdout=subprocess.PIPE, timeout=120, check=False)

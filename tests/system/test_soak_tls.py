@@ -1,4 +1,4 @@
-"""A short soak over TLS on a line, with uploads. script/soak MINUTES --tls --rate 400mbit is the long one."""
+"""A short soak over TLS on a line, with uploads. script/soak MINUTES --tls --rate 400mbit runs a long one."""
 
 import pytest
 

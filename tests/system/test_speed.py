@@ -1,8 +1,8 @@
-"""Speed: limits far from the normal, and ratios measured within one run. Nobody waits for a time-out.
+"""Speed: limits far above the usual figures, and ratios measured within one run. No client waits for a time-out.
 
-A busy machine delays some answers, or even most. What must not wait is therefore measured by the quickest tenth of
-many answers: whatever makes each of them wait, makes those wait, too. What must not cost much is measured in
-processor time. bench/run measures the rest.
+A busy machine delays some answers, or even most. Therefore waiting is measured by the quickest tenth of many answers:
+a cause that makes every answer wait makes the quickest ones wait, too. Cost is measured in processor time. bench/run
+measures the rest.
 """
 
 import os
@@ -18,14 +18,14 @@ from wire import request
 MIB = 1 << 20
 GIB = 1 << 30
 
-# A delayed acknowledgement takes 40 ms; a request takes less than one.
+# A delayed acknowledgement takes 40 ms; a request takes less than 1 ms.
 LATENCY_LIMIT = 0.020  # seconds
-SELECT_WAIT = 0.100  # seconds, for which a turn waits at most
+SELECT_WAIT = 0.100  # seconds that a turn waits at most
 ROUNDS = 200
 
 
 def quickest_tenth(seconds):
-    """What the quickest tenth stayed below; of fewer than ten, the quickest."""
+    """The time below which the quickest tenth stayed; of fewer than ten times, the shortest."""
     return sorted(seconds)[len(seconds) // 10]
 
 
@@ -59,8 +59,8 @@ def seconds_to_ask(wire, sent, answer):
 
 
 def expect_no_waits(direct, relayed, sent, answer):
-    """Asks directly and through mivo in turn. The relayed requests take a small multiple of the time of the
-    direct ones, which is also far below any time-out."""
+    """Sends requests directly and through mivo in turn. The relayed requests take a small multiple of the time of
+    the direct ones. This time is also far below any time-out."""
     seconds = [(seconds_to_ask(direct, sent, answer), seconds_to_ask(relayed, sent, answer))
                for _ in range(ROUNDS)]
     of_direct, of_relayed = map(quickest_tenth, zip(*seconds))
@@ -96,14 +96,14 @@ class Stage:
         return client
 
     def upstream_for(self, client):
-        """Has a client begin an upload to an upstream connection of its own."""
+        """Makes a client begin an upload, and returns the upstream connection that mivo opens for it."""
         client.send(request("up", "/", "POST", ["Content-Length: 1000000"]))
         upstream = self.upstream.accept()
         upstream.read_head()
         return upstream
 
     def seconds_from_one_turn_on(self, events, outcome):
-        """Lets some events fall into one turn, and returns the seconds from there to the outcome."""
+        """Makes some events fall into one turn, and returns the seconds from that turn to the outcome."""
         with self.mivo.stopped():
             for event in events:
                 event()
@@ -135,8 +135,8 @@ def test_pieces_in_both_directions__do_not_wait_for_acknowledgements(stage):
     expect_no_wait(seconds)
 
 
-# A connection is passed over in the turn in which the one before it in the list ends. The upstream connection
-# of the first client is the one that ends.
+# When a connection ends, the turn passes over the next connection in the list. Here the upstream connection of the
+# client that leaves is the one that ends.
 
 
 def test_reply_in_the_turn_in_which_the_connection_before_ends__does_not_wait(stage):
@@ -152,7 +152,7 @@ def test_reply_in_the_turn_in_which_the_connection_before_ends__does_not_wait(st
 
 def test_upload_in_the_turn_in_which_the_connection_before_ends__does_not_wait(stage):
     def seconds():
-        # The client comes first, or else it would itself be passed over and be read in the next turn.
+        # The client comes first in the list. Otherwise the turn would pass over it and only read it in the next turn.
         client, ending = stage.accepted_client(), stage.accepted_client()
         stage.upstream_for(ending)
         upstream = stage.upstream_for(client)
@@ -171,7 +171,7 @@ def test_own_answers_on_a_kept_connection__do_not_wait(start_mivo, connect, targ
 
 
 def expect_all_answered(output, count):
-    """Checks what ab has printed: no request was lost."""
+    """Checks in the output of ab that no request was lost."""
     assert re.search(rf"^Complete requests: +{count}$", output, re.M), output
     assert re.search(r"^Failed requests: +0$", output, re.M), output
     assert "Non-2xx" not in output

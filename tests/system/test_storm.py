@@ -1,5 +1,6 @@
-"""Every example in a storm: everybody else is answered meanwhile, and afterwards descriptors, threads and memory
-are back to where they were. MIVO_STORM_SECONDS says how long each one lasts, MIVO_STORM_SEED which it is."""
+"""Every example in a storm of hostile clients. Polite clients are answered meanwhile, and afterwards descriptors,
+threads and memory are back to where they were. MIVO_STORM_SECONDS sets the length of each storm, MIVO_STORM_SEED
+chooses it."""
 
 import os
 import random
@@ -30,7 +31,7 @@ def threads(mivo):
 
 
 class Files:
-    """A folder with files of several sizes, of which one grows and shrinks all the time."""
+    """A folder with files of several sizes. One of them grows and shrinks all the time."""
 
     def __init__(self, folder):
         self.folder = folder
@@ -85,7 +86,7 @@ def test_storm__harms_nobody_and_leaves_nothing(folder, files, upstream, name, b
         }[name]
         storm = Storm(mivo.port, targets, SEED)
         bystander = Bystander(mivo.port, question, answer)
-        storm.blow(SECONDS / 2)  # what this one leaves is kept for the next
+        storm.blow(SECONDS / 2)  # memory that stays after this storm is used again by the next
         wait_until_over(mivo)
         first_threads, first_kib = threads(mivo), resident_kib(mivo)
         storm.blow(SECONDS / 2)
@@ -102,5 +103,5 @@ def test_storm__harms_nobody_and_leaves_nothing(folder, files, upstream, name, b
 
 
 def wait_until_over(mivo):
-    """Only the bystander is left."""
+    """Waits until only the bystander is left."""
     until(lambda: len(mivo.descriptors() - mivo.idle_descriptors) <= 1, "the storm's connections are closed", 30)

@@ -1,5 +1,5 @@
-"""What surprises people in front of a server of theirs, beyond what the other files test: docs/behaviour.md
-gives the reasons."""
+"""What surprises users with a server behind mivo, as far as the other files do not test it. docs/behaviour.md gives
+the reasons."""
 
 import signal
 import subprocess
@@ -14,7 +14,7 @@ from wire import header, request, until
 
 
 class Relay:
-    """A mivo before a scripted upstream, and a second client by which a test knows how far mivo has come."""
+    """A mivo in front of a scripted upstream. A second client, the bystander, tells how far mivo has read."""
 
     def __init__(self, start_mivo, listen, connect):
         self.upstream = listen()
@@ -22,7 +22,7 @@ class Relay:
         self.client, self.bystander = connect(self.mivo.port), connect(self.mivo.port)
 
     def wait_a_turn(self):
-        """What has been delivered before it, mivo has read behind it."""
+        """After this call, mivo has read everything that was delivered before the call."""
         self.client.wait_delivered()
         for _ in range(2):
             self.bystander.ask(request("echo"))
@@ -75,7 +75,7 @@ def test_upgraded_connection__carries_what_the_upstream_says_and_not_what_the_cl
         bystander.ask(request("echo"))
     beside.send(frame(b"from beside it"))
     expected = server_frame(b"from beside it")
-    assert beside.read(len(expected)) == expected  # and nothing before it
+    assert beside.read(len(expected)) == expected  # nothing came before it
     assert behind.read(len(expected)) == expected
     for wire in (behind, beside, bystander):
         wire.close()

@@ -1,4 +1,4 @@
-"""The whole program while a call into the system fails, at its start and while it serves."""
+"""The whole program when a system call fails, at its start or while it serves."""
 
 import errno
 import pathlib
@@ -33,7 +33,7 @@ def real_program(request):
 
 @pytest.fixture
 def program():
-    """Sets the environment and becomes the program."""
+    """A script that sets the environment and then runs the program in its own process."""
     return "env"
 
 
@@ -54,7 +54,7 @@ def tail(mivo):
 
 
 def serve_and_stop(mivo, errors=""):
-    """Expects a running program that serves, and its good end."""
+    """Checks that the program serves, and that it ends in good order."""
     mivo.wait_for_line("0 connections")
     client = Wire.connect(mivo.port)
     client.send(request("nobody"))
@@ -111,14 +111,14 @@ def test_wait_or_accept_fails__server_listens_again_and_serves(run_with_fault, c
     mivo = run_with_fault(call, 1, 1, error, "{port}")
     if call == "accept4":
         mivo.wait_for_line("0 connections")
-        with pytest.raises(ConnectionResetError):  # which may come before the connection is reported
+        with pytest.raises(ConnectionResetError):  # the reset may come before the connection is reported
             Wire.connect(mivo.port).read_some()
     until(lambda: mivo.console().count(f"Binding to port {mivo.port}") == 2, "the restart")
     assert text in mivo.console()
     serve_and_stop(mivo)
 
 
-# The client's connection is the first to be mapped, the upstream's the second.
+# The memory of the client's connection is mapped first, that of the upstream's connection second.
 @pytest.mark.parametrize("call, first, error", [("mmap", 2, "ENOMEM"), ("socket", 2, "EMFILE"),
                                                 ("getaddrinfo", 2, "EAGAIN"), ("connect", 1, "EADDRNOTAVAIL")])
 def test_upstream_connection_cannot_be_made__502_and_the_next_request_is_served(

@@ -1,5 +1,4 @@
-"""The intermediate certificates that clients are shown are those of the file that is loaded, and of no earlier
-one."""
+"""Clients see the intermediate certificates of the file that is loaded, and none of an earlier file."""
 
 import os
 import subprocess
@@ -32,7 +31,7 @@ def shown(service):
 
 
 def put(renewal, make):
-    """Something newer in the place of the file."""
+    """Puts something newer in the place of the file."""
     new = renewal.path.with_suffix(".new")
     make(new)
     renewal.time += 10

@@ -1,4 +1,4 @@
-"""HTTPS with real clients, which trust the root of a test authority and verify the chain they are shown."""
+"""HTTPS with real clients. They trust the root of a test authority and verify the chain that the server shows."""
 
 import hashlib
 import pathlib
@@ -27,7 +27,7 @@ CURL_VERSIONS = {"TLSv1.2": ["--tls-max", "1.2"], "TLSv1.3": ["--tlsv1.3"]}
 
 RATIO_LIMIT = 3  # of HTTPS to plain HTTP on a kept connection
 NOISE = 0.001  # seconds
-FRESH_LIMIT = 0.060  # seconds; a handshake is far below, a turn that waits takes 0.1
+FRESH_LIMIT = 0.060  # seconds; a handshake takes far less, a turn that waits takes 0.1
 ROUNDS = 200
 
 NODE_CLIENT = """
@@ -50,7 +50,7 @@ const get = (path) => new Promise((resolve, reject) => https.get(url + path, { a
 
 @pytest.fixture
 def serve(serve_tls, node, refusing_port):
-    """A service with an upstream for every name that a client may have for it."""
+    """A service with an upstream for every name by which a client may reach it."""
     def start(kind="ecdsa", **options):
         return serve_tls({"node": node.port, "echo": -1, "refusing": refusing_port,
                           "localhost:{ssl_port}": node.port}, kind, **options)
@@ -63,7 +63,7 @@ def secure_curl(service, *arguments):
 
 @pytest.fixture
 def s_client(folder):
-    """s_client(service, arguments...): one small request with openssl's client; returns what it tells."""
+    """s_client(service, arguments...): one small request with openssl's client; returns what the client prints."""
     def ask(service, *arguments):
         path = pathlib.Path(folder, "s_client_output")
         with open(path, "wb") as output:
@@ -74,8 +74,8 @@ def s_client(folder):
         try:
             client.stdin.write(request("node", "/small"))
             client.stdin.flush()
-            until(lambda: HELLO in path.read_bytes(), "the reply for openssl s_client")
-            client.stdin.close()  # it ends by this
+            until(lambda: HELLO in path.read_bytes(), "the response for openssl s_client")
+            client.stdin.close()  # this ends the client
             assert client.wait(PATIENCE) == 0
         finally:
             client.stdin.close()
@@ -149,7 +149,7 @@ def test_python_client__gets_exactly_what_mivo_answers_itself(serve, kind, versi
 
 def test_node_client__gets_its_bytes_on_one_connection(serve, site):
     service = serve()
-    # Node 12 knows no option for IPv4 first; the script asks for IPv4 instead.
+    # Node 12 has no option that prefers IPv4, so the script asks for IPv4.
     told = run("env", "-u", "NODE_OPTIONS", "node", "-e", NODE_CLIENT, service.url, service.root.crt)
     def answer(digest, reused):
         return (f'{{"authorized":true,"protocol":"TLSv1.3","reused":{reused},"status":200,'
@@ -172,7 +172,7 @@ def test_gnutls_client__trusts_the_chain_and_gets_its_bytes(serve, folder):
         until(lambda: b"- Simple Client Mode:" in told(), "the handshake of gnutls-cli")
         client.stdin.write(request("node", "/small"))
         client.stdin.flush()
-        until(lambda: HELLO in told(), "the reply for gnutls-cli")
+        until(lambda: HELLO in told(), "the response for gnutls-cli")
     finally:
         end(client)
         client.stdin.close()
@@ -257,7 +257,8 @@ def test_small_reply_on_a_kept_connection__takes_at_most_three_times_as_long_as_
     secure = serve().handshake()
     sent = request("node", "/small")
     pairs = [(seconds_to_ask(plain, sent), seconds_to_ask(secure, sent)) for _ in range(ROUNDS)]
-    # A busy machine delays some of them, or even most; what makes each reply wait makes the quickest tenth wait, too.
+    # A busy machine delays some responses, or even most. A cause that makes every response wait makes the quickest
+    # tenth wait, too.
     without, with_tls = map(quickest_tenth, zip(*pairs))
     assert with_tls <= RATIO_LIMIT * without + NOISE, (with_tls, without)
 

@@ -1,5 +1,5 @@
-"""Clients that leave as soon as their handshake is done, as scanners and health checks do: they end at once, and
-nothing is said about them."""
+"""Clients that leave as soon as their handshake is done, as scanners and health checks do. mivo ends them at once and
+prints nothing about them."""
 
 import contextlib
 import ssl
@@ -29,7 +29,7 @@ def context(service, version):
 
 
 def say_goodbye(client):
-    with contextlib.suppress(ssl.SSLError):  # mivo says no goodbye, and there may be unread bytes
+    with contextlib.suppress(ssl.SSLError):  # mivo sends no close notification, and there may be unread bytes
         client.tls.unwrap()
     client.wire.send(client.sent.read())
 
@@ -59,8 +59,8 @@ def expect_silent_end(service):
     assert service.mivo.lines(TIMED_OUT) == []
 
 
-# Read before it leaves or not: with what the server says after the handshake unread, the system turns the close
-# into a reset.
+# The client reads what the server sends after the handshake, or it does not. If it leaves these bytes unread, the
+# system turns the close into a reset.
 @pytest.mark.parametrize("reads_all", [True, False], ids=["all_read", "something_unread"])
 @pytest.mark.parametrize("leave", list(LEAVES))
 @pytest.mark.parametrize("version", [ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3],

@@ -1,9 +1,9 @@
-"""One TLS client that sends what is dear to receive: the others wait for their turn, and no longer.
+"""One TLS client sends records that take long to receive. The other clients wait for their turn, and no longer.
 
-How long they wait is counted in mivo's processor time, because on a busy machine all wait for their turn.
+The tests count these waits in mivo's processor time, because on a busy machine every process waits for its turn.
 
 MIVO_HOSTILE_SIZE, 1 by default, multiplies what the hostile clients send; with 3, the smallest records are 60 MB.
-MIVO_HOSTILE_RATES are the lines on which they do, in Mbit/s.
+MIVO_HOSTILE_RATES lists the rates of the lines on which they send, in Mbit/s.
 """
 
 import contextlib
@@ -22,7 +22,7 @@ from wire import request
 pytest_plugins = ["tls_service"]
 
 AT_ONCE = 0.5  # seconds of processor time before a small reply; it takes 0.1
-SHARE = 1 / 3  # of what a long stream takes; if it is served in one pass, others wait for all of it
+SHARE = 1 / 3  # of the time for a long stream; if mivo serves the stream in one pass, others wait for all of it
 SIZE = float(os.environ.get("MIVO_HOSTILE_SIZE", "1"))
 RATES = [int(rate) for rate in os.environ.get("MIVO_HOSTILE_RATES", "200").split()]  # Mbit/s
 TIMED_OUT = r"\d+ has timed out\."
@@ -31,8 +31,8 @@ TLS_1_2, TLS_1_3 = ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3
 
 
 class Hostile(RecordClient):
-    """Sends a stream as fast as mivo takes it, as the body of an upload. The upload begins before the stream is
-    made, because that may take longer than an idle client has."""
+    """Sends a stream as the body of an upload, as fast as mivo takes it. The upload begins before the stream is made,
+    because making the stream may take longer than a client may be idle."""
 
     UPLOAD = request("node", "/digest", "PUT", ["Content-Length: 1000000000"])
 
@@ -46,7 +46,7 @@ class Hostile(RecordClient):
             self.wire.send(self.stream)
             self.wire.wait_delivered()
         except OSError:
-            pass  # it may be ended
+            pass  # mivo may have ended the connection
 
 
 def data_of(size, count):
@@ -61,7 +61,7 @@ def data_of(size, count):
 
 
 def forged(make_some, count):
-    """The same few records again and again; they are made one by one, because each has its number."""
+    """The same few records again and again. They are made one by one, because each record has its own number."""
     def make(client):
         client.send(client.UPLOAD)
         return b"".join(make_some(client.records) for _ in range(int(count * SIZE)))
@@ -69,7 +69,7 @@ def forged(make_some, count):
 
 
 def empty_records(records):
-    """OpenSSL ends a session that sends more than 32 in a row."""
+    """Records without data, and a byte of data between them: OpenSSL ends a session after more than 32 in a row."""
     return b"".join(records.record(b"") for _ in range(31)) + records.record(b"x")
 
 
@@ -109,14 +109,14 @@ def service(serve_tls, node):
 
 
 class Bystander:
-    """Asks for something small all the time while another client sends."""
+    """Sends small requests all the time while another client sends its stream."""
 
     def __init__(self, service):
         self.client = service.handshake()
         self.clock = service.mivo.processor_seconds
 
     def longest_wait_beside(self, hostile):
-        """In seconds of processor time; and how many all took together."""
+        """Returns the longest wait and the time that everything took, in seconds of processor time."""
         longest, start = 0, self.clock()
         hostile.thread.start()
         while hostile.thread.is_alive():
@@ -127,7 +127,7 @@ class Bystander:
         return longest, taken
 
     def wait(self):
-        """Seconds of processor time until one reply has come."""
+        """Returns the seconds of processor time until one response has come."""
         start = self.clock()
         assert self.client.ask(PAGE).startswith(PAGE)
         return self.clock() - start
@@ -156,7 +156,7 @@ def test_small_records_on_a_line__others_are_answered_meanwhile(service, folder,
 
 
 def test_key_updates_alone__others_wait_for_them_and_are_answered(service, folder):
-    """OpenSSL takes all that are there in a single call, so the wait has no bound of ours."""
+    """OpenSSL reads all key updates that are there in a single call, so mivo cannot limit the wait."""
     hostile = Hostile(service, folder, TLS_1_3, forged(lambda records: records.key_update(), 5000))
     Bystander(service).longest_wait_beside(hostile)
     assert service.mivo.lines(TIMED_OUT) == []
@@ -168,7 +168,7 @@ def test_handshake_messages_that_do_not_belong__session_ends_and_others_are_answ
         return records.record(handshake_message(kind, bytes(40)), HANDSHAKE)
     hostile = Hostile(service, folder, TLS_1_3, forged(message, 5000))
     bystander = Bystander(service)
-    hostile.wire.sock.settimeout(3)  # seconds; it may not be read any more
+    hostile.wire.sock.settimeout(3)  # seconds; mivo may have stopped reading from it
     with contextlib.suppress(ConnectionError):
         hostile.wire.send(hostile.stream)
     assert bystander.wait() < AT_ONCE

@@ -1,4 +1,4 @@
-"""Clients that break TLS: none of them costs processor time, stays for long, or disturbs another one."""
+"""Clients that break TLS. None of them costs processor time, stays for long, or disturbs another client."""
 
 import ssl
 import time
@@ -20,14 +20,14 @@ TIMED_OUT = r"\d+ has timed out\."
 
 
 class Scene:
-    """A service with a client that is there before every fault and is served after it."""
+    """A service with a bystander: a client that connects before every fault and is served after it."""
 
     def __init__(self, service):
         self.service = service
         self.mivo = service.mivo
         self.bystander = service.handshake()
         self.expect_service()
-        # The bystander alone: the descriptor of the client that has just gone may still be open.
+        # Counts the bystander alone: the descriptor of the client that has just left may still be open.
         self.calm_descriptors = until(self._descriptors_of_one_client, "one client is left")
 
     def _descriptors_of_one_client(self):
@@ -35,7 +35,7 @@ class Scene:
         return len(found) == len(self.mivo.idle_descriptors) + 1 and found
 
     def expect_service(self):
-        """The bystander is served, and so is a client that comes now."""
+        """Checks that the bystander is served, and a new client, too."""
         fresh = self.service.handshake()
         for client in (self.bystander, fresh):
             client.send(PAGE)
@@ -53,7 +53,7 @@ def scene(serve_tls, node):
 
 
 def hello(cut):
-    """Stops in the ClientHello; `cut` counts its bytes, from the end when it is negative."""
+    """A client that stops in the ClientHello, after `cut` bytes; a negative `cut` counts from the end."""
     def go(service):
         client = Handshake(service)
         client.wire.send(client.next_flight()[:cut])
@@ -62,7 +62,7 @@ def hello(cut):
 
 
 def answered(service):
-    """Has read the answer to the ClientHello, and says no more."""
+    """A client that reads the answer to the ClientHello and sends no more."""
     client = Handshake(service)
     client.wire.send(client.next_flight())
     client.next_flight()
@@ -70,7 +70,7 @@ def answered(service):
 
 
 def half_finished(service):
-    """Stops in its last message of the handshake."""
+    """A client that stops in its last message of the handshake."""
     client = Handshake(service)
     client.wire.send(client.next_flight())
     last = client.next_flight()
@@ -162,13 +162,13 @@ def flipped_bit(service):
     return client.wire
 
 
-def forged_record_behind_a_request(service):
+def forged_record_after_a_request(service):
     client = finished(service)
     client.wire.send(client.encrypt(PAGE) + FORGED_RECORD)
     return client.wire
 
 
-# Each leaves the client open: mivo closes.
+# The client stays open after each of these: mivo closes the connection.
 INTRUSIONS = {
     "plain_http_post": plain_bytes(request("echo", "/", "POST", body=b"x" * 100000)),
     "garbage": plain_bytes(bytes(range(255, 0, -1)) * 10),
@@ -178,17 +178,17 @@ INTRUSIONS = {
     "plain_http_after_the_handshake": after_handshake(PAGE),
     "record_too_long_after_the_handshake": after_handshake(b"\x17\x03\x03\xff\xff" + bytes(65535)),
 }
-# The same, but OpenSSL has read all of it when it finds the fault, so the socket has nothing more to tell.
+# The same, but OpenSSL has read all of the bytes when it finds the fault, so nothing is left in the socket.
 INTRUSIONS_READ_WHOLE = {
     "record_with_garbage": plain_bytes(b"\x16\x03\x01\x02\x00" + b"\xff" * 512),
     "alert_first": plain_bytes(b"\x15\x03\x01\x00\x02\x02\x28"),
     "data_first": plain_bytes(FORGED_RECORD),
     "forged_record_after_the_handshake": after_handshake(FORGED_RECORD),
     "flipped_bit_in_a_request": flipped_bit,
-    "forged_record_behind_a_request": forged_record_behind_a_request,
+    "forged_record_after_a_request": forged_record_after_a_request,
 }
-# A small request is one of the former for OpenSSL 3.0, which leaves all but its first bytes in the socket, and one
-# of the latter for OpenSSL 3.5, which reads all that is there before it looks.
+# A small request over plain HTTP belongs to the first kind with OpenSSL 3.0, which leaves all but the first bytes in
+# the socket. It belongs to the second kind with OpenSSL 3.5, which reads everything before it looks.
 PLAIN_HTTP = plain_bytes(PAGE)
 READS_ON = (3, 5)
 
@@ -203,7 +203,7 @@ def expect_end_at_once(scene, intrude):
 
 
 class Staying:
-    """A mivo of its own, with clients that say no more and stay."""
+    """A separate mivo, with clients that send no more and stay."""
 
     def __init__(self, scene, ways):
         self.scene, self.start = scene, time.monotonic()
@@ -222,14 +222,14 @@ def expect_end_by_the_time_out(scene, intrude):
     assert staying.seconds_until_ended() <= TIMEOUT + 2.5
 
 
-# A reply that nobody can encrypt any more tells at once, too.
-@pytest.mark.parametrize("intrusion", [*INTRUSIONS, "forged_record_behind_a_request"])
+# A response that cannot be encrypted any more shows the fault at once, too.
+@pytest.mark.parametrize("intrusion", [*INTRUSIONS, "forged_record_after_a_request"])
 def test_client_sends_what_is_no_tls__session_ends_at_once_as_timed_out(scene, intrusion):
     expect_end_at_once(scene, {**INTRUSIONS, **INTRUSIONS_READ_WHOLE}[intrusion])
 
 
 def test_clients_break_off_or_send_no_tls_and_stay__no_processor_time_and_ended_by_the_time_out(serve_tls):
-    """All at the same time, because each waits for as long as an idle client may."""
+    """All clients stay at the same time, because each is ended only after the time that an idle client has."""
     kinds = {**{name: [go] for name, go in INTRUSIONS_READ_WHOLE.items()}, "every stage": STAGES.values()}
     scenes = {name: Scene(serve_tls({"echo": -1})) for name in kinds}
     staying = {name: Staying(scenes[name], ways) for name, ways in kinds.items()}
@@ -290,8 +290,8 @@ def test_all_faults_one_after_the_other__no_processor_time_is_taken_afterwards(s
 def test_handshake_and_request_in_single_bytes__are_served(scene, version):
     context = scene.service.context()
     context.minimum_version = context.maximum_version = version
-    # The first message of OpenSSL 3.5 is larger by a kilobyte otherwise, and its bytes may take longer than an idle
-    # client has.
+    # Otherwise the first message of OpenSSL 3.5 is a kilobyte longer, and sending it in single bytes may take longer
+    # than the time that an idle client has.
     context.set_ecdh_curve("prime256v1")
     scene.service.context = lambda: context
     client = Handshake(scene.service)
@@ -300,7 +300,7 @@ def test_handshake_and_request_in_single_bytes__are_served(scene, version):
         for byte in data:
             client.wire.send(bytes([byte]))
             client.wire.wait_delivered()
-            time.sleep(PACE)  # lets mivo see most of them one by one
+            time.sleep(PACE)  # lets mivo see most of the bytes one by one
     while flight := client.next_flight():
         drip(flight)
     drip(client.encrypt(PAGE))

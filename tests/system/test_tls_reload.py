@@ -1,4 +1,4 @@
-"""The certificate file is looked at again once a minute, by a clock that the test sets."""
+"""mivo looks at the certificate file once a minute. The test sets the clock."""
 
 import os
 import pathlib
@@ -17,12 +17,12 @@ pytest_plugins = ["tls_service"]
 
 HELLO = b"hello, world\n"
 RELOADING = "Reloading certificate..."
-INTERVAL = 60  # seconds between two looks at the file
+INTERVAL = 60  # seconds between two checks of the file
 SOME_TURNS = 0.4  # seconds; a turn in which nothing is ready takes 0.1
 
 
 class Renewal:
-    """A certificate file that is replaced, with the certificates that it may hold: all for one key."""
+    """A certificate file that is replaced, and the certificates that it may hold. All certificates have one key."""
 
     def __init__(self, authority, folder):
         self.first = authority.issue("first")
@@ -32,7 +32,7 @@ class Renewal:
         self.install(self.first)
 
     def install(self, certificate, later=10):
-        """Replaces the file in one step, as a renewal does; `later` is by how much it becomes newer."""
+        """Replaces the file in one step, as a renewal does. `later`: by how many seconds the file becomes newer."""
         self.time += later
         new = self.path.with_suffix(".new")
         shutil.copyfile(certificate.crt, new)
@@ -63,10 +63,10 @@ def pass_some_turns():
 
 
 class Load:
-    """Clients that ask in bursts, each over a connection that stays and over new ones.
+    """Clients that send requests in bursts, each over a connection that stays and over new connections.
 
-    Between the bursts they pause for longer than a turn waits, because the file is only looked at in a turn
-    in which no socket is ready."""
+    Between the bursts they pause for longer than a turn waits, because mivo only checks the file in a turn in which
+    no socket is ready."""
 
     CLIENTS, BURST, PAUSE = 6, 10, 0.25
 
@@ -132,9 +132,9 @@ def test_certificate_is_replaced_every_second_under_load__no_request_fails_and_n
         if time.monotonic() - start > installed:
             renewal.install([renewal.second, renewal.first][installed % 2])
             installed += 1
-        clock.advance_in_steps(STEP)  # a minute of mivo's in little more than a second
+        clock.advance_in_steps(STEP)  # a minute of mivo's clock in little more than a second of the real one
     clock.advance_in_steps(INTERVAL + STEP)
-    until(lambda: service.serial() == renewal.first.serial, "the last one is shown")
+    until(lambda: service.serial() == renewal.first.serial, "the last certificate is shown")
     assert load.finish() > Load.CLIENTS * installed
     assert len(reloads(service)) >= installed // 2
     for wire in load.kept:

@@ -1,9 +1,8 @@
-"""The program with a stand-in for libssl that notes its calls, that lacks some of them, or that is no library
-at all.
+"""The program with a stand-in for libssl. The stand-in logs its calls, lacks some functions, or is no library at all.
 
-The program opens the file that the linker's cache names, without its folder; so a file of that name in
-LD_LIBRARY_PATH takes the place of the machine's OpenSSL. Bytes that are no library make the opening fail at
-once: the linker does not go on searching behind a file that is broken.
+The program opens the file that the linker's cache names, without its folder. Therefore a file of that name in
+LD_LIBRARY_PATH takes the place of the machine's OpenSSL. If the file is no library, opening it fails at once: the
+linker stops its search at a broken file.
 """
 
 import os
@@ -38,14 +37,14 @@ RELOADING = "Reloading certificate..."
 
 
 def name_in_cache():
-    """What the machine's own cache makes of libssl.so."""
+    """The file name that the machine's own cache has for libssl.so."""
     found = re.search(rb"/(libssl\.so[ -\x7f]*)", pathlib.Path("/etc/ld.so.cache").read_bytes())
     return found[1].decode() if found else "libssl.so"
 
 
 @pytest.fixture(scope="session")
 def compiled(tmp_path_factory):
-    """The compiled stand-ins, to be linked."""
+    """The folder with the compiled stand-ins; a Stage links its TLS library from them."""
     folder = tmp_path_factory.mktemp("stubs")
     for name in ("stub_libssl", "stub_system"):
         subprocess.run(["g++", "-std=c++17", "-O1", "-fPIC", "-c", HERE / f"{name}.cpp", "-o", folder / f"{name}.o"],
@@ -57,7 +56,7 @@ def compiled(tmp_path_factory):
 
 
 class Stage:
-    """A program with its own linker's cache, TLS library, clock, certificate and ports."""
+    """A program with its own linker cache, TLS library, clock, certificate and ports."""
 
     def __init__(self, folder, compiled, program, run_mivo):
         self.folder = pathlib.Path(folder)
@@ -90,7 +89,7 @@ class Stage:
         (self.libraries / (name or name_in_cache())).write_text("no library " * 100)
 
     def set_cache(self, kind, content):
-        """What the program finds in the "ETC" or the "VAR" cache; None: no file."""
+        """Sets what the program finds in the "ETC" or the "VAR" cache; None: there is no file."""
         path = self.folder / f"cache_{kind}"
         if content is not None:
             path.write_bytes(content)
@@ -106,7 +105,7 @@ class Stage:
         return self.run(http_port, "-ssl", str(self.ssl_port), str(self.key), str(self.crt), *maps)
 
     def serve_tls(self, **options):
-        """Starts and waits for the first turn of both servers."""
+        """Starts mivo and waits for the first turn of both servers."""
         mivo = self.run_tls(**options)
         until(lambda: len(mivo.lines("0 connections")) == 2, "the first turn")
         return mivo
@@ -123,7 +122,7 @@ class Stage:
         assert self.mivo.console().endswith("\nShutting down...\n")
 
     def console(self):
-        """The console without what depends on the machine: adapters, counts and request lines."""
+        """The console without the lines that depend on the machine: adapters, counts and request lines."""
         dropped = re.compile(r"[\d.]+|\d+ connections|\[h\] .*|127\.0\.0\.1:.*")
         return "".join(f"{line}\n" for line in self.mivo.console().splitlines() if not dropped.fullmatch(line))
 
@@ -159,7 +158,7 @@ class Stage:
 
 @pytest.fixture
 def program():
-    """Sets the environment and becomes the program."""
+    """A script that sets the environment and then runs the program in its own process."""
     return "env"
 
 
@@ -171,7 +170,7 @@ def stage(request, folder, compiled, run_mivo):
 
 
 def exchange(wire):
-    """Asks for the echo page; returns the lengths of request and reply."""
+    """Asks for the echo page; returns the lengths of the request and the response."""
     asked = request("h")
     wire.send(asked)
     head, body = wire.read_reply()
@@ -238,7 +237,7 @@ def test_no_http_port__requests_are_relayed_all_the_same(stage, listen):
     stage.interrupt()
 
 
-def test_negative_https_port__is_a_port_that_cannot_be_had(stage):
+def test_negative_https_port__cannot_be_opened(stage):
     stage.add_library()
     stage.ssl_port = -1
     stage.run_tls(http_port="0")
@@ -312,7 +311,7 @@ def test_name_for_a_connection_is_missing__text_and_good_exit_when_it_is_called(
     try:
         exchange(wire)
     except (AssertionError, ConnectionError):
-        pass  # the program ends on the way, unless only the end of a connection needs the name
+        pass  # the program ends during the exchange, unless only the end of a connection needs the name
     wire.close()
     assert stage.wait_for_exit() == 0
     assert stage.console() == (stage.redirecting() + stage.binding(stage.mivo.port, stage.ssl_port) +
@@ -383,7 +382,7 @@ def test_library_gives_null__clients_are_refused_and_the_rest_works(stage, funct
 
 
 def replace_certificate(stage, certificates, age):
-    """Writes a file of so many certificates, and makes it look modified `age` seconds after the last one."""
+    """Writes a file with this number of certificates. The file looks modified `age` seconds after the last one."""
     before = stage.crt.stat().st_mtime
     stage.crt.write_text(CERTIFICATE * certificates)
     os.utime(stage.crt, (before + age, before + age))
@@ -395,7 +394,8 @@ def test_certificate_changes__reloaded_with_its_chain_and_without_the_old_one(st
     mivo = stage.serve_tls()
     load, load_chain = stage.initialisation()[6], f"{CHAIN}(ctx, {stage.crt})"
     wanted = [load, load_chain]
-    # A chain, again a chain, none (the old one has to go), none (nothing has to go), a chain.
+    # At the start a chain; then a chain again, no chain (mivo removes the old one), no chain (nothing to remove), a
+    # chain.
     for step, (certificates, calls) in enumerate(
             [(2, [load, load_chain]), (1, [load, load_chain]), (1, [load]), (2, [load, load_chain])], start=1):
         replace_certificate(stage, certificates, age=5)
@@ -423,7 +423,7 @@ def test_library_cannot_load_chains__first_certificate_serves(stage):
 CACHES = {
     "versioned_name": (b"\0/usr/lib/x86_64-linux-gnu/libssl.so.77\0", None, "libssl.so.77"),
     "first_of_several": (b"/a/libssl.so.78\0/b/libssl.so.77\0/c/libssl.so\0", None, "libssl.so.78"),
-    "behind_other_libraries": (b"/a/libssl3.so\0/a/libopenssl.so.1\0/a/libssl.so.77\0", None, "libssl.so.77"),
+    "after_other_libraries": (b"/a/libssl3.so\0/a/libopenssl.so.1\0/a/libssl.so.77\0", None, "libssl.so.77"),
     "no_slash_before_the_name": (b"/a/mylibssl.so.77\0libssl.so.78\0", None, "libssl.so"),
     "unended_run": (b"/a/libssl.so.77", None, "libssl.so"),
     "high_byte_ends_the_name": (b"/a/libssl.so.7\xff7\0", None, "libssl.so.7"),
@@ -460,7 +460,7 @@ def test_no_linkers_cache__says_so_and_tries_the_plain_name(stage, is_broken):
 
 
 def test_library_calls_what_nobody_has__is_opened_all_the_same(stage):
-    """As long as nothing makes the call: a library may need another one only for functions that are not used."""
+    """Opening works as long as nothing makes the call: a library may need another one only for unused functions."""
     source = stage.folder / "caller.cpp"
     source.write_text("void nobody_has_this(); void caller() { nobody_has_this(); }")
     stage.add_library(more=["-fPIC", "-Wl,-z,lazy", source])
@@ -471,7 +471,7 @@ def test_library_calls_what_nobody_has__is_opened_all_the_same(stage):
 
 
 class Loader:
-    """The loader's answers in a process of their own, over linker's caches that change while it runs."""
+    """The loader's answers from a separate process. The linker's caches change while that process runs."""
 
     def __init__(self, folder, compiled):
         self.etc, self.var = pathlib.Path(folder, "etc"), pathlib.Path(folder, "var")
@@ -505,7 +505,7 @@ def loader(folder, compiled):
     loader.close()
 
 
-def test_no_linkers_cache_yet__is_looked_for_again_at_every_call_and_said_at_once(loader):
+def test_no_linkers_cache_yet__is_searched_again_at_every_call_and_reported_at_once(loader):
     for count in (1, 2):
         assert loader.ask("libssl.so") == "libssl.so"
         assert loader.errors() == "Unable to find ld.so.cache!\n" * count

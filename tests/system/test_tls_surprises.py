@@ -1,4 +1,4 @@
-"""What is so on purpose about the certificate file and surprises nevertheless."""
+"""Behaviour of the certificate file that is intended and nevertheless surprises."""
 
 import os
 import pathlib
@@ -21,8 +21,8 @@ NOBODY = "65534"
 
 @pytest.fixture
 def program(folder, clock, clock_library):
-    """As fake_clock has it, but as somebody who may not read everything."""
-    library = shutil.copy(clock_library, folder)  # where it was made, only its maker may look
+    """Like the program of fake_clock, but run as a user who may not read every file."""
+    library = shutil.copy(clock_library, folder)  # only its maker may read the folder in which it was made
     os.chmod(folder, 0o755)
     drop = f"setpriv --reuid={NOBODY} --regid={NOBODY} --clear-groups" if os.getuid() == 0 else ""
     script = pathlib.Path(folder, "mivo_with_clock")
@@ -34,7 +34,7 @@ def program(folder, clock, clock_library):
 
 @pytest.fixture
 def renewal(authorities, folder):
-    """With a key that everybody may read."""
+    """A certificate file and a key that every user may read."""
     made = Renewal(authorities["ecdsa"], folder)
     made.first.key = pathlib.Path(shutil.copy(made.first.key, folder))
     made.first.key.chmod(0o644)
@@ -87,7 +87,7 @@ def test_fifo_in_the_place_of_the_file__nobody_is_served_until_somebody_writes_t
 
 
 def is_served(service):
-    """Whether a new client gets its handshake soon."""
+    """Returns whether a new client soon finishes its handshake."""
     client = service.connect()
     client.sock.settimeout(1)
     try:
@@ -99,10 +99,10 @@ def is_served(service):
 
 
 def write_nothing(path):
-    """Opens the fifo for writing, and closes it. Returns whether somebody reads."""
+    """Opens the fifo for writing, and closes it. Returns whether a process is reading the fifo."""
     try:
         os.close(os.open(path, os.O_WRONLY | os.O_NONBLOCK))
-    except OSError:  # nobody reads any more
+    except OSError:  # no process reads the fifo any more
         pass
     return True
 

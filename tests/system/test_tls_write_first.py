@@ -1,7 +1,7 @@
-"""Live TLS sessions that have to write before they can read on, because their client sends and does not read: they
-are not cut, they take no processor time, and they go on when the client reads.
+"""Live TLS sessions that have to write before they can read on, because their client sends and does not read. mivo
+does not cut these sessions, they take no processor time, and they go on when the client reads.
 
-The system's buffers are made small, so that little fills them; that needs a network of the test's own.
+The tests make the system's buffers small, so that few bytes fill them. That needs a separate network for the test.
 """
 
 import contextlib
@@ -22,9 +22,9 @@ from wire import request, until
 pytest_plugins = ["links", "tls_service"]
 
 TIMED_OUT = r"\d+ has timed out\."
-UPDATES = 8000  # whose answers are more than the buffers hold
-LENGTH = 3000000  # of a download, which is more, too
-MANY_TURNS = 1  # second; a session that is taken for dead ends in the first of them, an idle one after 10 s
+UPDATES = 8000  # the answers to these key updates are more than the buffers hold
+LENGTH = 3000000  # of a download; this is also more than the buffers hold
+MANY_TURNS = 1  # second; a session that mivo takes for dead ends in the first turn, an idle one after 10 s
 
 
 @pytest.fixture
@@ -34,7 +34,7 @@ def service(network, serve_tls, own_node):
 
 
 class Sending:
-    """A client's bytes on their way, for as long as it takes until mivo has read them."""
+    """A thread that sends a client's bytes, for as long as mivo takes to read them."""
 
     def __init__(self, client, data):
         self.client, self.data = client, data
@@ -70,16 +70,16 @@ def test_answers_to_key_updates_fill_the_buffers__session_waits_without_spinning
 
 
 def start_download(service, folder, version):
-    """With the buffers full, and more to come: the reply has begun, and mivo is at rest."""
+    """Returns a client whose response has begun: the buffers are full, more bytes are to come, and mivo is idle."""
     client = RecordClient(service, folder, version)
     client.send(request("node", f"/repeat/{LENGTH}"))
-    until(lambda: unread(client.wire) > 20000, "the reply has begun")
+    until(lambda: unread(client.wire) > 20000, "the response has begun")
     service.mivo.expect_idle()
     return client
 
 
 def unread(wire):
-    """The bytes that the system holds for it."""
+    """The number of bytes that the system holds for the client."""
     return struct.unpack("i", fcntl.ioctl(wire.sock, termios.FIONREAD, bytes(4)))[0]
 
 
@@ -96,9 +96,11 @@ def test_key_update_during_a_download_that_is_not_read__goes_on_exactly(service,
 
 
 def test_renegotiation_during_a_download_that_is_not_read__goes_on_when_openssl_refuses_it(service, folder):
-    """The refusals make Python's client end the session, so the bytes are only counted here. If the system takes the
-    last piece of a record and not the refusal after it, the next SSL_write() fails with BAD_WRITE_RETRY, and the session
-    is dead: OpenSSL keeps one half-written record, and takes the refusal for the record of the download."""
+    """OpenSSL's refusals make Python's client end the session, so this test only counts the bytes.
+
+    The download may end early in one case. OpenSSL keeps one half-written record. If the system takes the last piece of
+    the download's record but not all of the refusal that follows, the next SSL_write() fails with BAD_WRITE_RETRY, and
+    the session is dead."""
     client = start_download(service, folder, ssl.TLSVersion.TLSv1_2)
     with contextlib.suppress(ConnectionError):
         for _ in range(200):

@@ -25,7 +25,7 @@ def digest_of(wire, length):
 
 
 def start_download(mivo, wire, length):
-    """Asks for `length` bytes; returns the processor time that mivo takes until the first of them has come."""
+    """Asks for `length` bytes; returns the processor time that mivo takes until the first byte has come."""
     start = mivo.processor_seconds()
     wire.send(request("node", f"/repeat/{length}"))
     wire.read_head()
@@ -55,7 +55,7 @@ def test_download_of_1_gib_by_a_client_that_keeps_up__takes_little_memory(start_
     client.send(request("up"))
     at_upstream = upstream.accept()
     at_upstream.read_head()
-    room = threading.Semaphore(4)  # pieces that the client may lie behind, however busy the machine is
+    room = threading.Semaphore(4)  # pieces that are sent and not read yet, at most, however busy the machine is
 
     def send_pieces():
         piece = bytes(PIECE)

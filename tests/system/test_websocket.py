@@ -30,7 +30,7 @@ def join(echo, connect):
 
 @pytest.fixture
 def wait_a_turn(echo, connect):
-    """wait_a_turn(): what has been delivered before it, the server has seen behind it."""
+    """wait_a_turn(): after this call, the server has seen everything that was delivered before the call."""
     def wait():
         other = connect(echo.port)
         for _ in range(2):
@@ -103,7 +103,7 @@ def test_close_frame__closes_without_an_answer(join, payload):
     assert wire.read_to_end() == b""
 
 
-def test_close_behind_a_message__sends_the_message_first(join):
+def test_close_after_a_message__sends_the_message_first(join):
     wire = join()
     wire.send(frame(b"last") + frame(b"", CLOSE))
     assert wire.read_to_end() == server_frame(b"last")
@@ -130,7 +130,7 @@ def test_frame_in_two_parts_at_any_place__is_read_once_when_whole(join, wait_a_t
         expect_frame(wire, b"end")
 
 
-def test_frame_that_comes_byte_by_byte_behind_another__is_read(join):
+def test_frame_that_comes_byte_by_byte_after_another__is_read(join):
     wire = join()
     for byte in frame(b"first") + frame_16(b"second" * 30, "<") + frame(b"third"):
         wire.send(bytes([byte]))
@@ -156,7 +156,7 @@ def test_standard_2_byte_length__waits_for_the_bytes_of_the_other_order(join, wa
     wait_a_turn()
     other.send(frame(b"others go on"))
     expect_frame(other, b"others go on")
-    # Had anything been sent to `wire` before, it would come first.
+    # If the server had sent anything to `wire` before, these bytes would come first.
     rest = masked(b"a" * size + b"b" * (read_as - size))[size:]
     wire.send(rest)
     expect_frame(wire, b"a" * size + b"b" * (read_as - size))
@@ -192,7 +192,7 @@ def test_message_over_the_limit__ends_the_connection_with_a_warning(echo, join):
     for number in range(MAX_MESSAGE // MAX_FRAME):
         wire.send(frame_64(bytes(MAX_FRAME), opcode=CONTINUATION if number else TEXT, fin=False))
     wire.send(frame(b"x", PING))
-    expect_frame(wire, b"x", PONG)  # the limit itself is allowed
+    expect_frame(wire, b"x", PONG)  # a message as long as the limit is allowed
     wire.send(frame(b"y", CONTINUATION))
     assert wire.read_to_end() == b""
     echo.wait_for_line(f"Warning! Message exceeds max length of {MAX_MESSAGE}[.]")

@@ -11,8 +11,8 @@ from certificates import Authority
 from mivo_process import ReservedPort
 from wire import Wire
 
-# The first OpenSSL that refuses a renegotiation and goes on. Those before begin it; if it is malformed, as those
-# of the tests are, that ends the session.
+# The first OpenSSL that refuses a renegotiation and goes on. Earlier ones begin the renegotiation, and a malformed
+# one, like those of the tests, ends the session.
 REFUSES_RENEGOTIATION = (3, 0)
 
 
@@ -25,7 +25,7 @@ class TlsService:
         self.certificate = certificate
         self.root = root
         self.wires = []
-        # The names that a client by address makes of this server are only known here.
+        # A client that uses the address sends it with the port as the host, and the port is only known here.
         hosts = {host.replace("{ssl_port}", str(self.port)): port for host, port in hosts.items()}
         self.mivo = start_mivo(hosts, arguments=["-ssl", str(self.port), str(certificate.key),
                                                  str(crt or certificate.crt)])
@@ -40,7 +40,7 @@ class TlsService:
         return number() >> 28, number() >> 20 & 0xff
 
     def context(self):
-        """Trusts the root alone, so the server has to show the intermediate."""
+        """A context that trusts the root alone, so the server has to show the intermediate."""
         return ssl.create_default_context(cafile=self.root.crt)
 
     def connect(self, **options):
@@ -49,13 +49,13 @@ class TlsService:
         return self.wires[-1]
 
     def handshake(self):
-        """A connection with its handshake done and the certificate verified."""
+        """A connection after its handshake, with the certificate verified."""
         tcp = self.connect()
         self.wires.append(Wire(self.context().wrap_socket(tcp.sock, server_hostname="localhost")))
         return self.wires[-1]
 
     def serial(self):
-        """The serial number that a new client is shown."""
+        """The serial number of the certificate that a new client sees."""
         wire = self.handshake()
         serial = int(wire.sock.getpeercert()["serialNumber"], 16)
         wire.close()
@@ -68,7 +68,7 @@ class TlsService:
 
 
 class Handshake:
-    """A client's side of TLS whose bytes the test sends itself, cut as it likes."""
+    """The client's side of TLS. The test sends its bytes itself, and may cut them anywhere."""
 
     def __init__(self, service, context=None, **options):
         self.wire = service.connect(**options)
@@ -76,7 +76,7 @@ class Handshake:
         self.tls = (context or service.context()).wrap_bio(self.received, self.sent, server_hostname="localhost")
 
     def next_flight(self):
-        """What the client sends next, or b"" when its handshake is done; reads what it needs for that."""
+        """The bytes that the client sends next, or b"" when its handshake is done. Reads what it needs for that."""
         while True:
             try:
                 self.tls.do_handshake()
@@ -119,7 +119,7 @@ def certificates(authorities):
 
 @pytest.fixture
 def serve_tls(start_mivo, authorities, certificates):
-    """serve_tls({host: port}): a TlsService. Its connections end before its mivo is checked."""
+    """serve_tls({host: port}): a TlsService. Its connections are closed before its mivo is checked."""
     started = []
 
     def serve(hosts, kind="ecdsa", certificate=None, **options):

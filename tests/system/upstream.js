@@ -1,13 +1,13 @@
 // The streaming upstream. Usage: node upstream.js SITE BLOCK PORT; prints the port that it listens on.
 //
-//   /connections   how many connections there have been so far, in the header x-connections
-//   /small         a reply of 13 bytes, in one piece
+//   /connections   the number of connections so far, in the header x-connections
+//   /small         a response of 13 bytes, in one piece
 //   /two           the same in two pieces, the head first
-//   /closing       the same, after which the connection is closed
+//   /closing       the same, and then closes the connection
 //   /drip/N        N pieces "piece I\n", chunked, one every few milliseconds
-//   /repeat/N      N bytes: the file BLOCK over and over
-//   /echo          gives an upload back while it comes in
-//   /digest        reads an upload and answers with its length and SHA-256
+//   /repeat/N      N bytes: the file BLOCK, repeated
+//   /echo          sends an upload back while it comes in
+//   /digest        reads an upload and responds with its length and SHA-256
 //   /NAME          a file of SITE, chunked
 "use strict";
 
@@ -24,7 +24,7 @@ const [site, blockPath, port] = process.argv.slice(2);
 const block = fs.readFileSync(blockPath);
 let connections = 0;
 
-// A peer that goes in the middle ends its pipeline with an error; that is part of the tests.
+// A peer that leaves in the middle ends its pipeline with an error. That is part of the tests.
 const ignore = () => {};
 
 function* repeatedBlock(length) {

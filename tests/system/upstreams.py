@@ -15,11 +15,11 @@ from mivo_process import ReservedPort
 from wire import DEADLINE, Wire, header, request, until
 
 HERE = pathlib.Path(__file__).resolve().parent
-BUFFER = 1 << 20  # the size of mivo's buffers; sizes around it are the interesting ones
+BUFFER = 1 << 20  # the size of mivo's buffers; file sizes around it find the most faults
 
 
 class Site:
-    """A folder of 200 files of many sizes. The same bytes in every run."""
+    """A folder of 200 files of many sizes, with the same bytes in every run."""
 
     SPECIAL_SIZES = (0, 1, 2, 1459, 1460, 1461, 65535, 65536, 65537, BUFFER - 1, BUFFER, BUFFER + 1,
                      2 * BUFFER, 2 * BUFFER + 1, 3 * BUFFER + 12345)
@@ -33,8 +33,8 @@ class Site:
         for number, size in enumerate(sizes):
             name = f"part{number % 7}/file_{number:03}.bin"
             self._write(name, random_bytes.randbytes(size))
-        # What long transfers repeat. Its length divides no buffer size, so that a piece that is lost, doubled
-        # or out of order changes the whole.
+        # Long transfers repeat this block. Its length divides no buffer size, so a piece that is lost, doubled or
+        # out of order changes the whole.
         self.block = random_bytes.randbytes(1000003)
         self.block_path = self.folder / "block"
         self.block_path.write_bytes(self.block)
@@ -63,7 +63,7 @@ class Site:
 
 
 class PythonSite:
-    """Python's http.server, in this process. Everything that is no file of the site is a 404."""
+    """Python's http.server, in this process. Every path that is no file of the site gets a 404."""
 
     class Handler(http.server.SimpleHTTPRequestHandler):
         protocol_version = "HTTP/1.1"
@@ -87,7 +87,7 @@ class PythonSite:
         request_queue_size = 512
 
         def handle_error(self, request, client_address):
-            pass  # clients that go in the middle are part of the tests
+            pass  # clients that leave in the middle are part of the tests
 
     def __init__(self, folder):
         self.server = self.Server(("127.0.0.1", 0), functools.partial(self.Handler, directory=str(folder)))
@@ -108,7 +108,7 @@ class PythonSite:
 
 
 class Nginx:
-    """nginx with a configuration and folders of its own. Below /closing/ it closes after each reply."""
+    """nginx with its own configuration and folders. Below /closing/ it closes after each response."""
 
     CONFIGURATION = """
         daemon off;
@@ -177,11 +177,11 @@ class NodeUpstream:
         self.counted = 0
 
     def count_anew(self):
-        """From now on, connections() does not count those so far."""
+        """From now on, connections() does not count the connections so far."""
         self.counted = self._accepted() + 1
 
     def connections(self):
-        """How many it had accepted before the one that asks."""
+        """The number of connections that it had accepted before the connection of this question."""
         return self._accepted() - self.counted
 
     def _accepted(self):
@@ -197,7 +197,7 @@ class NodeUpstream:
 
 
 def end(process):
-    """Ends a process of ours by its id and waits for it."""
+    """Ends a process that the test started, by its id, and waits for it."""
     process.terminate()
     try:
         process.wait(DEADLINE)

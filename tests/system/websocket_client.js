@@ -1,7 +1,7 @@
-// Clients of the npm package ws. Prints, as JSON, what they got.
+// Clients of the npm package ws. Prints what they got, as JSON.
 //
-//     websocket_client.js talk URL          one client says one of each kind
-//     websocket_client.js room URL COUNT    COUNT clients say one thing each, and all wait for all of it
+//     websocket_client.js talk URL          one client sends one message of each kind
+//     websocket_client.js room URL COUNT    COUNT clients send a message each, and each waits for all messages
 "use strict";
 
 const { createHash } = require("node:crypto");

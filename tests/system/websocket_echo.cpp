@@ -1,4 +1,4 @@
-// A server on the library whose WebSocket connections stay open; all else is as the library has it, so that
+// A server on the library whose WebSocket connections stay open. Everything else is the library's default, so
 // messages come back as text.
 
 #include "base/text.h"

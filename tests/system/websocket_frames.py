@@ -1,4 +1,4 @@
-"""WebSocket on a Wire, frame by frame, so that a test can also write what no client library would."""
+"""WebSocket on a Wire, frame by frame, so that a test can also send frames that no client library would send."""
 
 import struct
 
@@ -33,8 +33,9 @@ def frame_16(payload, order):
 
 
 def frame_64_start(length, opcode=TEXT, fin=True):
-    """What begins a frame of more than 65535 bytes as this library reads it: the length at 8, the mask at 16,
-    which is zero here. The payload counts from 14, so its first six bytes are these, and zero."""
+    """The beginning of a frame of more than 65535 bytes, as this library reads it: the length is at byte 8, and the
+    mask, which is zero here, is at byte 16. The payload starts at byte 14. So its first six bytes are the last six
+    bytes of this beginning, which are zero."""
     return bytes([fin << 7 | opcode, 0xff]) + bytes(6) + struct.pack("<Q", length) + bytes(4)
 
 
@@ -44,7 +45,7 @@ def frame_64(payload, **options):
 
 
 def server_frame(payload, opcode=TEXT):
-    """A frame by RFC 6455, as a server has to send it: whole, not masked, in the shortest form."""
+    """A frame by RFC 6455 as a server has to send it: one piece, not masked, in the shortest form."""
     if len(payload) <= 125:
         length = bytes([len(payload)])
     elif len(payload) <= 65535:
@@ -55,7 +56,7 @@ def server_frame(payload, opcode=TEXT):
 
 
 def upgrade(wire):
-    """Makes a WebSocket of a connection."""
+    """Turns a connection into a WebSocket."""
     wire.send(handshake())
     head = wire.read_head()
     assert head.startswith(b"HTTP/1.1 101 ") and header(head, b"upgrade") == b"websocket", head

@@ -1,7 +1,7 @@
-"""One TCP connection of a test, seen as bytes, and the listener that stands for a scripted upstream.
+"""One TCP connection of a test, seen as bytes, and the listener that plays a scripted upstream.
 
-Every wait has a deadline, so that a lost byte fails the test instead of stopping it. A Wire owns its socket;
-Listener owns the wires it has accepted. Both are closed by the fixtures of conftest.py.
+Every wait has a deadline, so a lost byte fails the test instead of stopping it. A Wire owns its socket; a Listener
+owns the wires that it has accepted. The fixtures of conftest.py close both.
 """
 
 import fcntl
@@ -26,7 +26,7 @@ def until(condition, what, deadline=DEADLINE):
 
 
 def request(host, target="/", method="GET", headers=(), body=b""):
-    """A request as a small client would write it; the bodies it sends have a Content-Length."""
+    """A request as a small client would write it. A body gets a Content-Length."""
     lines = [f"{method} {target} HTTP/1.1", f"Host: {host}", *headers]
     if body:
         lines.append(f"Content-Length: {len(body)}")
@@ -34,7 +34,7 @@ def request(host, target="/", method="GET", headers=(), body=b""):
 
 
 def reply(body=b"", *headers):
-    """A reply with a known length, as a scripted upstream gives it."""
+    """A response with a known length, as a scripted upstream sends it."""
     lines = ["HTTP/1.1 200 OK", *headers, f"Content-Length: {len(body)}"]
     return "\r\n".join(lines).encode() + b"\r\n\r\n" + body
 
@@ -67,7 +67,7 @@ class Wire:
         self.sock.sendall(data)
 
     def wait_delivered(self):
-        """Returns when the peer's system has everything that was sent."""
+        """Returns when the peer's system has received everything that was sent."""
         until(lambda: fcntl.ioctl(self.sock, termios.TIOCOUTQ, bytes(4)) == bytes(4), "delivery")
 
     def read_some(self):
@@ -103,24 +103,24 @@ class Wire:
         return self.read_until(b"\r\n\r\n")
 
     def read_reply(self):
-        """One reply with a Content-Length, as (head, body)."""
+        """Reads one response with a Content-Length, as (head, body)."""
         head = self.read_head()
         return head, self.read(int(header(head, b"content-length")))
 
     def ask(self, data):
-        """Sends a whole request and returns the body of its reply."""
+        """Sends a whole request and returns the body of its response."""
         self.send(data)
         return self.read_reply()[1]
 
     def read_to_end(self):
-        """Everything until the peer closes in good order."""
+        """Reads everything until the peer closes in good order."""
         parts = []
         while data := self.read_some():
             parts.append(data)
         return b"".join(parts)
 
     def wait_closed(self):
-        """Waits for the peer to close, in good order or not, and forgets what still comes."""
+        """Waits until the peer closes, in good order or not, and drops the bytes that still come."""
         try:
             self.read_to_end()
         except ConnectionError:
@@ -139,7 +139,7 @@ class Wire:
 
 
 class Listener:
-    """An upstream that does nothing by itself: the test accepts, reads and writes step by step."""
+    """An upstream that does nothing on its own: the test accepts, reads and writes step by step."""
 
     def __init__(self, port=0):
         self.sock = socket.create_server(("127.0.0.1", port), backlog=512)
