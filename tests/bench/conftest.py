@@ -1,4 +1,4 @@
-"""The tests of bench/ take its modules from there."""
+"""The tests of bench/ import its modules from there."""
 
 import pathlib
 import sys

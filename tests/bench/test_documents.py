@@ -1,5 +1,5 @@
-"""The figures in the documents: of these sources, complete, and from one file. `bench/run` measures again, and
-`bench/run --report` writes the texts and charts."""
+"""The figures in the documents belong to these sources, are complete, and come from one file. `bench/run` measures
+again, and `bench/run --report` writes the texts and charts."""
 
 import hashlib
 import re
@@ -21,7 +21,7 @@ def data():
 
 
 def test_figures__are_of_these_sources(data):
-    """Comments and layout may have changed since; see bench/figures_age."""
+    """Comments and layout may have changed since the measurement; see bench/figures_age."""
     assert sources.older_workloads(data, sources.sources_hash()) == []
 
 

@@ -1,4 +1,4 @@
-"""Medians, spreads and ratios; merging; how a figure is printed."""
+"""Medians, spreads and ratios; merging; the print of a figure."""
 
 import json
 
@@ -9,7 +9,7 @@ from figures import Spread
 
 
 def results_of(workload, **by_server):
-    """Results in which each server has the given figures in rounds 1, 2, ...; None for a round that failed."""
+    """Results in which each server has the given figures in rounds 1, 2, ...; None stands for a failed round."""
     return {workload: {server: [{"round": n, "x": x} for n, x in enumerate(values, 1) if x is not None]
                        for server, values in by_server.items()}}
 
@@ -30,7 +30,7 @@ def test_spread_of_a_figure__is_scaled_and_leaves_out_what_is_missing():
 
 
 def test_ratio__is_taken_within_each_round():
-    """The machine was three times as slow in the second round: the ratio of the medians would say 1.5."""
+    """The machine was three times as slow in the second round. The ratio of the medians would be 1.5."""
     results = results_of("w", mivo=[10, 30, 12], nginx=[8, 24, 8])
     assert figures.ratio(results, "w", "x", "nginx") == Spread(1.25, 1.25, 1.5, 3)
 

@@ -1,4 +1,4 @@
-"""Which workloads a run has, and in which order the servers take their turns."""
+"""The workloads of a run, and the order of the servers in it."""
 
 from measure import chosen_workloads, rotated, whole_seconds
 from workloads import WORKLOADS

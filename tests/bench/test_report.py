@@ -1,4 +1,4 @@
-"""From figures to the tables, the page and the README."""
+"""The tables, the page and the README, made from figures."""
 
 import pytest
 
@@ -59,7 +59,7 @@ def test_bar__is_met_by_the_digits_that_are_printed():
 
 
 def test_every_bar__is_read_from_a_workload_that_is_measured_for_its_servers():
-    """A name that is mistyped would be "not measured" for ever."""
+    """A mistyped name would always say "not measured"."""
     names = (COST, "p50_ms", "p99_ms", "peak_kib", "kib_per_client", "growth_per_waiting", "kept_kib", "growth_kib",
              "resident_kib", "listening_ms", "bytes", "calls_per_request", "allocations_per_request")
     run = {"round": 1, **dict.fromkeys(names, 1.0)}

@@ -1,4 +1,4 @@
-"""The configurations of the peers, as they are measured."""
+"""The configurations of the peers, as the benchmarks use them."""
 
 import re
 
@@ -20,7 +20,7 @@ def test_adapted__changes_ports_and_certificates_alone():
 @pytest.mark.parametrize("job", JOBS)
 @pytest.mark.parametrize("file", FILES)
 def test_configuration__does_the_job(job, file):
-    """Both names, both upstreams, and TLS in the one job alone."""
+    """Each has both names and both upstreams; only the HTTPS job has TLS."""
     text = servers.without_comments((PEERS / job / file).read_text())
     for word in ("one.example", "two.example", "3000", "3001"):
         assert re.search(rf"\b{re.escape(word)}\b", text)

@@ -47,7 +47,7 @@ def test_code__counts(old, new):
 
 
 def test_tokens__are_those_that_the_compiler_sees():
-    """What stands between the quotes and what begins a comment is told apart as the preprocessor does."""
+    """The tokens tell strings and comments apart as the preprocessor does."""
     stripped = subprocess.run(["g++", "-fpreprocessed", "-dD", "-E", "-P", "-x", "c++", "-"], input=SOURCE,
                               capture_output=True, text=True, check=True).stdout
     assert sources.code_of(stripped) == sources.code_of(SOURCE)

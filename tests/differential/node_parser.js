@@ -1,5 +1,5 @@
-// Where Node's HTTP parser finds the end of a request. Reads requests from standard input, one a line, in
-// hexadecimal. Prints for each how many bytes the request has, "open" if it has not ended, or "refused".
+// Tells where Node's HTTP parser finds the end of a request. Reads requests from standard input, one a line, in
+// hexadecimal. Prints for each the number of its bytes, "open" if it has not ended, or "refused".
 "use strict";
 
 const http = require("http");
@@ -8,7 +8,7 @@ const { Duplex } = require("stream");
 
 const server = http.createServer();
 
-// One byte at a time, so that the byte that completes the request is known.
+// Feeds one byte at a time, to know which byte completes the request.
 function endOf(bytes) {
   let request = null;
   let refused = false;

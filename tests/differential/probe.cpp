@@ -1,5 +1,5 @@
-// Runs cases for the tests in this folder, one a line: the name of a function and its arguments, bytes in
-// hexadecimal behind a "=". One line comes back for each, in the same form.
+// Runs cases for the tests in this folder. Each line is a case: the name of a function and its arguments.
+// Bytes are in hexadecimal, after a "=". The answer to each case is a line in the same form.
 
 #include <unistd.h>
 
@@ -39,8 +39,8 @@ std::string from_hex(const std::string& text) {
   return bytes;
 }
 
-// The next value of a description in prefix form: "s=6162", "n1.5", "t", "f", "z", "[2" with two values
-// behind it, "{1" with a key and a value for each behind it.
+// The next value of a description in prefix form: "s=6162", "n1.5", "t", "f", "z", "[2" with two values after
+// it, "{1" with one key and its value after it.
 var parse_value(const arguments& words, size_t& at) {
   const std::string& word = words[at++];
   const std::string operand = word.substr(1);
@@ -77,7 +77,7 @@ std::string print_value(const arguments& words) {
   return to_hex(value.to_json_helper(visited, true)) + " " + to_hex(value.to_json_helper(visited, false));
 }
 
-// Notes the calls of its hooks, with what they saw.
+// Logs the calls of its hooks, with what the hooks saw.
 struct reporter : http_connection {
   std::string report;
 
@@ -115,7 +115,7 @@ std::string play_request(const arguments& words) {
   return "left " + to_hex(c.head) + " " + to_hex(c.content) + " " + std::to_string(c.upgraded) + c.report;
 }
 
-// The arguments are pieces of a body. How it ends, and behind how many bytes.
+// The arguments are pieces of a body. The answer: how the body ends, and after how many bytes.
 std::string parse_chunks(const arguments& words) {
   chunked_body body;
   size_t used = 0;

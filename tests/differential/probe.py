@@ -1,4 +1,4 @@
-"""What the tests in this folder share: the probe, and random input whose seed can be set and is printed."""
+"""The shared part of the tests in this folder: the probe, and random input whose seed can be set and is printed."""
 
 import os
 import random
@@ -10,7 +10,7 @@ SEED = os.environ.get("MIVO_SEED") or str(random.SystemRandom().randrange(10**9)
 
 
 def seeded(name):
-    """A generator for one test. The printed line, which pytest shows on a failure, says how to repeat it."""
+    """A random generator for one test. pytest shows the printed line on a failure; it says how to repeat the test."""
     print(f"MIVO_SEED={SEED}")
     return random.Random(f"{SEED} {name}")
 

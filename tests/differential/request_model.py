@@ -1,7 +1,7 @@
-"""How chunks become requests, after the description of the rules alone.
+"""A model of how chunks become requests, written from the description of the rules alone.
 
-A second model beside that of the unit tests, in a language whose strings, numbers and regular expressions have
-nothing in common with the program's.
+It is a second model beside that of the unit tests. Python's strings, numbers and regular expressions have nothing in
+common with the program's.
 """
 
 import re
@@ -12,20 +12,20 @@ def to_int32(number):
 
 
 def parse_number(text):
-    """What strtol reads, which stops at the ends of a 64-bit number, as 32 bits."""
+    """The number that strtol reads, cut to 32 bits. strtol stops at the limits of a 64-bit number."""
     match = re.match(rb"[ \t\n\v\f\r]*([+-]?[0-9]+)", text)
     number = int(match.group(1)) if match else 0
     return to_int32(max(-(2**63), min(2**63 - 1, number)))
 
 
 def get_header(name, text):
-    """The value behind the first line start where `name` stands, in any letter case."""
+    """The value after `name` in the first line that begins with it, in any letter case."""
     match = re.search(rb"\r\n" + re.escape(name) + rb"..", text, re.IGNORECASE | re.DOTALL)
     return text[match.end() :].split(b"\r\n", 1)[0] if match else b""
 
 
 def copy_headers(head):
-    """All lines but those for the connection itself; none is shorter than two bytes."""
+    """All lines except those for the connection itself. A line has at least two bytes."""
     if b"\r\n" not in head or head.startswith(b"\r\n"):
         return b""
     lines = re.findall(rb"(..(?:(?!\r\n).)*\r\n)", head.split(b"\r\n", 1)[1], re.DOTALL)
@@ -33,7 +33,7 @@ def copy_headers(head):
 
 
 class Request:
-    """One connection. `calls` is what its hooks noted, in the words of the probe."""
+    """One connection. `calls` has the calls of its hooks, in the words of the probe."""
 
     def __init__(self, limit, answers_upgrades):
         self.limit = limit or 104857600
@@ -85,7 +85,7 @@ class Request:
             self.take_data(rest)
 
     def parse_request_line(self):
-        """A position that is not found is -1, and the search behind it starts over from 0."""
+        """A position that is not found is -1, and the search after it starts at 0 again."""
         first = self.head.find(b" ")
         second = self.head.find(b" ", first + 1)
         end = self.head.find(b"\r\n", second + 1)
@@ -103,7 +103,7 @@ class Request:
         self.upgraded = True
         self.limit = 0
         self.note("upgrade")
-        self.keep_alive = False  # nobody has asked the connection to stay
+        self.keep_alive = False  # no client has asked to keep the connection
 
     def take_data(self, run):
         self.calls += ["data", "=" + run.hex()]

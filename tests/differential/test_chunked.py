@@ -1,4 +1,4 @@
-"""Bodies in chunks against the decoders of Python and of Node: the end is where they find it, too."""
+"""Bodies in chunks, compared with the decoders of Python and of Node: all find the end at the same place."""
 
 import http.client
 import io
@@ -53,13 +53,13 @@ def cut(rng, data):
 
 
 def probe_ends(rng, bodies):
-    """For each body the state of the scanner and the number of bytes that belong to it."""
+    """For each body, the state of the scanner and the number of bytes that belong to the body."""
     answers = ask([f"chunks {' '.join(map(hexed, cut(rng, body)))}" for body in bodies])
     return [(state, int(used)) for state, used in answers]
 
 
 class Source(io.BytesIO):
-    """A socket for Python's client, which closes it at the end of the body."""
+    """A socket for Python's client. The client closes it at the end of the body."""
 
     end = None
 
@@ -72,7 +72,7 @@ class Source(io.BytesIO):
 
 
 def python_end(body):
-    """How many bytes Python's client reads as a chunked body."""
+    """The number of bytes that Python's client reads as a chunked body."""
     head = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
     source = Source(head + body)
     response = http.client.HTTPResponse(source)
@@ -96,8 +96,8 @@ HEAD = b"POST / HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n"
 def test_whole_bodies_end_where_they_end():
     rng = seeded("whole")
     bodies = [random_body(rng) for _ in range(CASES)]
-    behind = [rng.choice([b"", b"x", b"GET / HTTP/1.1\r\n\r\n"]) for _ in bodies]
-    answers = probe_ends(rng, [body + rest for body, rest in zip(bodies, behind)])
+    rests = [rng.choice([b"", b"x", b"GET / HTTP/1.1\r\n\r\n"]) for _ in bodies]
+    answers = probe_ends(rng, [body + rest for body, rest in zip(bodies, rests)])
     for body, answer in zip(bodies, answers):
         assert answer == ("ended", len(body)), body
 
@@ -110,7 +110,7 @@ def test_python_finds_the_same_end():
         if state == "ended":
             assert python_end(body) == used, body
             ended += 1
-    assert CASES / 10 < ended < CASES  # or else the cases show little
+    assert CASES / 10 < ended < CASES  # otherwise the cases would show little
 
 
 def test_node_finds_the_same_end_or_refuses():
@@ -143,7 +143,7 @@ def random_head(rng):
 
 
 def test_node_reads_a_head_in_the_same_way_or_refuses():
-    """Where a head is said to be clear, Node's request ends by its head, or by its last chunk."""
+    """Where the program knows the end of a request, Node finds the same end: after the head or the last chunk."""
     rng = seeded("heads")
     heads = [random_head(rng) for _ in range(NODE_CASES)]
     answers = [answer for (answer,) in ask([f"body_end {hexed(head)}" for head in heads])]

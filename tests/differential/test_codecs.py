@@ -1,4 +1,4 @@
-"""The codecs against Python's, which has its SHA-1 from OpenSSL."""
+"""The codecs, compared with Python's, which takes its SHA-1 from OpenSSL."""
 
 import base64
 import hashlib
@@ -57,7 +57,7 @@ def test_numbers_read_as_they_were():
             assert text == f"{x:g}"
 
 
-# Code points from all over Unicode, but no surrogates, which UTF-8 cannot hold.
+# Code points from all parts of Unicode, but no surrogates, because UTF-8 cannot hold them.
 RANGES = [(0x20, 0x7E), (0x80, 0x17F), (0x370, 0x6FF), (0x3040, 0x30FF), (0x4E00, 0x9FFF), (0xE000, 0xFFFD)]
 RANGES += [(0x1F300, 0x1F6FF), (0x10000, 0x10FFFF)]
 

@@ -1,7 +1,7 @@
-"""A value's JSON, read back by a JSON parser.
+"""The JSON of a value, read back by a JSON parser.
 
-Not compared, because the format is deliberately no JSON there: zero bytes, which are written as \\0, and values
-that contain themselves. Numbers with a fraction come back with six digits.
+Two things are not compared, because the output deliberately is no JSON there: zero bytes, which are written as \\0,
+and values that contain themselves. Numbers with a fraction come back with six digits.
 """
 
 import json

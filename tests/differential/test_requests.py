@@ -1,4 +1,4 @@
-"""Requests against a model in Python."""
+"""Requests, compared with a model in Python."""
 
 from probe import ask, hexed, seeded, unhexed
 from request_model import Request, copy_headers, get_header
@@ -82,7 +82,7 @@ def test_requests_are_those_of_the_model():
             model.receive(chunk)
         assert answer == model.report(), (limit, upgrades, chunks)
         completed += "request" in answer
-    assert completed > CASES / 4  # or else the cases show little
+    assert completed > CASES / 4  # otherwise the cases would show little
 
 
 def test_header_look_up_is_that_of_the_model():

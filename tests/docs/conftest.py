@@ -1,4 +1,4 @@
-"""The tests of the documents use the vocabulary of the black-box tests, which stands in tests/system."""
+"""The tests of the documents use the vocabulary of the black-box tests, which is in tests/system."""
 
 import pathlib
 import sys

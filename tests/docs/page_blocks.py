@@ -1,4 +1,4 @@
-"""The commands of a page of docs/, each under the comment that names it, and a place to run them."""
+"""The commands of a page of docs/, each below the comment that names it, and a place to run them."""
 
 import grp
 import os
@@ -13,12 +13,12 @@ import textwrap
 
 from mivo_process import PROGRAM, REPOSITORY, ReservedPort
 
-PATIENCE = 60  # seconds until commands that do not end fail the test
+PATIENCE = 60  # seconds; commands that run longer fail the test
 BLOCK = re.compile(r"^( *)<!-- ([^>:]+)(?:: ([^>]+))? -->\n\1```(?:sh|ini)\n(.*?)^\1```$", re.DOTALL | re.MULTILINE)
 
 
 def blocks(page):
-    """{(kind, name): text} of the commands of a page. Every fenced text of a page belongs to a comment."""
+    """{(kind, name): text} of the commands of a page. Every fenced text of a page has to follow such a comment."""
     text = (REPOSITORY / "docs" / page).read_text()
     found = {(kind, name): textwrap.dedent(block) for _, kind, name, block in BLOCK.findall(text)}
     assert len(found) == text.count("```") // 2
@@ -26,12 +26,12 @@ def blocks(page):
 
 
 class House:
-    """A folder that stands for the machine on which the commands are run: with its own /etc, ports, and a
-    systemctl that only notes what it is asked. The group of the service is one that is there."""
+    """A folder that plays the machine on which the commands run. It has its own /etc, its own ports, and a systemctl
+    that only logs its arguments. An existing group plays the group of the service."""
 
     def __init__(self, ports):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="mivo_house_"))
-        self.folder.chmod(0o755)  # the user of the service has to pass it
+        self.folder.chmod(0o755)  # the user of the service has to pass through this folder
         self.ports = {port: ReservedPort() for port in ports}
         self.is_root = os.geteuid() == 0
         self.user = "nobody" if self.is_root else pwd.getpwuid(os.geteuid()).pw_name
@@ -50,7 +50,7 @@ class House:
         systemctl.chmod(0o755)
 
     def place(self, text):
-        """The text with everything of this house in place of what the page names."""
+        """The text, with this house's ports, paths and users in place of those of the page."""
         text = re.sub(r"\b\d{2,5}\b", lambda match: str(self.port(int(match[0]))), text)
         for old, new in {
                 "/etc/letsencrypt": self.letsencrypt, "/etc/mivo": self.etc_mivo,
@@ -76,7 +76,7 @@ class House:
         try:
             output = process.communicate(timeout=PATIENCE)[0].decode().replace("\r", "")
         finally:
-            try:  # what commands that failed have left behind; others have ended their servers themselves
+            try:  # ends what failed commands have left behind; commands that worked have ended their servers themselves
                 os.killpg(process.pid, signal.SIGKILL)
             except ProcessLookupError:
                 pass

@@ -1,4 +1,4 @@
-"""docs/behaviour.md names tests as evidence, in a table at its end: each answer has some, and each is there."""
+"""docs/behaviour.md names tests as evidence, in a table at its end. Each answer has tests, and each test exists."""
 
 import re
 
@@ -12,7 +12,7 @@ ROW = re.compile(r"^\|(?: ([^|]+))? \| `([^`:]+)::([^`]+)` \|$", re.MULTILINE)
 
 
 def named_tests():
-    """{question: [(file, test)]}; a row without a question belongs to that of the row above."""
+    """{question: [(file, test)]}. A row without a question belongs to the question above it."""
     named, question = {}, None
     for title, file, name in ROW.findall(TABLE):
         question = title or question

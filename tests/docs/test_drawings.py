@@ -1,4 +1,4 @@
-"""The drawings are made from text by script/drawings; each has to be that of its present text."""
+"""script/drawings makes the drawings from texts. Each drawing has to match its present text."""
 
 import hashlib
 import re

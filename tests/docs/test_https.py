@@ -1,6 +1,6 @@
-"""Every command of docs/https.md, taken from its text and run, except for those that need the Internet.
+"""Every command of docs/https.md, taken from its text and run, except for commands that need the Internet.
 
-The deploy hook is run by certbot itself, which is told of a renewal that nobody has made.
+certbot itself runs the deploy hook, after a renewal that is made up.
 """
 
 import os
@@ -22,7 +22,7 @@ RUN = ["self-signed", "authority", "issue", "trust of the system", "trust of bro
 NEED_THE_INTERNET = ["webroot", "dns", "names", "new key"]
 ECHO = "GET / HTTP/1.1"
 
-# certbot's own runner of the folder with the hooks, as after a renewal.
+# certbot's own function that runs the hooks of the folder, as after a renewal.
 CERTBOT = """
 import sys
 from certbot import configuration
@@ -57,8 +57,8 @@ def run(house, name, **options):
 
 @pytest.fixture
 def serve(house, tmp_path):
-    """serve(arguments, settings): a running mivo, which has to end in good order after the test. `settings` are
-    for a shell, before the program."""
+    """serve(arguments, settings): a running mivo, which has to end in good order after the test. `settings` are shell
+    settings, which stand before the program."""
     started = []
 
     def start(arguments, settings=""):
@@ -75,7 +75,7 @@ def serve(house, tmp_path):
             mivo.kill()
 
 
-# Certificates of one's own
+# Self-made certificates
 
 
 def test_self_signed_certificate__serves(house):
@@ -118,12 +118,12 @@ def same_keys(output):
     return output[:half] == output[half:]
 
 
-# What the service may read
+# Files that the service may read
 
 
 @pytest.fixture
 def own_files(house):
-    """A key and a certificate, made and copied as the page says."""
+    """A key and a certificate that are made and copied as the page says."""
     house.etc_mivo.rmdir()
     house.run(BLOCKS["run", "self-signed"].partition("mivo 8080")[0])
     run(house, "folder")
@@ -173,7 +173,7 @@ def test_options_for_certbot__are_its_own():
     known = subprocess.run(["certbot", "--help", "all"], check=True, capture_output=True, text=True).stdout
     for name in NEED_THE_INTERNET:
         for option in re.findall(r" (--[a-z-]+)", BLOCKS["needs the Internet", name]):
-            # Those of a plugin are known only where it is installed.
+            # certbot knows the options of a plugin only where the plugin is installed.
             assert option.startswith("--dns-") or re.search(rf"(^|[ ,]){option}\b", known, re.M), option
 
 
@@ -188,7 +188,7 @@ def test_hook__is_that_of_the_manual():
 
 
 class Renewals:
-    """What certbot has fetched, in the folders and links that it makes."""
+    """The certificates that certbot has fetched, in the folders and links that it makes."""
 
     def __init__(self, house, authority):
         self.house = house
@@ -199,7 +199,7 @@ class Renewals:
         self.hook.chmod(0o644)
 
     def fetch(self, name="blog.example", key=None):
-        """A new certificate, for the old key or for a new one."""
+        """A new certificate, with the old key or with a new one."""
         self.count += 1
         issued = self.authority.issue(f"{name}{self.count}", key=key)
         archive, live = self.house.letsencrypt / "archive" / name, self.lineage(name)
@@ -288,12 +288,12 @@ def test_renewal_with_the_same_key__is_served_without_a_restart(
     shown, in_the_file = served_serials(house)
     assert (shown, in_the_file) == (first, issued.serial)
     clock.advance(61)
-    until(lambda: served_serials(house) == [issued.serial, issued.serial], "the new certificate is served")
+    until(lambda: served_serials(house) == [issued.serial, issued.serial], "both commands show the new certificate")
     assert mivo.is_running()
 
 
 def served_serials(house):
-    """What the two commands print: of the certificate that is served, and of that in the file."""
+    """The serial numbers that two commands print: of the certificate that is served, and of the one in the file."""
     return [int(line, 16) for line in re.findall(r"^serial=(\w+)$", run(house, "served"), re.M)]
 
 

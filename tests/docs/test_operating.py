@@ -1,6 +1,6 @@
-"""What docs/operating.md says: its filters on a real log, its limits, and what two processes on one port do.
+"""The claims of docs/operating.md: its filters on a real log, its limits, and two processes on one port.
 
-Commands that need a running systemd are not run; the settings on the page are given to systemd's own judge.
+The tests do not run commands that need a running systemd. systemd's own verifier checks the settings on the page.
 """
 
 import configparser
@@ -54,7 +54,7 @@ def ask(port, data):
 
 
 def filtered(name, lines):
-    """What a filter of the page leaves of the lines; journalctl and grep have the same expressions."""
+    """The lines that a filter of the page leaves. journalctl and grep take the same expressions."""
     pattern = re.search(r"--grep '(.*)'$", BLOCKS["filter", name].strip())[1]
     done = subprocess.run(["grep", "-P", pattern], input=lines, capture_output=True, text=True, check=False)
     assert done.returncode in (0, 1), done.stderr
@@ -142,7 +142,7 @@ def test_idle_clients_within_a_limit__are_as_many_as_the_page_says(start):
 
 
 def test_old_process_ends_beside_a_new_one__cuts_its_own_clients_and_no_later_one(start):
-    """The system gives each connection to one of the two when it comes, accepted or not."""
+    """The system gives each connection to one of the two when it comes, before any process accepts it."""
     reserved = ReservedPort()
     old, new = start({"echo": -1}, reserved.port), start({"echo": -1}, reserved.port)
     kept = [Wire.connect(reserved.port) for _ in range(40)]

@@ -1,4 +1,4 @@
-"""The configurations in docs/peers, which are what is measured, are accepted by the servers that they are for."""
+"""The servers accept their configurations in docs/peers, which the benchmarks use."""
 
 import pathlib
 import subprocess

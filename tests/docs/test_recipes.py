@@ -1,8 +1,9 @@
-"""Every recipe of the README, taken from its text and run, with free ports in place of those that it names.
+"""Every recipe of the README, taken from its text and run, with free ports in place of the ports that it names.
 
-Two things are left out, for they need what no test machine has. certbot only gets a certificate for a name
-that leads to this machine from everywhere; the server it talks to, in both of its turns, is tested here. The
-service recipe installs a package and needs systemd; what it writes for the service is run as the service does.
+Two things are left out, because no test machine has what they need. certbot only gets a certificate for a name that
+leads to this machine from everywhere; the tests check the server that serves certbot's proof, for the first
+certificate and for a renewal. The service recipe installs a package and needs systemd; the tests run what it writes
+for the service, as the service does.
 """
 
 import os
@@ -18,7 +19,7 @@ from clients import curl
 from mivo_process import PROGRAM, REPOSITORY, Mivo, ReservedPort
 from upstreams import PythonSite
 
-PATIENCE = 60  # seconds until a recipe that does not end fails the test
+PATIENCE = 60  # seconds; a recipe that runs longer fails the test
 CHALLENGE = ".well-known/acme-challenge/token"
 LIVE = "/etc/letsencrypt/live/www.example.org"
 
@@ -38,7 +39,7 @@ RUN_IN_PART = ["first certificate", "full chain", "service"]
 
 @pytest.fixture
 def ports():
-    """Free ports, which stay free, by those in the README."""
+    """Free ports that stay free: {port in the README: free port}."""
     reserved = {port: ReservedPort() for port in (8080, 8443, 3000, 3001)}
     yield {old: new.port for old, new in reserved.items()}
     for port in reserved.values():
@@ -47,7 +48,7 @@ def ports():
 
 @pytest.fixture
 def site(tmp_path):
-    """The site on port 3000, with the file that certbot puts there to prove who it is."""
+    """The site on port 3000, with the file by which certbot proves that it controls the name."""
     file = tmp_path / "site" / CHALLENGE
     file.parent.mkdir(parents=True)
     file.write_text("the proof\n")
@@ -76,7 +77,7 @@ def start(tmp_path):
 
 
 def arguments_of(recipe):
-    """What the recipe's line with mivo gives to it."""
+    """The arguments of mivo in the recipe."""
     line = next(line for line in RECIPES[recipe].replace("\\\n", " ").split("\n") if line.startswith("mivo "))
     return [word for word in shlex.split(line)[1:] if word != "&"]
 
@@ -108,7 +109,7 @@ ss -ltnH
 @pytest.mark.parametrize("arguments, address", [("", "http://localhost:8080/"),
                                                 ("--https", "--insecure https://localhost:8443/")])
 def test_first_command__shows_a_page_that_is_relayed_and_the_request__and_leaves_nothing(arguments, address):
-    """In a network of its own, where the ports of the README are free."""
+    """The commands run in a separate network, where the ports of the README are free."""
     script = FIRST_RUN.format(arguments=arguments, address=address)
     done = subprocess.run(["unshare", "--map-root-user", "--net", "bash", "-c", script], cwd=REPOSITORY,
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=PATIENCE, check=False)
@@ -136,7 +137,7 @@ def test_recipe__runs_as_pasted(name, ports, tmp_path):
 
 
 def end_group(process):
-    """Ends what a recipe that failed has left behind; one that worked has ended its servers itself."""
+    """Ends what a failed recipe has left behind. A recipe that worked has ended its servers itself."""
     try:
         os.killpg(process.pid, signal.SIGKILL)
     except ProcessLookupError:
@@ -145,8 +146,8 @@ def end_group(process):
 
 
 def test_certificate_recipes__serve_the_proof_before_and_after_and_the_whole_chain(site, start, tmp_path):
-    """Before there is a certificate, certbot's proof is fetched through plain HTTP; for a renewal, through the
-    redirect. A client that trusts nothing but the root reaches the site when it is shown the whole chain."""
+    """Before there is a certificate, the authority fetches certbot's proof through plain HTTP; for a renewal, through
+    the redirect. A client that trusts nothing but the root reaches the site only if it sees the whole chain."""
     plain = arguments_of("first certificate")
     assert plain == ["80", "-map", "www.example.org", "3000"]
     mivo = start(["{port}", "-map", "www.example.org:{port}", str(site.port)])
@@ -173,7 +174,7 @@ def test_certificate_recipes__serve_the_proof_before_and_after_and_the_whole_cha
 
 
 def test_certificate_recipe__keeps_the_key():
-    """A renewal with another key would not fit to the one that mivo has loaded."""
+    """A renewed certificate with another key would not match the key that mivo has loaded."""
     assert "--reuse-key" in RECIPES["first certificate"]
 
 

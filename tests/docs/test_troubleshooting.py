@@ -1,6 +1,7 @@
-"""Each symptom of docs/troubleshooting.md is provoked, and the commands of the page prove its cause.
+"""The tests provoke each symptom of docs/troubleshooting.md, and the commands of the page prove its cause.
 
-What needs a running systemd is not run; the settings by which the service fails are in packaging/test_service.py.
+They do not run commands that need a running systemd; packaging/test_service.py checks the settings by which the
+service fails.
 """
 
 import http.server
@@ -66,7 +67,7 @@ def upstream(house):
 
 
 class LocalServer:
-    """A server on port 3000 of the page that answers every request with a page of its own."""
+    """A server on port 3000 of the page that answers every request with its own page."""
 
     class Handler(http.server.BaseHTTPRequestHandler):
         def do_GET(self):

@@ -1,4 +1,5 @@
-// Tests that are not in order, for test_harness.py: each does what a test must never do. None runs by itself.
+// Faulty tests for test_harness.py: each does what a test must never do. They only run when test_harness.py
+// asks.
 
 #include <gtest/gtest.h>
 

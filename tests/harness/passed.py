@@ -1,6 +1,6 @@
-"""What has passed needs not run again until something changes that it depends on. In the build folder there is an empty
-file for each pass, named after the digest of all that it depended on; in a clean clone there are none, so that
-everything runs."""
+"""A test that has passed need not run again until something changes on which it depends. The build folder has an empty
+file for each pass, named after the digest of everything on which the test depended. A clean clone has none of these
+files, so everything runs."""
 
 import hashlib
 import os
@@ -11,7 +11,7 @@ FOLDER = Path(os.environ.get("MIVO_BUILD", REPOSITORY / "build/asan"), "passed")
 
 
 def digest_of(*parts):
-    """Of texts, bytes and paths; a path stands for its name and its content."""
+    """The digest of texts, bytes and paths. A path stands for its name and its content."""
     digest = hashlib.sha256()
     for part in parts:
         content = part.read_bytes() if isinstance(part, Path) else b""

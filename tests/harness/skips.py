@@ -1,8 +1,8 @@
-"""Lists the tests that a run of CTest skipped, each with its reason: skips.py LOG. Fails when one of them was not
-expected. LOG is CTest's LastTest.log.
+"""Lists the tests that a run of CTest skipped, each with its reason: skips.py LOG. Fails if a skip was not expected.
+LOG is CTest's LastTest.log.
 
-Expected is what no change to the machine that script/test makes could avoid. MIVO_MAY_SKIP, a regular expression
-for reasons, lets further ones pass: `MIVO_MAY_SKIP='port 443' script/test`.
+A skip is expected if no change that script/test makes to the machine could avoid it. MIVO_MAY_SKIP, a regular
+expression for reasons, allows further skips: `MIVO_MAY_SKIP='port 443' script/test`.
 """
 
 import os
@@ -22,7 +22,7 @@ if os.geteuid() != 0:
 
 
 def skipped(log):
-    """(where, reason) of every skip that pytest or GoogleTest tells of."""
+    """(where, reason) of every skip that pytest or GoogleTest reports."""
     found = re.findall(r"^SKIPPED \[\d+\] (\S+): (.*)$", log, re.M)
     for reason, name in re.findall(r": Skipped\n(.*)\n(?:(?!\[ RUN ).*\n)*?\[  SKIPPED \] (\S+)", log):
         found.append((name, reason))

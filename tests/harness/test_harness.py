@@ -1,4 +1,4 @@
-"""The harness itself: what is wrong in a test program is reported, with the name of the test, and soon."""
+"""The harness itself: it reports a fault in a test program soon, and with the name of the test."""
 
 import os
 import pathlib
@@ -8,7 +8,7 @@ import sys
 import pytest
 
 PROGRAM = f"{os.environ['MIVO_BUILD']}/tests/faulty_tests"
-SOON = 30  # seconds; it takes a quarter of one
+SOON = 30  # seconds; usually it takes a quarter of a second
 
 
 def run(*command, **options):
@@ -16,7 +16,7 @@ def run(*command, **options):
 
 
 def run_test(name):
-    """Runs one of the tests in the program; returns its exit status and all that it prints."""
+    """Runs one of the tests in the program; returns its exit status and everything that it prints."""
     result = run(PROGRAM, "--gtest_also_run_disabled_tests", f"--gtest_filter=*{name}")
     return result.returncode, result.stdout, result.stderr
 

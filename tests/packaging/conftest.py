@@ -1,4 +1,4 @@
-"""Where the tests find what is built, and what is installed of it."""
+"""The paths by which the tests find the program, and an installation of it."""
 
 import os
 import pathlib

@@ -6,9 +6,9 @@ import shlex
 from mivo_process import REPOSITORY
 
 MANUAL = REPOSITORY / "packaging/mivo.8"
-BLANK = "\0"  # stands for what varies in a message
+BLANK = "\0"  # stands for the parts of a message that vary
 MODES = {"Both modes": {"http", "https"}, "HTTP mode": {"http"}, "HTTPS mode": {"https"}}
-NEITHER = "From other programs on the same library"  # the title of the part with the lines of no mode
+NEITHER = "From other programs on the same library"  # the title of the part with lines that appear in no mode
 
 
 def section(title):
@@ -18,8 +18,8 @@ def section(title):
 
 
 def message_of_item(line):
-    """The message in an .It line of the manual: .Li is its own words, .Ar what varies."""
-    # A backslash would be read as quoting by the split; in the manual it only begins the empty "\&".
+    """The message in an .It line of the manual: .Li has its fixed words, .Ar the parts that vary."""
+    # The split would read a backslash as quoting; in the manual it only begins the empty "\&".
     line = line.replace("\\&", "&")
     text, kind, joined = "", None, True
     for word in shlex.split(line.removeprefix(".It "), posix=True):

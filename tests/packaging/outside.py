@@ -1,4 +1,4 @@
-"""Programs of other people on the library: what docs/embedding.md shows, and a program that runs and answers."""
+"""Other people's programs on the library: the code in docs/embedding.md, and a program that runs and answers."""
 
 import hashlib
 import pathlib
@@ -19,12 +19,12 @@ SIGPIPE_BIT = 1 << (signal.SIGPIPE - 1)
 
 
 def blocks(kind):
-    """(what the comment above it says, text) of each block of code of this kind on the page."""
+    """(text of the comment above it, text) of each block of code of this kind on the page."""
     return re.findall(rf"^<!-- ([^>]*) -->\n```{kind}\n(.*?)^```$", PAGE, re.MULTILINE | re.DOTALL)
 
 
 def block(title):
-    """The text below this comment."""
+    """The block of code below this comment."""
     return dict(blocks(r"\w*"))[title]
 
 
@@ -40,7 +40,7 @@ def fetch(url):
 
 
 def digest_of(*paths):
-    """Of all files of the repository that these name."""
+    """The digest of all files of the repository that these paths name."""
     listed = output_of("git", "-C", REPOSITORY, "ls-files", "-z", "--cached", "--others", "--exclude-standard",
                        "--", *paths)
     digest = hashlib.sha256()
@@ -51,8 +51,8 @@ def digest_of(*paths):
 
 
 class Once:
-    """For what takes long: with Once(name, paths): ... is skipped while the files are those with which it has
-    passed in this build folder. Where it takes more than one test, the two functions do that."""
+    """Runs long tests only when necessary. `with Once(name, paths):` skips the test as long as the files are the same
+    as when it passed in this build folder. If the work takes more than one test, use the two functions instead."""
 
     def __init__(self, name, *paths):
         self.digest = passed.digest_of(name, digest_of(*paths))
@@ -81,7 +81,7 @@ class Program:
                                         stderr=subprocess.PIPE)
 
     def page(self, scheme, port):
-        """What it answers, as soon as it listens."""
+        """The program's answer, as soon as it listens."""
         until(lambda: self.process.poll() is not None or self.listens(port), "a port that listens")
         return fetch(f"{scheme}://127.0.0.1:{port}/")
 
@@ -95,7 +95,7 @@ class Program:
         return bool(int(re.search(r"^SigIgn:\s*(\w+)$", status, re.M)[1], 16) & SIGPIPE_BIT)
 
     def interrupt(self):
-        """Ctrl-C. Returns the exit status."""
+        """Sends what Ctrl-C sends. Returns the exit status."""
         self.process.send_signal(signal.SIGINT)
         return self.process.wait(15)
 
@@ -114,7 +114,7 @@ def port():
 
 
 def check_hello(command, port):
-    """Starts a hello server, and sees that it does what the page says."""
+    """Starts a hello server, and checks that it does what the page says."""
     program = Program(command, [port])
     try:
         assert program.page("http", port) == block("what hello.cpp answers")

@@ -1,8 +1,8 @@
-"""The hello server of docs/embedding.md, built on a Debian 12 that has nothing but the package, a compiler and what
-the page calls for, in each of the page's three ways.
+"""The hello server of docs/embedding.md, built in each of the page's three ways, on a Debian 12 with nothing but the
+package, a compiler and the tools that the page names.
 
-It takes a system with debootstrap, which takes minutes. It runs when the packaging, the page or a header has
-changed since it passed in this build folder; in a clean clone, always.
+The tests make this system with debootstrap, which takes minutes. They run if the packaging, the page or a header has
+changed since they passed in this build folder. In a clean clone they always run.
 """
 
 import os
@@ -39,7 +39,7 @@ def debian(date):  # noqa: F811
     system.passed = set()
     try:
         shutil.copy(package, system.root / "tmp")
-        # Nobody needs this system after a crash, so dpkg does not have to wait for the disk.
+        # After a crash nobody needs this system, so dpkg does not have to wait for the disk.
         system.run("apt-get", "install", "-y", "--no-install-recommends", "-o", "Dpkg::Options::=--force-unsafe-io",
                    f"/tmp/{package.name}", "g++", "cmake", "make", "pkg-config")
         yield system
@@ -58,7 +58,7 @@ def test_hello_built_as_the_page_says__answers_and_ignores_sigpipe(way, debian, 
     if cmake_lists:
         (folder / "CMakeLists.txt").write_text(cmake_lists)
     if way == "add_subdirectory":
-        debian.run("dpkg", "--purge", "libmivo-dev")  # it must not lean on what is installed
+        debian.run("dpkg", "--purge", "libmivo-dev")  # this way must not use the installed package
         for name in repository_files():
             (folder / "mivo" / name).parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(REPOSITORY / name, folder / "mivo" / name)

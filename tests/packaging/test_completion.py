@@ -1,4 +1,4 @@
-"""The shells' completions, asked what they offer behind a command line."""
+"""The shells' completions: what they offer after a command line."""
 
 import subprocess
 
@@ -10,15 +10,15 @@ PACKAGING = REPOSITORY / "packaging"
 FILES = {"key.pem", "crt.pem"}
 OPTIONS = {"-ssl", "-map"}
 
-# Words already there, the beginning of the next one, and what is offered for it: files, options or neither.
+# The words already there, the beginning of the next word, and the offers for it: files, options or neither.
 LINES = {
-    "behind_the_port": ("8080", "-", OPTIONS),
+    "after_the_port": ("8080", "-", OPTIONS),
     "beginning_of_an_option": ("8080", "-s", {"-ssl"}),
-    "behind_an_option_with_its_values": ("8080 -map a 3000", "-m", {"-map"}),
+    "after_an_option_with_its_values": ("8080 -map a 3000", "-m", {"-map"}),
     "tls_port": ("8080 -ssl", "k", set()),
     "key": ("8080 -ssl 8443", "k", {"key.pem"}),
     "certificate": ("8080 -ssl 8443 key.pem", "", FILES),
-    "behind_the_certificate": ("8080 -ssl 8443 key.pem crt.pem", "-", OPTIONS),
+    "after_the_certificate": ("8080 -ssl 8443 key.pem crt.pem", "-", OPTIONS),
     "host": ("8080 -map", "c", set()),
     "local_port": ("8080 -map a", "k", set()),
     "option_as_a_value": ("8080 -map -ssl 3000", "-", OPTIONS),
@@ -28,7 +28,7 @@ BASH = """source "$0"; COMP_WORDS=(mivo {words} "{prefix}"); COMP_CWORD=$((${{#C
 _mivo; printf '%s\\n' "${{COMPREPLY[@]}}"
 """
 
-# The completion system's own commands need a terminal; these say what they are asked for.
+# The completion system's own commands need a terminal. These functions replace them and print what they are asked for.
 ZSH = """words=(mivo {words} "{prefix}"); CURRENT=$#words; PREFIX="{prefix}"
 _message() {{ }}
 _files() {{ print -l $PREFIX*(N) }}
@@ -55,7 +55,7 @@ def offered(shell, words, prefix, folder):
 
 @pytest.mark.parametrize("shell", ["bash", "zsh", "fish"])
 @pytest.mark.parametrize("name", LINES)
-def test_next_word__is_offered_by_what_the_option_before_it_lacks(shell, name, tmp_path):
+def test_next_word__is_what_the_option_before_it_still_needs(shell, name, tmp_path):
     words, prefix, expected = LINES[name]
     for file in FILES:
         (tmp_path / file).touch()

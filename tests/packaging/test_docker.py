@@ -1,5 +1,5 @@
-"""The Dockerfile: judged by a linter, its entry point run the way Docker would; and built and run where Docker or
-Podman works."""
+"""The Dockerfile: a linter checks it, and its entry point runs as Docker would run it. Where Docker or Podman works,
+the image is built and run, too."""
 
 import json
 import os
@@ -25,7 +25,7 @@ BUILD_PATIENCE = 800
 
 
 def instruction(name):
-    """What the last instruction of this name has after it, its continued lines joined."""
+    """The arguments of the last instruction of this name, with its continued lines joined."""
     text = re.sub(r"^#.*\n", "", DOCKERFILE.read_text(), flags=re.M).replace("\\\n", " ")
     return re.findall(rf"^{name} +(.*)$", text, re.M)[-1]
 

@@ -1,7 +1,7 @@
-"""The library as others get it: what is installed, that its headers compile alone, and that the code of
-docs/embedding.md is right.
+"""The library as other people get it: the installed files, headers that compile alone, and the code of
+docs/embedding.md.
 
-That it can be used on a system that has nothing else is in test_bare_library.py.
+test_bare_library.py shows that it can be used on a system that has nothing else.
 """
 
 import json
@@ -17,8 +17,8 @@ from outside import (PORT, WARNINGS, Once, Program, block, blocks, check_hello, 
 
 LAYERS = ["base", "net", "tls", "http", "proxy", "main"]
 COMPILERS = ["g++", "clang++-14"]
-STANDARDS = ["c++17", "c++20", "c++2b"]  # the last is the name that these compilers know C++23 by
-# What keeps the promises of the public headers and may change with every version.
+STANDARDS = ["c++17", "c++20", "c++2b"]  # the last is the name of C++23 for these compilers
+# The internal headers: they keep the promises of the public headers, and may change with every version.
 INTERNAL = ["base/block_pool.h", "base/punycode.h", "http/token.h", "net/connection_memory.h", "net/name_memory.h",
             "tls/certificate_file.h"]
 
@@ -44,12 +44,12 @@ def pkg_config(prefix, *options):
 
 
 def build(prefix, source, program, *options):
-    """Compiles and links one file in the way of pkg-config."""
+    """Compiles and links one file with the flags from pkg-config."""
     output_of("g++", "-std=c++17", "-O0", *WARNINGS, *options, *pkg_config(prefix, "--cflags"), source,
               *pkg_config(prefix, "--libs"), "-o", program)
 
 
-# What is installed.
+# The installed files.
 
 
 def test_headers_of_the_layers__are_public_or_internal_as_listed(headers):
@@ -92,7 +92,7 @@ def test_each_header__compiles_alone_without_a_warning(compiler, standard, prefi
 
 @pytest.mark.parametrize("spelled", ["struct import library", "::import library"])
 def test_headers_in_a_program_that_uses_modules__are_no_imports(spelled, prefix, headers, tmp_path):
-    """Only with -fmodules-ts does this compiler take lines that begin with `import` for what they are in C++20."""
+    """This compiler treats lines that begin with `import` as C++20 does only with -fmodules-ts."""
     source = tmp_path / "modules.cpp"
     source.write_text("".join(f'#include "{header}"\n' for header in headers) + f'{spelled}("libz.so");\n')
     command = ["g++", "-std=c++20", "-fmodules-ts", *WARNINGS, "-fsyntax-only", f"-I{prefix}/include/mivo", source]
@@ -104,7 +104,7 @@ def test_headers_in_a_program_that_uses_modules__are_no_imports(spelled, prefix,
 # The page.
 
 
-# Where a piece of code has its place, by the comment above it.
+# The place for a piece of code, by the comment above it.
 AROUND = {
     "in a hook": "struct c : http_connection { void on_request() override { %s } };",
     "in a hook, with the file in hand":
@@ -140,7 +140,7 @@ def test_hello__built_as_the_page_says_with_pkg_config__answers(prefix, port, tm
 
 
 def test_https_on_the_page__has_all_of_the_tls_library_and_the_redirect(prefix, port, tmp_path):  # noqa: F811
-    """The library is an archive: a part of it that only an initialiser uses could be missing from the program."""
+    """The library is an archive. A part of it that only an initialiser uses could be missing in the program."""
     secure, plain = re.findall(r"\b8\d{3}\b", block("in main(), with main/https.h"))
     assert plain == PORT
     code = block("in main(), with main/https.h").replace(secure, str(port)).replace(plain, "0")
@@ -187,7 +187,7 @@ def test_project_that_adds_the_folder__gets_the_library_and_nothing_else(tmp_pat
     text = block("CMakeLists.txt: add_subdirectory")
     (tmp_path / "CMakeLists.txt").write_text(
         text.replace("add_subdirectory(mivo)", PARENT % "enable_testing()\nadd_subdirectory(mivo)"))
-    # The kind of build for which we have flags of our own.
+    # In this kind of build, our own project adds flags.
     printed = output_of("cmake", "-G", "Ninja", "-S", tmp_path, "-B", tmp_path / "out", "-DMIVO_TESTS=ON",
                         "-DCMAKE_BUILD_TYPE=Release")
     assert sorted(re.findall(r"^-- parent: (.*)$", printed, re.M)) == [

@@ -1,5 +1,5 @@
-"""The manual against the program: the same options, the same console lines, and no fault of form. In which mode
-each line appears is in test_manual_modes.py."""
+"""The manual compared with the program: the same options, the same console lines, and no fault of form.
+test_manual_modes.py checks in which mode each line appears."""
 
 import os
 import re
@@ -15,20 +15,20 @@ SECTIONS = ["NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "CONSOLE OUTPUT", "SIG
             "EXIT STATUS", "EXAMPLES", "LIMITS", "BUGS", "SECURITY"]
 
 
-# What the program says. An expression whose text stands elsewhere is followed by hand, once, here; one that
-# is not listed fails the test.
+# The lines that the program prints. If the text of an expression is elsewhere, it is given here by hand, once. An
+# expression that is not listed fails the test.
 
 OTHER_MEANS = re.compile(r"\b(f?puts|putchar|perror|fwrite|[dv]f?printf)\(|\b(cout|cerr|clog)\b")
 USAGE = {"usage"}  # compared with the options, not with the console lines
 INFO = f"{BLANK}:{BLANK} {BLANK} {BLANK} {BLANK} [{BLANK}]"
 EXPRESSIONS = {
     "info(true).c_str()": INFO,
-    "line.c_str()": f"[{BLANK}] {INFO}",  # of a request, put together above it
-    "error.c_str()": None,  # the assignments to `error` are looked at below
+    "line.c_str()": f"[{BLANK}] {INFO}",  # the line of a request, which is put together above the call
+    "error.c_str()": None,  # the assignments to `error` are read below
     "text.c_str()": None,   # what was thrown is `error`
 }
 
-# Calls that print a part of a line, by their arguments. One such line is the address of an adapter.
+# Calls that print a part of a line, by their arguments. The address of an adapter is such a line.
 PARTS = {'"%s%s", between, host': BLANK, '"\\n"': None}
 
 
@@ -46,7 +46,7 @@ def closing_bracket(code, start):
 
 
 def joined_text(expression):
-    """Literals joined with + or side by side, with BLANK for what is no literal."""
+    """Literals joined with + or side by side, with BLANK in place of everything that is no literal."""
     text = ""
     for literal, other in re.findall(r'"((?:\\.|[^"\\])*)"|([^"]+)', expression):
         if other.strip(" +\n"):
@@ -56,7 +56,7 @@ def joined_text(expression):
 
 
 def printed_by_call(function, arguments):
-    """The text that one call prints, None if it is followed elsewhere."""
+    """The text that one call prints, or None if that text is found in another way."""
     if arguments in PARTS:
         return PARTS[arguments]
     if function == "fprintf":
@@ -90,7 +90,7 @@ def program_messages():
                 arguments = code[call.end():closing_bracket(code, call.end())]
                 messages.add(printed_by_call(call[1], arguments))
             if layer == "tls":
-                # What cannot be opened, or is missing, is gathered in `error`: a heading, then names.
+                # `error` gathers what cannot be opened or is missing: a heading, then names.
                 for value in re.findall(r"\berror \+?= ([^;]+);", code):
                     messages.add(joined_text(value).removeprefix(r"\n"))
     assert calls > 30
@@ -142,12 +142,12 @@ def test_sections_that_are_referred_to_are_there():
     ["groff", "-mandoc", "-Tutf8", "-ww", "-z"],
 ])
 def test_form_is_without_fault(command):
-    # man follows MANROFFOPT, and a terminal's width where there is one.
+    # man obeys MANROFFOPT, and the width of the terminal, if there is one.
     environment = {"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "MANWIDTH": "80"}
     result = subprocess.run([*command, str(MANUAL)], capture_output=True, text=True, env=environment)
     assert result.returncode <= 1 if command[0] == "mandoc" else result.returncode == 0
     output = result.stdout + result.stderr if command[0] == "mandoc" else result.stderr
-    # Which other manuals are installed, and indexed, is this machine's business.
+    # Which other manuals are installed and indexed depends on this machine.
     faults = [line for line in output.splitlines()
               if "mandoc.db" not in line and "referenced manual not found" not in line]
     assert faults == []

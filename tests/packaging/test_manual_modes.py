@@ -1,7 +1,7 @@
-"""Every console line of the manual is provoked, in each mode in which it may appear; and no line appears in a mode
-for which the manual does not have it.
+"""The tests provoke every console line of the manual in each mode in which it may appear. No line appears in a mode for
+which the manual does not list it.
 
-The lines are the program's own word, so that nothing here rests on how its sources are read.
+The lines come from the running program, so nothing here depends on reading its sources.
 """
 
 import errno
@@ -31,7 +31,7 @@ MODES = ["http", "https"]
 
 @pytest.fixture(scope="session")
 def faults(tmp_path_factory):
-    """The library that has calls into the system fail. It also has each line written at once."""
+    """The library that makes calls into the system fail. It also makes the program write each line at once."""
     path = tmp_path_factory.mktemp("stub") / "stub_faults.so"
     subprocess.run(["g++", "-std=c++17", "-O1", "-fPIC", "-shared", HERE / "stub_faults.cpp", "-o", path], check=True)
     return path
@@ -48,7 +48,7 @@ def certificate(authority):
 
 
 class Stage:
-    """Starts mivo in one of the two modes and gathers what it prints."""
+    """Starts mivo in one of the two modes and gathers the lines that it prints."""
 
     def __init__(self, folder, mode, certificate, root):
         self.folder = folder
@@ -66,7 +66,7 @@ class Stage:
         return self.runs[-1]
 
     def connect(self, mivo):
-        """A client of the port that serves, and its TCP connection."""
+        """A client of the port that serves, and the client's TCP connection."""
         if self.mode == "http":
             wire = Wire.connect(mivo.port)
             return wire, wire.sock
@@ -92,7 +92,7 @@ def stage(request, tmp_path, authority, certificate):
 
 
 def is_seen_to_be_urgent(raw, mivo):
-    """Sends a byte of urgent data; whether the connection has been ended for it, or for an earlier one."""
+    """Sends a byte of urgent data. Returns whether mivo has ended the connection for this byte or an earlier one."""
     try:
         raw.send(b"!", socket.MSG_OOB)
     except ConnectionError:
@@ -101,7 +101,7 @@ def is_seen_to_be_urgent(raw, mivo):
 
 
 def send_until(wire, mivo, pattern, piece):
-    """Sends pieces until a line is there, or the connection has ended."""
+    """Sends pieces until mivo has printed a line, or the connection has ended."""
     try:
         while not mivo.lines(pattern):
             wire.send(piece)
@@ -112,7 +112,7 @@ def send_until(wire, mivo, pattern, piece):
 
 
 def provoke_while_it_serves(stage, clock, libraries):
-    """One run with everything that clients and the clock can bring about."""
+    """One run with every line that clients and the clock can cause."""
     environment = ["LD_PRELOAD=" + ":".join(map(str, libraries)), f"MIVO_CLOCK={clock.path}"]
     mivo = stage.start(environment, hosts={"echo": -1, "wrong": -5})
     mivo.wait_until_it_runs()
@@ -165,7 +165,7 @@ def run_until(mivo, pattern):
 
 
 def provoke_at_the_start(stage, faults):
-    """The calls that open a port fail, each in a run of its own."""
+    """The calls that open a port fail, each in a separate run."""
     for call, line in [("socket", r"socket\(\) failed"), ("bind", r"bind\(\) failed: .*"),
                        ("listen", r"listen\(\) failed"), ("getaddrinfo", r"getaddrinfo\(\) failed: .*")]:
         run_until(stage.start(with_fault(faults, call, 1, errno.EADDRINUSE)), line)
@@ -181,7 +181,7 @@ def stop(mivo):
 
 
 def provoke_by_the_system(stage, faults):
-    """Calls fail while it serves."""
+    """Calls into the system fail while mivo serves."""
     mivo = stage.start(with_fault(faults, "select", 1, errno.EBADF))
     mivo.wait_for_line(r"select\(\) failed! \d+")
     mivo.wait_for_line("0 connections")
@@ -192,7 +192,7 @@ def provoke_by_the_system(stage, faults):
     try:
         Wire.connect(mivo.port).close()
     except OSError:
-        pass  # the reset may come while the client is made
+        pass  # the reset may come while the client still connects
     mivo.wait_for_line(r"accept\(\) failed")
     stop(mivo)
 
@@ -208,7 +208,7 @@ def provoke_by_the_system(stage, faults):
 
 
 def provoke_without_the_library(stage, faults, folder):
-    """The linker's cache is not there, then the library, and at last the library has nothing in it."""
+    """The linker's cache is missing, then the library is missing, and at last the library is empty."""
     for call in ("fopen", "dlopen"):
         mivo = stage.start(with_fault(faults, call, 1, errno.ENOENT, times=9))
         end_or_stop(stage, mivo)
@@ -223,7 +223,7 @@ def provoke_without_the_library(stage, faults, folder):
 
 
 def end_or_stop(stage, mivo):
-    """Without the library, HTTP is served all the same; HTTPS is not, unless the library was found in the end."""
+    """Without the library, mivo still serves HTTP. It serves HTTPS only if it found the library in the end."""
     until(lambda: not mivo.is_running() or mivo.lines("0 connections"), "the first turn or the end")
     if mivo.is_running():
         stop(mivo)
@@ -238,7 +238,7 @@ def test_lines_of_each_mode__are_those_that_the_manual_has_for_it(
 
     patterns = {item: BARE.get(item) or re.escape(message).replace(BLANK, ".*")
                 for item, (message, _) in items_of_messages().items()}
-    # A line may fit more than one; the one that leaves least open is meant.
+    # A line may match several items. The item with the fewest varying parts is meant.
     items = sorted(patterns, key=lambda item: patterns[item].count(".*") - len(patterns[item]))
     seen = set()
     for line in stage.lines():

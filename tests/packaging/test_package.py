@@ -1,9 +1,9 @@
-"""The Debian packages: what is in them, that the same bytes come out everywhere, and that mivo works on a Debian 12
-that has nothing else. test_library.py and test_bare_library.py are about the content of libmivo-dev.
+"""The Debian packages: their content, the same bytes everywhere, and a mivo that works on a Debian 12 that has nothing
+else. test_library.py and test_bare_library.py are about the content of libmivo-dev.
 
-The last two build everything once more, and a system with debootstrap, which takes a minute. They run when the
+The last two parts build everything once more, and a system with debootstrap, which takes a minute. They run if the
 sources of the program, the packaging or the machine's own packages have changed since they passed in this build
-folder; in a clean clone, always.
+folder. In a clean clone they always run.
 """
 
 import hashlib
@@ -66,27 +66,27 @@ def package(date):
 
 
 def development_package(package):
-    """The path of libmivo-dev, which is made together with this package."""
+    """The path of libmivo-dev, which is built together with this package."""
     return package.with_name(f"libmivo-dev_{package.name.removeprefix('mivo_')}")
 
 
-# Whatever decides how a package is made, except for the sources.
+# The files that decide how a package is made, except for the sources.
 MAKING = ["CMakeLists.txt", "CMakePresets.json", "CHANGELOG.md", "cmake", "packaging", "script/package",
           "script/packages.sh", "tests/packaging"]
 KEPT = pathlib.Path(os.environ.get("MIVO_BUILD", REPOSITORY / "build/asan"), "debian")
 
 
 def repository_files(*paths):
-    """The files of the repository, as far as they exist, with those that will belong to it."""
+    """The existing files of the repository, with new files that git does not ignore."""
     listed = output_of("git", "-C", REPOSITORY, "ls-files", "-z", "--cached", "--others", "--exclude-standard", *paths)
     return [name for name in sorted(set(listed.split("\0"))) if (REPOSITORY / name).is_file()]
 
 
 @pytest.fixture(scope="module")
 def unless_unchanged(request):
-    """For what takes long: a set to which each part adds itself when it has run. Once all have, without a
-    failure, they are left out until something changes. The other tests are all that plays no part in it; the
-    package itself will not do, because its dates change with every commit."""
+    """A set for the parts that take long: each part adds its name when it has run. When all parts have run without a
+    failure, the next runs skip them until a file changes. Only the files of the other tests do not count. Comparing
+    the package itself would not work, because its dates change with every commit."""
     files = repository_files(":!tests") + repository_files("tests/packaging", "tests/harness/passed.py",
                                                            "tests/system/mivo_process.py", "tests/system/wire.py")
     machine = output_of("dpkg-query", "-W", "-f", "${Package} ${Version} ${db:Status-Status}\n")
@@ -100,7 +100,7 @@ def unless_unchanged(request):
 
 
 def entries(package):
-    """(mode, owner, name) of everything in the package, in its order."""
+    """(mode, owner, name) of everything in the package, in the order of the package."""
     lines = output_of("dpkg-deb", "--contents", package).splitlines()
     return [(line.split()[0], line.split()[1], line.split()[5].removeprefix(".")) for line in lines]
 
@@ -153,7 +153,7 @@ def test_program_in_the_package__is_stripped(package, tmp_path):
 
 
 def test_package_built_elsewhere__has_the_same_bytes(package, date, tmp_path, unless_unchanged):
-    # As an unpacked source archive: no repository around it, and the commit's time on every file.
+    # Like an unpacked source archive: there is no repository around it, and every file has the commit's time.
     folder = tmp_path / "another/and/longer/path"
     for name in repository_files():
         (folder / name).parent.mkdir(parents=True, exist_ok=True)
@@ -166,7 +166,7 @@ def test_package_built_elsewhere__has_the_same_bytes(package, date, tmp_path, un
 
 
 def test_everything_in_the_package__is_in_order_and_belongs_to_root(package):
-    # Two builds on one disk list a folder in the same order; another disk has another.
+    # Two builds on one disk list a folder in the same order. Another disk may have another order.
     for made in (package, development_package(package)):
         names = [name.rstrip("/") for _, _, name in entries(made)]
         assert names == sorted(names)
@@ -177,7 +177,7 @@ def test_everything_in_the_package__is_in_order_and_belongs_to_root(package):
 
 
 def debian_mirror():
-    """The mirror that this machine takes Debian from, or None."""
+    """The mirror from which this machine gets Debian, or None."""
     uris = output_of("apt-get", "indextargets", "--format", "$(REPO_URI)", f"Release: {CODENAME}",
                      "Component: main", "Created-By: Packages")
     for uri in dict.fromkeys(uris.split()):
@@ -187,16 +187,16 @@ def debian_mirror():
 
 
 def release_at(uri):
-    """What a mirror says of the release, with the digests of all lists of packages; nothing when it is no mirror."""
+    """A mirror's description of the release, with the digests of all package lists; empty if it is no mirror."""
     got = subprocess.run(["curl", "-sfL", "-m", "20", f"{uri}dists/{CODENAME}/InRelease"],
                          capture_output=True, text=True, errors="replace")
     return got.stdout if got.returncode == 0 else ""
 
 
 class BareDebian:
-    """A root folder made by debootstrap. Ended by remove().
+    """A root folder made by debootstrap. remove() deletes it.
 
-    The build folder keeps an archive of it for as long as the mirror's release is the same."""
+    The build folder keeps an archive of it as long as the mirror's release is the same."""
 
     def __init__(self, mirror):
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="mivo_root_"))
@@ -227,7 +227,7 @@ class BareDebian:
         return output_of(*self.command(*words))
 
     def start(self, arguments):
-        """The installed program, as the user of its service. Returns the path of its console."""
+        """Starts the installed program as the user of its service. Returns the path of its console."""
         console = self.root / f"tmp/console_{len(self.processes)}"
         with open(console, "wb") as output:
             process = subprocess.Popen(
@@ -239,7 +239,7 @@ class BareDebian:
         return console
 
     def stop(self):
-        """Ends what start() has started last, and returns its exit status."""
+        """Ends the program that start() started last, and returns its exit status."""
         self.processes[-1].send_signal(signal.SIGINT)
         return self.processes[-1].wait(15)
 
@@ -248,7 +248,7 @@ class BareDebian:
             if process.poll() is None:
                 process.kill()
                 process.wait()
-        # debootstrap mounts /proc and /sys there while it runs. Nothing is deleted through a mount.
+        # debootstrap mounts /proc and /sys there while it runs. Deleting must not go through a mount.
         for _ in range(2):
             mounts = [line.split()[1] for line in pathlib.Path("/proc/mounts").read_text().splitlines()]
             for mount in reversed([mount for mount in mounts if mount.startswith(f"{self.root}/")]):
@@ -258,7 +258,7 @@ class BareDebian:
 
 @pytest.fixture(scope="module")
 def debian(package, unless_unchanged):
-    """A bare Debian 12 on which the package is installed, as its user would do it."""
+    """A bare Debian 12 on which the package is installed, as a user would install it."""
     if os.geteuid() != 0:
         pytest.skip("only root can make a system of its own")
     mirror = debian_mirror()

@@ -1,7 +1,7 @@
-"""script/release: what it makes, that the same commit gives the same bytes, and what it refuses.
+"""script/release: the files that it makes, the same bytes for the same commit, and the cases that it refuses.
 
-It runs in repositories of its own, whose script/test only says that it ran: the whole test run, of which this is a
-part, takes too long for that, and so the figures are taken for fresh as well.
+It runs in separate repositories. Their script/test only says that it ran, because the whole test run, which includes
+this file, takes too long. For the same reason, their figures count as fresh.
 """
 
 import hashlib
@@ -18,15 +18,15 @@ from outside import Once, output_of
 from test_package import MAKING, repository_files
 
 VERSION = re.search(r"project\(mivo VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
-COMMIT_TIME = 1_700_000_000  # in 2023: ninja does not like files from the future
-# Whoever runs the tests may sign commits, or have hooks.
+COMMIT_TIME = 1_700_000_000  # in 2023, because ninja does not work well with files from the future
+# The user who runs the tests may sign commits, or have hooks.
 GIT = ["git", "-c", "user.name=Tester", "-c", "user.email=tester@mivo.example", "-c", "commit.gpgsign=false",
        "-c", "core.hooksPath=/dev/null"]
 STAND_IN = "#!/bin/sh\necho {0} ran\nexit {1}\n"
 
 
 class Repository:
-    """A copy of this one, as it is now, with one commit."""
+    """A copy of this repository, as it is now, with one commit."""
 
     def __init__(self, folder):
         self.folder = folder
@@ -96,7 +96,8 @@ def check_files(dist):
 
 
 def check_archive(dist, repository):
-    """All files of the commit are in it, with its time. test_package.py builds from such a folder."""
+    """Checks that all files of the commit are in the archive, with the commit's time. test_package.py builds from such
+    a folder."""
     with tarfile.open(dist / f"mivo-{VERSION}.tar.gz") as archive:
         members = archive.getmembers()
     files = {member.name.removeprefix(f"mivo-{VERSION}/") for member in members if member.isfile()}
@@ -104,11 +105,11 @@ def check_archive(dist, repository):
     assert {member.mtime for member in members} == {COMMIT_TIME}
 
 
-# What it refuses. None of it gets as far as a build.
+# The cases that it refuses. It refuses all of them before it builds.
 
 
 def refused(repository, version=VERSION):
-    """The reason, when there is no release."""
+    """Checks that there is no release; returns the reason."""
     done = repository.release(version)
     assert done.returncode == 1
     assert not (repository.folder / "build").exists()
@@ -157,7 +158,7 @@ def test_figures_that_nobody_can_check__are_no_release(repository):
 
 
 def test_change_that_is_in_no_commit__is_in_no_release(repository):
-    """What git ignores does not make the tree dirty, and must not get into what is built."""
+    """A file that git ignores does not make the tree dirty. It must not get into the build either."""
     repository.replace("script/test", "#!/bin/sh\n! test -e base/ignored.cpp\n")
     repository.replace(".gitignore", (repository.folder / ".gitignore").read_text() + "ignored.cpp\n")
     repository.replace("script/package", STAND_IN.format("script/package", 7))

@@ -1,5 +1,5 @@
-"""The systemd units, as far as they can be judged without a running systemd; and the command in them, run the
-way systemd would."""
+"""The systemd units, as far as a test can check them without a running systemd; and their command, run as systemd
+would run it."""
 
 import configparser
 import os
@@ -18,7 +18,7 @@ from wire import Wire, request, until
 
 UNITS = ["mivo.service", "mivo@.service"]
 NOBODY = 65534
-LEAST_PORT = 1024  # below it, a port is a privilege
+LEAST_PORT = 1024  # ports below it need a privilege
 
 
 @pytest.fixture
@@ -35,7 +35,7 @@ def settings(unit, section="Service"):
 
 @pytest.mark.parametrize("name", UNITS)
 def test_unit__is_without_fault(unit, tmp_path):
-    # The program and its manual are looked for on this machine, where they need not be installed.
+    # systemd looks for the program and its manual on this machine, where they need not be installed.
     copy = tmp_path / unit.name
     copy.write_text(unit.read_text().replace("/usr/bin/mivo ", f"{PROGRAM} "))
     result = subprocess.run(["systemd-analyze", "verify", "--man=no", copy], capture_output=True, text=True)
@@ -71,8 +71,8 @@ def test_files_that_the_unit_names__are_installed(unit, installed):
 
 @pytest.mark.parametrize("name", UNITS)
 def test_program_that_ends_at_once_again_and_again__makes_the_unit_fail(unit):
-    """Its exit status is 0 even then, so only Restart=always starts it again; and the starts have to reach the
-    limit within the interval, or systemd would go on for ever and report nothing."""
+    """The exit status is 0 even then, so only Restart=always starts the program again. The starts have to reach the
+    limit within the interval; otherwise systemd would go on for ever and report nothing."""
     service, limit = settings(unit), settings(unit, "Unit")
     assert service["Restart"] == "always"
     seconds_between, starts = int(service["RestartSec"]), int(limit["StartLimitBurst"])
@@ -89,14 +89,14 @@ def test_memory_limits__leave_room_for_all_connections_and_end_one_before_the_ke
 
 @pytest.mark.parametrize("name", UNITS)
 def test_journal__is_told_of_a_rate_that_nothing_reaches(unit):
-    """systemd does not pass an interval of 0 on, and the journal's own limit would hold."""
+    """systemd does not pass an interval of 0 on, so the journal's own limit would apply."""
     service = settings(unit)
     seconds, lines = int(service["LogRateLimitIntervalSec"]), int(service["LogRateLimitBurst"])
     assert seconds > 0 and lines / seconds >= 1_000_000
 
 
 def free_low_port():
-    """A port that only the privileged may open, and that nobody has."""
+    """A free port that only privileged users may open."""
     for port in range(LEAST_PORT - 1, 512, -1):
         with socket.socket() as sock:
             try:

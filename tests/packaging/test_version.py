@@ -1,5 +1,5 @@
-"""One version: CMake, the manual, the changelog and what is made of it state the same. That the packages do is
-in test_package.py."""
+"""One version: CMake, the manual, the changelog and the files made from the changelog state the same version.
+test_package.py checks the version of the packages."""
 
 import pathlib
 import re

@@ -91,7 +91,7 @@ void client::go_on() {
   watch(sent < now->request.size() && !waits_for_input ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 
-// Sends and reads as much as there is to and as it may. Returns whether the exchange is still under way.
+// Sends and reads as many bytes as there are, up to the limits. Returns whether the exchange goes on.
 bool client::move(size_t send_limit, size_t read_limit) {
   if (sent < now->request.size()) {
     const size_t sent_before = sent;

@@ -1,11 +1,12 @@
-/* exchange: one request of the soak and its reply, down to the last byte.
+/* exchange: one request of the soak and its response, down to the last byte.
  *
- * Everything about it follows from the seed of the run, a kind and a key, and these two stand in the target
- * of the request. So the upstream knows what the client must have sent, the client knows what the upstream
- * must answer, and neither parses anything: each compares what comes with what it should be.
+ * The seed of the run, a kind and a key decide every byte of an exchange. The kind and the key are in the
+ * target of the request. So the upstream knows the bytes that the client must have sent, and the client knows
+ * the bytes that the upstream must answer. Neither parses anything: each compares the bytes that come with
+ * the right bytes.
  *
- * A body is a piece of one long random pattern, from a place that the key tells. The pattern repeats after
- * a prime number of bytes, so a piece that is lost, doubled or out of order changes what follows. */
+ * A body is a piece of one long random pattern; the key tells where it begins. The pattern repeats after a
+ * prime number of bytes, so a piece that is lost, doubled or out of order changes the bytes that follow. */
 #pragma once
 
 #include <algorithm>
@@ -15,7 +16,7 @@
 #include <string>
 #include <vector>
 
-/* The random numbers: the same in every run with the same seed. */
+/* The random numbers; they are the same in every run with the same seed. */
 inline uint64_t mix(uint64_t x) {  // the finaliser of splitmix64
   x += 0x9e3779b97f4a7c15;
   x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9;
@@ -29,7 +30,7 @@ struct random_numbers {
   uint64_t below(uint64_t limit) { return (state = mix(state)) % limit; }
 };
 
-/* What the bodies are made of. */
+/* The bodies are pieces of this pattern. */
 struct pattern {
   static constexpr size_t period = 1000003;  // prime
   std::vector<char> bytes;
@@ -40,7 +41,7 @@ struct pattern {
   }
 };
 
-/* Bytes on a connection: a head, and a body out of the pattern. */
+/* Bytes on a connection: a head, and a body from the pattern. */
 struct message {
   std::string head;
   uint64_t start = 0;  // where in the pattern the body begins
@@ -48,7 +49,8 @@ struct message {
 
   size_t size() const { return head.size() + body; }
 
-  /* The bytes from `at` on that lie together: stores where they are and returns how many. */
+  /* Finds the bytes from `at` on that are in one place in memory. Stores their address and returns their
+   * number. */
   size_t piece(const pattern& source, size_t at, const char*& data) const {
     if (at < head.size()) {
       data = head.data() + at;
@@ -59,7 +61,8 @@ struct message {
     return std::min(size() - at, pattern::period - place);
   }
 
-  /* How many of these bytes are the ones that stand at `at`, before the first that is not. */
+  /* Compares `data` with the bytes from `at` on. Returns the number of equal bytes before the first
+   * difference. */
   size_t count_equal(const pattern& source, size_t at, const char* data, size_t len) const {
     size_t done = 0;
     while (done < len && at + done < size()) {
@@ -79,8 +82,8 @@ enum exchange_kind : char {
   large = 'l',     // relayed, with bodies of some MiB
   uploaded = 'u',  // relayed, with a request of many MiB
   echoed = 'e',    // answered by mivo itself
-  left = 'c',      // the client closes early, in the request or in the reply
-  dropped = 'd',   // the upstream closes in the middle of its reply
+  left = 'c',      // the client closes early, in the request or in the response
+  dropped = 'd',   // the upstream closes in the middle of its response
 };
 
 struct exchange {
@@ -141,6 +144,6 @@ struct exchange {
       return;
     }
     reply.head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(reply.body) + "\r\n\r\n";
-    if (kind == dropped) reply.body /= 2;  // what the upstream sends of it
+    if (kind == dropped) reply.body /= 2;  // the part that the upstream sends
   }
 };

@@ -4,10 +4,10 @@
  *     soak_load SEED SECONDS REQUESTS WRONG [tls]
  *
  * Prints the port of the upstream, and reads the port of mivo from standard input. Then it works until the
- * time is over or so many requests are done, and prints the counters every second, each line a JSON
- * object. Faults are told on standard error. If WRONG is not 0, the upstream answers about its WRONGth
- * request with a wrong body, to see that it is found. With `tls`, the clients speak TLS, and some of them
- * upload. Returns 0 unless it could not begin; the counters tell the rest. */
+ * time is over or REQUESTS requests are done. Every second it prints the counters as a line with a JSON
+ * object. It describes faults on standard error. If WRONG is not 0, the upstream answers about its WRONGth
+ * request with a wrong body, to check that the soak finds it. With `tls`, the clients speak TLS, and some of
+ * them upload. Returns 0 unless it could not begin; the counters tell the rest. */
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -141,7 +141,7 @@ uint64_t now_ms() {
 }
 
 void make_clients(soak& run, std::list<client>& clients) {
-  // Over TLS, a crowd would leave the uploads too little of the line to be fast.
+  // Over TLS, many clients would leave too little of the line for fast uploads.
   const struct {
     habit ways;
     int count, over_tls;

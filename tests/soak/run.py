@@ -1,11 +1,11 @@
 """The soak: mivo under mixed load for a long time, with every byte compared and the process watched.
 
-soak_load makes the load and compares; see load.cpp. This starts both, notes once a second what the process of
-mivo takes, and judges: a wrong byte, an error, a line on the console that does not belong there, or memory or
-descriptors that grow, and it ends with 1. Writes soak.json and, with --plot, soak.svg.
+soak_load makes the load and compares the bytes; see load.cpp. This script starts mivo and soak_load, and logs once a
+second what mivo's process takes. It ends with 1 if there is a wrong byte, an error, an unexpected line on the console,
+or memory or descriptors that grow. It writes soak.json and, with --plot, soak.svg.
 
 With --tls the clients speak TLS, and some of them upload. With --rate everything is on a line of that rate: the
-loopback of a network of its own, for which root is needed.
+loopback of a separate network, which needs root.
 """
 
 import argparse
@@ -26,20 +26,20 @@ from mivo_process import ReservedPort  # noqa: E402
 from wire import Wire, until  # noqa: E402
 
 MIB = 1 << 20
-WARM_UP_SHARE = 0.2  # of the run, which is left out when growth is measured
-GROWTH_LIMIT = 16 * MIB  # of the resident memory, between the first and the last quarter of the rest; the large
-# bodies alone make it go up and down by that much
+WARM_UP_SHARE = 0.2  # the share of the run, at its start, that does not count for growth
+GROWTH_LIMIT = 16 * MIB  # of the resident memory, between the first and the last quarter of the rest of the run; the
+# large bodies alone make it go up and down by that much
 GROWTH_TAKES = 120  # seconds; in a shorter run the buffers of the connections still fill up
-REST_LIMIT = 64 * MIB  # resident when all connections are gone, above what was there before the first: buffers
-# that are kept for the next ones, and free memory between what the C library still has in use
-DESCRIPTOR_LIMIT = 400  # at any moment; soak_load has fewer than 100 clients, each takes two or briefly more
+REST_LIMIT = 64 * MIB  # resident memory when all connections are gone, above that before the first connection: mivo
+# keeps buffers for the next connections, and there is free memory between memory that the C library still uses
+DESCRIPTOR_LIMIT = 400  # at any moment; soak_load has fewer than 100 clients, and each takes two or briefly more
 EXPECTED_LINES = re.compile(r"Binding to port \d+ on all adapters:|\d+\.\d+\.\d+\.\d+|\d+ connections"
                             r"|Shutting down\.\.\.|Using https only \(no http\)")
 TIMED_OUT = re.compile(r"\d+ has timed out\.")
 
 
 class Watched:
-    """A running mivo whose console, but for the lines of the requests, goes to a file."""
+    """A running mivo. Its console goes to a file, except for the lines of requests."""
 
     def __init__(self, options, upstream_port):
         self.reserved = ReservedPort()
@@ -53,7 +53,7 @@ class Watched:
             [options.program, *serve, "-map", "soak", str(upstream_port), "-map", "echo", "-1"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         with open(self.console, "wb") as console:
-            # Line by line through Python would take the processor time that the load needs.
+            # Reading every line in Python would take processor time that the load needs.
             self.filter = subprocess.Popen(["grep", "-av", r"^\["], stdin=self.process.stdout, stdout=console)
         self.process.stdout.close()
         until(self._listens, "mivo listens")
@@ -77,7 +77,7 @@ class Watched:
                 "resident": int(re.search(r"VmRSS:\s+(\d+) kB", status)[1]) * 1024}
 
     def end(self):
-        """Ends it as a user does; returns its exit status and the lines that should not be there."""
+        """Ends mivo as a user does; returns its exit status and the unexpected lines."""
         if self.process.poll() is None:
             self.process.send_signal(2)
         try:
@@ -143,13 +143,13 @@ def summary(samples):
 
 
 def findings(result):
-    """What is wrong with a run, in words; nothing when it is good."""
+    """The faults of a run, in words; empty if the run is good."""
     before, after = result["before"], result["after"]
     checks = [
         (result["wrong"] == 0, f"{result['wrong']} exchanges with a wrong byte"),
         (result["errors"] == 0, f"{result['errors']} unexplained errors"),
         (not result["unexpected_lines"], f"mivo said {result['unexpected_lines']}"),
-        # Over TLS, a client that leaves in its handshake is one; so is the one that found mivo listening.
+        # Over TLS, a client that leaves during its handshake times out. So does the connection of _listens().
         (result["timed_out"] <= result["left"] + 1,
          f"{result['timed_out']} have timed out, and {result['left']} have left"),
         (result["exit_status"] == 0, f"mivo ended with {result['exit_status']}"),
@@ -167,7 +167,7 @@ def findings(result):
 
 
 def plot(result, path):
-    import matplotlib  # only here: a run without a plot does without it
+    import matplotlib  # imported here, so that a run without a plot does not need it
     matplotlib.use("svg")
     from matplotlib import pyplot
     samples = [sample for sample in result["samples"] if not sample["last"]]

@@ -6,7 +6,7 @@ namespace {
 
 // From the manual pages of OpenSSL 3.
 constexpr int error_want_read = 2, error_want_write = 3, error_zero_return = 6;
-constexpr uint64_t ignore_unexpected_eof = 1 << 7;    // SSL_CTX_set_options: mivo says no goodbye
+constexpr uint64_t ignore_unexpected_eof = 1 << 7;    // SSL_CTX_set_options: mivo sends no close notification
 constexpr long partial_writes_from_anywhere = 1 | 2;  // SSL_CTX_ctrl, mode
 constexpr int set_mode = 33;
 

@@ -38,12 +38,12 @@ void upstream_link::on_ready() {
   }
 }
 
-// Between two requests anybody may go; within one, only who said so.
+// Between two requests any client may leave. Within a request, only a client that announced it may.
 bool upstream_link::ends_with_reason() const {
   return now ? now->kind == left : beginning.empty();
 }
 
-// Compares what has come. Returns whether the connection stays open.
+// Compares the bytes that have come. Returns whether the connection stays open.
 bool upstream_link::take(const char* data, size_t len) {
   if (!now) {
     beginning.append(data, len);
@@ -66,7 +66,7 @@ bool upstream_link::take(const char* data, size_t len) {
   return answer();
 }
 
-// Reads the target, once it is there as a whole.
+// Reads the target as soon as all of it has come.
 bool upstream_link::recognise() {
   const size_t slash = beginning.find('/');
   if (slash == std::string::npos || beginning.size() < slash + exchange::target_len) return false;
@@ -85,7 +85,7 @@ void upstream_link::prepare_reply() {
   now->reply.start++;
 }
 
-// Sends what the socket takes. Returns whether the connection stays open.
+// Sends the bytes that the socket takes. Returns whether the connection stays open.
 bool upstream_link::answer() {
   if (!send_some(now->reply, sent, SIZE_MAX)) {
     if (now->kind != left) run.report(run.errors, "the upstream cannot send", &*now, sent);

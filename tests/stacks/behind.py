@@ -1,6 +1,6 @@
-"""A server behind mivo: started by the command of the page, reached directly, over HTTP and over HTTPS.
+"""A server behind mivo. The command of the page starts it, and tests reach it directly, over HTTP and over HTTPS.
 
-The page's ports stand for free ones: 3000 is the server's, 8080 and 8443 are mivo's.
+Free ports replace the ports of the page: 3000 is the server's, 8080 and 8443 are mivo's.
 """
 
 import contextlib
@@ -28,7 +28,7 @@ APPS = pathlib.Path(__file__).resolve().parent / "apps"
 LARGE_PACKAGES = pathlib.Path(__file__).resolve().parent / "node"
 LARGE_PACKAGES_TARGET = REPOSITORY / "build/node_stacks"
 START_TIME = 120  # seconds; some servers compile what they serve
-# Debian's Python has Debian's packages; Apache and its like are in the second folder.
+# Debian's Python has Debian's packages. Apache and similar servers are in the second folder.
 ENVIRONMENT = {"PATH": "/usr/bin:/usr/sbin:" + os.environ["PATH"], "LC_ALL": "C.UTF-8", "PYTHONDONTWRITEBYTECODE": "1"}
 
 
@@ -41,7 +41,7 @@ def large_packages():
 
 
 def debian_version():
-    """That of another system counts as the page's; its servers may do."""
+    """The version of Debian. Another system counts as the version of the page, because its servers may work, too."""
     text = pathlib.Path("/etc/os-release").read_text()
     told = re.search(r'^VERSION_ID="(\d+)', text, re.MULTILINE)
     return int(told[1]) if told and re.search(r"^ID=debian$", text, re.MULTILINE) else 12
@@ -58,7 +58,7 @@ PACKAGES = {**dict.fromkeys(["Express", "Fastify", "Socket.IO", "Vite"], package
 
 
 class Ports:
-    """Free ports, which stay free, by those of the page."""
+    """Free ports that stay free, by the ports of the page."""
 
     def __init__(self):
         self.reserved = {"3000": ReservedPort("127.0.0.1"), "8080": ReservedPort(), "8443": ReservedPort()}
@@ -75,7 +75,7 @@ class Ports:
 
 
 class Access:
-    """A way to a server. `root` is the certificate to trust, if it is one over HTTPS."""
+    """A way to a server. For a way over HTTPS, `root` is the certificate to trust."""
 
     def __init__(self, port, name, root=None):
         self.port, self.name, self.root = port, name, root
@@ -99,7 +99,7 @@ class Access:
             connection.close()
 
     def read(self, method, path, *arguments, **options):
-        """The status, the header fields but the moment, and the body."""
+        """The status, the header fields except Date, and the body."""
         with self.ask(method, path, *arguments, **options) as response:
             fields = {name.lower(): value for name, value in response.getheaders() if name.lower() != "date"}
             return response.status, fields, response.read()
@@ -109,7 +109,7 @@ class Behind:
     """A running server and the mivos in front of it."""
 
     def __init__(self, folder, command, hosts, ports, certificate):
-        """Runs `command` in `folder`; `hosts` are the arguments of mivo that come after its port. Takes `ports`."""
+        """Runs `command` in `folder`. `hosts` are mivo's arguments after its port. Takes `ports`."""
         self.folder, self.command, self.hosts = folder, command, hosts
         self.ports, self.certificate = ports, certificate
         self.mivos = []
@@ -140,7 +140,7 @@ class Behind:
         return (self.folder / "server_output").read_text(errors="replace")
 
     def direct(self, like):
-        """The server itself, asked for the same name."""
+        """A way to the server itself, with the same name as in `like`."""
         return Access(self.ports["3000"], like.name)
 
     def http(self):
@@ -159,7 +159,7 @@ class Behind:
         self.mivos[-1].wait_until_it_runs()
 
     def stop(self):
-        """Ends the server with whatever it has started: its whole group, which the test made."""
+        """Ends the server and every process that it has started: the whole process group, which the test made."""
         try:
             os.killpg(self.process.pid, signal.SIGKILL)
         except ProcessLookupError:
@@ -179,7 +179,7 @@ class Behind:
 
 @pytest.fixture(scope="session")
 def certificate(tmp_path_factory):
-    """One for the names of the page, and for 127.0.0.1: the paths of the key and of itself."""
+    """The paths of a key and a certificate, for the names of the page and for 127.0.0.1."""
     folder = tmp_path_factory.mktemp("certificate")
     names = {stack.map.split()[1].split(":")[0] for stack in STACKS.values()}
     listed = ",".join(["IP:127.0.0.1", "IP:127.0.0.14", *(f"DNS:{name}" for name in sorted(names))])
@@ -199,7 +199,7 @@ def browser(folder_for_all, put_behind):
 
 @pytest.fixture
 def folder_for_all():
-    """A folder that the servers can read which do not stay root."""
+    """A folder that servers can read even when they give up root's rights."""
     with tempfile.TemporaryDirectory(prefix="mivo_stack_") as path:
         os.chmod(path, 0o755)
         yield pathlib.Path(path)
@@ -207,8 +207,8 @@ def folder_for_all():
 
 @pytest.fixture
 def put_behind(folder_for_all, certificate):
-    """put_behind(name, application): the stack of this name, running; see `lay_out`. `command` changes the one of
-    the page, `hosts` replaces its arguments of mivo."""
+    """put_behind(name, application): starts the stack of this name behind mivo; see `lay_out`. `command` changes the
+    page's command, and `hosts` replaces the page's arguments of mivo."""
     running = []
 
     def start(name, application, command=lambda text: text, hosts=None, **options):
@@ -229,9 +229,8 @@ def put_behind(folder_for_all, certificate):
 
 
 def lay_out(folder, stack, ports, https=False, change=lambda text: text, prepare=None):
-    """Makes `folder` a copy of the application of this name, with the page's files. With `https` those that help
-    over HTTPS are put there as well; `change` is done to the text of each; `prepare` is a command that is run there
-    at the end."""
+    """Makes `folder` a copy of the application of its name, with the page's files. `https` adds the files that help
+    over HTTPS. `change` changes the text of each file. `prepare` is a command that runs in the folder at the end."""
     shutil.copytree(APPS / folder.name, folder)
     if folder.name != "site":
         shutil.copytree(APPS / "site", folder.parent / "site")

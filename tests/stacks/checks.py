@@ -1,4 +1,4 @@
-"""What the page means by each word of its lines "Works": a check of a server behind mivo, by an Access."""
+"""The meaning of each word in the page's lines "Works": a check of a server behind mivo, through an Access."""
 
 import hashlib
 import http.client
@@ -12,7 +12,7 @@ MIB = 1 << 20
 
 
 def curl(access, *arguments):
-    """What curl prints. It knows every name that ends in .localhost."""
+    """The output of curl, which knows every name that ends in .localhost."""
     trust = ["--cacert", access.root] if access.root else []
     done = subprocess.run(["curl", "-q", "--silent", "--show-error", "--noproxy", "*", *trust, *arguments],
                           env=ENVIRONMENT, stdin=subprocess.DEVNULL, capture_output=True, timeout=PATIENCE, check=False)
@@ -29,7 +29,7 @@ def pages(server, access):
 
 
 def large_file(server):
-    """What is then served as /large.bin."""
+    """Writes and returns the bytes that the server then serves as /large.bin."""
     path = server.folder.parent / "site/large.bin"
     if not path.exists():
         path.write_bytes(random.Random(1).randbytes(5 * MIB))
@@ -37,7 +37,7 @@ def large_file(server):
 
 
 def downloads(server, access):
-    """A large file, and nothing when it has not changed."""
+    """The server sends a large file, and no body if the file has not changed."""
     data = large_file(server)
     assert curl(access, "--fail", access.url + "/large.bin") == data
     fields = access.read("HEAD", "/large.bin")[1]
@@ -46,7 +46,7 @@ def downloads(server, access):
 
 
 def ranges(server, access):
-    """A part of a large file, as a player asks for it that seeks."""
+    """The server sends a part of a large file, as a player asks for it when it seeks."""
     part, data = {"Range": "bytes=1000000-1999999"}, large_file(server)
     answer = access.read("GET", "/large.bin", headers=part)
     assert (answer[0], answer[2]) == (206, data[1000000:2000000])
@@ -68,7 +68,7 @@ def chunked_uploads(_, access):
 
 
 def events(_, access):
-    """The first event is there before the server has made the second one."""
+    """The first event arrives before the server has made the second event."""
     with access.ask("GET", "/events") as stream:
         assert stream.readline() == b"data: first\n"
         assert access.read("POST", "/next")[0] == 200
@@ -76,7 +76,7 @@ def events(_, access):
 
 
 def redirects(_, access):
-    """A redirect that the server makes leads to the same name and port by the same scheme."""
+    """A redirect that the server makes leads to the same scheme, name and port."""
     assert redirect_target(access) == access.url + "/folder/"
     assert curl(access, "--fail", "--location", access.url + "/folder") == b"This is the folder.\n"
 

@@ -10,7 +10,7 @@ def write_text(path, text):
 
 
 def open_page(browser, access, path):
-    """The page, with a mark that a reload would take away."""
+    """The page, with a mark that a reload would remove."""
     write_text(path, "first text")
     page = browser.open(access.url)
     page.wait_for_text("first text")
@@ -23,7 +23,7 @@ def expect_hot_update(browser, access, path):
     number = 0
 
     def update_is_shown():
-        """Writes again and again: the page may not yet listen when it shows its first text."""
+        """Writes the file again and again, because the page may not listen yet when it shows its first text."""
         nonlocal number
         number += 1
         write_text(path, f"text {number}")
@@ -41,7 +41,7 @@ def waits_for(page, text, deadline):
 
 
 def expect_none(browser, access, path, updates):
-    """`updates` counts those that the server has made; it makes one, and the page does not show it."""
+    """Checks that the server makes an update and the page does not show it. `updates` counts the server's updates."""
     page = open_page(browser, access, path)
     before = updates()
     write_text(path, "second text")

@@ -1,4 +1,4 @@
-"""Servers whose packages are too large for every run of the tests; script/stacks runs this file with the others."""
+"""Servers whose packages are too large for every run of the tests. script/stacks runs this file with the others."""
 
 import asyncio
 import contextlib
@@ -49,7 +49,7 @@ def test_webpack_that_does_not_allow_the_name__updates_no_page(put_behind, brows
 
 
 async def first_messages(port, origin):
-    """What webpack tells a page from `origin` until it closes the connection."""
+    """The messages that webpack sends to a page from `origin` until it closes the connection."""
     told = ""
     async with websockets.connect(f"ws://127.0.0.1:{port}/ws", origin=origin, open_timeout=START_TIME) as socket:
         with contextlib.suppress(websockets.ConnectionClosed):
@@ -68,7 +68,7 @@ def test_vite_without_the_lines_for_updates__has_them_over_http_alone(put_behind
     expect_none(browser, server.https(), server.folder / "text.js", lambda: server.output().count("hmr update"))
 
 
-# Next.js wants its packages in its own folder, so it gets one beside them, with links to them.
+# Next.js wants its packages in its own folder, so its folder is beside the packages and has links to them.
 
 
 @pytest.fixture
@@ -83,7 +83,7 @@ def next_folder():
 
 @pytest.fixture
 def start_next(next_folder, certificate):
-    """start_next(change): Next.js, by the command of the page, which `change` changes."""
+    """start_next(change): starts Next.js with the command of the page, which `change` changes."""
     running = []
 
     def start(change=lambda text: text):
@@ -98,7 +98,7 @@ def start_next(next_folder, certificate):
 
 
 def count_a_click(browser, url):
-    """The text of the button after a click, as soon as it has changed, or as it stays."""
+    """The text of the button after a click: as soon as it has changed, or unchanged after a while."""
     page = browser.open(url)
     until(lambda: "first text, 0 clicks" in page.text(), f"the page of {url}", START_TIME)
 
@@ -137,7 +137,7 @@ OUTPUT = """new Promise((done) => Jupyter.notebook.kernel.execute("print(6 * 7)"
 
 
 def open_notebook(browser, access):
-    """A page, once its scripts know the kernel."""
+    """The notebook's page, as soon as its scripts know the kernel."""
     page = browser.open(f"{access.url}/notebooks/test.ipynb?token=secret")
     until(lambda: page.evaluate("Boolean(window.Jupyter && Jupyter.notebook && Jupyter.notebook.kernel)"),
           "the notebook", START_TIME)

@@ -9,13 +9,13 @@ LINES = ("Server", "Map", "Works", "Does not")
 
 
 def blocks(text, kind=""):
-    """The files of this kind that a text shows, by their names."""
+    """The files of this kind that a text shows, by name."""
     return dict(re.findall(rf"^In `(\S+)`{kind}:\n\n```\w*\n(.*?)```", text, re.DOTALL | re.MULTILINE))
 
 
 class Stack:
-    """A section of the page: what its four lines say, and the files that it shows, by their names; `https_files`
-    are those that help over HTTPS."""
+    """A section of the page: its four lines, and the files that it shows, by name. `https_files` are the files that
+    help over HTTPS."""
 
     def __init__(self, section):
         self.name, _, self.text = section.partition("\n")
@@ -27,19 +27,19 @@ class Stack:
 
     @property
     def server(self):
-        """The command."""
+        """The command that starts the server."""
         return self._code("Server")
 
     @property
     def map(self):
-        """The arguments that come after mivo's port."""
+        """The arguments after mivo's port."""
         start, arguments = self._code("Map").split(" ", 2)[::2]
         assert start == "mivo"
         return arguments
 
     @property
     def works(self):
-        """What works, in the words that the page explains at its beginning."""
+        """The words for what works; the page explains them at its beginning."""
         listed = self.points["Works"].split(".")[0]
         return [word.strip() for word in " ".join(listed.split()).split(",")]
 
@@ -48,13 +48,13 @@ class Stack:
 
 
 def sections(heading):
-    """The sections with `### ` of the part that begins with `## ` and `heading`."""
+    """The sections `### ` in the part whose title is `## ` and `heading`."""
     part = re.search(rf"^## {re.escape(heading)}$(.*?)(?=^## |\Z)", TEXT, re.MULTILINE | re.DOTALL)[1]
     return re.split(r"^### ", part, flags=re.MULTILINE)[1:]
 
 
 def shown_file(name):
-    """A file that the page shows for all stacks."""
+    """A file that is for all stacks, from the page."""
     return blocks("".join(sections("What holds for all of them")))[name]
 
 

@@ -1,4 +1,4 @@
-"""What docs/stacks.md says of all servers behind mivo, each with the server and the client that it names."""
+"""The facts in docs/stacks.md about all servers behind mivo, each with the server and the client that it names."""
 
 import re
 import subprocess
@@ -15,7 +15,7 @@ PAGE = b"This is PHP.\n"
 
 
 def run(*command, **environment):
-    """The exit status of a client, and what it printed."""
+    """The exit status of a client, and its output."""
     done = subprocess.run(command, env={**ENVIRONMENT, **environment}, stdin=subprocess.DEVNULL,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=PATIENCE, check=False)
     return done.returncode, done.stdout
@@ -31,12 +31,12 @@ def test_plain_request_to_the_https_port__gets_no_answer(put_behind):
     assert answer == b""
 
 
-# Replies that end with the connection
+# Responses that end with the connection
 
 
 @pytest.fixture
 def php(put_behind):
-    """By an address, which every client knows."""
+    """PHP, reached by an address, because every client knows addresses."""
     return put_behind("PHP", "php", hosts="-map 127.0.0.14:8080 3000")
 
 
@@ -53,7 +53,7 @@ print client.get("/").body
 
 
 def clients(server, access):
-    """What each client makes of the page: its exit status and what it printed."""
+    """The result of each client for the page: its exit status and its output."""
     trust = str(server.certificate[1])
     return {"curl": run("curl", "-q", "--silent", "--noproxy", "*", "--cacert", trust, access.url + "/"),
             "Python": run("/usr/bin/python3", "-c", PYTHON, access.url + "/", SSL_CERT_FILE=trust),
@@ -132,7 +132,7 @@ def test_event_source__gives_up_when_the_server_restarts_unless_the_page_starts_
         until(lambda page=page: page.evaluate("source.readyState") == 1, "the stream is open")
     server.stop()
     for page in pages[:2]:
-        until(lambda page=page: page.evaluate("source.readyState") == 2, "the stream has been given up", 30)
+        until(lambda page=page: page.evaluate("source.readyState") == 2, "the page has given the stream up", 30)
     server.start()
     for page in pages[1:]:
         until(lambda page=page: page.evaluate("source.readyState") == 1, "the stream is open again", 30)

@@ -1,4 +1,4 @@
-"""Servers of the npm packages that speak to their page again: Socket.IO and Vite behind mivo."""
+"""Servers from npm packages whose pages talk to the server: Socket.IO and Vite behind mivo."""
 
 import subprocess
 
@@ -9,7 +9,7 @@ from page import STACKS
 
 
 def ask(server, url, *options):
-    """What the client of Socket.IO prints, and its exit status."""
+    """The output of Socket.IO's client, and its exit status."""
     trust = {"NODE_EXTRA_CA_CERTS": server.certificate[1]}
     done = subprocess.run(["node", "client.js", url, *options], cwd=server.folder, env={**ENVIRONMENT, **trust},
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=PATIENCE, check=False)

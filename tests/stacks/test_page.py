@@ -1,4 +1,4 @@
-"""docs/stacks.md itself: its structure, and that each of its stacks is run by a test."""
+"""docs/stacks.md itself: its structure, and a test for each of its stacks."""
 
 import pathlib
 import re
@@ -29,7 +29,7 @@ def test_words_of_a_stack__are_explained(name):
 
 
 def anchor(heading):
-    """As the sites that show the page make it."""
+    """The anchor that the sites that show the page make from a heading."""
     return re.sub(r"[^a-z0-9 -]", "", heading.lower()).replace(" ", "-")
 
 

@@ -1,4 +1,4 @@
-"""Servers behind mivo: each is started by the command of docs/stacks.md, and does what the page says."""
+"""Servers behind mivo. The command of docs/stacks.md starts each server, and the server does what the page says."""
 
 import re
 
@@ -7,7 +7,7 @@ import pytest
 from checks import CHECKS, redirect_target
 from page import STACKS
 
-# The application of each, a folder of apps/.
+# The application of each server: a folder in apps/.
 APPLICATIONS = {"Python http.server": "site", "Flask": "flask", "Django": "django", "gunicorn": "flask",
                 "FastAPI": "fastapi", "Express": "express", "Fastify": "fastify", "Apache": "site", "nginx": "site",
                 "lighttpd": "site", "PHP": "php", "WEBrick": "site", "Puma": "puma"}

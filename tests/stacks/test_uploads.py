@@ -63,7 +63,7 @@ def use_files(access, sent):
 
 
 def copy(access, method, name):
-    """The status of a copy or a move to a new name."""
+    """The status of the response to a copy or a move to a new name."""
     return int(curl(access, "--output", "/dev/null", "--write-out", "%{http_code}", "-X", method,
                     "-H", f"Destination: {access.url}/files/{name}", access.url + "/files/one"))
 
@@ -83,7 +83,7 @@ def test_copy_and_move_over_https__need_the_line_for_the_destination(put_behind,
 
 
 def test_registry__gives_an_image_back(put_behind, tmp_path):
-    """Over HTTPS alone: over HTTP, skopeo tries HTTPS first, and waits until it is timed out."""
+    """Only over HTTPS: for HTTP, skopeo tries HTTPS first and waits until that connection times out."""
     assert STACKS["Docker registry"].works == ["images"]
     access = put_behind("Docker registry", "registry").https()
     layer = make_image(tmp_path / "image", random.Random(4).randbytes(3 * MIB))

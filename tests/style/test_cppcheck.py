@@ -1,4 +1,4 @@
-"""cppcheck has nothing to say about our own code. What it is told to pass over has its reason beside it."""
+"""cppcheck finds nothing in our own code. Every finding that it is told to ignore has the reason beside it."""
 
 import subprocess
 from pathlib import Path

@@ -1,4 +1,4 @@
-"""The folders are layers: a file includes only its own folder and those to the left of it."""
+"""The folders are layers: a file includes only files of its own folder and of the folders to the left of it."""
 
 import re
 from pathlib import Path

@@ -1,4 +1,4 @@
-"""What the sources look like, as far as a machine can tell: formatting, leftovers, sizes."""
+"""The looks of the sources, as far as a machine can check them: formatting, leftovers, sizes."""
 
 import re
 import subprocess
@@ -24,7 +24,7 @@ def test_code_is_formatted():
 
 
 def test_nothing_is_left_in_the_text():
-    words = "|".join(["TO" + "DO", "FIX" + "ME", "X" * 3, "HA" + "CK"])  # apart, not to find itself
+    words = "|".join(["TO" + "DO", "FIX" + "ME", "X" * 3, "HA" + "CK"])  # in parts, not to find itself
     leftover = re.compile(rf"\b({words})\b|^\s*#\s*if 0")
     found = []
     for path in code_files():

@@ -1,5 +1,5 @@
-"""clang-tidy has nothing to say about our own code. A file is looked at again when it has changed since it passed, or
-anything else on which the findings depend."""
+"""clang-tidy finds nothing in our own code. A file that has passed is checked again only when the file has changed, or
+something else on which the findings depend."""
 
 import json
 import os
@@ -18,7 +18,7 @@ sys.path.insert(0, str(ROOT / "tests/harness"))
 import passed  # noqa: E402
 
 FOLDERS = ["base", "net", "tls", "http", "proxy", "main", "examples"]
-# The release's compile commands: no sanitizer instrumentation for the analyzer to wade through.
+# The release's compile commands, because they have no sanitizers, which would slow the analyzer down.
 BUILD = ROOT / "build/release"
 
 
@@ -31,7 +31,7 @@ def output_of(*command, **options):
 
 
 def compile_command(path, build):
-    """Its folder, and the arguments with which it is compiled."""
+    """The folder in which a file is compiled, and the arguments."""
     for entry in json.loads((build / "compile_commands.json").read_text()):
         if Path(entry["directory"], entry["file"]) == path:
             words = shlex.split(entry["command"])
@@ -40,7 +40,7 @@ def compile_command(path, build):
 
 
 def headers(path, build):
-    """The file itself and all that it includes, the system's headers among them, as clang finds them."""
+    """The file and everything that it includes, also the system's headers, as clang finds them."""
     folder, arguments = compile_command(path, build)
     output = arguments.index("-o")
     rule = output_of("clang++-14", "-M", "-w", *arguments[:output], *arguments[output + 2:], cwd=folder)
@@ -104,11 +104,11 @@ CHANGES = {
 
 
 @pytest.mark.parametrize("change", CHANGES)
-def test_file_that_has_passed__is_looked_at_again_when_there_is_a_change(project, change):
+def test_file_that_has_passed__is_checked_again_after_a_change(project, change):
     CHANGES[change](project)
     assert findings(project / "base/a.cpp", project) != ""
 
 
-def test_file_that_has_passed__is_not_looked_at_again_without_one(project, monkeypatch):
+def test_file_that_has_passed__is_not_checked_again_without_a_change(project, monkeypatch):
     monkeypatch.setattr(passed, "note_pass", None)
     assert findings(project / "base/a.cpp", project) == ""

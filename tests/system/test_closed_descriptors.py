@@ -90,10 +90,10 @@ def test_standard_descriptors_are_closed__clients_get_their_replies_and_nothing_
         page = request("echo", f"/{number}")
         head, body = (client.send(page), client.read_reply())[1]
         assert head.startswith(b"HTTP/1.1 200 OK\r\n") and body == page + b"Your IPv4 address is: 127.0.0.1"
-    behind = bare.standard_descriptors()
+    files = bare.standard_descriptors()
     bare.end()
     assert [client.read_to_end() for client in connected] == [b""] * len(connected)
-    assert set(behind.values()) == {"/dev/null"}
+    assert set(files.values()) == {"/dev/null"}
 
 
 @pytest.mark.parametrize("closed", [(0,), (0, 1), (0, 1, 2)], ids=lambda closed: "closed" + "".join(map(str, closed)))

@@ -1,4 +1,4 @@
-"""The whole program when a system call fails, at its start or while it serves."""
+"""The whole program when a call into the system fails, at its start or while it serves."""
 
 import errno
 import pathlib

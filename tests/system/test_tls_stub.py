@@ -374,11 +374,11 @@ def test_library_gives_null__clients_are_refused_and_the_rest_works(stage, funct
     assert plain.read_to_end().startswith(b"HTTP/1.1 301 ")
     plain.close()
     stage.interrupt()
-    behind = stage.log()[stage.log().index("SSL_CTX_new(new method)") + 1:]
+    calls = stage.log()[stage.log().index("SSL_CTX_new(new method)") + 1:]
     if function == "SSL_CTX_new":
-        assert [call for call in behind if call != "SSL_CTX_free(null)"] == []
+        assert [call for call in calls if call != "SSL_CTX_free(null)"] == []
     else:
-        assert behind == stage.initialisation()[5:] + ["SSL_new(ctx)"] * 2 + ["SSL_CTX_free(ctx)"]
+        assert calls == stage.initialisation()[5:] + ["SSL_new(ctx)"] * 2 + ["SSL_CTX_free(ctx)"]
 
 
 def replace_certificate(stage, certificates, age):

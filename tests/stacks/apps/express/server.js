@@ -10,7 +10,7 @@ const app = express();
 app.enable("strict routing");
 const next = new events.EventEmitter();
 
-// What the page says about HTTPS, if the test has put it here.
+// The page's lines for HTTPS, if the test has put them here.
 if (fs.existsSync("./https.js")) require("./https.js")(app);
 
 app.get("/", (request, response) => response.send("This is Express.\n"));

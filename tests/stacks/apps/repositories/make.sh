@@ -1,4 +1,4 @@
-# Makes what Apache serves, empty, and gives it to the user as whom it works when root starts it.
+# Makes the empty repositories and folders that Apache serves. If root runs this, the user of Apache's processes gets them.
 set -e
 mkdir files files/files git
 git init --quiet --bare git/project.git

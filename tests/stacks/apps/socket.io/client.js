@@ -1,5 +1,5 @@
-// Asks the server 50 times, in longer and longer messages. Usage: node client.js URL [TRANSPORT]; prints the way by which the
-// answers came, or what went wrong.
+// Asks the server 50 times, with longer and longer messages. Usage: node client.js URL [TRANSPORT]; prints the transport
+// by which the answers came, or what went wrong.
 "use strict";
 
 const { io } = require("socket.io-client");

@@ -1,4 +1,4 @@
-// Gives back what it is sent, by Socket.IO. Usage: node server.js PORT
+// Sends every message back, through Socket.IO. Usage: node server.js PORT
 "use strict";
 
 const http = require("http");
