@@ -27,7 +27,7 @@ int digits = 1'000'000 >> 2;
     SOURCE + "\n\n",
     SOURCE.replace("\n", "\r\n"),
 ], ids=["comment", "comment of a directive", "block comment", "layout", "continued line", "empty lines", "CRLF"])
-def test_comments_and_layout__do_not_count(other):
+def test_comments_and_layout__do_not_make_figures_old(other):
     assert other != SOURCE
     assert sources.code_of(other) == sources.code_of(SOURCE)
 
@@ -41,7 +41,7 @@ def test_comments_and_layout__do_not_count(other):
     ("'\"'", "'\\''"),
     ("char quote", "charquote"),
 ], ids=["string", "raw string", "number", "operator", "end of a directive", "character", "words"])
-def test_code__counts(old, new):
+def test_code__makes_figures_old(old, new):
     assert old in SOURCE
     assert sources.code_of(SOURCE.replace(old, new)) != sources.code_of(SOURCE)
 

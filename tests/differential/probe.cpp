@@ -157,7 +157,7 @@ std::string run(const std::string& name, const arguments& words) {
 }  // namespace
 
 int main() {
-  // What the code under test prints is not part of the answers.
+  // The lines that the code under test prints are not part of the answers.
   FILE* answers = fdopen(dup(STDOUT_FILENO), "w");
   if (!answers || !freopen("/dev/null", "w", stdout)) return 1;
   for (std::string line; std::getline(std::cin, line);) {

@@ -73,7 +73,7 @@ def test_values_come_back_from_both_forms():
             assert is_same(json.loads(text), value), text
 
 
-def test_numbers_that_are_none_are_null():
+def test_infinity_and_nan_are_null():
     assert ask(["json ninf", "json n-inf", "json nnan"]) == [[hexed(b"null")] * 2] * 3
 
 

@@ -99,7 +99,7 @@ def test_authority__is_trusted_by_the_system_by_a_browser_and_by_node(house, ser
                              f"--dump-dom https://{hosts[0]}/ 2>/dev/null").replace("<pre", "\n<pre")
 
 
-def test_name_that_is_added__comes_with_the_same_key(house):
+def test_name_that_is_added__keeps_the_key(house):
     for name in ("authority", "issue"):
         run(house, name)
     key = (house.folder / "key.pem").read_text()
@@ -147,7 +147,7 @@ def test_command_that_reads_as_the_service__tells_what_it_cannot_read(house, own
         assert "Permission denied" in run(house, "readable", expected_status=1)
 
 
-def test_command_that_compares_keys__tells_two_that_do_not_fit(house, own_files):
+def test_command_that_compares_keys__detects_keys_that_do_not_match(house, own_files):
     assert same_keys(run(house, "fit"))
     house.run("openssl genpkey -algorithm RSA -out /etc/mivo/key.pem 2>/dev/null")
     assert not same_keys(run(house, "fit"))
@@ -169,7 +169,7 @@ def test_command_for_the_journal__is_understood(house):
 # certbot
 
 
-def test_options_for_certbot__are_its_own():
+def test_options_for_certbot__are_known_to_certbot():
     known = subprocess.run(["certbot", "--help", "all"], check=True, capture_output=True, text=True).stdout
     for name in NEED_THE_INTERNET:
         for option in re.findall(r" (--[a-z-]+)", BLOCKS["needs the Internet", name]):

@@ -1,4 +1,4 @@
-"""Links within the repository lead somewhere."""
+"""Links within the repository lead to existing files."""
 
 import re
 

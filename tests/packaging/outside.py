@@ -14,7 +14,7 @@ from wire import until
 
 PAGE = (REPOSITORY / "docs/embedding.md").read_text()
 WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
-PORT = "8081"  # the page's, which becomes a free one
+PORT = "8081"  # the port of the page, which a free port replaces
 SIGPIPE_BIT = 1 << (signal.SIGPIPE - 1)
 
 

@@ -25,7 +25,7 @@ EXPRESSIONS = {
     "info(true).c_str()": INFO,
     "line.c_str()": f"[{BLANK}] {INFO}",  # the line of a request, which is put together above the call
     "error.c_str()": None,  # the assignments to `error` are read below
-    "text.c_str()": None,   # what was thrown is `error`
+    "text.c_str()": None,   # the text that was thrown is `error`
 }
 
 # Calls that print a part of a line, by their arguments. The address of an adapter is such a line.

@@ -46,8 +46,8 @@ def output_of(*command, **options):
 
 
 def build_package(folder, date=None):
-    """Runs the script in a copy of the sources, and returns the path of the package mivo. Without a date, the
-    script has to find one."""
+    """Runs script/package in a copy of the sources, and returns the path of the package mivo. Without a date, the
+    script has to find one itself."""
     environment = {name: value for name, value in os.environ.items() if name != "SOURCE_DATE_EPOCH"}
     if date:
         environment["SOURCE_DATE_EPOCH"] = date
@@ -331,7 +331,7 @@ def test_https_with_the_files_of_the_manuals_deploy_hook__serves(debian, port, t
 def test_installing_again_and_purging__leave_nothing_but_the_user_and_the_key(debian, package):
     (debian.root / "etc/mivo").chmod(0o700)
     debian.run("dpkg", "--install", f"/tmp/{package.name}")
-    assert debian.run("stat", "-c", "%a", "/etc/mivo") == "700\n"  # as the administrator has made it
+    assert debian.run("stat", "-c", "%a", "/etc/mivo") == "700\n"  # as the administrator has set it
     (debian.root / "etc/mivo/key.pem").touch()
     debian.run("dpkg", "--purge", "mivo")
     assert (debian.root / "etc/mivo/key.pem").exists()

@@ -121,7 +121,7 @@ def test_file_that_is_not_committed__is_no_release(repository):
     assert refused(repository) == "the working tree has changes that are not committed."
 
 
-def test_version_of_nothing__is_no_release(repository):
+def test_version_that_is_stated_nowhere__is_no_release(repository):
     assert refused(repository, "9.9.9") == f"CMakeLists.txt states version {VERSION}, not 9.9.9."
 
 

@@ -88,7 +88,7 @@ def test_memory_limits__leave_room_for_all_connections_and_end_one_before_the_ke
 
 
 @pytest.mark.parametrize("name", UNITS)
-def test_journal__is_told_of_a_rate_that_nothing_reaches(unit):
+def test_limit_of_the_journal__is_a_rate_that_nothing_reaches(unit):
     """systemd does not pass an interval of 0 on, so the journal's own limit would apply."""
     service = settings(unit)
     seconds, lines = int(service["LogRateLimitIntervalSec"]), int(service["LogRateLimitBurst"])

@@ -98,7 +98,7 @@ bool client::move(size_t send_limit, size_t read_limit) {
     const bool was_sendable = send_some(now->request, sent, send_limit);
     if (!was_sendable) return fail("broken while sending"), false;
     if (sent > sent_before) moved_ms = run.now_ms;
-    if (sent == now->request.size() && ways != habit::sluggish) return true;  // the answer takes a while
+    if (sent == now->request.size() && ways != habit::sluggish) return true;  // the response takes a while
   }
   const int64_t n = read_some(read_limit);
   if (n == -1) return true;

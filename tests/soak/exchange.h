@@ -108,7 +108,7 @@ struct exchange {
   }
 
  private:
-  // Mostly small, sometimes larger than any buffer on the way.
+  // A random length: mostly small, sometimes larger than any buffer on the way.
   size_t body_size(random_numbers& random) const {
     if (kind == large) return random.below(8 << 20);
     const uint64_t what = random.below(1000);

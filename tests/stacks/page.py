@@ -1,4 +1,4 @@
-"""docs/stacks.md as the tests read it: the commands and files that they run are those that the page shows."""
+"""docs/stacks.md as the tests read it: they run the commands and files that the page shows."""
 
 import re
 

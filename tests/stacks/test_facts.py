@@ -31,7 +31,7 @@ def test_plain_request_to_the_https_port__gets_no_answer(put_behind):
     assert answer == b""
 
 
-# Responses that end with the connection
+# Replies that end with the connection
 
 
 @pytest.fixture
@@ -96,7 +96,7 @@ def test_php_as_a_client__waits_for_the_server_unless_it_speaks_http_1_0(put_beh
         start = time.monotonic()
         assert run("php", "-r", text) == (0, b"This is Express.\n")
         taken.append(time.monotonic() - start)
-    assert taken[1] > 4  # its idle time is 5 s
+    assert taken[1] > 4  # the server's idle time is 5 s
     assert taken[0] < taken[1] / 2
 
 
@@ -142,7 +142,7 @@ def test_event_source__gives_up_when_the_server_restarts_unless_the_page_starts_
 # Uploads above 100 MiB
 
 
-def test_upload_above_100_mib__waits_without_a_word_but_warnings(put_behind):
+def test_upload_above_100_mib__waits_and_mivo_prints_only_warnings(put_behind):
     server = put_behind("Express", "express")
     access = server.http()
     large = server.folder / "large"

@@ -25,7 +25,7 @@ TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
 
 
 def processor_seconds(pid):
-    """The processor time that a process has taken so far, in steps of a hundredth."""
+    """The processor time that a process has taken so far, in steps of a hundredth of a second."""
     fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
     return (int(fields[11]) + int(fields[12])) / TICKS_PER_SECOND
 
@@ -76,7 +76,7 @@ class ReservedPort:
 
 
 class Mivo:
-    """A running mivo. `{port}` in an argument stands for its own HTTP port, `arguments[0]` included."""
+    """A running mivo. `{port}` in an argument stands for its own HTTP port, also in `arguments[0]`."""
 
     def __init__(self, folder, arguments, descriptors=(1024, None), program=PROGRAM):
         self.reserved = ReservedPort()

@@ -124,7 +124,7 @@ def test_client_that_vanishes__leaves_the_room_and_others_go_on(chat, join, leav
             getattr(wire, leave)()
         staying.send(frame(b"still here %d" % round_number))
         expect_frame(staying, b"still here %d" % round_number)
-        until(lambda: len(chat.descriptors()) == room_of_one, "those who left are gone")
+        until(lambda: len(chat.descriptors()) == room_of_one, "the chat has closed the connections of those who left")
     assert not chat.lines("Error!.*")
 
 
@@ -168,7 +168,7 @@ def test_message_that_is_too_long__ends_its_sender_alone(join, message):
 
 def test_mib_of_empty_messages__is_cut_short_and_ends_its_sender(join):
     crowd, wire = [join() for _ in range(20)], join()
-    with contextlib.suppress(ConnectionError):  # mivo ends the connection before all is sent
+    with contextlib.suppress(ConnectionError):  # the chat ends the connection before all is sent
         wire.send(frame(b"") * ((1 << 20) // 6))
     wire.wait_closed()
     crowd[0].send(frame(b"after"))
@@ -177,7 +177,7 @@ def test_mib_of_empty_messages__is_cut_short_and_ends_its_sender(join):
         assert len(member.read_until(server_frame(b"after"))) < 2 * 100 * len(server_frame(b"")) + 10
 
 
-def test_member_that_takes_nothing__is_put_out(chat, join):
+def test_member_that_does_not_read__is_removed(chat, join):
     crowd = [join() for _ in range(30)]
     silent = join()
     silent.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)

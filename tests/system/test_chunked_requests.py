@@ -105,7 +105,7 @@ def test_request_after_a_chunked_one__may_go_elsewhere(relay):
 
 
 @pytest.mark.parametrize("host", ["unknown", "echo"])
-def test_chunks_of_a_request_that_is_answered_here__are_dropped(relay, host):
+def test_chunks_of_a_request_that_mivo_answers_itself__are_dropped(relay, host):
     relay.client.send(request("up"))
     at_upstream = relay.upstream.accept()
     at_upstream.read_head()
@@ -119,7 +119,7 @@ def test_chunks_of_a_request_that_is_answered_here__are_dropped(relay, host):
     at_upstream.send(reply(b"still there"))
     assert relay.client.read_reply()[1] == b"still there"
     relay.client.send(request("up", "/next"))
-    assert at_upstream.read_head().startswith(b"GET /next ")  # and nothing before it
+    assert at_upstream.read_head().startswith(b"GET /next ")  # nothing came before it
 
 
 def test_chunks_for_an_upstream_that_refuses__are_answered_with_the_502(relay):
@@ -136,7 +136,7 @@ DOUBTFUL = [["Transfer-Encoding: chunked, identity"], ["Transfer-Encoding: xchun
             ["X: y\nTransfer-Encoding: chunked"], [CHUNKED, "Connection: x", " , identity"]]
 
 
-def test_malformed_chunks__have_no_end_and_all_that_follows_goes_the_same_way(relay):
+def test_malformed_chunks__have_no_end_and_all_later_bytes_go_the_same_way(relay):
     for body in MALFORMED:
         relay.expect_no_end(head("up"), body)
 

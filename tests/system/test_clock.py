@@ -44,7 +44,7 @@ def scene(calm, mivo, connect, upstream):
 
 # With 20 years, the seconds since 1970 no longer fit in 31 bits.
 @pytest.mark.parametrize("ahead", [DAY, 20 * YEAR])
-def test_clock_set_forward__ends_the_idle_at_once_and_nobody_else(scene, calm, mivo, clock, ahead):
+def test_clock_set_forward__ends_idle_clients_at_once_and_no_others(scene, calm, mivo, clock, ahead):
     clock.advance(ahead)
     assert scene.idle.read_to_end() == b""
     scene.expect_late_reply()
@@ -58,7 +58,7 @@ def test_clock_set_forward__ends_the_idle_at_once_and_nobody_else(scene, calm, m
 
 
 @pytest.mark.parametrize("back", [60, 20 * YEAR])
-def test_clock_set_back__ends_nobody_and_newcomers_are_timed_out_as_ever(scene, calm, mivo, clock, back):
+def test_clock_set_back__ends_no_client_and_new_clients_time_out_as_usual(scene, calm, mivo, clock, back):
     clock.advance(-back)
     assert scene.idle.ask(request("echo", "/back")).startswith(b"GET /back ")
     scene.expect_late_reply()

@@ -22,7 +22,7 @@ class Bare:
     def __init__(self, closed, command, port):
         self.port = port
         closing = " ".join(f"{number}<&-" if number == 0 else f"{number}>&-" for number in closed)
-        # The shell closes what Python has opened, and becomes the program.
+        # The shell closes the descriptors that Python has opened, and then becomes the program.
         self.process = subprocess.Popen(["sh", "-c", f'exec stdbuf -oL "$@" {closing}', "sh", *command],
                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL)

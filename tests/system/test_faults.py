@@ -80,7 +80,7 @@ def test_upstream_resets_mid_body__client_connection_ends(relay):
     relay.expect_service()
 
 
-def test_upstream_closes_without_a_word_after_reading_the_request__client_connection_ends(relay):
+def test_upstream_closes_without_a_byte_after_reading_the_request__client_connection_ends(relay):
     relay.upstream.close()
     assert relay.client.read_to_end() == b""
     relay.expect_service()
@@ -135,14 +135,14 @@ def test_client_closes_mid_download__upstream_connection_ends(relay):
     relay.expect_service()
 
 
-def test_client_closes_its_sending_side__it_is_ended_without_a_reply(relay):
+def test_client_closes_its_sending_side__mivo_ends_it_without_a_reply(relay):
     relay.client.half_close()
     assert relay.upstream.read_to_end() == b""
     assert relay.client.read_to_end() == b""
     relay.expect_service()
 
 
-def test_client_goes_before_its_reply__other_clients_do_not_notice(relay):
+def test_client_leaves_before_its_reply__other_clients_do_not_notice(relay):
     others = [relay.start(request("up")) for _ in range(10)]
     gone = [relay.start(request("up")) for _ in range(10)]
     for client, _ in gone:
@@ -157,7 +157,7 @@ def test_client_goes_before_its_reply__other_clients_do_not_notice(relay):
     relay.expect_service()
 
 
-def test_all_upstreams_go_at_once__every_client_gets_its_part_and_close(relay):
+def test_all_upstreams_leave_at_once__every_client_gets_its_part_and_close(relay):
     pairs = [relay.start(request("up")) for _ in range(30)]
     for number, (_, upstream) in enumerate(pairs):
         upstream.send(b"%d" % number)
@@ -248,7 +248,7 @@ def test_connection_refused_again_and_again__leaves_nothing_open(start_mivo, con
     mivo.wait_until_idle()
 
 
-def test_clients_that_connect_and_go_without_a_word__leave_nothing_open(start_mivo, connect):
+def test_clients_that_connect_and_leave_without_a_byte__leave_nothing_open(start_mivo, connect):
     mivo = start_mivo()
     for number in range(200):
         client = connect(mivo.port)

@@ -103,7 +103,7 @@ def test_bytes_after_a_last_request__open_no_file(files, root, connect):
     assert len(wire.read_to_end()) > 8 * MIB
 
 
-def test_client_that_asks_on_without_reading__takes_no_more_files_and_is_ended(files, root, connect):
+def test_client_that_keeps_asking_without_reading__takes_no_more_files_and_is_ended(files, root, connect):
     (root / "file").write_bytes(bytes(32 * MIB))  # more than the system takes at once
     wire, other = connect(files.port), connect(files.port)
     other.ask(request("files"))

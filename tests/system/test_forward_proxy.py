@@ -1,4 +1,4 @@
-"""forward_proxy: absolute URLs, tunnels, and the hosts it hides."""
+"""forward_proxy: absolute URLs, tunnels, and the hosts that it blocks."""
 
 import hashlib
 import http.server
@@ -120,7 +120,7 @@ def test_host_of_8_million_dots__takes_little_memory(proxy, connect):
 LOOP = b"HTTP/1.1 508 Loop Detected\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n"
 
 
-def test_proxy_that_is_to_fetch_from_itself__asks_itself_once(start_mivo, connect):
+def test_request_for_the_proxy_itself__makes_it_ask_itself_once(start_mivo, connect):
     proxy = start_mivo()
     wire = connect(proxy.port)
     wire.send(request("loop", "http:" + f"//127.0.0.1:{proxy.port}" * 100 + "/"))
@@ -128,7 +128,7 @@ def test_proxy_that_is_to_fetch_from_itself__asks_itself_once(start_mivo, connec
     assert len(proxy.lines(".* HTTP/1.1 .*")) == 2
 
 
-def test_client_that_asks_for_the_proxy_itself_and_leaves__makes_it_ask_itself_once(start_mivo, connect):
+def test_request_for_the_proxy_itself_from_a_client_that_leaves__makes_it_ask_itself_once(start_mivo, connect):
     proxy = start_mivo()
     wire = connect(proxy.port)
     wire.send(request("loop", "http:" + f"//127.0.0.1:{proxy.port}" * 100 + "/"))

@@ -38,7 +38,7 @@ def test_place_that_becomes_free__is_given_to_the_next_client(crowd):
     crowd.expect_inside_served()
 
 
-def test_upstream_connection_that_finds_no_room__gets_its_client_the_502(crowd, upstream):
+def test_no_room_for_an_upstream_connection__client_gets_the_502(crowd, upstream):
     crowd.fill_up()
     client = crowd.take_one_out()
     client.send(request("up"))

@@ -1,4 +1,4 @@
-"""Clients that come and go make no pause in the download of another one.
+"""Clients that come and leave make no pause in another client's download.
 
 A pause is a wait of mivo, for the tenth of a second in which nothing is ready, although it has bytes that a client
 could take. A preloaded library counts these waits. A clock would also count the delays of a busy machine.
@@ -81,7 +81,7 @@ def download_when_another_goes(mivo, connect, upstream):
     at_upstream.wait_closed()
 
 
-def test_client_goes_when_the_output_of_the_next_is_sent__the_rest_follows_at_once(
+def test_client_leaves_when_the_output_of_the_next_is_sent__the_rest_follows_at_once(
         start_mivo, connect, listen, pauses):
     upstream = listen()
     mivo = start_mivo({"up": upstream.port})

@@ -72,7 +72,7 @@ def test_requests__are_redirected_byte_for_byte_and_then_closed(redirecting, con
     assert mivo.requests() == []
 
 
-def test_start__tells_the_ports(redirecting):
+def test_start__prints_the_ports(redirecting):
     mivo, suffix = redirecting
     ssl_port = suffix.lstrip(":") or HTTPS_PORT
     assert mivo.console().startswith(f"Redirecting http ({mivo.port}) to https ({ssl_port})\n")

@@ -71,7 +71,7 @@ def test_hosts_that_are_not_mapped_byte_for_byte__get_the_404_and_the_connection
     assert relay.client.read(len(echo_page(request("echo")))) == echo_page(request("echo"))
 
 
-def test_upstream_that_refuses__gets_the_client_the_502_and_the_end_of_its_connection(
+def test_upstream_that_refuses__client_gets_the_502_and_the_end_of_its_connection(
         start_mivo, connect, refusing_port):
     mivo = start_mivo({"down": refusing_port})
     for sent in (request("down"), request("down", "/x", "POST", body=b"body"), request("down")):
@@ -81,7 +81,7 @@ def test_upstream_that_refuses__gets_the_client_the_502_and_the_end_of_its_conne
     assert len(mivo.requests()) == 3
 
 
-def test_upstream_that_refuses_after_another_has_answered__gets_the_client_the_502(
+def test_upstream_that_refuses_after_another_has_answered__client_gets_the_502(
         start_mivo, connect, listen, refusing_port):
     upstream = listen()
     mivo = start_mivo({"up": upstream.port, "down": refusing_port})

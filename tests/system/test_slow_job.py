@@ -101,7 +101,7 @@ def test_bytes_after_a_last_request__start_no_job(jobs, connect):
         wire.send(b"x")
 
 
-def test_client_that_asks_on_without_waiting__gets_no_more_threads_and_is_ended(jobs, connect):
+def test_client_that_keeps_asking_without_waiting__gets_no_more_threads_and_is_ended(jobs, connect):
     wire, other = connect(jobs.port), connect(jobs.port)
     for _ in range(20):
         with contextlib.suppress(ConnectionError):  # the server may have ended the connection already

@@ -185,7 +185,7 @@ def start_ab(port, host, target, count, parallel, *options):
 
 @pytest.fixture
 def mixed(start_mivo, node, nginx, site):
-    """A mivo in front of Node and nginx; below /closing/ nginx closes after each reply."""
+    """A mivo in front of Node and nginx; below /closing/ nginx closes after each response."""
     mivo = start_mivo({"node": node.port, "nginx": nginx.port})
     mivo.small_file = next(name for name in site.names if 500 < len(site.read(name)) < 5000)
     return mivo

@@ -44,7 +44,7 @@ def chat(folder):
 
 
 def has_something(wire):
-    """Whether bytes, or the end, wait to be read."""
+    """Returns whether there are bytes to read, or the end of the connection."""
     wire.sock.setblocking(False)
     try:
         wire.unread += wire.sock.recv(1 << 20)
@@ -103,7 +103,7 @@ def test_connection_close_of_http_1_1__is_not_obeyed(relay):
 # The process
 
 
-def test_second_copy_on_the_same_port__starts_without_a_word_and_gets_some_of_the_clients(
+def test_second_copy_on_the_same_port__starts_silently_and_gets_some_of_the_clients(
         start_mivo, connect):
     first = start_mivo({"first": -1})
     second = subprocess.Popen(["stdbuf", "-oL", PROGRAM, str(first.port), "-map", "second", "-1"],

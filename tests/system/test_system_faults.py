@@ -39,7 +39,7 @@ def program():
 
 @pytest.fixture
 def run_with_fault(run_mivo, stub, real_program):
-    """run_with_fault("call", first, times, "ERRNO", arguments...)"""
+    """run_with_fault("call", first, times, "ERRNO", arguments...): starts mivo; see stub_faults.cpp."""
     def run(call, first, times, error, *arguments):
         fault = f"{call} {first} {times} {getattr(errno, error)}"
         return run_mivo(f"LD_PRELOAD={stub}", f"MIVO_STUB_FAULT={fault}", real_program, *arguments)

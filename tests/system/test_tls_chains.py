@@ -23,7 +23,7 @@ def service(serve_tls, renewal):
 
 
 def shown(service):
-    """The certificates that a new client is shown, as PEM."""
+    """The certificates that a new client gets, as PEM."""
     told = subprocess.run(["openssl", "s_client", "-connect", f"127.0.0.1:{service.port}", "-showcerts"],
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                           timeout=15, check=False).stdout.decode()

@@ -21,7 +21,7 @@ from wire import request
 
 pytest_plugins = ["tls_service"]
 
-AT_ONCE = 0.5  # seconds of processor time before a small reply; it takes 0.1
+AT_ONCE = 0.5  # seconds of processor time before a small response; usually 0.1
 SHARE = 1 / 3  # of the time for a long stream; if mivo serves the stream in one pass, others wait for all of it
 SIZE = float(os.environ.get("MIVO_HOSTILE_SIZE", "1"))
 RATES = [int(rate) for rate in os.environ.get("MIVO_HOSTILE_RATES", "200").split()]  # Mbit/s
@@ -163,7 +163,7 @@ def test_key_updates_alone__others_wait_for_them_and_are_answered(service, folde
 
 
 @pytest.mark.parametrize("kind", [CLIENT_HELLO, NEW_SESSION_TICKET, FINISHED])
-def test_handshake_messages_that_do_not_belong__session_ends_and_others_are_answered(service, folder, kind):
+def test_misplaced_handshake_messages__session_ends_and_others_are_answered(service, folder, kind):
     def message(records):
         return records.record(handshake_message(kind, bytes(40)), HANDSHAKE)
     hostile = Hostile(service, folder, TLS_1_3, forged(message, 5000))

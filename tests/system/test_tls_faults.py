@@ -224,7 +224,7 @@ def expect_end_by_the_time_out(scene, intrude):
 
 # A response that cannot be encrypted any more shows the fault at once, too.
 @pytest.mark.parametrize("intrusion", [*INTRUSIONS, "forged_record_after_a_request"])
-def test_client_sends_what_is_no_tls__session_ends_at_once_as_timed_out(scene, intrusion):
+def test_client_sends_bytes_that_are_no_tls__session_ends_at_once_as_timed_out(scene, intrusion):
     expect_end_at_once(scene, {**INTRUSIONS, **INTRUSIONS_READ_WHOLE}[intrusion])
 
 

@@ -181,7 +181,7 @@ def test_file_that_goes_and_comes_back__is_loaded_only_when_it_is_newer(service,
 
 
 def test_certificate_for_another_key__clients_fail_from_then_on(service, renewal, clock, authorities):
-    """OpenSSL lets go of a key that does not fit, so the right certificate alone does not help any more."""
+    """OpenSSL drops a key that does not match, so the right certificate alone does not help afterwards."""
     renewal.install(authorities["ecdsa"].issue("other"))
     for count, certificate in [(1, renewal.second), (2, renewal.first)]:
         clock.advance(INTERVAL + 1)
@@ -202,7 +202,7 @@ def test_certificate_is_loaded_again__its_chain_is_shown_once(service, renewal, 
     assert all(block in shown for block in renewal.second.chain())
 
 
-def test_file_that_is_missing_at_the_start__is_loaded_without_a_word_once_it_is_there(
+def test_file_that_is_missing_at_the_start__is_loaded_silently_when_it_is_there(
         serve_tls, node, renewal, clock):
     renewal.path.unlink()
     service = serve_tls({"node": node.port}, certificate=renewal.first, crt=renewal.path)

@@ -20,7 +20,7 @@ from wire import Wire, reply, request, until
 HERE = pathlib.Path(__file__).resolve().parent
 REPOSITORY = HERE.parents[1]
 
-# In the order in which the program looks them up.
+# The functions of the library, in the order in which the program looks them up.
 NAMES = """
     OpenSSL_version_num SSL_load_error_strings SSL_library_init OPENSSL_init_ssl SSL_CTX_new
     SSLv23_server_method SSLv23_client_method TLS_server_method TLS_client_method SSL_CTX_free
@@ -459,7 +459,7 @@ def test_no_linkers_cache__says_so_and_tries_the_plain_name(stage, is_broken):
     assert stage.log() == ([] if is_broken else ["loaded libssl.so"])
 
 
-def test_library_calls_what_nobody_has__is_opened_all_the_same(stage):
+def test_library_needs_a_function_that_no_library_has__is_opened_all_the_same(stage):
     """Opening works as long as nothing makes the call: a library may need another one only for unused functions."""
     source = stage.folder / "caller.cpp"
     source.write_text("void nobody_has_this(); void caller() { nobody_has_this(); }")
@@ -514,7 +514,7 @@ def test_no_linkers_cache_yet__is_searched_again_at_every_call_and_reported_at_o
     assert loader.errors() == "Unable to find ld.so.cache!\n" * 2
 
 
-def test_linkers_cache_changes__is_read_again_as_long_as_nothing_was_found_in_it(loader):
+def test_linkers_cache_changes__is_read_again_until_something_is_found_in_it(loader):
     loader.etc.write_bytes(b"/a\0")
     assert loader.ask("libssl.so") == "libssl.so"
     loader.etc.write_bytes(b"/a/libssl.so.77\0")

@@ -1,4 +1,4 @@
-"""Three real web servers for mivo to stand in front of, and the site that they serve.
+"""Three real web servers behind mivo, and the site that they serve.
 
 Each has `port`, `connections()` (how many connections it has accepted so far) and `close()`.
 """
