@@ -22,7 +22,7 @@ struct arraylist_of_ints : testing::Test {
     for (int i : indexes) list.add(&values[i]);
   }
 
-  // The elements, and a -1 when the array is not closed by a null.
+  // The elements, followed by a -1 if the array does not end with a null.
   std::vector<int> content() const {
     std::vector<int> out;
     for (uint32_t i = 0; i < list.count; i++) out.push_back(*list.data[i]);
@@ -86,7 +86,7 @@ TEST_F(arraylist_of_ints, reserved_room_is_closed_by_a_null_and_used_up_before_t
   EXPECT_EQ(list.capacity, 10u);
 }
 
-// Address space alone, 16 GiB of it; the only page that is memory holds the end of the array.
+// This maps 16 GiB of address space. Only one page of it takes memory: the page with the end of the array.
 TEST_F(arraylist_of_ints, list_that_would_overflow_its_counters_is_not_doubled) {
   constexpr size_t largest = size_t{1} << 31;
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -105,7 +105,7 @@ TEST_F(arraylist_of_ints, list_that_would_overflow_its_counters_is_not_doubled) 
   munmap(space, bytes);
 }
 
-TEST_F(arraylist_of_ints, elements_stand_in_the_order_of_their_adding) {
+TEST_F(arraylist_of_ints, elements_stand_in_the_order_in_which_they_were_added) {
   add({3, 1, 2, 1});
   EXPECT_EQ(content(), (ints{3, 1, 2, 1}));
 }

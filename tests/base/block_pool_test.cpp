@@ -1,4 +1,4 @@
-// The pool of blocks, and what queues and pool are like after malloc() has refused a block.
+// The pool of blocks, and the state of queues and pool after malloc() has refused a block.
 
 #include "base/block_pool.h"
 
@@ -22,12 +22,12 @@ namespace {
 
 int trims = 0;  // calls of malloc_trim()
 
-// malloc() in our own code. Counted here and not by name among the other faults, whose lists are memory, too.
+// malloc() in our own code. It is not one of the named faults, because their lists use memory, too.
 struct {
   int calls = 0;
   int granted = 0;  // calls that still succeed
   int refused = 0;  // calls that are then refused
-  int gap = 0;      // if not 0, so many succeed behind each refusal, and so on for ever
+  int gap = 0;      // if not 0, so many succeed after each refusal, again and again
 } mallocs;
 
 void refuse_after(int granted, int times = 1, int gap = 0) {
@@ -51,7 +51,7 @@ bool is_refused() {
 
 extern "C" {
 
-// In place of the C library's own, to which it passes on.
+// Replaces the function of the C library, and calls it.
 int malloc_trim(size_t pad) noexcept {
   trims++;
   static auto next = reinterpret_cast<int (*)(size_t)>(dlsym(RTLD_NEXT, "malloc_trim"));
@@ -60,7 +60,7 @@ int malloc_trim(size_t pad) noexcept {
 
 void* __real_malloc(size_t size);
 
-// The linker puts this in place of malloc() in our own code, and there alone.
+// The linker replaces malloc() by this function, in our own code only.
 void* __wrap_malloc(size_t size) {
   return is_refused() ? nullptr : __real_malloc(size);
 }
@@ -106,7 +106,7 @@ struct block_pool_test : testing::Test {
 
 }  // namespace
 
-TEST_F(block_pool_test, blocks_are_as_large_as_asked_for_and_stand_apart) {
+TEST_F(block_pool_test, blocks_have_the_size_asked_for_and_do_not_overlap) {
   std::vector<std::pair<char*, size_t>> blocks;
   for (size_t size : {size_t{512}, size_t{4096}, full - 1, full, full, size_t{512}}) {
     blocks.emplace_back(static_cast<char*>(pool.take(size)), size);
@@ -225,11 +225,11 @@ TEST_F(block_pool_test, all_queues_share_one) {
 
 namespace {
 
-// Each full-size block has to be asked of malloc(), as long as the spare ones are taken.
+// While the spare blocks are taken, each full-size block has to come from malloc().
 struct byte_queue_without_memory : testing::Test {
   const std::string text = numbers();
 
-  // 3 full-size blocks and part of a fourth; a lost or doubled byte shows.
+  // The text fills 3 full-size blocks and part of a fourth. A lost or doubled byte would show.
   static std::string numbers() {
     std::string s;
     for (int i = 0; s.size() < 3 * full + 1000; i++) s += std::to_string(i) + " ";
@@ -248,7 +248,7 @@ struct byte_queue_without_memory : testing::Test {
     while (block_pool::shared().spare() > 0) spares.push_back(block_pool::shared().take(full));
   }
 
-  // That it is a queue like any other.
+  // Expects that it is a queue like any other.
   static void expect_whole(byte_queue& q, const std::string& content) {
     ASSERT_EQ(q.size(), content.size());
     EXPECT_EQ(q.str(), content);
@@ -282,7 +282,7 @@ TEST_F(byte_queue_without_memory, append_keeps_what_was_copied_and_counts_it) {
     expect_whole(q, "before" + text.substr(0, copied));
   }
   EXPECT_EQ(last, text.size());
-  EXPECT_EQ(refused, 4) << "blocks behind the first";
+  EXPECT_EQ(refused, 4) << "blocks after the first";
 }
 
 TEST_F(byte_queue_without_memory, append_to_an_empty_queue_may_be_tried_again) {

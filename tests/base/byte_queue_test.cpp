@@ -18,12 +18,12 @@ namespace {
 constexpr size_t kib = 1024;
 constexpr size_t mib = 1024 * kib;
 
-// What an emptied queue may keep, and what all queues together may keep for reuse, with some room for the
-// allocator's own rounding.
+// What an emptied queue may keep, and what all queues together may keep for reuse. Both allow for the
+// rounding of the allocator.
 constexpr size_t kept_by_a_queue = 4 * kib;
 constexpr size_t kept_by_all = 4 * mib + 64 * kib;
 
-// Block sizes count the block's header, and the C library rounds what it gives by up to so many bytes.
+// A block's size includes its header. The C library may round the size up, by at most `rounding` bytes.
 constexpr size_t header = 32;
 constexpr size_t rounding = 24;
 
@@ -43,7 +43,7 @@ std::string stream(size_t len, size_t from = 0) {
   return s;
 }
 
-// A block that ends with its last byte, for the sanitizer to see a read or a write behind it.
+// A block that ends with its last byte, so that the sanitizer sees a read or a write after it.
 std::unique_ptr<char[]> exact_copy(const std::string& s) {
   std::unique_ptr<char[]> copy(new char[s.size()]);
   s.copy(copy.get(), s.size());
@@ -54,7 +54,7 @@ std::string consume(byte_queue& q, size_t cap) {
   auto buf = exact_copy(std::string(cap, '#'));
   size_t n = q.consume(buf.get(), cap);
   EXPECT_LE(n, cap);
-  EXPECT_EQ(std::string(buf.get() + n, cap - n), std::string(cap - n, '#')) << "bytes behind the result";
+  EXPECT_EQ(std::string(buf.get() + n, cap - n), std::string(cap - n, '#')) << "bytes after the result";
   return std::string(buf.get(), n);
 }
 
@@ -67,7 +67,7 @@ std::string blocks(size_t count) {
   return stream(count * (full_block - header));
 }
 
-// For tests that count: takes all the spare blocks for as long as it lives.
+// For tests that count blocks: holds all spare blocks as long as it lives.
 struct byte_queue_without_spares : testing::Test {
   byte_queue holder{blocks(spare_blocks)};
 };
@@ -335,7 +335,7 @@ TEST_F(byte_queue_without_spares, blocks_grow_with_the_queue_from_512_bytes_to_6
   EXPECT_GE(previous, full_block);
 }
 
-TEST_F(byte_queue_without_spares, message_stands_in_one_block_as_far_as_64_kib_reach) {
+TEST_F(byte_queue_without_spares, message_of_up_to_64_kib_stands_in_one_block) {
   for (size_t len : {size_t{512}, size_t{1000}, 4 * kib, 30 * kib, full_block - header}) {
     const std::string bytes = stream(len);
     const size_t before = bytes_in_use();
@@ -345,7 +345,7 @@ TEST_F(byte_queue_without_spares, message_stands_in_one_block_as_far_as_64_kib_r
   }
 }
 
-// A queue that moved what is left of it at each step would copy 16 TB here, and the test would not end.
+// If the queue moved its rest at each step, it would copy 16 TB here, and the test would not end.
 TEST(byte_queue, long_queue_drains_in_small_steps) {
   constexpr size_t length = 64 * mib, step = 128;
   byte_queue q;

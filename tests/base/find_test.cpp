@@ -53,7 +53,7 @@ TEST(find, letter_case_is_ignored_from_the_start) {
   EXPECT_TRUE(base::find_case_insensitive());
 }
 
-TEST(find, letter_case_flag_is_one_for_the_process) {
+TEST(find, letter_case_flag_holds_for_the_whole_process) {
   bool& flag = base::find_case_insensitive();
   {
     case_matters now;
@@ -194,8 +194,8 @@ TEST(find, agrees_with_trying_every_run_on_random_words) {
 
 namespace {
 
-// The searches look at sixteen bytes at a time: each text is on the heap and exactly as long as it says, so
-// that the sanitizer sees a byte read too far.
+// The searches look at sixteen bytes at a time. Each text has a heap block of exactly its length, so the
+// sanitizer sees a read after its end.
 size_t find_line(const std::string& text, const std::string& name, size_t from = 0) {
   const std::vector<char> bytes(text.begin(), text.end());
   return base::find_line({bytes.data(), bytes.size()}, name, from);
@@ -268,7 +268,7 @@ TEST(find_line, line_is_found_at_every_place_in_texts_of_every_length) {
   EXPECT_EQ(find_line("\r\na", "a", npos), npos);
 }
 
-TEST(find_line, empty_name_stands_behind_every_line_end) {
+TEST(find_line, empty_name_stands_after_every_line_end) {
   EXPECT_EQ(find_line("ab\r\n", ""), 2u);
   EXPECT_EQ(find_line("ab\r\n\r\n", "", 3), 4u);
   EXPECT_EQ(find_line("ab", ""), npos);
@@ -300,7 +300,7 @@ TEST(find_line, of_all_pairs_of_bytes_only_a_letter_and_its_other_case_are_equal
   }
 }
 
-TEST(find_line, every_byte_of_the_name_counts_and_none_behind_it) {
+TEST(find_line, every_byte_of_the_name_counts_and_none_after_it) {
   EXPECT_TRUE(is_found("cONTENT-lENGTH", "Content-Length: 5"));
   for (const std::string& word : {"Content-Length"s, "Sec-WebSocket-Version"s}) {
     for (size_t i = 0; i < word.size(); i++) {
@@ -317,7 +317,7 @@ TEST(find_line, zero_byte_does_not_end_the_comparison) {
   EXPECT_TRUE(is_found("a\0b"s, "A\0B"s));
 }
 
-TEST(find_line, the_flag_of_the_wildcard_search_has_no_say) {
+TEST(find_line, ignores_the_flag_of_the_wildcard_search) {
   case_matters now;
   EXPECT_TRUE(is_found("Host", "hOST"));
 }

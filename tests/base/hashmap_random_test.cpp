@@ -9,7 +9,7 @@
 
 namespace {
 
-// A map on vectors, written after the rules of hashmap rather than its code: it foretells every field.
+// A map on vectors, written from the rules of hashmap and not from its code. It predicts every field.
 class hashmap_model {
  public:
   struct slot {
@@ -92,7 +92,7 @@ struct hashmap_random : testing::TestWithParam<decltype(&base::tovel_hash)> {};
 
 }  // namespace
 
-TEST_P(hashmap_random, every_field_is_as_foretold_over_a_long_run) {
+TEST_P(hashmap_random, every_field_is_as_predicted_over_a_long_run) {
   base::hashmap<int> map;
   map.hash = GetParam();
   hashmap_model model;

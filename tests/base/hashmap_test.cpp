@@ -43,7 +43,7 @@ uint32_t first_byte_hash(const char* s, unsigned) {
   return static_cast<unsigned char>(s[0]);
 }
 
-// The slot positions of these maps can be foretold: a key's hash is its first byte.
+// The slot positions of these maps can be predicted: the hash of a key is its first byte.
 struct hashmap_of_first_bytes : testing::Test {
   hashmap<int> map;
   hashmap_of_first_bytes() { map.hash = first_byte_hash; }
@@ -83,7 +83,7 @@ TEST(tovel_hash, has_the_values_that_define_slot_positions) {
         << testing::PrintToString(row.text);
 }
 
-TEST(tovel_hash, reads_no_byte_behind_the_length) {
+TEST(tovel_hash, reads_no_byte_after_the_length) {
   const std::string text = "localhost";
   for (size_t len = 1; len <= text.size(); len++) {
     std::unique_ptr<char[]> exact(new char[len]);
@@ -93,7 +93,7 @@ TEST(tovel_hash, reads_no_byte_behind_the_length) {
   }
 }
 
-TEST(tovel_hash, of_no_bytes_reads_the_first_byte_all_the_same) {
+TEST(tovel_hash, of_no_bytes_still_reads_the_first_byte) {
   EXPECT_EQ(tovel_hash("a", 0), tovel_hash("a", 1));
 }
 
@@ -174,7 +174,7 @@ TEST(hashmap, capacity_starts_at_three_and_doubles_when_half_of_it_is_reached) {
   }
 }
 
-TEST(hashmap, replacing_the_only_key_grows_the_table_all_the_same) {
+TEST(hashmap, replacing_the_only_key_grows_the_table_too) {
   hashmap<int> map;
   map.set("a", 1);
   EXPECT_EQ(map.capacity, 3u);
@@ -272,7 +272,7 @@ TEST_F(hashmap_of_first_bytes, collisions_count_the_occupied_slots_that_an_inser
   EXPECT_EQ(map.collisions, 1u);
   map.set("A3", 1);  // passes A1, A2
   EXPECT_EQ(map.collisions, 3u);
-  map.set("B", 1);  // growing moves three colliding keys uncounted; B passes two of them
+  map.set("B", 1);  // growing moves three colliding keys without counting; B passes two of them
   EXPECT_EQ(map.collisions, 5u);
 }
 
@@ -388,8 +388,8 @@ TEST(hashmap, destructor_passes_over_a_null_in_the_key_list) {
   EXPECT_EQ(bytes_in_use(), before);
 }
 
-// The largest table has 3 * 2^30 slots, more than a test can have. It can pretend to: a key whose hash is
-// below 3 is found in the first slots, and replacing its value touches no other.
+// The largest table has 3 * 2^30 slots, more than a test can allocate. The test only sets the fields: a key
+// whose hash is below 3 is found in the first slots, and replacing its value touches no other slot.
 TEST(hashmap, table_that_would_overflow_the_counters_is_not_doubled) {
   hashmap<int> map;
   map.hash = [](const char*, unsigned) { return uint32_t{1}; };
@@ -405,7 +405,7 @@ TEST(hashmap, table_that_would_overflow_the_counters_is_not_doubled) {
   EXPECT_EQ(map.get("a"), 2);
 }
 
-// A table can only be full when its capacity can double no more, so the test fills the slots by hand.
+// A table can only be full when its capacity cannot double any more, so the test fills the slots by hand.
 struct full_hashmap : hashmap_of_first_bytes {
   std::string strangers[2] = {"B", "C"};
 
@@ -421,7 +421,7 @@ struct full_hashmap : hashmap_of_first_bytes {
   ~full_hashmap() override { map.count = 1; }
 };
 
-TEST_F(full_hashmap, insertion_says_so_at_once_and_stores_nothing) {
+TEST_F(full_hashmap, insertion_prints_that_it_is_full_and_stores_nothing) {
   console out;
   map.set("D", 4);
   EXPECT_EQ(__fpending(stdout), 0u) << "bytes that were not flushed";

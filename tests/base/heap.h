@@ -14,7 +14,7 @@
 #endif
 
 #ifdef MIVO_HAS_ASAN
-// From the sanitizer's run-time library, whose headers not every compiler package brings along.
+// From the sanitizer's run-time library. Not every compiler package contains its headers.
 extern "C" size_t __sanitizer_get_current_allocated_bytes();
 
 inline size_t bytes_in_use() {

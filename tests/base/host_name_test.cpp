@@ -20,7 +20,7 @@ TEST(host_name, has_no_other_byte) {
   }
 }
 
-TEST(host_name, has_no_empty_label_but_the_one_after_a_last_dot) {
+TEST(host_name, has_no_empty_label_except_after_a_last_dot) {
   for (const char* host : {"", ".", "..", ".a", "a..b", "a.."}) EXPECT_FALSE(is_host_name(host)) << host;
   EXPECT_TRUE(is_host_name("a."));
   EXPECT_TRUE(is_host_name("a.b."));

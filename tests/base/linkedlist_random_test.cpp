@@ -10,7 +10,7 @@ using base::linkedlist;
 namespace {
 
 // The list as a vector, and the cursor as the number of the node before the visited element. Nodes are
-// numbered from 1 on in the order of their pushing; 0 is the sentinel.
+// numbered from 1 in the order in which they were pushed; 0 is the sentinel.
 struct linkedlist_model {
   static constexpr int none = -1;
   std::vector<int> nodes;
@@ -76,7 +76,7 @@ void expect_same(const linkedlist<int>& list, const linkedlist_model& model) {
 
 }  // namespace
 
-TEST(linkedlist_random, every_field_is_as_foretold_over_a_long_run) {
+TEST(linkedlist_random, every_field_is_as_predicted_over_a_long_run) {
   linkedlist<int> list;
   linkedlist_model model;
   std::mt19937 random(3);

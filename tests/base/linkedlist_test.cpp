@@ -11,7 +11,7 @@ namespace {
 
 using chars = linkedlist<char>;
 
-// A list of letters; what a pass visits is spelt as a word.
+// A list of letters. The letters that a pass visits form a word.
 struct linkedlist_of_letters : testing::Test {
   chars list;
 
@@ -213,7 +213,7 @@ TEST_F(linkedlist_of_letters, pass_that_removes_everything_it_visits_gets_every_
   EXPECT_EQ(list.tail, list.head);
 }
 
-TEST_F(linkedlist_of_letters, removal_empties_the_cursor_and_resumes_at_the_node_behind) {
+TEST_F(linkedlist_of_letters, removal_empties_the_cursor_and_resumes_at_the_next_node) {
   push("xyz");
   list.begin();
   list.remove();
@@ -271,7 +271,7 @@ TEST_F(linkedlist_of_letters, new_pass_forgets_an_unfinished_removal) {
   EXPECT_EQ(visited(), 'y');
 }
 
-TEST(linkedlist, destroying_a_node_destroys_the_chain_behind_it) {
+TEST(linkedlist, destroying_a_node_destroys_the_chain_after_it) {
   using node = linkedlist<counted>::node;
   auto* chain = new node;
   chain->next = new node;

@@ -1,4 +1,4 @@
-/* punycode_model: Punycode as RFC 3492 tells it step by step, slow and plain, to compare the real one with.
+/* punycode_model: Punycode as RFC 3492 describes it, step by step, slow and plain, to check the real encoder.
  * Arithmetic is on 32 bits and wraps. */
 #pragma once
 
@@ -26,7 +26,7 @@ inline uint32_t digit_threshold(uint32_t k, uint32_t bias) {
   return std::min(k - bias, 26u);
 }
 
-// Section 6.3, but for the delimiter, which only stands before encoded code points.
+// Section 6.3, with one difference: the delimiter is only written if encoded code points follow.
 inline std::string encode_punycode(const code_points& input) {
   std::string out;
   for (uint32_t c : input) {
@@ -63,7 +63,7 @@ inline std::string encode_punycode(const code_points& input) {
   return out;
 }
 
-// Section 6.2, for text that the encoder wrote.
+// Section 6.2. Only for text that the encoder wrote.
 inline code_points decode_punycode(const std::string& text) {
   const size_t delimiter = text.rfind('-');
   const size_t basic = delimiter == std::string::npos ? 0 : delimiter;

@@ -1,4 +1,4 @@
-// Containers and values whose memory is refused: nothing is lost, and what they held they still hold.
+// Containers and values that are refused memory: nothing is lost, and they keep what they held.
 
 #include <gtest/gtest.h>
 
@@ -23,7 +23,7 @@ bool is_refused() {
 
 }  // namespace
 
-// The linker puts these in place of the C library's functions in our own code, and `new` calls the first.
+// The linker replaces the C library's functions by these, in our own code only. `new` calls the first.
 extern "C" {
 
 void* __real_calloc(size_t count, size_t size);
@@ -41,9 +41,9 @@ void* __wrap_realloc(void* memory, size_t size) {
 
 namespace {
 
-/* Makes a thing and changes it, with the first allocation of the change refused, then the second, and so on,
- * until the change needs no more. Expects that a refused change has changed nothing that `content` tells, and
- * that nothing is left when the thing has ended. */
+/* Makes a thing and changes it. The first allocation of the change is refused, in the next run the second,
+ * and so on, until the change succeeds. Expects that a refused change leaves what `content` returns as it
+ * was, and that no memory is left when the thing has ended. */
 template <class Make, class Change, class Content>
 void refuse_every_allocation(Make make, Change change, Content content) {
   bool has_thrown = true;
@@ -68,7 +68,7 @@ void refuse_every_allocation(Make make, Change change, Content content) {
   EXPECT_FALSE(has_thrown);
 }
 
-const char* const long_text = "a text that is longer than what a string holds by itself";
+const char* const long_text = "a text that is longer than a string holds without a block";
 
 template <class Array>
 std::unique_ptr<var> values(Array make, int count) {
@@ -94,7 +94,7 @@ std::unique_ptr<numbers> numbers_up_to(int count) {
   return map;
 }
 
-// In the order of the keys, and each found under its own.
+// The pairs in the order of the keys. Each value is looked up by its key.
 std::string pairs_of(const numbers& map) {
   std::string text;
   for (uint32_t i = 0; i < map.count; i++)

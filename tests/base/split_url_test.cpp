@@ -140,7 +140,7 @@ TEST(split_url, port_is_read_as_strtol_reads_it) {
   });
 }
 
-// strtol stops at the largest long; of any number the lower 32 bits are kept.
+// strtol() stops at the largest long. The lower 32 bits of its result are kept.
 TEST(split_url, port_of_more_than_31_bits_wraps) {
   expect_parts({
       {"http://h:2147483648/", "http", "h", INT32_MIN, "/"},

@@ -182,8 +182,8 @@ TEST(sha1, hashes_the_vectors_of_the_standard) {
   for (const auto& row : rows) EXPECT_EQ(hex(base::sha1(row.message)), row.digest) << row.message;
 }
 
-// The lengths stand around the ends of blocks and around the last length whose padding fits its block; the
-// last row is the standard's million. Digests by Python's hashlib.
+// The lengths are close to the ends of blocks, and to the longest message whose padding fits into its last
+// block. The last row is the standard's example of a million letters. Digests by Python's hashlib.
 TEST(sha1, message_may_end_anywhere_in_a_block) {
   const struct {
     size_t length;  // of a message of letters a
@@ -214,7 +214,8 @@ TEST(sha1, message_may_end_anywhere_in_a_block) {
     EXPECT_EQ(hex(base::sha1(std::string(row.length, 'a'))), row.digest) << row.length << " bytes";
 }
 
-// Its length in bits needs 28 of the 32 that are hashed. Digest by Python's hashlib.
+// Its length in bits is a number of 28 bits; only 32 bits of the length are hashed. Digest by Python's
+// hashlib.
 TEST(sha1, message_may_be_many_megabytes_long) {
   EXPECT_EQ(hex(base::sha1(std::string(20000000, 'a'))), "c774e73ff141873fd8a6f7758ee99b685cb4bf28");
 }

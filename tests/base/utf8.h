@@ -1,4 +1,4 @@
-/* utf8: an encoder for test input; it encodes what it is given, surrogates and values up to 0x1FFFFF too. */
+/* utf8: an encoder for test input. It encodes any value up to 0x1FFFFF, surrogates included. */
 #pragma once
 
 #include <cstdint>

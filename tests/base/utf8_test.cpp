@@ -11,10 +11,10 @@ using namespace std::string_literals;
 
 namespace {
 
-// Long enough for the text to stand in a heap block of its own size, whose end the sanitizer watches.
+// Long enough that the text gets a heap block of its own. The sanitizer watches the end of that block.
 const std::string before(64, 'x');
 
-// What is decoded behind `before`, and the bytes that it took.
+// What is decoded after `before`, and how many bytes it took.
 struct decoded {
   uint32_t code_point;
   size_t consumed;
@@ -57,14 +57,14 @@ TEST(utf8_decode, takes_the_first_and_the_last_of_every_length) {
       {"\xf0\x90\x80\x80", 0x10000},
       {"\xf0\x9f\x98\x80", 0x1F600},
       {"\xf4\x8f\xbf\xbf", 0x10FFFF},
-      {"\xf4\x90\x80\x80", 0x110000},  // four-byte values have no limit of their own
+      {"\xf4\x90\x80\x80", 0x110000},  // four-byte values have no other limit
       {"\xf7\xbf\xbf\xbf", 0x1FFFFF},
   };
   for (const auto& row : rows) {
     decoded d = decode(row.bytes);
     EXPECT_EQ(d.code_point, row.code_point);
     EXPECT_EQ(d.consumed, row.bytes.size()) << std::hex << row.code_point;
-    EXPECT_EQ(decode(row.bytes + "\x80").consumed, row.bytes.size()) << "a byte behind it is not its own";
+    EXPECT_EQ(decode(row.bytes + "\x80").consumed, row.bytes.size()) << "the byte after it is not part of it";
   }
 }
 

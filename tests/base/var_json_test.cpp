@@ -32,7 +32,7 @@ std::string as_text(const var& v) {
   return v;
 }
 
-// Cuts the way back to itself out of a container, which would never be freed otherwise.
+// Removes the reference to itself from a container, which would never be freed otherwise.
 void break_cycle(const var& container) {
   if (container.kind == var::array_kind) {
     var* last = list_in(container).data[list_in(container).count - 1];
@@ -348,7 +348,7 @@ TEST(var_json, depth_is_the_number_of_payloads_being_printed) {
   EXPECT_EQ(visited.data[2], nullptr);
 }
 
-// As a loop: 100,000 calls are more than a stack holds.
+// It must be a loop: 100,000 nested calls do not fit on a stack.
 TEST(var_json, nesting_that_is_deeper_than_a_stack_prints_completely) {
   constexpr size_t levels = 100000;
   var v = array_of({1, 2});
@@ -356,7 +356,7 @@ TEST(var_json, nesting_that_is_deeper_than_a_stack_prints_completely) {
   for (size_t i = 0; i < levels; i++) {
     const bool is_object = i % 2 == 1;
     v = is_object ? object_of({{"k", v}}) : array_of({v});
-    front += is_object ? "[ " : "{\"k\":";  // from the outermost one on, which is an object
+    front += is_object ? "[ " : "{\"k\":";  // from the outermost container on, which is an object
     back += is_object ? "}" : " ]";
   }
   EXPECT_TRUE(compact(v) == front + "[ 1,2 ]" + back);

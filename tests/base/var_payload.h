@@ -1,4 +1,4 @@
-/* var_payload: the payload of a var as the type that its kind stands for. */
+/* var_payload: gives the payload of a var the type that belongs to its kind. */
 #pragma once
 
 #include <string>

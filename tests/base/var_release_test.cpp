@@ -10,7 +10,7 @@ namespace {
 
 using names = std::vector<std::string>;
 
-// A payload that writes its name down when it ends.
+// A payload that notes its name when it ends.
 struct named_data : var::var_data {
   named_data(const std::string& name, names& log) : name_(name), log_(log) {}
   ~named_data() override { log_.push_back(name_); }
@@ -68,8 +68,8 @@ TEST(var_release, object_ends_after_its_values_which_end_in_the_order_of_their_s
   EXPECT_EQ(log, expected);
 }
 
-// As a loop: 100,000 calls are more than a stack holds.
-TEST(var_release, of_a_nest_that_is_deeper_than_a_stack_goes_down_to_its_end) {
+// It must be a loop: 100,000 nested calls do not fit on a stack.
+TEST(var_release, of_containers_nested_deeper_than_a_stack_is_complete) {
   names log;
   var v = named_string("end", log);
   for (int i = 0; i < 100000; i++) {
@@ -82,7 +82,7 @@ TEST(var_release, of_a_nest_that_is_deeper_than_a_stack_goes_down_to_its_end) {
   EXPECT_EQ(log, names{"end"});
 }
 
-TEST(var_release, of_a_shared_nest_leaves_what_others_hold) {
+TEST(var_release, of_nested_containers_leaves_what_others_hold) {
   names log;
   var inner = named(var::array_kind, new base::arraylist<var*>, "inner", log);
   inner.push(named_string("a", log));
