@@ -1,7 +1,7 @@
-/* child: for what would change the process that the tests run in.
+/* child: runs a part of a test in a copy of the process, if it would change the process of the tests.
  *
- *     EXPECT_TRUE(run_in_child([&] { ... }));            in a copy of the process; its expectations count
- *     EXPECT_TRUE(prints_without_flush([&] { ... }));    nothing that it prints is written out before it ends
+ *     EXPECT_TRUE(run_in_child([&] { ... }));            a copy of the process; failed expectations count
+ *     EXPECT_TRUE(prints_without_flush([&] { ... }));    the output stays in the buffer until it ends
  *     interrupt_regularly(handler);                      a signal every 5 ms */
 #pragma once
 
@@ -16,8 +16,8 @@
 
 #include "tests/support/client.h"
 
-/* Runs `body` in a copy of the process, which prints to where the test prints. True when the copy ended by
- * itself, within 10 s and without a failed expectation. */
+/* Runs `body` in a copy of the process. The copy prints to the test's standard output. True when the copy
+ * ended on its own, within 10 s and without a failed expectation. */
 inline bool run_in_child(const std::function<void()>& body) {
   fflush(stdout);
   pid_t child = fork();
@@ -37,7 +37,7 @@ inline bool run_in_child(const std::function<void()>& body) {
 }
 
 /* Runs `body` in a child whose standard output has a large buffer. False when something was written out
- * before the body ended; what it printed is there afterwards. */
+ * before the body ended. Afterwards everything that it printed has been written. */
 inline bool prints_without_flush(const std::function<void()>& body) {
   return run_in_child([&] {
     setvbuf(stdout, nullptr, _IOFBF, 65536);
@@ -47,7 +47,7 @@ inline bool prints_without_flush(const std::function<void()>& body) {
   });
 }
 
-/* Calls `handler` every 5 ms from now on, as a signal that interrupts waits. */
+/* From now on a signal comes every 5 ms, calls `handler` and interrupts waits. */
 inline void interrupt_regularly(void (*handler)(int)) {
   signal(SIGALRM, handler);
   itimerval every = {{0, 5000}, {0, 5000}};

@@ -1,5 +1,5 @@
-// The memory of connection objects: its rules, on systems with pages of 4, 16 and 64 KiB. Smaller pages than
-// those of the system at hand cannot be pretended: its own stand in for them.
+// The memory of connection objects: its rules on systems with pages of 4, 16 and 64 KiB. The tests cannot
+// pretend that pages are smaller than those of this system. In their place they use this system's size.
 
 #include "net/connection_memory.h"
 
@@ -24,8 +24,8 @@ constexpr unsigned slots = connection_memory::slots;
 constexpr unsigned most_spare = connection_memory::most_spare;
 constexpr size_t smallest = sizeof(connection);
 
-// Sizes of classes: those that fill their last cache line and those that do not, with their ends around the
-// edges of pages, and one whose own fields are larger than the output buffer.
+// Sizes of classes. Some fill their last cache line and some do not; some end close to the border of a page.
+// One has fields of its own that are larger than the output buffer.
 constexpr size_t sizes[] = {smallest,         smallest + 1,    smallest + 63,        smallest + 64,
                             smallest + 4095,  smallest + 4096, smallest + 16384 - 1, smallest + 65536 + 7,
                             2 * smallest + 33};
@@ -149,8 +149,8 @@ TEST_P(pages_test, little_output_is_cleared_in_place_with_all_fields) {
   }
 }
 
-// The first object of a row begins with a page, the fourth in the midst of one.
-TEST_P(pages_test, pages_that_hold_only_output_are_returned_and_the_outer_ones_kept) {
+// The first object of a row begins with a page, the fourth in the middle of a page.
+TEST_P(pages_test, pages_that_hold_only_output_are_returned_and_the_others_kept) {
   const auto real = static_cast<size_t>(getpagesize());
   std::vector<char*> objects = take(smallest, slots);
   for (char* object : {objects[0], objects[3]}) {
@@ -163,7 +163,7 @@ TEST_P(pages_test, pages_that_hold_only_output_are_returned_and_the_outer_ones_k
       EXPECT_TRUE(is_resident(object));
       EXPECT_TRUE(is_resident(end - 1));
       for (char* p = page_behind(object); p < tail; p += real)
-        ASSERT_FALSE(is_resident(p)) << (p - object) << " bytes behind the beginning";
+        ASSERT_FALSE(is_resident(p)) << (p - object) << " bytes after the beginning";
       ASSERT_EQ(take(smallest), object);
     }
   }
@@ -175,7 +175,7 @@ TEST_P(pages_test, pages_that_the_system_does_not_take_are_cleared_in_place) {
   for (char* object : objects) memset(object, 'x', smallest);
   faults::of()["madvise"] = {0, 1, EINVAL};
   memory.give_back(objects[0]);
-  EXPECT_EQ(calls("madvise"), 2) << "one for the row, one for the object";
+  EXPECT_EQ(calls("madvise"), 2) << "one call for the row, one for the object";
   ASSERT_EQ(take(smallest), objects[0]);
   EXPECT_TRUE(holds_only(objects[0], smallest, '\0'));
   EXPECT_TRUE(holds_only(objects[1], smallest, 'x'));
@@ -193,7 +193,7 @@ TEST_P(pages_test, free_slot_is_used_again_before_another_row_is_mapped) {
   objects.push_back(take(smallest));
   EXPECT_EQ(calls("mmap"), 2);
   objects.push_back(take(smallest + 1));
-  EXPECT_EQ(calls("mmap"), 3) << "a row is for one size";
+  EXPECT_EQ(calls("mmap"), 3) << "a row holds objects of one size";
   give_back(objects);
 }
 
@@ -214,7 +214,7 @@ TEST_P(pages_test, row_without_an_object_goes_back_when_enough_free_slots_remain
 }
 
 TEST_P(pages_test, row_without_an_object_stays_when_one_free_slot_fewer_would_remain) {
-  char* other = take(smallest + 1);  // 7 free slots with it
+  char* other = take(smallest + 1);  // there are 7 free slots now, with those of this row
   std::vector<char*> objects = take(smallest, most_spare);
   give_back(objects);
   EXPECT_EQ(calls("munmap"), 0);

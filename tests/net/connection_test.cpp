@@ -1,4 +1,4 @@
-// The connection object by itself: its fields, and the memory it stands on.
+// The connection object alone: its fields, and the memory that it stands in.
 
 #include "net/connection.h"
 
@@ -90,8 +90,8 @@ TEST_F(connection_test, none_is_selected_outside_of_a_turn) {
   EXPECT_EQ(&connection::selected(), &connection::selected());
 }
 
-// The index of a hook in the table of virtual functions. The C++ ABI of Linux stores the offset of the entry
-// in the first word of a pointer to member, with 1 added.
+// The index of a hook in the table of virtual functions. In the C++ ABI of Linux the first word of a pointer
+// to member is the offset of the entry plus 1.
 template <class F>
 size_t slot(F hook) {
   size_t word = 0;
@@ -114,7 +114,7 @@ TEST_F(connection_test, hooks_of_a_server_stand_in_the_order_of_the_design) {
   EXPECT_EQ(slots, (std::vector<size_t>{2, 3, 4, 5, 6, 7, 8, 9}));
 }
 
-// The bytes are read as the memory holds them, whatever the compiler knows about uninitialised fields.
+// Reads the bytes from memory. The compiler must not use what it knows about uninitialised fields.
 [[gnu::noinline]] bool is_zero(const volatile char* bytes, size_t size) {
   for (size_t i = 0; i < size; i++)
     if (bytes[i] != 0) return false;
@@ -125,7 +125,7 @@ TEST_F(connection_test, hooks_of_a_server_stand_in_the_order_of_the_design) {
   for (size_t i = 0; i < size; i++) bytes[i] = '\x5a';
 }
 
-// Makes `count` objects by the server, expects them to be zero, and ends them full of other values.
+// Lets the server make `count` objects, expects them to be zero, fills them with other values and ends them.
 template <class T>
 void expect_zero_and_spoil(int count) {
   server<T> maker(0);
@@ -203,7 +203,7 @@ TEST_F(connection_test, memory_is_zero_when_only_a_byte_was_written) {
   }
 }
 
-// Fills the buffer up to `written` bytes and says that there are `said`.
+// Writes `written` bytes into the buffer and reports that there are `said`.
 struct writing_connection : silent_connection {
   int written = 0;
   int said = 0;
@@ -221,8 +221,8 @@ struct writing_connection : silent_connection {
   }
 };
 
-// Ends the object, and says how many calls gave its pages to the system. The next object must be on its place
-// and find zeros.
+// Ends the object and returns how many calls gave its pages back to the system. Expects that the next object
+// gets the same place and finds zeros there.
 int pages_returned_by_end_of(writing_connection* c) {
   const int before = faults::calls()["madvise"];
   const void* const place = c;
@@ -294,8 +294,8 @@ TEST_F(connection_test, ended_object_leaves_its_neighbours_as_they_are) {
   }
 }
 
-// Of 64 objects, the most whose first fields share a set of a cache of 64 sets, found by the address within a
-// page.
+// Makes 64 objects and returns the largest number of them whose first fields share a set of the cache. The
+// cache has 64 sets; the address within a page selects the set.
 template <class T>
 int most_fronts_in_one_set() {
   std::vector<std::unique_ptr<connection>> objects;
@@ -351,8 +351,8 @@ TEST_F(connection_test, ended_objects_give_back_their_output_buffers) {
   EXPECT_GT(full - resident_bytes(), output_buffers / 8 * 7);
 }
 
-TEST_F(connection_test, ended_objects_give_back_their_addresses_but_for_some) {
-  connection_memory memory;  // one that no other test has left spare slots in
+TEST_F(connection_test, ended_objects_give_back_all_but_some_of_their_addresses) {
+  connection_memory memory;  // a new one, in which no other test has left spare slots
   std::vector<void*> objects;
   for (int i = 0; i < many; i++) objects.push_back(memory.take(sizeof(silent_connection)));
   int64_t full = bytes_of(memory_kind::mapped);

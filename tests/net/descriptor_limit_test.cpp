@@ -1,4 +1,5 @@
-// Descriptors that no fd_set can hold. Each test runs in a process of its own, with every lower one taken.
+// Descriptors that no fd_set can hold. Each test runs in a process of its own, in which all lower ones are
+// taken.
 
 #include <sys/resource.h>
 
@@ -53,7 +54,7 @@ TEST_F(descriptor_limit, client_is_turned_away_quietly_and_the_others_stay) {
 TEST_F(descriptor_limit, outgoing_connection_is_no_address) {
   EXPECT_TRUE(run_with_high_descriptors([&] {
     for (bool blocking : {false, true}) {
-      faults::resolved() = {"127.0.0.1"};  // the resolver itself could want a descriptor
+      faults::resolved() = {"127.0.0.1"};  // the resolver itself could need a descriptor
       EXPECT_EQ(sockets::connect("high.example", srv.port, blocking), -1);
       EXPECT_THAT(
           screen.text(),

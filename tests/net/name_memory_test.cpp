@@ -63,7 +63,7 @@ TEST_F(a_name_memory, clock_set_back_is_another_second) {
   EXPECT_EQ(look_ups(), 2);
 }
 
-TEST_F(a_name_memory, hosts_and_ports_are_told_apart) {
+TEST_F(a_name_memory, hosts_and_ports_are_distinguished) {
   EXPECT_EQ(find("localhost", 80), "1:80");
   EXPECT_EQ(find("localhost", 81), "1:81");
   faults::resolved() = {"127.0.0.7"};
@@ -72,7 +72,7 @@ TEST_F(a_name_memory, hosts_and_ports_are_told_apart) {
   EXPECT_EQ(look_ups(), 3);
 }
 
-TEST_F(a_name_memory, digits_of_a_host_are_told_from_those_of_a_port) {
+TEST_F(a_name_memory, digits_of_a_host_are_not_taken_for_those_of_a_port) {
   EXPECT_EQ(find("host", 180), "1:180");
   EXPECT_EQ(find("host1", 80), "1:80");
   EXPECT_EQ(look_ups(), 2);
@@ -87,7 +87,7 @@ TEST_F(a_name_memory, remembered_answer_is_a_success_after_another_name_has_fail
   EXPECT_EQ(code, 0);
 }
 
-// Numbers need no resolver, so these are real answers.
+// The resolver is real here: for addresses in digits it needs no other machine.
 TEST_F(a_name_memory, resolver_is_asked_for_streams_of_any_family) {
   faults::resolved().clear();
   const struct {

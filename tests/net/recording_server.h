@@ -1,12 +1,13 @@
-/* recording_server: a server that notes every call of its hooks, and those of its connections, in one
+/* recording_server: a server that notes every call of its hooks, and of its connections' hooks, in one
  * journal. Connections are named c1, c2, ... in the order of their creation.
  *
- *     conn->answers = {gives("..."), gives_up()};   what its next calls of on_send answer
- *     conn->when_received = [&] { ... };            and the other when_...: called by the hook of that name
- *     srv.accepts = false;                          on_accept refuses; srv.creates: there is no object
+ *     conn->answers = {gives("..."), gives_up()};   what the next calls of on_send() give
+ *     conn->when_received = [&] { ... };            the hook calls it; each hook has such a when_...
+ *     srv.accepts = false;                          on_accept() refuses
+ *     srv.creates = false;                          create_connection() returns null
  *     srv.receives = [&](connection*, char*, int) { ... };
- *                                                   in place of the transport; srv.sends for the other
- * direction is_open(sock)                                 whether the descriptor is */
+ *                                                   replaces recv(); srv.sends replaces send()
+ *     is_open(sock)                                 whether the descriptor is open */
 #pragma once
 
 #include <arpa/inet.h>
@@ -39,7 +40,7 @@ inline answer gives(const std::string& bytes, bool keep = true) {
   };
 }
 
-/* The answer that writes nothing, and ends the connection. */
+/* The answer that writes nothing and ends the connection. */
 inline answer gives_up() {
   return gives("", false);
 }
@@ -47,7 +48,7 @@ inline answer gives_up() {
 struct recording_connection : connection {
   journal* notes = nullptr;  // borrowed; null: nothing is noted
   std::string name = "?";
-  std::deque<answer> answers;           // of the next calls of on_send; afterwards: nothing, stay open
+  std::deque<answer> answers;  // of the next calls of on_send; after these it writes nothing and stays open
   std::function<void()> when_received;  // called at the end of on_recv, if set
   std::function<void()> when_deleted;   // called by the destructor, if set
 
@@ -124,7 +125,7 @@ struct recording_server : server<recording_connection> {
     return n;
   }
 
-  /* A connection that notes in the same journal; nobody's yet. */
+  /* A connection that notes in the same journal and is in no list yet. The caller owns it. */
   recording_connection* make_connection() {
     auto* conn = static_cast<recording_connection*>(server::create_connection(0));
     conn->notes = notes;

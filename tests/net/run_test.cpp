@@ -1,4 +1,4 @@
-// The two main loops. Their stop flags stay set, so each test runs them in a process of its own.
+// The two main loops. Their stop flags stay set. Therefore each test runs them in a process of its own.
 
 #include <unistd.h>
 
@@ -49,7 +49,7 @@ bool interrupt_and_start() {
   return true;
 }
 
-// What is done about each signal, by its number.
+// The handler of each signal, by its number.
 std::vector<sighandler_t> handlers() {
   std::vector<sighandler_t> all;
   for (int number = 0; number < NSIG; number++) {
@@ -60,7 +60,7 @@ std::vector<sighandler_t> handlers() {
   return all;
 }
 
-// From now on SIGINT arrives while the loop waits; before the loop has a handler for it, it is held back.
+// From now on SIGINT arrives while the loop waits. It is held back until the loop has installed a handler.
 void interrupt_during_the_wait() {
   interrupt_regularly([](int) {
     struct sigaction action = {};
@@ -323,7 +323,7 @@ TEST_F(run_test, stop_flag_of_several_servers_stays_set) {
       "a start\na update\na idle\nShutting down...\na start\nShutting down...\n");
 }
 
-TEST_F(run_test, interrupt_may_come_again_and_behind_the_end) {
+TEST_F(run_test, interrupt_may_come_again_and_after_the_end) {
   a.updates = [] {
     interrupt();
     interrupt();

@@ -1,21 +1,21 @@
-/* server_fixture: a listening server, its clients, and the words of the tests about them. The clock stands
- * still, and the server has just reported its count, so nothing is printed that a test does not ask for.
+/* server_fixture: a listening server, its clients, and the vocabulary of the tests about them. The clock
+ * stands still, and the server has just reported its count, so only what a test provokes is printed.
  *
  *     link& a = join();                    a client that is accepted; a.remote and a.conn are the two ends
- *     client c = connect_client();         one that waits to be
+ *     client c = connect_client();         a client that waits to be accepted
  *     append(make_outside());              a connection that the server did not accept joins its list
- *     a.deliver("...");                    the client sends: bytes, an urgent byte, or the end
- *     a.deliver_urgent_byte();
- *     a.deliver_end();
- *     idle(a, 11);                         nobody has heard of it for so many seconds
+ *     a.deliver("...");                    the client sends bytes
+ *     a.deliver_urgent_byte();             it sends an urgent byte
+ *     a.deliver_end();                     it ends its side of the stream
+ *     idle(a, 11);                         it has been silent for 11 seconds
  *     turn();                              one wait, one update
  *     notes_of_a_turn()                    which hooks a turn has called
- *     a.expect_received("...");            the client gets these bytes, or the end
- *     a.expect_closed();
+ *     a.expect_received("...");            the client gets these bytes
+ *     a.expect_closed();                   the client sees the end of the stream
  *     is_ready(a)                          whether the next wait asks for its output
- *     expect_console(line(a, "..."));      what was printed since the last time, here about this connection
+ *     expect_console(line(a, "..."));      what was printed since the last time; here a line about `a`
  *
- * See recording_server.h for what connections answer, and turns.h for turns of other servers. */
+ * See recording_server.h for what connections give, and turns.h for turns of other servers. */
 #pragma once
 
 #include <gmock/gmock.h>
@@ -36,7 +36,7 @@ class server_fixture : public testing::Test {
  protected:
   static constexpr int64_t start_time = 1700000000;
 
-  /* A client and the connection that the server has for it; `conn` dangles once it has ended. */
+  /* A client and the connection that the server has for it; `conn` dangles after the connection has ended. */
   struct link {
     client remote;
     recording_connection* conn;
@@ -77,7 +77,7 @@ class server_fixture : public testing::Test {
 
   void turn() { take_turn(srv); }
 
-  /* A turn of which only these calls are noted, and nothing of what was before. */
+  /* Takes a turn. The result has the calls of this turn only. */
   const journal& notes_of_a_turn() {
     notes.clear();
     turn();

@@ -1,4 +1,4 @@
-// Hooks that throw: their connection ends, which is printed, and the others go on.
+// Hooks that throw: their connection ends with a line on the console, and the others go on.
 
 #include <stdexcept>
 
@@ -17,7 +17,7 @@ struct number_nobody_expects {};
 
 class server_hooks : public server_fixture {
  protected:
-  /* A connection of which the others are not to hear. */
+  /* Adds a connection that must not notice the failures of the others. */
   void SetUp() override {
     server_fixture::SetUp();
     bystander = &join();
@@ -124,7 +124,7 @@ TEST_F(server_hooks, stop_ends_every_connection_though_on_remove_throws) {
   srv.when_called = nullptr;
 }
 
-// It is the text of an entry point that the TLS library lacks: the driver prints it and ends the run.
+// The TLS library throws such a text if an entry point is missing. The driver prints it and ends the run.
 TEST_F(server_hooks, text_that_is_thrown_passes_through) {
   link& a = join();
   a.conn->when_received = [] { throw std::string("no such function"); };
@@ -133,7 +133,7 @@ TEST_F(server_hooks, text_that_is_thrown_passes_through) {
   expect_console("");
 }
 
-// The number of a closed socket may not be marked: select() fails on it, and would disconnect everybody.
+// The number of a closed socket must not be marked: select() would fail on it, and disconnect everybody.
 TEST_F(server_hooks, connection_that_marks_its_socket_in_its_destructor_harms_nobody) {
   link& a = join();
   const int sock = a.conn->sock;

@@ -1,4 +1,4 @@
-// The passes over the list: removals, additions, and descriptors that come back within a turn.
+// The passes over the list: removals, additions, and descriptors that are opened again within a turn.
 
 #include "tests/net/server_fixture.h"
 
@@ -9,7 +9,7 @@ using testing::IsEmpty;
 
 class server_list : public server_fixture {
  protected:
-  // A connection from outside that takes over the number `sock`, which must be free.
+  // A connection from outside on the descriptor `sock`, which must be free.
   link& make_outside_on(int sock) {
     link& l = make_outside();
     EXPECT_EQ(dup2(l.conn->sock, sock), sock);
@@ -23,7 +23,7 @@ class server_list : public server_fixture {
       EXPECT_FALSE(FD_ISSET(sock, set()));
   }
 
-  // Each makes the service pass of the next turn end the connection.
+  // Each of these makes the service pass of the next turn end the connection.
   struct way_to_end {
     const char* name;
     void (*end)(link&);
@@ -38,7 +38,7 @@ class server_list : public server_fixture {
                                                 }}};
 };
 
-TEST_F(server_list, connection_behind_a_removed_one_is_serviced_in_the_next_turn) {
+TEST_F(server_list, connection_after_a_removed_one_is_serviced_in_the_next_turn) {
   for (const way_to_end& w : ways_to_end) {
     for (int i = 0; i < 4; i++) w.end(join());
     // The first goes with the third, the second alone, and the fourth last.
@@ -64,7 +64,7 @@ TEST_F(server_list, ended_connection_is_off_the_list_when_on_remove_is_called) {
   }
 }
 
-TEST_F(server_list, connection_behind_a_removed_one_is_asked_in_the_next_turn) {
+TEST_F(server_list, connection_after_a_removed_one_is_asked_in_the_next_turn) {
   join().conn->answers = {gives_up()};
   join();
   join();
@@ -81,7 +81,7 @@ TEST_F(server_list, connection_passed_over_in_the_output_pass_is_ready_for_the_n
   turn();
   EXPECT_TRUE(is_ready(passed_over));
   turn();
-  EXPECT_EQ(sockets::num_ready(), 1) << "the wait had nothing to end it";
+  EXPECT_EQ(sockets::num_ready(), 1) << "nothing ended the wait";
   turn();
   passed_over.expect_received("hello");
 }
@@ -180,7 +180,7 @@ TEST_F(server_list, reopened_descriptor_is_not_taken_for_ready_in_the_service_pa
     c.conn->when_received = [&] {
       if (!is_open(sock)) append(make_outside_on(sock));
     };
-    // All that a socket can be at once; c reads after a has gone. Some ends are seen after the byte alone.
+    // The socket is in every state at once; c reads after a has gone. Some ends are only seen after the byte.
     for (int turns = 0; turns < 2 && links.back().conn == c.conn; turns++) {
       sockets::mark_ready(sock);
       c.deliver("x");
@@ -204,7 +204,7 @@ TEST_F(server_list, reopened_descriptor_is_not_taken_for_ready_after_the_output_
   link& c = join();
   int sock = links[0].conn->sock;
   links[0].conn->answers = {[&](char*, int, int*) {
-    sockets::mark_ready(sock);  // as one does who has bytes for it
+    sockets::mark_ready(sock);  // as code does that has bytes for it
     return false;
   }};
   c.conn->answers = {[&](char*, int, int*) {

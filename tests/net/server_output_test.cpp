@@ -119,7 +119,7 @@ TEST_F(server_output, whole_buffer_can_be_filled) {
 
 class server_report : public server_fixture {
  protected:
-  // A turn `seconds` after the last one.
+  // A turn `seconds` after the one before.
   void turn_after(int seconds) {
     faults::clock_offset() += seconds;
     turn();
@@ -132,7 +132,7 @@ class server_report : public server_fixture {
   }
 };
 
-TEST_F(server_report, first_turn_of_a_server_prints_that_there_are_none) {
+TEST_F(server_report, first_turn_of_a_server_prints_0_connections) {
   recording_server fresh(0, notes);
   fresh.update();
   expect_console("0 connections\n");
@@ -140,7 +140,7 @@ TEST_F(server_report, first_turn_of_a_server_prints_that_there_are_none) {
   EXPECT_EQ(fresh.last_report, start_time);
 }
 
-TEST_F(server_report, first_turn_prints_it_after_2038_too) {
+TEST_F(server_report, first_turn_prints_the_count_after_2038_too) {
   faults::frozen_clock() = int64_t{INT32_MAX} + 1000;
   recording_server fresh(0, notes);
   fresh.update();
@@ -186,7 +186,7 @@ TEST_F(server_report, count_is_printed_once_more_when_the_last_has_gone) {
   expect_console("1 connections\n");
 }
 
-TEST_F(server_report, count_that_is_not_printed_was_considered_all_the_same) {
+TEST_F(server_report, count_that_is_not_printed_counts_as_reported) {
   turn_after(6);
   expect_console("");
   EXPECT_EQ(srv.last_report, start_time + 6);

@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 class server_service : public server_fixture {
  protected:
-  // A client whose connection has `bytes` pending, which go out in the next turn, and `keep` after that.
+  // A client whose connection has `bytes` pending. They go out in the next turn; then `keep` decides.
   link& join_with_output(const std::string& bytes, bool keep = true) {
     link& a = join();
     a.conn->answers = {gives(bytes, keep)};
@@ -21,7 +21,7 @@ class server_service : public server_fixture {
     return a;
   }
 
-  // It is still there after 10 silent seconds, and gone after 11.
+  // The client is still connected after 10 silent seconds, and not after 11.
   void expect_time_out_of_a_client_that_joins_at(int64_t time) {
     faults::frozen_clock() = time;
     faults::clock_offset() = 0;
@@ -227,7 +227,7 @@ TEST_F(server_service, read_bytes_are_an_activity) {
   link& a = join();
   idle(a, 5);
   a.deliver("hello");
-  a.conn->when_received = [&] { a.conn->last_active = 0; };  // it is set behind the hook
+  a.conn->when_received = [&] { a.conn->last_active = 0; };  // it is set after the hook
   turn();
   EXPECT_EQ(a.conn->last_active, start_time);
 }
@@ -350,7 +350,7 @@ TEST_F(server_service, write_pass_is_an_activity_even_if_nothing_was_taken) {
   }
 }
 
-// A connection that a pass has passed over is woken although it may have nothing to say.
+// A connection that a pass has left out is woken, even if it has nothing to send.
 TEST_F(server_service, wake_up_without_output_is_no_activity) {
   link& a = join();
   turn();

@@ -239,7 +239,7 @@ TEST_F(server_start, failed_wait_drops_all_connections_and_listens_again) {
   join();
 }
 
-TEST_F(server_start, failed_wait_restarts_whatever_the_error_but_eintr) {
+TEST_F(server_start, failed_wait_restarts_the_server_for_every_error_except_eintr) {
   for (int error : {EBADF, EINVAL, ENOMEM, EAGAIN, 0}) {
     notes.clear();
     turn_after_failed_wait(error);

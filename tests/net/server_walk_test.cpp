@@ -1,5 +1,5 @@
-// How a server deals with sockets that are ready: how much it reads in a pass, and what becomes of a
-// connection whose socket is ready while its transport moves nothing.
+// How a server treats sockets that are ready: how much it reads in a pass, and what happens to a connection
+// whose socket is ready although its transport moves nothing.
 
 #include <cerrno>
 #include <cstring>
@@ -15,13 +15,13 @@ namespace {
 using testing::ElementsAre;
 
 constexpr int most_reads = 64;       // in a pass, from one connection
-constexpr int fruitless_turns = 64;  // in a row, that a connection survives less one
+constexpr int fruitless_turns = 64;  // in a row; a connection survives one less
 constexpr int megabyte = 1048576;
 
 class server_walk : public server_fixture {
  protected:
-  /* A transport that moves nothing, and leaves errno as if the system had given `cause`; 0: it was not
-   * asked. */
+  /* A transport that moves nothing and sets errno to `cause`, as the system would. 0: errno stays as it is,
+   * as if the system had not been called. */
   static recording_server::transport moves_nothing(int cause) {
     return [=](connection*, char*, int) {
       if (cause != 0) errno = cause;
@@ -29,7 +29,7 @@ class server_walk : public server_fixture {
     };
   }
 
-  /* A connection with something to read that nobody takes. */
+  /* A connection with something to read, which nobody reads. */
   link& join_readable() {
     link& a = join();
     a.deliver("x");
@@ -48,7 +48,8 @@ class server_walk : public server_fixture {
     for (int i = 0; i < count; i++) turn();
   }
 
-  /* The connection is there until the last of `count` turns has ended it by its time-out. */
+  /* The connection lives through the turns before the last of `count`. The last one ends it by its time-out.
+   */
   void expect_time_out_after(link& a, int count) {
     const std::string message = line(a, "has timed out");
     turns(count - 1);
@@ -59,7 +60,7 @@ class server_walk : public server_fixture {
     expect_console(message);
   }
 
-  /* In how many of `count` turns select() reports the socket of `a` in `result`. */
+  /* The number of turns, out of `count`, in which select() reports the socket of `a` in `result`. */
   int count_reports(link& a, fd_set* (*result)(), int count) {
     int reports = 0;
     for (int i = 0; i < count; i++) {
@@ -182,7 +183,7 @@ TEST_F(server_walk, errno_is_cleared_before_each_write) {
   EXPECT_THAT(found, ElementsAre(0, 0, 0));
 }
 
-// Such a socket stays ready for ever, and a loop that waits for it would spin.
+// Such a socket stays ready for ever. A loop that waits for it would spin.
 TEST_F(server_walk, readable_connection_whose_transport_gives_nothing_and_does_not_wait_is_timed_out) {
   for (int cause : {0, ECONNRESET}) {
     link& a = join_readable();
@@ -250,14 +251,14 @@ TEST_F(server_walk, fruitless_turns_count_from_the_last_byte_written) {
     turns(fruitless_turns - 1);
     bool is_first = true;
     srv.sends = [&](connection*, char*, int) { return std::exchange(is_first, false) ? 1 : -1; };
-    a.conn->out_len = 2;  // it never gets to the end
+    a.conn->out_len = 2;  // it is never sent completely
     turn();
     srv.sends = moves_nothing(0);
   }
   expect_time_out_after(a, fruitless_turns + 1);
 }
 
-// A session may ask to wait for a long time, and once not ask: that is a turn, not 64 in a row.
+// A session may ask to wait for many turns and then once not ask. That counts as 1 turn, not as 64 in a row.
 TEST_F(server_walk, turns_that_asked_to_wait_do_not_count_against_a_connection) {
   link& a = join_readable();
   srv.receives = moves_nothing(EAGAIN);
@@ -274,7 +275,7 @@ TEST_F(server_walk, connection_whose_length_is_negative_is_timed_out_and_does_no
   expect_time_out_after(a, fruitless_turns + 1);
 }
 
-// select() knows nothing of what the transport holds: the next wait has to be told once more.
+// select() does not see what the transport holds. The next wait has to be told again.
 TEST_F(server_walk, unread_bytes_of_a_connection_that_is_passed_over_are_read_in_the_next_turn) {
   link& leaver = join();
   link& a = join();
@@ -296,19 +297,19 @@ TEST_F(server_walk, unread_bytes_of_a_connection_that_is_passed_over_are_read_in
   EXPECT_EQ(received, most_reads + 3);
 }
 
-// A session that has to write before it can read, and cannot, leaves its socket readable for ever.
-TEST_F(server_walk, reading_that_bears_nothing_is_left_out_of_every_other_wait) {
+// A session that cannot read before it has written leaves its socket readable as long as it cannot write.
+TEST_F(server_walk, reading_that_gives_nothing_is_left_out_of_every_other_wait) {
   link& a = join_readable();
   srv.receives = moves_nothing(EAGAIN);
   EXPECT_EQ(count_reports(a, sockets::readable, fruitless_turns), fruitless_turns);
   EXPECT_EQ(count_reports(a, sockets::readable, 10), 5);
-  EXPECT_EQ(count_reports(a, sockets::readable, 1000), 500) << "the count ran over";
+  EXPECT_EQ(count_reports(a, sockets::readable, 1000), 500) << "the count overflowed";
   srv.receives = nullptr;
   turns(2);
   EXPECT_EQ(a.conn->fruitless, 0);
 }
 
-// It waits for the socket to take what the session has to write.
+// Such a wait lasts until the socket takes what the session has to write.
 TEST_F(server_walk, wait_without_reading_ends_when_the_socket_is_writable) {
   link& a = join_readable();
   srv.receives = moves_nothing(EAGAIN);
@@ -318,8 +319,8 @@ TEST_F(server_walk, wait_without_reading_ends_when_the_socket_is_writable) {
   EXPECT_FALSE(FD_ISSET(a.conn->sock, sockets::readable()));
 }
 
-// A session that has to read before it can write leaves its socket writable for ever.
-TEST_F(server_walk, writing_that_bears_nothing_is_left_out_of_every_other_wait) {
+// A session that cannot write before it has read leaves its socket writable for ever.
+TEST_F(server_walk, writing_that_moves_nothing_is_left_out_of_every_other_wait) {
   srv.sends = moves_nothing(EAGAIN);
   link& a = join_writable();
   EXPECT_EQ(count_reports(a, sockets::writable, fruitless_turns), fruitless_turns);
@@ -335,5 +336,5 @@ TEST_F(server_walk, closed_connection_is_ended_in_the_turn_after_the_one_that_re
   a.deliver_end();
   turns(2);
   EXPECT_EQ(srv.connections.count, 0);
-  EXPECT_EQ(sockets::num_ready(), 1) << "and without a wait";
+  EXPECT_EQ(sockets::num_ready(), 1) << "the second turn did not wait";
 }

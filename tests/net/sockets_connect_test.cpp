@@ -94,7 +94,7 @@ TEST_P(either_way, bytes_reach_the_listener_at_the_name_localhost) {
   expect_console("");
 }
 
-// An address that does not say that it is on this machine, and is.
+// This address is on this machine, but does not look so.
 const char elsewhere[] = "0.0.0.0";
 
 TEST_P(either_way, socket_sends_small_packets_at_once) {
@@ -113,13 +113,13 @@ TEST_P(either_way, silent_peer_is_given_up_after_two_minutes_of_probes) {
             120);
 }
 
-// It cannot vanish without a word, and every call that sets an option costs.
+// Such a peer cannot vanish unnoticed, and every call that sets an option costs time.
 TEST_P(either_way, peer_on_this_machine_is_not_probed) {
   ASSERT_GE(connect("127.0.0.1"), 0);
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 0);
 }
 
-// A listener whose queue is full answers no more connections, so they stay under way.
+// A listener whose queue is full answers no more connections. They stay unfinished.
 TEST_F(sockets_connect, connection_under_way_has_not_failed) {
   const int full = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = {};
@@ -135,7 +135,7 @@ TEST_F(sockets_connect, connection_under_way_has_not_failed) {
     waiting.push_back(sockets::connect("127.0.0.1", ntohs(address.sin_port), false));
     connected.fd = waiting.back();
   } while (waiting.size() < 10 && poll(&connected, 1, 0) == 1);
-  EXPECT_LT(waiting.size(), 10u) << "the queue has no end";
+  EXPECT_LT(waiting.size(), 10u) << "the queue never gets full";
   EXPECT_FALSE(sockets::has_failed(waiting.back()));
   for (int each : waiting) close(each);
   close(full);
@@ -146,8 +146,8 @@ TEST_F(sockets_connect, all_of_the_loopback_network_is_on_this_machine) {
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 0);
 }
 
-// The system may give a connection the port that it goes to. Where nobody listens on it, the connection is
-// its own peer then.
+// The system may choose the destination port as the local port, too. If nobody listens there, the connection
+// becomes its own peer.
 TEST_P(either_way, port_of_the_peer_is_no_connection_to_itself_on_another_address) {
   faults::resolved() = {"127.0.0.2"};
   const client other_host = client::from_socket(socket(AF_INET, SOCK_STREAM, 0));
@@ -174,7 +174,7 @@ TEST_P(either_way, connection_to_itself_counts_as_refused) {
   EXPECT_TRUE(sockets::has_failed(sock));
 }
 
-// Linux counts twice what was asked for, and gives no more than it is set to give.
+// Linux reports twice the size that was asked for. It gives at most the size in rmem_max.
 TEST_P(either_way, receive_buffer_is_half_a_megabyte_or_what_the_system_gives_at_most) {
   int most = 0;
   ASSERT_TRUE(std::ifstream("/proc/sys/net/core/rmem_max") >> most);
@@ -194,7 +194,7 @@ TEST_P(either_way, unknown_host_is_printed_with_its_port) {
   expect_console("getaddrinfo() failed for host nosuch.example:" + std::to_string(upstream.port()) + "!\n");
 }
 
-TEST_P(either_way, port_that_the_resolver_refuses_is_its_failure) {
+TEST_P(either_way, port_that_the_resolver_refuses_fails_its_look_up) {
   EXPECT_EQ(sockets::connect("127.0.0.1", -1, GetParam()), -1);
   expect_console("getaddrinfo() failed for host 127.0.0.1:-1!\n");
 }
@@ -300,7 +300,7 @@ TEST_F(sockets_connect, refused_connection_is_known_to_have_failed) {
   int port = free_port();
   sock = sockets::connect("127.0.0.1", port, false);
   EXPECT_TRUE(sockets::has_failed(sock));
-  EXPECT_TRUE(sockets::has_failed(sock)) << "asking does not forget";
+  EXPECT_TRUE(sockets::has_failed(sock)) << "asking once does not clear the result";
 }
 
 TEST_F(sockets_connect, connection_to_a_listener_has_not_failed) {

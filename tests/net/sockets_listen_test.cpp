@@ -58,7 +58,7 @@ class sockets_listen : public testing::Test {
     return "Binding to port " + std::to_string(port) + " on all adapters:\n";
   }
 
-  // The number that the next socket gets; one that was not closed would have changed it.
+  // The number that the next socket gets. A socket that was not closed would change it.
   static int next_descriptor() {
     int next = dup(STDOUT_FILENO);
     close(next);
@@ -147,7 +147,7 @@ TEST_F(sockets_listen, two_sockets_can_share_a_port) {
   close(first);
 }
 
-// Linux takes one client more than the queue is to hold, and leaves the next one to wait.
+// Linux takes one client more than the length of the queue, and lets the next one wait.
 TEST_F(sockets_listen, queue_for_clients_holds_128) {
   ASSERT_TRUE(listen());
   std::vector<int> clients;
@@ -156,7 +156,7 @@ TEST_F(sockets_listen, queue_for_clients_holds_128) {
     clients.push_back(sockets::connect("127.0.0.1", port, false));
     connected.fd = clients.back();
   } while (clients.size() < 300 && poll(&connected, 1, 0) == 1);
-  EXPECT_EQ(clients.size() - 1, 128u + 1u) << "have found room";
+  EXPECT_EQ(clients.size() - 1, 128u + 1u) << "clients found room";
   for (int each : clients) close(each);
 }
 
@@ -172,7 +172,7 @@ TEST_F(sockets_listen, only_the_first_address_found_is_used) {
   EXPECT_EQ(faults::calls()["socket"], 1);
 }
 
-TEST_F(sockets_listen, localhost_is_asked_for_by_its_number_which_needs_no_file) {
+TEST_F(sockets_listen, localhost_is_looked_up_by_its_number_which_needs_no_file) {
   ASSERT_TRUE(listen());
   EXPECT_EQ(faults::last_node(), "127.0.0.1");
 }
@@ -191,7 +191,7 @@ TEST_F(sockets_listen, unresolved_address_is_printed_and_sock_left_untouched) {
   expect_console(localhost_line() + "getaddrinfo() failed: -10 Memory allocation failure\n");
 }
 
-TEST_F(sockets_listen, port_that_the_resolver_refuses_is_its_failure) {
+TEST_F(sockets_listen, port_that_the_resolver_refuses_fails_its_look_up) {
   port = -1;
   EXPECT_FALSE(listen());
   EXPECT_EQ(sock, -7);

@@ -1,4 +1,4 @@
-// The readiness sets, the one wait of a turn, and what is set up for the whole process.
+// The readiness sets, the single wait of a turn, and the settings of the whole process.
 
 #include "net/sockets.h"
 
@@ -39,7 +39,7 @@ ino_t inode_of(int descriptor) {
   return status.st_ino;
 }
 
-// Looked at before main(), when no test has used anything yet.
+// Filled before main(), when no test has used the sets yet.
 struct first_look {
   bool all_empty = true;
   int num_ready = sockets::num_ready();
@@ -121,7 +121,7 @@ TEST_F(sockets_test, add_registers_and_mark_ready_announces_output) {
   EXPECT_TRUE(sockets::has(sockets::ready(), 6));
 }
 
-// select() fails on a closed descriptor, and that would disconnect everybody.
+// select() fails on a closed descriptor. That would disconnect everybody.
 TEST_F(sockets_test, socket_that_is_not_registered_cannot_be_marked) {
   sockets::mark_ready(here);
   EXPECT_TRUE(is_empty(sockets::ready()));
@@ -152,7 +152,7 @@ TEST_F(sockets_test, socket_with_unread_bytes_counts_once) {
   EXPECT_EQ(sockets::num_ready(), 1);
 }
 
-TEST_F(sockets_test, unread_bytes_are_not_forgotten_over_a_failed_wait) {
+TEST_F(sockets_test, unread_bytes_are_not_forgotten_by_a_failed_wait) {
   sockets::add(here);
   sockets::mark_unread(here);
   faults::of()["select"] = {0, 1, EINTR};
@@ -181,8 +181,8 @@ TEST_F(sockets_test, direction_that_rests_is_left_out_of_one_wait) {
   }
 }
 
-// A new socket may get the number before the end of the turn.
-TEST_F(sockets_test, close_forgets_what_the_last_wait_was_told_to_be_unread) {
+// A new socket may get the same number before the end of the turn.
+TEST_F(sockets_test, close_forgets_the_unread_bytes_that_the_last_wait_was_told_of) {
   const int number = here;
   sockets::add(here);
   sockets::mark_unread(here);
@@ -197,7 +197,7 @@ TEST_F(sockets_test, close_forgets_what_the_last_wait_was_told_to_be_unread) {
   EXPECT_FALSE(sockets::has(sockets::readable(), number));
 }
 
-// A new socket may get the number before the next wait.
+// A new socket may get the same number before the next wait.
 TEST_F(sockets_test, close_forgets_what_was_asked_for_the_next_wait) {
   const int number = here;
   sockets::add(here);
@@ -334,7 +334,7 @@ TEST_F(sockets_test, announced_output_is_forgotten_by_a_failed_wait_too) {
   expect_console("select() failed! 22\n");
 }
 
-// The servers look at the errno of the wait, not at that of a console that takes nothing.
+// The servers look at the errno of the wait. It must not be the errno of a console that cannot be written to.
 TEST_F(sockets_test, failed_wait_keeps_its_error_number_though_printing_fails_as_well) {
   faults::of()["select"] = {0, 1, ENOMEM};
   EXPECT_TRUE(run_in_child([] {
@@ -362,7 +362,7 @@ TEST_F(sockets_test, failed_wait_is_not_flushed_to_the_console) {
   expect_console("select() failed! 9\n");
 }
 
-// A socket in the place of standard output would get what is printed, and its peer with it.
+// A socket with the number of standard output would get what is printed, and send it to its peer.
 TEST_F(sockets_test, closed_standard_descriptors_are_taken_and_open_ones_left_alone) {
   for (std::vector<int> closed : {std::vector<int>{0}, {1}, {2}, {0, 1, 2}, {}}) {
     EXPECT_TRUE(run_in_child([&] {
