@@ -49,7 +49,7 @@ struct restart_that_fails : testing::TestWithParam<failure> {
 
 }  // namespace
 
-TEST_P(restart_that_fails, behind_a_failed_wait_leaves_nothing_open_and_a_later_start_serves) {
+TEST_P(restart_that_fails, after_a_failed_wait_leaves_nothing_open_and_a_later_start_serves) {
   client c(here.port());
   here.turn();
   EXPECT_EQ(here.connections(), 1);
@@ -62,7 +62,7 @@ TEST_P(restart_that_fails, behind_a_failed_wait_leaves_nothing_open_and_a_later_
   expect_service();
 }
 
-TEST_P(restart_that_fails, behind_a_failed_accept_leaves_nothing_open_and_a_later_start_serves) {
+TEST_P(restart_that_fails, after_a_failed_accept_leaves_nothing_open_and_a_later_start_serves) {
   client accepted(here.port());
   here.turn();
   client waiting(here.port());

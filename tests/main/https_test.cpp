@@ -27,7 +27,7 @@ namespace {
 
 using calls = std::vector<std::string>;
 
-/* Ports are free, and there is one adapter. */
+/* The ports are free, and there is one adapter. */
 struct https_run : testing::Test {
   https_run() { faults::adapters() = {"10.1.2.3"}; }
   ~https_run() override {
@@ -45,7 +45,7 @@ struct https_run : testing::Test {
     return run(port);
   }
 
-  /* A run in a copy of the process that SIGINT ends once `handler` raises it; it is called every 5 ms. */
+  /* A run in a copy of the process. `handler` is called every 5 ms, and ends the run by raising SIGINT. */
   void run_in_child_with(int port, void (*handler)(int)) {
     EXPECT_TRUE(run_in_child([=] {
       signal(SIGINT, SIG_IGN);  // until the run has its own handler
@@ -54,7 +54,7 @@ struct https_run : testing::Test {
     }));
   }
 
-  /* Everything that is called in a run in which nobody connects. */
+  /* All calls of a run without a client: those of the initialisation, and those after them. */
   calls calls_behind(calls initialisation) const {
     for (const std::string& call :
          {"SSL_CTX_use_PrivateKey_file(ctx, " + key + ", 1)",
@@ -202,7 +202,7 @@ TEST_F(https_run, redirect_server_starts_first) {
   EXPECT_EQ(redirector::ssl_port(), ssl_port);
 }
 
-TEST_F(https_run, tls_server_is_not_started_behind_a_redirect_server_that_fails) {
+TEST_F(https_run, tls_server_is_not_started_after_a_redirect_server_that_fails) {
   EXPECT_TRUE(run_until_start_fails(http_port));
   EXPECT_EQ(screen.text(), redirecting() + binding(http_port) + bind_failure());
 }
@@ -240,7 +240,7 @@ TEST_F(https_run, sigint_ends_it_in_good_order) {
   EXPECT_EQ(screen.text(), redirecting() + binding(http_port) + binding(ssl_port) + "Shutting down...\n");
 }
 
-TEST_F(https_run, second_server_ends_before_the_context_and_the_tls_server_behind_it) {
+TEST_F(https_run, second_server_ends_before_the_context_and_the_tls_server_after_it) {
   static int ports[2];
   ports[0] = http_port;
   ports[1] = ssl_port;
@@ -254,8 +254,7 @@ TEST_F(https_run, second_server_ends_before_the_context_and_the_tls_server_behin
 
 TEST_F(https_run, upstream_connections_belong_to_the_redirect_server) {
   run_in_child_with(http_port, [](int) {
-    static bool is_seen =
-        false;  // from then on nobody looks: once the run ends, there is no server to look at
+    static bool is_seen = false;  // then nobody looks again: the server may be gone
     is_seen = is_seen || dynamic_cast<redirect_server<reverse_proxy>*>(http_proxy::g_server());
     if (is_seen) raise(SIGINT);
   });

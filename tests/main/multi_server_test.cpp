@@ -1,5 +1,5 @@
-// The loop over several servers. SIGINT and the stop flag belong to the process, so each loop runs in a copy
-// of it.
+// The loop over several servers. SIGINT and the stop flag belong to the process. Therefore each loop runs in
+// a copy of the process.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ namespace {
 
 using journal = std::vector<std::string>;
 
-/* A server without sockets that notes its calls, and acts in them as a test says. */
+/* A server without sockets. It notes its calls and does in them what a test says. */
 struct noting_server : abstract_server {
   std::string name;
   journal* notes;  // borrowed
@@ -54,7 +54,7 @@ struct noting_server : abstract_server {
 struct multi_server_run : testing::Test {
   ~multi_server_run() override { faults::clear(); }
 
-  /* Runs both servers in a copy of the process, which has to end as `body` expects. */
+  /* Runs `body` in a copy of the process. Expects that it ends without a failure. */
   void in_child(const std::function<void()>& body) { EXPECT_TRUE(run_in_child(body)); }
 
   void run_both() {
@@ -92,7 +92,7 @@ TEST_F(multi_server_run, servers_are_started_updated_and_idled_in_the_order_of_t
   EXPECT_EQ(screen.text(), "Shutting down...\n");
 }
 
-TEST_F(multi_server_run, turn_in_progress_is_finished_behind_sigint) {
+TEST_F(multi_server_run, turn_in_progress_is_finished_after_sigint) {
   make_select_return(0);
   first.when_updated = interrupt;
   in_child([this] {
@@ -159,7 +159,7 @@ TEST_F(multi_server_run, servers_started_earlier_are_left_as_they_are) {
   EXPECT_THAT(screen.text(), testing::EndsWith("\nFailed to start server(s).\n"));
 }
 
-TEST_F(multi_server_run, sigint_counts_from_before_the_first_start) {
+TEST_F(multi_server_run, sigint_counts_even_before_the_first_start) {
   first.when_started = interrupt;
   in_child([this] {
     run_both();

@@ -27,7 +27,8 @@ int bound_port(int sock) {
   return ntohs(address.sin_port);
 }
 
-// A socket that is bound to a free port; a shared one lets whoever allows it, as servers do, bind it as well.
+// A socket that is bound to a free port. If shared, it lets other sockets that allow it, as servers do, bind
+// it.
 int bind_free_port(bool is_shared) {
   const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int on = is_shared;
@@ -135,8 +136,8 @@ taken_port::~taken_port() {
 
 namespace {
 
-// Ports that stay bound as long as the process lives, so that no other one is given them, however many run
-// beside it. Nobody listens on them. They are there before the first test counts its descriptors.
+// Ports that stay bound as long as the process lives, so that no other process gets them, however many run.
+// Nobody listens on them. Their sockets exist before the first test counts its descriptors.
 struct reserved_ports {
   int ports[16];
   int next = 0;

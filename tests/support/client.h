@@ -1,6 +1,6 @@
-/* client: a TCP peer for tests on 127.0.0.1, non-blocking, so that one thread can be both ends.
+/* client: a TCP peer for tests on 127.0.0.1. It does not block, so that one thread can be both ends.
  *
- * Owns its socket. Deadlines are 10 s; a test that meets one fails by what it then compares. */
+ * Owns its socket. Waits end after 10 s. A test that has waited in vain fails at its next comparison. */
 #pragma once
 
 #include <functional>
@@ -91,12 +91,13 @@ struct refusing_port : taken_port {
   refusing_port() : taken_port(false) {}
 };
 
-/* A port for servers that allow others to bind beside them, as ours do. */
+/* A port for servers that let other sockets bind it, too, as ours do. */
 struct shared_port : taken_port {
   shared_port() : taken_port(true) {}
 };
 
-/* A TCP port that nothing listens on, and that no other process is given. There are 16, which take turns. */
+/* A TCP port on which nothing listens and which no other process gets. There are 16; each call gives the
+ * next. */
 int free_port();
 
 /* Repeats `step` until `done` holds; false after 10 s. */

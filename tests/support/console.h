@@ -9,16 +9,16 @@ class console {
   console(const console&) = delete;
   console& operator=(const console&) = delete;
 
-  /* Gives standard output back to whom it belonged. */
+  /* Restores the real standard output. */
   ~console();
 
   /* Everything printed since the creation or the last clear(). */
   std::string text();
 
-  /* What was printed so far is forgotten. */
+  /* Forgets what was printed so far. */
   void clear();
 
  private:
   int saved_;  // the real standard output
-  int file_;   // what stands in for it, an unlinked file
+  int file_;   // takes its place: an unlinked file
 };

@@ -22,7 +22,7 @@
 namespace faults {
 
 // Nothing here that has a destructor is ever deleted: the leak checker calls fcntl() after the end of all
-// statics. With a map that is gone by then, it would wait for its own lock for ever instead of reporting the
+// statics. If the map were gone then, the checker would wait for its own lock for ever and never report the
 // leak.
 
 std::map<std::string, fault>& of() {
@@ -109,7 +109,7 @@ void clear() {
 void fail_next_look_up(int code) {
   static int64_t times = 0;
   of()["getaddrinfo"] = {0, 1, 0, code};
-  clock_offset() -= 1000 * ++times;  // not forward, where connections would time out
+  clock_offset() -= 1000 * ++times;  // not forward, because connections would time out
 }
 
 bool fails(const char* name, int& result) {
@@ -158,7 +158,7 @@ size_t bytes_to_next_page(const void* place) {
   return whole_pages(at) - at;
 }
 
-// Whether a pretended page begins there; if not, `result` and errno are those of the refusal.
+// Whether a pretended page begins there. If not, sets `result` and errno as the refusal does.
 bool is_page(const void* place, int& result) {
   if (bytes_to_next_page(place) == 0) return true;
   errno = EINVAL;
@@ -166,7 +166,7 @@ bool is_page(const void* place, int& result) {
   return false;
 }
 
-// Turns a text into a socket address; neither IPv4 nor IPv6: one of the family AF_UNIX.
+// Turns a text into a socket address. A text that is neither IPv4 nor IPv6 gives the family AF_UNIX.
 sockaddr_storage parse_address(const std::string& text, uint16_t port) {
   sockaddr_storage address = {};
   auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
@@ -183,8 +183,8 @@ sockaddr_storage parse_address(const std::string& text, uint16_t port) {
   return address;
 }
 
-// Both lists are laid out as the C library does, whose functions free them: each addrinfo is one block with
-// its address, a list of adapters is one block in all.
+// The C library's functions free both lists, so they are laid out as the C library does it: each addrinfo is
+// one block with its address, and a whole list of adapters is one block.
 addrinfo* resolved_list(const char* service, const addrinfo& hints) {
   struct entry {
     addrinfo info;
@@ -261,7 +261,7 @@ int connect(int sock, const sockaddr* address, socklen_t length) {
   if (fails("connect", result)) return result;
   if (faults::outgoing_port() != 0 && address->sa_family == AF_INET) {
     const sockaddr_storage own = parse_address("127.0.0.1", static_cast<uint16_t>(faults::outgoing_port()));
-    const int on = 1;  // beside the socket that keeps the port for this process
+    const int on = 1;  // the port is bound already, to keep it for this process
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     bind(sock, reinterpret_cast<const sockaddr*>(&own), sizeof(sockaddr_in));
   }
@@ -302,7 +302,7 @@ int close(int sock) {
   return result;
 }
 
-// Every command that is used here takes an int, or nothing.
+// Every command that is used here takes an int or no argument.
 int fcntl(int sock, int command, ...) {
   int result = 0;
   if (fails("fcntl", result)) return result;
@@ -378,7 +378,7 @@ void* mmap(void* place, size_t length, int protection, int flags, int file, off_
   if (fails("mmap", result)) return MAP_FAILED;
   static auto next = real(&mmap, "mmap");
   if (faults::page_size() == 0) return next(place, length, protection, flags, file, offset);
-  // One page more than asked for has the beginning of a page in it. What stands around it is left.
+  // In a page more than asked for there is the beginning of a pretended page. The rest stays mapped, unused.
   void* mapped = next(place, whole_pages(length) + faults::page_size(), protection, flags, file, offset);
   return mapped == MAP_FAILED ? mapped : static_cast<char*>(mapped) + bytes_to_next_page(mapped);
 }

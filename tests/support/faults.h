@@ -1,7 +1,7 @@
-/* faults: calls into the system that fail, or lie, when a test says so.
+/* faults: calls into the system that fail, or give false results, when a test says so.
  *
- * The test programs define the functions named here themselves; each passes on to the real one unless its
- * fault is set. Faults hold until they are used up or clear() is called. */
+ * The test programs define the functions named here themselves. Each calls the real one unless its fault is
+ * set. Faults hold until they are used up or clear() is called. */
 #pragma once
 
 #include <cstdint>
@@ -16,31 +16,33 @@ struct fault {
   int times = 0;    // uses that then fail
   int error = 0;    // errno of the failure
   int result = -1;  // returned by a failing use, unless that returns a pointer, which is null then
-  int gap = 0;      // if not 0, so many uses succeed behind each failure, and it fails again, for ever
+  int gap = 0;      // if not 0, so many uses succeed after each failure, then it fails again, and so on
 };
 
 /* The fault of each function: "socket", "bind", "listen", "accept4", "connect", "select", "recv", "send",
  * "close", "fcntl", "setsockopt", "getsockopt", "getaddrinfo", "getnameinfo", "getifaddrs", "stat", "fopen",
  * "mmap" (which returns MAP_FAILED), "madvise", "munmap", and any name that a test gives to fails(). A
- * close() that fails has closed, as on Linux. */
+ * close() that fails has closed the descriptor, as on Linux. */
 std::map<std::string, fault>& of();
 
-/* Counts a use of the function `name`. True when it is to fail: errno is set then, and `result` is what the
- * function is to return. */
+/* Counts a use of the function `name`. True when it has to fail: then errno is set, and `result` is what the
+ * function has to return. */
 bool fails(const char* name, int& result);
 
-/* The next look-up of a name fails with `code`, one of getaddrinfo()'s. It happens in a second of the clock
- * of its own, long ago: what another test looked up in this second would be remembered, and nobody asked. */
+/* The next look-up of a name fails with `code`, an error of getaddrinfo(). The clock is set to a second in
+ * the past that no other test uses. In a second that another test has used, the name could be remembered, and
+ * the resolver would not be asked. */
 void fail_next_look_up(int code);
 
-/* While this is true, calls are neither counted nor failed nor limited in their bytes: those that a test
- * makes in the role of a peer. The clock, the addresses and the limit on waits hold on. */
+/* While this is true, calls are not counted, do not fail, and have no limit on their bytes. It is for the
+ * calls that a test makes in the role of a peer. The clock, the addresses and the limit on waits still hold.
+ */
 bool& suspended();
 
 /* How often each of those functions was called since clear(). */
 std::map<std::string, int>& calls();
 
-/* recv() and send() move at most this many bytes a call; 0: no limit. */
+/* recv() and send() move at most this many bytes in a call; 0: no limit. */
 size_t& most_bytes();
 
 /* select() waits no longer than this, in microseconds; 0: as long as it is told to. */
@@ -49,22 +51,21 @@ int64_t& longest_wait_us();
 /* Added to what time() returns, in seconds. */
 int64_t& clock_offset();
 
-/* While this is not 0, time() stands still at it, in seconds since the epoch; clock_offset() still counts. */
+/* If not 0, time() always gives this, in seconds since the epoch, plus clock_offset(). */
 int64_t& frozen_clock();
 
-/* The size of a page of the system that is pretended, a multiple of the real one; 0: the real one. sysconf()
- * gives it, mmap() and munmap() take whole pages of it, and neither munmap() nor madvise() takes a place that
- * is not the beginning of one. */
+/* The size of the pretended system's pages, a multiple of the real size; 0: the real size. sysconf() gives
+ * it, mmap() and munmap() take whole pages of it, and munmap() and madvise() refuse a place at which no such
+ * page begins. */
 size_t& page_size();
 
-/* What getaddrinfo() finds instead of asking the resolver, on the port and of the family that it is asked
- * for, and the adapters that getifaddrs() lists. Texts of IPv4 or IPv6 addresses; "" stands for an address of
- * a family that is neither, and for an adapter without an address. Empty: the real answer. */
+/* resolved() replaces the resolver: getaddrinfo() finds these addresses, with the port and of the family that
+ * it is asked for. adapters() are those that getifaddrs() lists. Both are texts of IPv4 or IPv6 addresses. ""
+ * stands for an address of another family, or for an adapter without an address. Empty: the real result. */
 std::vector<std::string>& resolved();
 std::vector<std::string>& adapters();
 
-/* The local port that connect() gives the sockets that it connects, on 127.0.0.1; 0: one that the system
- * chooses. */
+/* The local port, on 127.0.0.1, of the sockets that connect() connects; 0: the system chooses one. */
 int& outgoing_port();
 
 /* The node that getaddrinfo() was asked for last; empty for the wildcard. */

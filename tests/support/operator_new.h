@@ -1,7 +1,7 @@
-/* operator_new: memory that `new` refuses, to strings and containers, too.
+/* operator_new: lets `new` refuse memory, also to strings and containers.
  *
- * It replaces the operators of the whole program, so one source file of a test program includes it. Every
- * allocation made while `new_faults().is_counting` counts, but for those while faults are suspended. */
+ * It replaces the operators of the whole program, so only one source file of a test program includes it.
+ * Every allocation counts while `new_faults().is_counting` is set and faults are not suspended. */
 #pragma once
 
 #include <cstdlib>
@@ -21,7 +21,7 @@ inline new_fault_plan& new_faults() {
   return plan;
 }
 
-/* Whether this allocation is to be refused. */
+/* Whether this allocation has to be refused. */
 inline bool new_is_refused() {
   new_fault_plan& plan = new_faults();
   if (!plan.is_counting || faults::suspended()) return false;
@@ -36,7 +36,7 @@ inline bool new_is_refused() {
 }
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  // Not malloc(), which a test program may have replaced to count as well.
+  // Not malloc(): a test program may have replaced it, and would count this allocation twice.
   return new_is_refused() ? nullptr : calloc(1, size == 0 ? 1 : size);
 }
 

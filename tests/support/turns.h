@@ -1,14 +1,14 @@
-/* turns: the words of the tests that drive servers by hand, one turn after the other.
+/* turns: the vocabulary of the tests that drive servers by hand, one turn after the other.
  *
- *     take_turn(front, back);                one wait for all sockets, then an update of each server in this
- * order take_turn_or_idle(servers);            the same as the loop over several servers does it, on_idle()
- * included silence_reports(front);                the server never prints how many connections it has
- *     wait_for(sock, POLLIN)                 whether the socket comes into this state; false after 10 s
+ *     take_turn(front, back);                one wait for all sockets, then one update of each server
+ *     take_turn_or_idle(servers);            as the loop over several servers does it, with on_idle()
+ *     silence_reports(front);                the server never prints how many connections it has
+ *     wait_for(sock, POLLIN)                 whether the socket gets into this state; false after 10 s
  *     unread_bytes(sock)                     how many bytes have arrived there
- *     send_and_wait(remote, sock, "...");    they have arrived at the socket when this returns
- *     time_out_line(sock)                    what a server prints when it ends a connection that was idle
+ *     send_and_wait(remote, sock, "...");    the bytes have arrived at the socket when this returns
+ *     time_out_line(sock)                    what a server prints when it ends an idle connection
  *
- * Nothing here needs the framework of the unit tests: a fuzzer uses these words, too. */
+ * Nothing here needs the framework of the unit tests, because a fuzzer uses it, too. */
 #pragma once
 
 #include <poll.h>
@@ -36,7 +36,7 @@ void take_turn_or_idle(const Servers& servers) {
 }
 
 inline void silence_reports(server_base& s) {
-  s.last_report = INT64_MAX / 2;  // no clock of a test comes so far
+  s.last_report = INT64_MAX / 2;  // no clock of a test gets there
 }
 
 inline bool wait_for(int sock, short events) {

@@ -19,7 +19,7 @@ void expect_clean(const std::vector<path_pair>& pairs) {
   for (const path_pair& p : pairs) EXPECT_EQ(clean_path(p.given), p.clean) << "from " << p.given;
 }
 
-/* A PEM block whose content nobody looks at. */
+/* A PEM block. Its content does not matter. */
 std::string pem(const std::string& label, const std::string& line_end = "\n") {
   return "-----BEGIN " + label + "-----" + line_end + "MIIB" + line_end + "-----END " + label + "-----" +
          line_end;
@@ -41,7 +41,7 @@ TEST(clean_path, ordinary_paths_stay_as_they_are) {
     EXPECT_EQ(clean_path(path), path);
 }
 
-TEST(clean_path, slash_behind_a_slash_is_dropped) {
+TEST(clean_path, slash_after_a_slash_is_dropped) {
   expect_clean({{"//", "/"}, {"///", "/"}, {"//a", "/a"}, {"a//b", "a/b"}, {"a////b//c", "a/b/c"}});
 }
 
@@ -54,7 +54,7 @@ TEST(clean_path, backslash_counts_as_a_slash) {
                 {"C:\\ssl\\crt.pem", "C:/ssl/crt.pem"}});
 }
 
-TEST(clean_path, dot_between_slashes_goes_with_the_slash_behind_it) {
+TEST(clean_path, dot_between_slashes_is_dropped_with_the_slash_after_it) {
   expect_clean({{"/./a", "/a"},
                 {"a/./b", "a/b"},
                 {"a/././b", "a/b"},
@@ -133,7 +133,7 @@ TEST_F(certificate_file, words_in_the_middle_of_a_line_are_no_certificate) {
   EXPECT_EQ(count_in("see -----BEGIN CERTIFICATE-----\n" + certificate), 1);
 }
 
-TEST_F(certificate_file, words_far_behind_the_start_of_a_line_are_no_certificate_either) {
+TEST_F(certificate_file, words_far_from_the_start_of_a_line_are_no_certificate_either) {
   for (size_t length : {254U, 255U, 256U, 510U})
     EXPECT_EQ(count_in(std::string(length, ' ') + certificate), 0) << length;
 }

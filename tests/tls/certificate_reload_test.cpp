@@ -1,4 +1,4 @@
-// When the certificate is loaded, and loaded again. The clock and the file's time are the test's.
+// When the certificate is loaded, and loaded again. The tests set the clock and the time of the file.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include "tests/tls/ssl_server_fixture.h"
 #include "tests/tls/temp_folder.h"
 
-// Found in the test program itself, where a test takes the library away.
+// A test that takes the library away makes the program find this function in itself.
 extern "C" int SSL_CTX_use_certificate_chain_file(void*, const char* path);
 
 namespace {
@@ -18,7 +18,7 @@ constexpr int64_t old_time = 1500000000;
 
 const std::string pem = "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n";
 
-// What the library's function for chains was called with, and what it returns.
+// The calls of the library's function for chains, and what it returns.
 std::vector<std::string> chain_calls;
 int chain_result = 1;
 
@@ -55,7 +55,7 @@ struct certificate_reload : ssl_server_fixture {
     expect_console("");
   }
 
-  /* Loads the file as it is at the start of the program. */
+  /* Loads the file as the program does at its start. */
   void load_first(int64_t file_time = old_time) {
     modify_file(file_time);
     check();
@@ -168,7 +168,7 @@ TEST_F(certificate_reload, rejected_certificate_counts_as_loaded) {
   expect_no_load();
 }
 
-TEST_F(certificate_reload, reload_is_told_and_remembered_before_the_library_is_asked) {
+TEST_F(certificate_reload, reload_is_printed_and_remembered_before_the_library_is_called) {
   load_first();
   modify_file(old_time + 1);
   pass(61);
@@ -186,7 +186,7 @@ TEST_F(certificate_reload, line_of_a_reload_is_not_flushed) {
   EXPECT_EQ(__fpending(stdout), reloading.size());
 }
 
-TEST_F(certificate_reload, clock_that_is_set_back_stops_the_looking) {
+TEST_F(certificate_reload, clock_that_is_set_back_stops_the_looks_at_the_file) {
   load_first();
   modify_file(old_time + 1);
   check_in(-100000);
@@ -234,7 +234,7 @@ TEST_F(certificate_reload, library_that_cannot_load_chains_gets_the_first_certif
   dlclose(std::exchange(openssl::_import.handle, library));
 }
 
-/* A library that can load chains: the test itself. */
+/* The library can load chains here: the test program has the function. */
 struct chain_reload : certificate_reload {
   chain_reload() {
     chain_calls.clear();
@@ -242,7 +242,7 @@ struct chain_reload : certificate_reload {
   }
   ~chain_reload() override { openssl::_import.handle = library_; }
 
-  /* The file has so many certificates from now on, and is looked at. */
+  /* Writes so many certificates into the file, and lets the server look at it. */
   void renew(int certificates) {
     std::string text;
     for (int i = 0; i < certificates; i++) text += pem;

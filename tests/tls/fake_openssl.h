@@ -1,4 +1,4 @@
-/* fake_openssl: stands in for OpenSSL's entry points while it lives, and notes every call with its arguments.
+/* fake_openssl: replaces OpenSSL's entry points as long as it lives, and notes every call with its arguments.
  *
  * There is one context, "ctx"; sessions are named s1, s2, ... in the order of their creation. A session
  * speaks plain text: it reads and writes the socket it is bound to, unless a test says otherwise. */
@@ -25,14 +25,14 @@ class fake_openssl {
   std::vector<std::string> notes;
   bool gives_context = true;  // false: SSL_CTX_new returns null
   bool gives_session = true;  // false: SSL_new returns null
-  int result = 1;             // of every call that returns a status; no caller is to look at it
+  int result = 1;             // of every call that returns a status; callers must ignore it
   transfer reads = [](session& s, char* buf, int len) {
     return static_cast<int>(::recv(s.sock, buf, static_cast<size_t>(len), 0));
   };
   transfer writes = [](session& s, char* buf, int len) {
     return static_cast<int>(::send(s.sock, buf, static_cast<size_t>(len), 0));
   };
-  void* last_buffer = nullptr;  // given to the last SSL_read or SSL_write
+  void* last_buffer = nullptr;  // of the last SSL_read or SSL_write
 
   fake_openssl() {
     current() = this;
@@ -97,7 +97,7 @@ class fake_openssl {
     return &object;
   }
 
-  /* The entry point `pointer` is missing, and calling it throws `text`. */
+  /* Makes the entry point `pointer` missing: a call of it throws `text`. */
   template <class F>
   void remove(F*& pointer, const std::string& text = "missing") {
     openssl::_import.error = text;
@@ -110,7 +110,7 @@ class fake_openssl {
     pointer = function;
   }
 
-  /* Adds to the notes of the fake that is in place, if there is one. */
+  /* Adds to the notes of the current fake, if there is one. */
   static void note(const std::string& text) {
     if (current()) current()->notes.push_back(text);
   }

@@ -115,7 +115,7 @@ TEST_F(strings_scan, any_bytes_give_the_runs_that_a_search_of_the_whole_text_fin
   std::mt19937 next(4096);
   for (size_t size : {block - 1, block, block + 1, 2 * block, 2 * block + 7, 5 * block}) {
     std::string bytes(size, '\0');
-    // Three of four bytes are printable, so that runs of every length up to some dozens come up.
+    // Three of four bytes are printable. This gives runs of every length up to some dozens.
     for (char& c : bytes) c = static_cast<char>(next() % 4 ? 32 + next() % 96 : next() % 256);
     EXPECT_EQ(strings_in(bytes), printable_runs(bytes)) << size;
   }

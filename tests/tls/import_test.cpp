@@ -16,7 +16,7 @@
 
 namespace {
 
-/* What glibc always brings along, and nothing else uses. */
+/* A library that is part of glibc and that nothing else uses. */
 const char* const unused_library = "libBrokenLocale.so";
 
 const char* const missing_library = "libmivo_has_no_such_library.so";
@@ -35,7 +35,7 @@ const std::string& cache_lines() {
   return lines;
 }
 
-/* What stands behind the first "/" that is followed by `name`, to the end of the line. */
+/* The text after the first "/" that is followed by `name`, to the end of the line. */
 std::string first_file_in_cache(const std::string& name) {
   std::istringstream lines(cache_lines());
   for (std::string line; std::getline(lines, line);) {
@@ -77,7 +77,7 @@ TEST(import_probe, every_library_of_the_cache_is_found_by_its_name_up_to_so) {
 }
 
 TEST(import_probe, name_must_follow_a_slash_directly) {
-  EXPECT_EQ(_import_probe("ibc.so"), "ibc.so");  // only as a part of libc.so
+  EXPECT_EQ(_import_probe("ibc.so"), "ibc.so");  // it is only a part of libc.so
   EXPECT_EQ(_import_probe("libc.so"), first_file_in_cache("libc.so"));
 }
 
@@ -110,14 +110,14 @@ TEST(import_library, opening_prints_nothing) {
   EXPECT_EQ(screen.text(), "");
 }
 
-TEST(import_library, missing_library_is_told_on_standard_error_alone) {
+TEST(import_library, missing_library_is_printed_on_standard_error_only) {
   console screen;
   EXPECT_EQ(standard_error_of([] { import library(missing_library); }),
             "Unable to load libmivo_has_no_such_library.so\n");
   EXPECT_EQ(screen.text(), "");
 }
 
-TEST(import_library, missing_library_is_told_at_once_even_where_standard_error_is_buffered) {
+TEST(import_library, missing_library_is_printed_at_once_even_if_standard_error_is_buffered) {
   size_t unflushed = 1;
   standard_error_of([&] {
     setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);

@@ -1,4 +1,4 @@
-// The table of entry points as it was filled before main(), against the library that this machine has.
+// The table of entry points as it was filled before main(), compared with the library of this machine.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>

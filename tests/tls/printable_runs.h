@@ -1,9 +1,9 @@
-/* printable_runs: what a scan for printable strings is to find, worked out on the whole text at once. */
+/* printable_runs: what a scan for printable strings must find, computed from the whole text at once. */
 #pragma once
 
 #include <string>
 
-/* Every run of 5 or more bytes from 0x20 to 0x7f that another byte follows, one a line. */
+/* Every run of 5 or more bytes from 0x20 to 0x7f, one a line. A run at the end of the text does not count. */
 inline std::string printable_runs(const std::string& bytes) {
   std::string ends;
   for (int c = 0; c < 256; c++) {

@@ -1,19 +1,19 @@
-/* ssl_server_fixture: a TLS server over a faked OpenSSL, and the words of the tests about them. The clock
- * stands still, and the server never reports its count.
+/* ssl_server_fixture: a TLS server over a faked OpenSSL, and the vocabulary of the tests about them. The
+ * clock stands still, and the server never reports its count.
  *
  *     make_server("key", "crt");           another server, with a context
  *     listen();                            it starts
  *     client c = join();                   a client that is accepted; `conn` is the server's side
  *     deliver(c, "...");                   the client's bytes have arrived at the socket
- *     unread_bytes()                       and so many are still there
- *     conn->answer = "...";                given by the next on_send
+ *     unread_bytes()                       how many bytes are still there
+ *     conn->answer = "...";                the next on_send() gives it
  *     turn();                              one wait, one update
- *     conn->received                       what has come out of the session
+ *     conn->received                       what the session has given
  *     expect_notes({"SSL_new(ctx) -> s1", ...});
  *                                          the library's calls since the last time
  *     expect_console("...");               what was printed since the last time
  *
- * See fake_openssl.h for what the library answers. */
+ * See fake_openssl.h for what the library returns. */
 #pragma once
 
 #include <gmock/gmock.h>
@@ -32,7 +32,7 @@
 #include "tests/tls/fake_openssl.h"
 #include "tls/ssl_server.h"
 
-/* A connection that keeps what it receives, and gives what it is told to. */
+/* A connection that keeps what it receives and gives what a test tells it to. */
 struct talker : connection {
   std::string received;
   std::string answer;  // given by the next on_send
@@ -87,7 +87,7 @@ class ssl_server_fixture : public testing::Test {
     return c;
   }
 
-  /* Sends bytes that are there when this returns. */
+  /* Sends bytes. They have arrived when this returns. */
   void deliver(client& from, const std::string& bytes) {
     EXPECT_TRUE(send_and_wait(from, conn->sock, bytes));
   }

@@ -12,7 +12,7 @@
 namespace {
 
 struct tls_hooks : ssl_server_fixture {
-  /* A connection in nobody's list, accepted on one end of a socket pair. */
+  /* A connection that is in no list, accepted on one end of a socket pair. */
   tls_hooks() {
     socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends);
     lone.sock = ends[0];

@@ -17,14 +17,14 @@ constexpr int fruitless_turns = 64;  // in a row, after which a session that doe
 struct tls_transport : ssl_server_fixture {
   tls_transport() { listen(); }
 
-  /* An accepted client whose handshake calls are forgotten. */
+  /* An accepted client. The calls of its handshake are removed from the notes. */
   client join_quietly() {
     client c = join();
     tls.take_notes();
     return c;
   }
 
-  /* SSL_read gives these texts one by one, without touching the socket; afterwards `last` for ever. */
+  /* SSL_read() gives these texts one by one, and then always `last`. It does not touch the socket. */
   void script_reads(std::vector<std::string> texts, int last = -1) {
     tls.reads = [=](session&, char* buf, int) mutable {
       if (texts.empty()) return last;
@@ -34,7 +34,7 @@ struct tls_transport : ssl_server_fixture {
     };
   }
 
-  /* The session takes up to `most` bytes off the socket and makes nothing of them yet, as in a handshake. */
+  /* The session reads up to `most` bytes from the socket and gives none, as in a handshake. */
   void swallow(size_t most) {
     tls.reads = [=](session& s, char*, int) {
       std::string bytes(most, '\0');
@@ -45,11 +45,11 @@ struct tls_transport : ssl_server_fixture {
 
   bool is_served() const { return srv->connections.count == 1; }
 
-  /* Turns find out that the session is dead, and one more ends the connection by its time-out. */
+  /* Expects that 64 turns find the session dead, and that one more ends the connection by its time-out. */
   void expect_death(client& remote) {
     const std::string line = time_out_line(conn->sock);
     for (int i = 0; i < fruitless_turns; i++) turn();
-    EXPECT_TRUE(is_served()) << "ended in the turn that should only find out";
+    EXPECT_TRUE(is_served()) << "it ended a turn too early";
     expect_console("");
     turn();
     EXPECT_FALSE(is_served());
@@ -147,7 +147,7 @@ TEST_F(tls_transport, write_that_is_not_taken_is_repeated_with_the_same_bytes) {
   EXPECT_EQ(c.received(), "hello");
 }
 
-// Such a session leaves its socket writable for ever, and a loop that waits for it would spin.
+// Such a session leaves its socket writable for ever. A loop that waits for it would spin.
 TEST_F(tls_transport, session_that_refuses_every_write_is_ended_through_the_time_out) {
   client c = join_quietly();
   conn->answer = "hello";
@@ -194,7 +194,7 @@ TEST_F(tls_transport, session_that_takes_a_part_of_what_is_there_lives) {
   EXPECT_LT(unread_bytes(), 4);
 }
 
-TEST_F(tls_transport, bytes_that_come_behind_the_first_read_are_no_sign_of_death) {
+TEST_F(tls_transport, bytes_that_come_after_the_first_read_are_no_sign_of_death) {
   client c = join_quietly();
   bool is_first = true;
   tls.reads = [&](session& s, char* buf, int len) {
@@ -225,7 +225,7 @@ TEST_F(tls_transport, session_that_leaves_bytes_and_does_not_ask_the_system_is_d
   expect_death(c);
 }
 
-// As one does whose record is not complete, however fast the next bytes come.
+// A session whose record is not complete does so, however fast the next bytes come.
 TEST_F(tls_transport, session_that_leaves_bytes_after_the_system_had_no_more_lives) {
   client c = join_quietly();
   tls.reads = [](session&, char*, int) {
@@ -249,7 +249,7 @@ TEST_F(tls_transport, session_whose_writes_are_refused_by_the_system_lives) {
   EXPECT_TRUE(repeat_until([&] { turn(), c.poll(); }, [&] { return c.received() == "hello"; }));
 }
 
-TEST_F(tls_transport, session_behind_the_end_of_the_stream_is_dead) {
+TEST_F(tls_transport, session_after_the_end_of_the_stream_is_dead) {
   client c = join_quietly();
   script_reads({});
   c.shutdown_write();
@@ -257,7 +257,7 @@ TEST_F(tls_transport, session_behind_the_end_of_the_stream_is_dead) {
   expect_death(c);
 }
 
-TEST_F(tls_transport, session_behind_the_end_of_the_stream_is_read_only_once) {
+TEST_F(tls_transport, session_after_the_end_of_the_stream_is_read_only_once) {
   client c = join_quietly();
   script_reads({});
   c.shutdown_write();
@@ -282,7 +282,7 @@ TEST_F(tls_transport, dead_session_ends_though_its_connection_has_no_time_out) {
   expect_death(c);
 }
 
-TEST_F(tls_transport, dead_session_is_noticed_behind_bytes_that_were_good) {
+TEST_F(tls_transport, dead_session_is_noticed_after_bytes_that_were_good) {
   client c = join_quietly();
   script_reads({"good"});
   deliver(c, "x");
@@ -318,7 +318,7 @@ TEST_F(tls_transport, dying_session_leaves_the_others_alone) {
   EXPECT_EQ(conn->received, "hello");
 }
 
-TEST_F(tls_transport, destroyed_server_frees_its_context_first_and_says_no_word_of_tls) {
+TEST_F(tls_transport, destroyed_server_frees_its_context_first_and_sends_nothing) {
   client first = join_quietly();
   client second = join_quietly();
   srv.reset();

@@ -1,4 +1,4 @@
-/* temp_folder: a folder of the test's own, removed at its end with everything in it. */
+/* temp_folder: a folder for one test. The destructor removes it with everything in it. */
 #pragma once
 
 #include <fcntl.h>
@@ -21,7 +21,7 @@ class temp_folder {
 
   const std::string& path() const { return path_; }
 
-  /* Writes the file `name` in the folder, in place of one that is there, and returns its path. */
+  /* Writes the file `name` in the folder and returns its path. Replaces a file of that name. */
   std::string write(const std::string& name, const std::string& bytes) const {
     const std::string path = path_ + "/" + name;
     std::ofstream(path, std::ios::binary) << bytes;
