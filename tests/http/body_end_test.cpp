@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-// How the framework shows it.
+// How GoogleTest prints it.
 inline void PrintTo(body_end end, std::ostream* out) {
   const char* const names[] = {"by_length", "by_last_chunk", "unknown"};
   *out << names[static_cast<int>(end)];
@@ -19,8 +19,8 @@ namespace {
 
 const std::string request_line = "POST / HTTP/1.1\r\n";
 
-// Each entry stands for the lines of a head, without the CR LF behind the last one, and is tried with other
-// lines around it as well.
+// Each entry holds lines of a head, without the last CR LF. It is tried alone, and with other lines before
+// and after it.
 void expect_end(body_end wanted, const std::vector<std::string>& lines) {
   const std::string around[] = {"", "Host: a\r\n", "Content-Length: 5\r\n", "a\r\n",
                                 "X: transfer-encoding: y\r\n"};
@@ -72,7 +72,7 @@ TEST(body_end, several_lines_are_one_list) {
                                  "Transfer-Encoding: chunked\r\nX: y\r\nTransfer-Encoding:"});
 }
 
-TEST(body_end, chunked_is_there_once) {
+TEST(body_end, chunked_may_stand_there_only_once) {
   expect_end(body_end::unknown, {"Transfer-Encoding: chunked, chunked",
                                  "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked"});
 }
@@ -110,7 +110,7 @@ TEST(body_end, name_is_followed_directly_by_its_colon) {
              {"Transfer-Encoding : chunked", "Transfer-Encoding\t: chunked", "Transfer-Encoding chunked",
               "Transfer-Encoding", "Transfer-Encoding\x0b: chunked", "Transfer-Encoding=chunked",
               "Transfer-Encoding\xa0: chunked", std::string("Transfer-Encoding\0: chunked", 27)});
-  EXPECT_EQ(find_body_end(request_line + "Transfer-Encoding"), body_end::unknown);  // not even a line
+  EXPECT_EQ(find_body_end(request_line + "Transfer-Encoding"), body_end::unknown);  // this is not even a line
 }
 
 TEST(body_end, name_that_does_not_begin_its_line_is_doubtful) {
@@ -120,7 +120,7 @@ TEST(body_end, name_that_does_not_begin_its_line_is_doubtful) {
                                  std::string("\0Transfer-Encoding: chunked", 27)});
 }
 
-TEST(body_end, name_behind_a_bare_cr_or_lf_is_doubtful) {
+TEST(body_end, name_after_a_bare_cr_or_lf_is_doubtful) {
   expect_end(body_end::unknown, {"X: y\nTransfer-Encoding: chunked", "X: y\rTransfer-Encoding: chunked",
                                  "X: y\n Transfer-Encoding: chunked", "X: y\n\rTransfer-Encoding: chunked"});
   EXPECT_EQ(find_body_end("GET / HTTP/1.1\nTransfer-Encoding: chunked\r\n"), body_end::unknown);
@@ -131,7 +131,7 @@ TEST(body_end, bare_cr_or_lf_anywhere_makes_the_head_doubtful) {
              {"Transfer-Encoding: chunked\n", "Transfer-Encoding: chunked\r",
               "Transfer-Encoding: chunked\nX: y", "Transfer-Encoding: chunked\r\nX: y\nZ: z",
               "X: y\rz\r\nTransfer-Encoding: chunked", "X: y\r\r\nTransfer-Encoding: chunked"});
-  // Without the name, such a head is nobody's business here.
+  // A head without the name does not matter here.
   expect_end(body_end::by_length, {"X: y\nZ: z", "X: y\rz"});
 }
 
@@ -140,7 +140,7 @@ TEST(body_end, continued_line_anywhere_makes_the_head_doubtful) {
              {"Transfer-Encoding: chunked\r\n , identity", "Transfer-Encoding:\r\n chunked",
               "Transfer-Encoding: gzip,\r\n\tchunked", "X: y\r\n z\r\nTransfer-Encoding: chunked",
               "Transfer-Encoding: chunked\r\n\t, identity", "X: y\r\n\tz\r\nTransfer-Encoding: chunked",
-              // What is passed on of this one has the continuation directly behind the coding.
+              // The Connection line is not passed on, and its continuation then follows the coding directly.
               "Transfer-Encoding: chunked\r\nConnection: x\r\n , identity"});
   expect_end(body_end::by_length, {"X: y\r\n z"});
 }

@@ -32,7 +32,7 @@ class websocket_channels : public testing::Test {
     return c;
   }
 
-  // Makes `c` a member of the channel, without its knowledge.
+  // Makes `c` a member of the channel without adding to its subscriptions.
   static void enlist(http_connection& c, const std::string& channel) {
     list* all = http_connection::channels().get(channel);
     if (!all) {
@@ -70,7 +70,7 @@ TEST_F(websocket_channels, get_a_member_once_with_the_channel_among_its_subscrip
   EXPECT_EQ(b->subscriptions.count, 1u);
 }
 
-TEST_F(websocket_channels, get_no_member_that_would_stay_behind) {
+TEST_F(websocket_channels, refuse_a_member_that_would_never_leave) {
   auto c = upgraded();
   c->upgraded = false;
   c->subscribe("news");
@@ -88,7 +88,7 @@ TEST_F(websocket_channels, are_left_one_by_one) {
   a->unsubscribe(*a->subscriptions.keys[0]);
   EXPECT_EQ(http_connection::channels().get("sport"), nullptr);
   EXPECT_EQ(a->subscriptions.count, 0u);
-  a->unsubscribe("news");  // a member no more
+  a->unsubscribe("news");  // it is no longer a member
   a->unsubscribe("absent");
   EXPECT_EQ(of("news"), members{b.get()});
   EXPECT_EQ(console_.text(), "");
@@ -110,12 +110,12 @@ TEST_F(websocket_channels, pass_on_what_is_published_to_members_that_stay) {
   EXPECT_EQ(other->response_parts.count, 0);
 }
 
-// As the connections of a server that is a global do. The child's status is the sanitizer's when the registry
-// has gone before.
-TEST_F(websocket_channels, are_there_for_a_connection_that_ends_after_main) {
+// The connections of a server in a global variable end after main(). If the registry were destroyed before
+// them, the sanitizer would end the child with an error.
+TEST_F(websocket_channels, still_exist_for_a_connection_that_ends_after_main) {
   EXPECT_TRUE(run_in_child([] {
     static std::unique_ptr<http_connection> global;
-    atexit([] { global.reset(); });  // runs after whatever is registered from here on
+    atexit([] { global.reset(); });  // runs after the functions that are registered from here on
     global = upgraded();
     global->subscribe("news");
     exit(0);
@@ -135,7 +135,7 @@ TEST_F(websocket_channels, lose_a_connection_that_ends_and_keep_the_others_in_or
   EXPECT_EQ(console_.text(), "");
 }
 
-// The address sanitizer tells if the list itself is not freed.
+// The address sanitizer reports a list that is not freed.
 TEST_F(websocket_channels, end_with_their_last_member) {
   auto a = upgraded(), b = upgraded();
   a->subscribe("news");
@@ -187,7 +187,7 @@ TEST_F(websocket_channels, without_the_connection_are_named_with_its_socket_and_
             "Error! Channel not found: absent\nError! Subscription for 41 to news not found!\n"
             "Error! Subscription for 41 to empty not found!\n");
   EXPECT_EQ(of("news"), members{other.get()});
-  EXPECT_EQ(http_connection::channels().count, 2u) << "sport was left in good order";
+  EXPECT_EQ(http_connection::channels().count, 2u) << "sport, which has lost its last member, is gone";
 }
 
 TEST_F(websocket_channels, are_left_after_the_queued_output_is_freed) {

@@ -31,7 +31,7 @@ states state_of(const chunked_body& body) {
   return body.has_ended() ? states::ended : body.is_malformed() ? states::malformed : states::open;
 }
 
-// Hands the pieces over in memory that ends at an unreadable page.
+// Parses the pieces, each in memory that ends at an unreadable page.
 outcome parse(const chunks& pieces) {
   chunked_body body;
   size_t used = 0;
@@ -43,7 +43,7 @@ outcome parse(const chunks& pieces) {
   return {state_of(body), used};
 }
 
-// What all ways of cutting `bytes` give.
+// Expects the same outcome for every way of cutting `bytes`.
 void expect_outcome(const std::string& bytes, const outcome& wanted) {
   for (const chunks& pieces : every_delivery(bytes)) {
     SCOPED_TRACE(testing::PrintToString(pieces));
@@ -51,15 +51,15 @@ void expect_outcome(const std::string& bytes, const outcome& wanted) {
   }
 }
 
-// Expects that `bytes` are a body and its end, and that nothing behind them belongs to it.
+// Expects that `bytes` are a complete body, and that nothing after them belongs to it.
 void expect_whole(const std::string& bytes) {
   expect_outcome(bytes, {states::ended, bytes.size()});
   for (const char* behind : {"\r\n", "0\r\n\r\n", "GET / HTTP/1.1\r\n\r\n"})
     expect_outcome(bytes + behind, {states::ended, bytes.size()});
 }
 
-// Expects that the last byte makes the body malformed, that no byte before it does, and that all that follows
-// belongs to it, even what looks like an end.
+// Expects that the last byte makes the body malformed, and no byte before it. Everything that follows belongs
+// to the body, even what looks like its end.
 void expect_malformed_by_last_byte(const std::string& bytes) {
   const std::string before = bytes.substr(0, bytes.size() - 1);
   expect_outcome(before, {states::open, before.size()});
@@ -68,7 +68,7 @@ void expect_malformed_by_last_byte(const std::string& bytes) {
   expect_outcome(more, {states::malformed, more.size()});
 }
 
-// Every prefix that is continued by `wrong` must be malformed by it.
+// Expects that each string in `wrong` makes the body malformed if it follows `prefix`.
 void expect_malformed(const std::string& prefix, const std::vector<std::string>& wrong) {
   for (const std::string& bytes : wrong) expect_malformed_by_last_byte(prefix + bytes);
 }
@@ -77,7 +77,7 @@ std::string byte(int value) {
   return std::string(1, static_cast<char>(value));
 }
 
-// All bytes but the allowed ones.
+// All bytes except the allowed ones.
 std::vector<std::string> all_but(const std::string& allowed) {
   std::vector<std::string> bytes;
   for (int value = 0; value < 256; value++) {
@@ -99,7 +99,7 @@ const std::string token =
 
 }  // namespace
 
-TEST(chunked_body, ends_behind_the_empty_line_after_the_last_chunk) {
+TEST(chunked_body, ends_with_the_empty_line_after_the_last_chunk) {
   for (const char* body :
        {"0\r\n\r\n", "5\r\nhello\r\n0\r\n\r\n", "1\r\na\r\n2\r\nbc\r\n3\r\ndef\r\n0\r\n\r\n"})
     expect_whole(body);
@@ -155,7 +155,7 @@ TEST(chunked_body, size_above_4_gib_is_not_cut_short) {
   EXPECT_TRUE(body.has_ended());
 }
 
-TEST(chunked_body, blanks_behind_a_size_need_an_extension_behind_them) {
+TEST(chunked_body, blanks_after_a_size_need_an_extension_after_them) {
   for (const char* size : {"5 ;a", "5\t;a=b", "5 \t ; a = b"})
     expect_whole(std::string(size) + "\r\nhello\r\n0 ;\r\n\r\n");
   for (const char* size : {"5 ", "5 \t", "5\t "}) expect_malformed(size, all_but(" \t;"));

@@ -1,7 +1,8 @@
 /* client_frames: WebSocket frames as a client sends them, in the layouts that the server reads.
  *
- * Up to 125 bytes of payload these are the frames of RFC 6455, section 5.2. Longer lengths stand least
- * significant byte first, an 8-byte one at offset 8, with the mask behind it and the payload from 14 on. */
+ * With a payload of up to 125 bytes these are the frames of RFC 6455, section 5.2. Longer lengths are sent
+ * least significant byte first. An 8-byte length stands at offset 8 and the mask after it, but the payload
+ * begins at offset 14. */
 #pragma once
 
 #include <cstdint>

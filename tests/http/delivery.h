@@ -1,13 +1,13 @@
 /* delivery: the ways in which bytes reach a connection, and leave it.
  *
- * Both ways use memory that ends at an unreadable page, and input is overwritten after the call: a connection
- * that reads or writes too far, or keeps a pointer, is found out.
+ * Input and output are in memory that ends at an unreadable page, and input is overwritten after the call.
+ * This finds a connection that reads or writes too far, or keeps a pointer.
  *
  *     receive(c, "...");                   one chunk, as the server hands it over
  *     for (const chunks& all : every_delivery("...")) receive_all(c, all);
  *                                          the bytes whole, in two at every cut, and byte by byte
- *     send_once(c, cap)                    what one on_send gives, and whether the connection stays
- *     send_everything(c)                   what all that is queued comes to */
+ *     send_once(c, cap)                    what one on_send() gives, and whether the connection stays
+ *     send_everything(c)                   everything that is queued */
 #pragma once
 
 #include <sys/mman.h>
@@ -19,12 +19,12 @@
 
 #include "http/http_connection.h"
 
-constexpr int megabyte = 1048576;  // the most that a server reads or writes in one go
+constexpr int megabyte = 1048576;  // the most that a server reads or writes in one call
 
 using chunks = std::vector<std::string>;
 
-/* The address of `len` bytes, at most a megabyte, in front of a page that can be neither read nor written.
- * It is the same memory each time. */
+/* The address of `len` bytes, at most a megabyte, that end at a page which can be neither read nor written.
+ * The memory is the same each time. */
 inline char* bytes_before_unreadable_page(size_t len) {
   static char* const end = [] {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -74,7 +74,7 @@ inline sending send_once(http_connection& c, int cap = megabyte) {
   return {stays, std::string(buffer, static_cast<size_t>(len))};
 }
 
-/* Everything queued, in as many calls as it takes, but not more than a thousand. */
+/* Everything that is queued. Makes as many calls as necessary, but at most a thousand. */
 inline std::string send_everything(http_connection& c) {
   std::string bytes;
   for (int i = 0; i < 1000 && c.response_parts.count > 0; i++) bytes += send_once(c).bytes;

@@ -41,7 +41,7 @@ std::string info(const char* ip, const std::string& lines, bool with_agent) {
 
 }  // namespace
 
-TEST(get_header, value_runs_from_two_bytes_behind_the_name_to_the_line_end) {
+TEST(get_header, value_runs_from_two_bytes_after_the_name_to_the_line_end) {
   expect_lookups({
       {"Host", "G\r\nHost: a\r\nB: c\r\n", "a"},
       {"Host", "G\r\nHost: a", "a"},
@@ -95,7 +95,7 @@ TEST(get_header, first_line_that_begins_with_the_name_counts) {
   });
 }
 
-TEST(get_header, two_bytes_behind_the_name_are_skipped_unseen) {
+TEST(get_header, two_bytes_after_the_name_are_skipped_unseen) {
   expect_lookups({
       {"host", "G\r\nHost:a\r\n", ""},
       {"host", "G\r\nHost:abc\r\n", "bc"},
@@ -105,7 +105,7 @@ TEST(get_header, two_bytes_behind_the_name_are_skipped_unseen) {
   });
 }
 
-TEST(get_header, text_that_ends_less_than_two_bytes_behind_the_name_is_out_of_range) {
+TEST(get_header, text_that_ends_less_than_two_bytes_after_the_name_is_out_of_range) {
   for (const char* text : {"G\r\nHost", "G\r\nHost:", "\r\nhOST", "\r\nA: 1\r\nhost:"})
     EXPECT_THROW(http_connection::get_header("Host", text), std::out_of_range) << text;
   EXPECT_THROW(http_connection::get_header("H*t", "\r\nHost:"), std::out_of_range);
@@ -130,7 +130,7 @@ TEST(get_header, question_mark_matches_one_byte_and_star_any_run) {
 }
 
 TEST(get_header, after_a_star_only_what_follows_it_is_tried_again) {
-  // What stood before the star is settled at the first line start that it matches.
+  // The part before the star is not tried again after the first line start that it matches.
   expect_lookups({{"a*b?d", "G\r\nAb1cb2d: v\r\n", "v"}, {"*", "G\r\nA: 1\r\n", " 1"}});
 }
 

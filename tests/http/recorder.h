@@ -1,7 +1,7 @@
 /* recorder: an http_connection that notes which of its hooks ran, with what, and which fields they saw.
  *
- * on_headers and on_request do nothing else; the other hooks then do what they do by default, except that
- * on_upgrade keeps the connection open when `stays_upgraded` is set. */
+ * on_headers and on_request do nothing else. The other hooks then call the default ones. If `stays_upgraded`
+ * is set, on_upgrade does not, and the connection stays open. */
 #pragma once
 
 #include <gtest/gtest.h>
@@ -36,8 +36,8 @@ inline std::string all_fields(const http_connection& c) {
 
 struct recorder : http_connection {
   std::vector<std::string> events;  // "headers", "data ...", "upgrade", "message ...", "request"
-  std::string at_headers;           // request_line() when on_headers or on_upgrade ran last
-  std::string at_request;           // all_fields() when on_request ran last
+  std::string at_headers;           // request_line() at the last on_headers or on_upgrade
+  std::string at_request;           // all_fields() at the last on_request
   std::string body;                 // everything that on_data got
   bool stays_upgraded = false;
 
@@ -69,6 +69,6 @@ struct recorder : http_connection {
     at_request = all_fields(*this);
   }
 
-  /* How often a hook was called that leaves exactly this event. */
+  /* How often exactly this event was noted. */
   long times(const std::string& event) const { return std::count(events.begin(), events.end(), event); }
 };

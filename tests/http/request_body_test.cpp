@@ -79,7 +79,7 @@ TEST_F(http_request_body, of_no_bytes_is_not_delivered) {
   EXPECT_EQ(c().events, (events{"headers", "request"}));
 }
 
-TEST_F(http_request_body, takes_what_is_pipelined_behind_it_and_reset_discards_it) {
+TEST_F(http_request_body, takes_what_is_pipelined_after_it_and_reset_discards_it) {
   receive(c(), get_1_1 + get_1_1 + "GET");
   EXPECT_EQ(c().events, (events{"headers", "data " + get_1_1 + "GET", "request"}));
   EXPECT_EQ(c().head + c().content, "");
@@ -113,7 +113,7 @@ TEST_F(http_request_body, chunk_of_no_bytes_changes_nothing_before_the_head_is_c
   EXPECT_EQ(c().request_length, 16);
 }
 
-TEST_F(http_request_body, chunk_of_less_than_no_bytes_only_lowers_the_count_before_the_head_is_complete) {
+TEST_F(http_request_body, chunk_of_negative_length_only_lowers_the_count_before_the_head_is_complete) {
   receive(c(), "GET / HTTP/1.1\r\n\r");
   char bytes[] = "\n";
   c().on_recv(bytes, -2);
@@ -122,7 +122,7 @@ TEST_F(http_request_body, chunk_of_less_than_no_bytes_only_lowers_the_count_befo
   EXPECT_EQ(c().request_length, 15);
 }
 
-TEST_F(http_request_body, chunk_of_no_bytes_reaches_on_data_behind_the_head) {
+TEST_F(http_request_body, chunk_of_no_bytes_after_the_head_reaches_on_data) {
   receive_chunks({post(1), "", "x"});
   EXPECT_EQ(c().events, (events{"headers", "data ", "data x", "request"}));
 }
@@ -163,10 +163,10 @@ TEST_F(http_request_body, reset_by_a_hook_before_the_end_leaves_the_request_unco
 
 TEST_F(http_request_body, over_the_limit_is_dropped_with_a_line_for_each_chunk) {
   c().max_request_length = 40;
-  receive_chunks({post(30), "x"});  // 39 + 1 bytes: at the limit, not over it
+  receive_chunks({post(30), "x"});  // 39 + 1 bytes: exactly the limit
   ASSERT_EQ(c().request_length, 40 + static_cast<int32_t>(post(30).size()) - 39);
   c().max_request_length = c().request_length;
-  receive(c(), "0123456789");  // may overrun by one chunk
+  receive(c(), "0123456789");  // one chunk may exceed the limit
   EXPECT_EQ(console_.text(), "");
   const std::string before = all_fields(c());
   const events events_before = c().events;
@@ -190,14 +190,14 @@ TEST_F(http_request_body, head_over_the_limit_is_dropped_and_never_completed) {
   EXPECT_EQ(send_once(c()).stays, true);
 }
 
-TEST_F(http_request_body, begun_with_the_empty_line_grows_up_to_the_limit) {
+TEST_F(http_request_body, after_an_empty_line_at_the_very_start_grows_up_to_the_limit) {
   c().max_request_length = 10;
   receive_chunks({"\r\n\r\n", "abcdef", "g", "h"});
   EXPECT_EQ(c().head, "\r\n\r\nabcdefg");
   EXPECT_EQ(console_.text(), "Warning! Request exceeds max length of 10.\n");
 }
 
-TEST_F(http_request_body, limit_of_zero_or_less_is_none) {
+TEST_F(http_request_body, limit_of_zero_or_less_means_no_limit) {
   for (int32_t limit : {0, -1, INT_MIN}) {
     c().keep_alive = true;
     c().reset();
@@ -210,7 +210,7 @@ TEST_F(http_request_body, limit_of_zero_or_less_is_none) {
   EXPECT_EQ(console_.text(), "");
 }
 
-TEST_F(http_request_body, limit_is_100_mib_unless_it_is_set_and_that_again_for_each_request) {
+TEST_F(http_request_body, limit_is_100_mib_again_for_each_request_whatever_was_set) {
   c().max_request_length = 50;
   receive(c(), get_1_1);
   EXPECT_EQ(c().max_request_length, 104857600);
@@ -223,7 +223,7 @@ TEST_F(http_request_body, limit_is_100_mib_unless_it_is_set_and_that_again_for_e
   receive(big, "POST / HTTP/1.1\r\nContent-Length: 2000000000\r\n\r\n");
   const std::string chunk(megabyte, 'x');
   for (int i = 0; i < 102; i++) receive(big, chunk);
-  // The head makes the hundredth chunk pass the limit, which the hundred and first meets.
+  // With the head, chunk 100 exceeds the limit. Chunk 101 is the first to be dropped.
   EXPECT_EQ(big.taken, 100 * int64_t{megabyte});
   const std::string line = "Warning! Request exceeds max length of 104857600.\n";
   EXPECT_EQ(console_.text(), line + line);
@@ -248,7 +248,7 @@ TEST_F(http_request_body, negative_length_completes_the_request_at_once) {
 
 TEST_F(http_request_body, default_on_headers_prints_the_description_with_the_agent) {
   auto plain = std::make_unique<http_connection>();
-  plain->ip = 0x0700000A;  // 10.0.0.7 as the bytes stand in memory
+  plain->ip = 0x0700000A;  // 10.0.0.7 in the order of the bytes in memory
   plain->port = 51234;
   receive(*plain, "GET /index.html?a=1 HTTP/1.1\r\nUser-Agent: curl/8.0\r\n\r\n");
   EXPECT_EQ(console_.text(), "10.0.0.7:51234 GET /index.html?a=1 HTTP/1.1 [curl/8.0]\n");

@@ -1,4 +1,4 @@
-// The fields of an http_connection: which there are, how they start, and what reset() does to them.
+// The fields of an http_connection: their order, their first values, and what reset() does to them.
 
 #include <gtest/gtest.h>
 
@@ -21,8 +21,8 @@ uintptr_t at(const void* member) {
   return reinterpret_cast<uintptr_t>(member);
 }
 
-// The offset of a virtual function in the table is the first word of a pointer to it. The Itanium C++ ABI
-// adds 1 to it, and its variant for ARM to the second word instead: neither makes another slot of it.
+// The first word of a pointer to a virtual function is its offset in the table. The Itanium C++ ABI adds 1 to
+// this word; its variant for ARM adds it to the second word. The division gives the same slot in both cases.
 template <class F>
 uintptr_t slot_of(F function) {
   static_assert(sizeof(function) >= sizeof(uintptr_t), "a pointer to a member function");
@@ -69,7 +69,7 @@ TEST(http_connection, reset_restores_the_fields_of_a_request_and_no_others) {
     expected->subscriptions.set("news", {});
     EXPECT_EQ(all_fields(*c), all_fields(*expected));
     EXPECT_EQ(c->timeout, 11);
-    c->upgraded = expected->upgraded = false;  // no channel stands behind the subscription
+    c->upgraded = expected->upgraded = false;  // the channel of the subscription does not exist
   }
 }
 

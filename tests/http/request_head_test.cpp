@@ -1,4 +1,4 @@
-// From the bytes of a request's head to the fields and the decisions taken from it.
+// From the bytes of a request's head to the fields, and to the decisions that follow from them.
 
 #include <gtest/gtest.h>
 
@@ -93,7 +93,7 @@ TEST(http_request, that_begins_with_the_empty_line_is_never_parsed) {
   }
 }
 
-// A missing blank counts as position -1, so the search for what follows starts at the beginning again.
+// A missing blank counts as position -1. The next search then starts at the beginning of the line again.
 TEST(http_request, line_is_split_at_its_first_two_blanks_wherever_they_are) {
   using namespace std::string_literals;
   const struct {

@@ -1,8 +1,8 @@
 /* request_model: a second opinion on how chunks become requests, written for clarity alone.
  *
- * It knows one rule at a time, in the order in which the rules are stated, holds positions as signed numbers
- * with -1 for "not found", and searches everything from its start each time. Shares no code with what it
- * judges; the strings it leaves are compared with those of a recorder. */
+ * It applies one rule after the other, in the order in which they are stated. Positions are signed numbers;
+ * -1 means "not found". It searches everything from the start each time. It shares no code with the parser.
+ * The strings that it makes are compared with those of a recorder. */
 #pragma once
 
 #include <cctype>

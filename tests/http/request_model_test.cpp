@@ -114,7 +114,7 @@ class random_input {
   std::mt19937 generator_;
 };
 
-// The fields in which the two may not differ.
+// The fields in which the two must not differ.
 template <class C>
 auto comparable(const C& c) {
   return std::tie(c.head, c.content, c.method, c.target, c.version, c.path, c.query, c.cookie,
@@ -170,7 +170,7 @@ TEST(http_request_model, agrees_on_header_look_up_in_random_text) {
   for (int i = 0; i < 20000; i++) {
     std::string text;
     for (int n = random.up_to(12); n > 0; n--) text += random.any_of(pieces);
-    text += "xx";  // so that a name at the very end has two bytes behind it
+    text += "xx";  // so that even a name at the end has two bytes after it
     const std::string name = random.any_of(names);
     EXPECT_EQ(http_connection::get_header(name, text), request_model::header(name, text))
         << testing::PrintToString(text);

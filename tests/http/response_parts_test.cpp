@@ -1,4 +1,4 @@
-// The three kinds of queued output as on_send drains them, and who frees what.
+// The three kinds of queued output: how on_send() drains them, and who frees what.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -122,7 +122,7 @@ TEST_F(http_response_parts, of_bytes_longer_than_the_buffer_go_out_in_slices) {
   EXPECT_EQ(drain(4), (slices{"0123", "4567", "89", "ab"}));
 }
 
-// In the last step of a limit the rest is not counted down, so that slice repeats until the file ends.
+// The last step does not reduce what remains of the limit. Its slice repeats until the file ends.
 TEST_F(http_response_parts, from_a_file_go_out_in_slices_until_a_read_comes_short) {
   const struct {
     std::string bytes;
@@ -151,7 +151,7 @@ TEST_F(http_response_parts, from_a_file_go_out_in_slices_until_a_read_comes_shor
   }
 }
 
-TEST_F(http_response_parts, from_a_file_with_nothing_left_store_that_nothing_is_sent) {
+TEST_F(http_response_parts, from_a_file_with_nothing_left_set_the_length_to_0) {
   queue_file("0123", 0);
   char buffer[4];
   int len = 99;
@@ -174,7 +174,7 @@ TEST_F(http_response_parts, from_a_file_of_announced_length_are_exactly_so_many_
       {"0123", 4, {"0123"}},
   };
   for (const auto& t : cases) {
-    queue_file(t.bytes, 3).announced = t.announced;  // which alone counts
+    queue_file(t.bytes, 3).announced = t.announced;  // only this counts, and not the 3
     EXPECT_EQ(drain(4), t.expected) << t.bytes << " with " << t.announced << " announced";
   }
   EXPECT_EQ(console_.text(), "");
@@ -193,10 +193,10 @@ TEST_F(http_response_parts, from_a_file_shorter_than_announced_end_the_connectio
   EXPECT_FALSE(is_open(descriptor));
   const sending next = send_once(c(), 4);
   EXPECT_EQ(next.bytes, "");
-  EXPECT_FALSE(next.stays) << "closed, and not waiting for another answer";
+  EXPECT_FALSE(next.stays) << "it closes and does not wait for another response";
 }
 
-TEST_F(http_response_parts, from_a_file_count_down_whole_buffers_alone) {
+TEST_F(http_response_parts, from_a_file_count_down_whole_buffers_only) {
   const part& p = queue_file("0123456789", 6);
   send_once(c(), 4);
   EXPECT_EQ(p.remaining, 2.0);
@@ -211,14 +211,14 @@ TEST_F(http_response_parts, from_a_file_start_where_it_stands) {
   EXPECT_EQ(drain(megabyte), slices{"789"});
 }
 
-// The slice was as long as was asked for, so only the next read finds the end, and gives nothing to send.
+// The slice has the full length, so only the next read finds the end. That read gives nothing to send.
 TEST_F(http_response_parts, from_a_file_that_end_with_an_empty_slice_announce_that_more_may_follow) {
   const int number = 700;  // nothing is open under it
   sockets::add(number);
   c().sock = number;
   queue_file("0123");
   EXPECT_EQ(send_once(c(), 4).bytes, "0123");
-  EXPECT_FALSE(sockets::has(sockets::ready(), number)) << "a server does that for what it sends";
+  EXPECT_FALSE(sockets::has(sockets::ready(), number)) << "the server does that for bytes that it sends";
   EXPECT_EQ(send_once(c(), 4).bytes, "");
   EXPECT_TRUE(sockets::has(sockets::ready(), number));
   for (fd_set* set : {sockets::all(), sockets::ready()}) FD_CLR(number, set);
@@ -308,7 +308,7 @@ TEST_F(http_response_parts, jobs_result_sets_the_idle_time_out_and_the_last_acti
   EXPECT_EQ(c().timeout, 33);
 }
 
-// 0 ends the connection soon, less than 0 never.
+// With 0 the connection ends soon, with less than 0 it never times out.
 TEST_F(http_response_parts, jobs_result_sets_any_idle_time_out) {
   for (int32_t timeout : {0, -1, INT32_MAX}) {
     queue_job(timeout).done = true;
@@ -327,7 +327,7 @@ TEST_F(http_response_parts, other_kinds_leave_the_idle_time_out_and_the_last_act
   EXPECT_EQ(c().timeout, 10);
 }
 
-// "FFFF2", the text and nine bytes of line ends and last chunk are exactly one buffer.
+// "FFFF2", the text, and nine bytes for the line ends and the last chunk fill the buffer exactly.
 TEST_F(http_response_parts, jobs_result_beyond_the_buffer_is_dropped_with_a_warning) {
   counted_job& fitting = queue_job();
   fitting.result = std::string(1048562, 'x');

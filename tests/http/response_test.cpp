@@ -1,4 +1,4 @@
-// write(), redirect() and the default on_request: which bytes an answer is, and when it is refused.
+// write(), redirect() and the default on_request(): the bytes of a response, and when it is refused.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ class http_response : public testing::Test {
     return sizes;
   }
 
-  // A file with these bytes, which stands at its start.
+  // A file with these bytes, positioned at its start.
   static FILE* file_of(const std::string& bytes) {
     FILE* file = tmpfile();
     fwrite(bytes.data(), 1, bytes.size(), file);
@@ -57,17 +57,17 @@ TEST_F(http_response, on_a_closing_connection_has_no_length_and_closes_when_it_i
   c().write("HTTP/1.1 200 OK\r\nX: 1\r\n", "hello");
   const sending last = send_once(c());
   EXPECT_EQ(last.bytes, "HTTP/1.1 200 OK\r\nX: 1\r\n\r\nhello");
-  EXPECT_TRUE(last.stays) << "the end of the queue is met by the next call";
+  EXPECT_TRUE(last.stays) << "only the next call finds the queue empty";
   const sending end = send_once(c());
   EXPECT_EQ(end.bytes, "");
   EXPECT_FALSE(end.stays);
 }
 
 TEST_F(http_response, given_up_for_a_hang_up_closes_at_once_or_after_what_is_queued) {
-  EXPECT_TRUE(send_once(c()).stays) << "an answer is waited for";
+  EXPECT_TRUE(send_once(c()).stays) << "it waits for a response";
   c().hang_up();
   EXPECT_FALSE(send_once(c()).stays);
-  EXPECT_EQ(c().timeout, 0) << "for a client that does not read what is queued";
+  EXPECT_EQ(c().timeout, 0) << "a client that does not read must not stay";
 
   c().written = false;
   c().write("HTTP/1.1 200 OK\r\n", "hello");
@@ -202,7 +202,7 @@ TEST_F(http_response, refusal_is_not_flushed_to_the_console) {
   EXPECT_EQ(console_.text(), double_write);
 }
 
-TEST_F(http_response, after_reset_is_queued_behind_the_one_before) {
+TEST_F(http_response, after_reset_is_queued_after_the_one_before) {
   c().write("S\r\n", "first");
   c().reset();
   c().write("T\r\n", "second");
@@ -242,12 +242,12 @@ TEST_F(http_response, is_cut_into_pieces_of_the_output_buffer) {
   }
 }
 
-TEST_F(http_response, head_cut_off_behind_a_name_it_looks_for_is_out_of_range) {
+TEST_F(http_response, head_cut_off_after_a_name_it_looks_for_is_out_of_range) {
   EXPECT_THROW(c().write("S\r\nContent-Length:", "x"), std::out_of_range);
   EXPECT_THROW(c().write("S\r\ntransfer-encoding", "x"), std::out_of_range);
   EXPECT_EQ(c().response_parts.count, 0);
   EXPECT_FALSE(c().written);
-  c().keep_alive = false;  // then nothing is looked for
+  c().keep_alive = false;  // then it looks for neither name
   c().write("S\r\nContent-Length:", "x");
   EXPECT_EQ(send_everything(c()), "S\r\nContent-Length:\r\nx");
 }
@@ -327,14 +327,14 @@ TEST_F(http_response, default_one_answers_each_request_of_a_kept_connection) {
   const std::string answer = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 36\r\n\r\n" +
                              get + "0 bytes of content";
   receive_all(c(), {get, get});
-  EXPECT_FALSE(c().written) << "the next request is awaited while the answers are still queued";
+  EXPECT_FALSE(c().written) << "it waits for the next request while the responses are still queued";
   EXPECT_EQ(send_everything(c()), answer + answer);
 }
 
 TEST_F(http_response, default_one_closes_an_http_1_0_connection_and_refuses_to_answer_late_bytes) {
   receive_all(c(), {"HEAD / HTTP/1.0\r\n\r\n", "late"});
   const std::string printed = console_.text();
-  EXPECT_EQ(printed.substr(printed.find('\n') + 1), double_write) << "behind the line of on_headers";
+  EXPECT_EQ(printed.substr(printed.find('\n') + 1), double_write) << "after the line of on_headers";
   EXPECT_EQ(send_everything(c()), "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n");
   EXPECT_FALSE(send_once(c()).stays);
 }

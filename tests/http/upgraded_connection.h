@@ -1,6 +1,6 @@
 /* upgraded_connection: a fixture with a connection that speaks WebSocket and stays open.
  *
- * The handshake's answer has been sent; what is queued afterwards are frames.
+ * The response to the handshake has been sent. Everything that is queued afterwards are frames.
  *
  *     receive(c(), short_frame(fin + text, "..."));
  *                                          a frame from the client; see client_frames.h and delivery.h
@@ -8,7 +8,7 @@
  *     send_everything(c())                 what the server sends
  *     expect_open();                       the connection goes on
  *     expect_fault("line\n", input);       the line was printed and the connection closes
- *     reconnect();                         another connection, a silent console */
+ *     reconnect();                         a new connection; the console is empty again */
 #pragma once
 
 #include <gtest/gtest.h>
@@ -58,14 +58,14 @@ class upgraded_connection : public testing::Test {
     return all;
   }
 
-  /* The connection goes on as if nothing were wrong. */
+  /* Expects that the connection goes on without a message. */
   void expect_open() {
     EXPECT_TRUE(c().keep_alive);
     EXPECT_EQ(c().timeout, -1);
     EXPECT_TRUE(c().upgraded);
   }
 
-  /* A fault: this line was printed, the connection closes, and the input is as it was. */
+  /* Expects a fault: this line was printed, the connection closes, and the input is still there. */
   void expect_fault(const std::string& line, const std::string& input) {
     EXPECT_EQ(console_.text(), line);
     EXPECT_FALSE(c().keep_alive);

@@ -1,4 +1,4 @@
-// read_frames: what a client's frames do, whole, cut and in a row.
+// read_frames(): what a client's frames do, whole, cut and one after the other.
 
 #include <gtest/gtest.h>
 
@@ -77,7 +77,7 @@ TEST_F(websocket_frames, reserved_bits_are_ignored) {
   for (int bits : {0x10, 0x20, 0x40, 0x70}) receive(c(), short_frame(fin | bits | text, "x"));
   EXPECT_EQ(messages(), (strings{"x", "x", "x", "x"}));
   for (int bits : {0x10, 0x20, 0x40, 0x70}) receive(c(), short_frame(bits | text, "y"));
-  EXPECT_EQ(c().message, "yyyy") << "and none of them ends a message";
+  EXPECT_EQ(c().message, "yyyy") << "none of them ends a message";
   EXPECT_EQ(messages().size(), 4u);
   EXPECT_EQ(console_.text(), "");
   expect_open();

@@ -1,5 +1,5 @@
-// The extended lengths of frames, which stand elsewhere than RFC 6455 puts them when they are read, and
-// where it puts them when they are written.
+// The extended lengths of frames. The server reads them at other places than RFC 6455 says, and writes them
+// as it says.
 
 #include <gtest/gtest.h>
 
@@ -10,8 +10,8 @@ namespace {
 using strings = std::vector<std::string>;
 using websocket_lengths = upgraded_connection;
 
-// A frame whose payload of 8 bytes overlaps the end of its length and its mask (1, 2, 4, 8). The first six
-// come out as 0^1, 0^2, 1^4, 2^8, 4^1, 8^2.
+// A frame with a payload of 8 bytes that overlaps the end of its length, and its mask (1, 2, 4, 8). The first
+// six bytes of the payload are read as 0^1, 0^2, 1^4, 2^8, 4^1, 8^2.
 const std::string overlapping_frame = head_127(fin | text, 8) + std::string({'A' ^ 4, 'B' ^ 8});
 const std::string overlapping_payload =
     "\x01\x02\x05\x0A\x05\x0A"
@@ -24,7 +24,7 @@ TEST_F(websocket_lengths, of_two_bytes_are_read_least_significant_first) {
   std::string swapped = frame_126(fin | text, payload);
   std::swap(swapped[2], swapped[3]);
   receive(c(), swapped);
-  EXPECT_TRUE(messages().empty()) << "51200 bytes are awaited";
+  EXPECT_TRUE(messages().empty()) << "it waits for 51200 bytes";
   EXPECT_EQ(c().content, swapped);
   expect_open();
   EXPECT_EQ(console_.text(), "");
@@ -68,12 +68,13 @@ TEST_F(websocket_lengths, of_eight_bytes_may_be_a_mebibyte) {
   EXPECT_TRUE(messages().empty());
   receive(c(), frame.substr(frame.size() - 1));
   ASSERT_EQ(messages().size(), 1u);
-  // The third of the low length bytes is in front of the overlap; what overlaps are zeros and the mask.
+  // Only the third byte of the length is not zero, and it stands before the overlap. Zeros and the mask
+  // overlap.
   EXPECT_TRUE(messages()[0] == overlapping_payload.substr(0, 6) + payload.substr(6));
   EXPECT_EQ(c().content, "");
 }
 
-// The payload begins before the mask does, so an empty one leaves bytes that were read as the length.
+// The payload begins before the mask. After an empty payload, two bytes of the length are left over.
 TEST_F(websocket_lengths, of_eight_bytes_and_value_zero_consume_fourteen) {
   receive(c(), head_127(fin | text, 0).substr(0, 16));
   EXPECT_EQ(messages(), strings{""});
@@ -118,8 +119,8 @@ TEST_F(websocket_lengths, beyond_the_limit_are_refused_once_the_last_of_their_by
   }
 }
 
-// The first frame of the input waits for 8 bytes; what stands before a later one counts as well.
-TEST_F(websocket_lengths, of_two_bytes_behind_another_frame_are_read_as_soon_as_six_bytes_are_there) {
+// The first frame waits until the input has 8 bytes. For a later frame, the bytes before it count, too.
+TEST_F(websocket_lengths, of_two_bytes_after_another_frame_are_read_as_soon_as_six_bytes_are_there) {
   const std::string before = short_frame(fin | text, "one");
   for (size_t n : {5u, 6u, 7u}) {
     reconnect();
@@ -136,7 +137,7 @@ TEST_F(websocket_lengths, of_two_bytes_behind_another_frame_are_read_as_soon_as_
   }
 }
 
-TEST_F(websocket_lengths, of_eight_bytes_behind_another_frame_are_read_when_all_eight_are_there) {
+TEST_F(websocket_lengths, of_eight_bytes_after_another_frame_are_read_when_all_eight_are_there) {
   const std::string before = short_frame(fin | text, "one");
   for (size_t n = 6; n <= 16; n++) {
     reconnect();
