@@ -1,4 +1,4 @@
-// Upstreams that cannot be reached, and those that only look so.
+// Upstreams that cannot be reached, and upstreams that only seem to be so.
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -19,7 +19,7 @@ struct bad_gateway_test : proxy_server<reverse_proxy> {
   }
 };
 
-// Every descriptor below FD_SETSIZE is in use, as long as this lives.
+// As long as this lives, every descriptor below FD_SETSIZE is in use.
 struct no_small_descriptor {
   rlimit before = {};
   std::vector<int> taken;
@@ -61,7 +61,7 @@ TEST_F(bad_gateway_test, refused_upstream_after_a_good_one_ends_both) {
   expect_end(peer);
 }
 
-TEST_F(bad_gateway_test, requests_behind_the_refused_one_are_not_answered) {
+TEST_F(bad_gateway_test, requests_after_the_refused_one_are_not_answered) {
   client c = connect();
   c.send(request_to("dead"));
   turn();
@@ -102,8 +102,8 @@ TEST_F(bad_gateway_test, descriptor_that_no_set_can_hold_is_answered_with_502) {
   }
 }
 
-// The connection waits in the listener's queue, and is reset when the listener goes.
-TEST_F(bad_gateway_test, refusal_that_shows_later_gives_the_same_answer) {
+// The connection waits in the listener's queue and is reset when the listener closes.
+TEST_F(bad_gateway_test, refusal_that_shows_later_gives_the_same_response) {
   auto passing = std::make_unique<listener>();
   map("passing", passing->port());
   client c = connect();
@@ -115,7 +115,7 @@ TEST_F(bad_gateway_test, refusal_that_shows_later_gives_the_same_answer) {
   EXPECT_EQ(out.text(), line_for(c, "passing"));
 }
 
-TEST_F(bad_gateway_test, upstream_that_closes_before_it_took_or_gave_anything_gives_the_same_answer) {
+TEST_F(bad_gateway_test, upstream_that_closes_before_it_took_or_gave_anything_gives_the_same_response) {
   for (bool is_reset : {false, true}) {
     client c = connect();
     c.send(request_to("a"));
@@ -127,7 +127,7 @@ TEST_F(bad_gateway_test, upstream_that_closes_before_it_took_or_gave_anything_gi
   }
 }
 
-TEST_F(bad_gateway_test, late_refusal_of_a_request_with_a_large_body_gives_the_same_answer) {
+TEST_F(bad_gateway_test, late_refusal_of_a_request_with_a_large_body_gives_the_same_response) {
   const std::string body = random_bytes(2 * connection::out_capacity);
   client c = connect();
   c.send(request_to("a", "/", length_of(body)));
@@ -173,7 +173,7 @@ TEST_F(bad_gateway_test, upstream_that_gave_something_without_being_asked_and_cl
   expect_end(c, "greeting");
 }
 
-TEST_F(bad_gateway_test, upstream_that_ends_behind_an_earlier_reply_gives_the_client_nothing_more) {
+TEST_F(bad_gateway_test, upstream_that_ends_after_an_earlier_response_gives_the_client_nothing_more) {
   client c = connect();
   c.send(request_to("a"));
   client peer = accept();
@@ -191,7 +191,8 @@ TEST_F(bad_gateway_test, client_that_left_first_is_not_answered) {
   c.close();
   turn();
   client peer = upstream.accept();
-  EXPECT_TRUE(serve_until([&] { return front.connections.count == 1; })) << "the upstream's alone is left";
+  EXPECT_TRUE(serve_until([&] { return front.connections.count == 1; }))
+      << "only the upstream's connection is left";
   peer.close();
   faults::calls().clear();
   EXPECT_TRUE(serve_until([&] { return front.connections.count == 0; }));

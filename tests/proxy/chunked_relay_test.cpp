@@ -42,7 +42,7 @@ struct chunked_relay_test : proxy_server<reverse_proxy> {
     }
   }
 
-  // A request to an unknown host is answered as such: the one before it is complete.
+  // Expects the 404 for a request to an unknown host. It shows that the request before is complete.
   void expect_next_request_is_answered(client& c) {
     c.send(request_to("unknown"));
     expect_bytes(c, not_found);
@@ -51,7 +51,7 @@ struct chunked_relay_test : proxy_server<reverse_proxy> {
 
 }  // namespace
 
-TEST_F(chunked_relay_test, each_request_gets_its_own_reply) {
+TEST_F(chunked_relay_test, each_request_gets_its_own_response) {
   exchange x = start_exchange();
   for (int round = 0; round < 3; round++) {
     send_body(x, {"5\r\nhel", "lo\r\n", "0\r\n", "\r\n"});
@@ -100,7 +100,7 @@ TEST_F(chunked_relay_test, client_that_waits_for_a_go_ahead_gets_it_from_the_ups
   expect_next_request_is_answered(x.from);
 }
 
-TEST_F(chunked_relay_test, answer_before_the_end_of_the_body_costs_nothing_of_either) {
+TEST_F(chunked_relay_test, response_before_the_end_of_the_body_leaves_both_complete) {
   exchange x = start_exchange();
   send_body(x, {"5\r\nhe"});
   x.to.send("early");

@@ -1,5 +1,5 @@
-// Requests with a body in chunks, by hand: what is relayed, when the request is complete, and that no byte of
-// a body is ever taken for a request.
+// Requests with a body in chunks, by hand: what is relayed, and when the request is complete. No byte of a
+// body is ever taken for a request.
 
 #include <algorithm>
 
@@ -12,7 +12,7 @@ const std::string chunked = "Transfer-Encoding: chunked\r\n";
 const std::string chunks = "5\r\nhello\r\n1;a=b\r\n!\r\n0\r\nSum: 7\r\n\r\n";
 const std::string small_body = "3\r\nabc\r\n0\r\n\r\n";
 
-// Counts the requests that are complete.
+// Counts the complete requests.
 template <class T>
 struct counting : T {
   int complete = 0;
@@ -59,7 +59,7 @@ struct chunked_request_test : chunked_requests<reverse_proxy> {
     proxy_object::start_over();
     out.clear();
   }
-  // Expects that the next request is a request.
+  // Expects that the next request is understood as one.
   void expect_next_request_is_answered() {
     const int before = requests();
     proxy->pipe->to_client.clear();
@@ -67,7 +67,7 @@ struct chunked_request_test : chunked_requests<reverse_proxy> {
     EXPECT_EQ(to_client(), not_found);
     EXPECT_EQ(requests(), before + 1);
   }
-  // Expects that the connection takes nothing for a request any more.
+  // Expects that the connection takes nothing that follows for a request.
   void expect_nothing_is_a_request() {
     const int complete = proxy->complete;
     const int before = requests();
@@ -122,7 +122,7 @@ TEST_F(chunked_request_test, request_is_open_until_the_last_byte_of_its_body) {
   }
 }
 
-// Wherever a body is cut off: what follows is a part of it, perhaps of its trailer, or makes it malformed.
+// Wherever a body is cut off, what follows is a part of it (perhaps of its trailer) or makes it malformed.
 TEST_F(chunked_request_test, request_within_a_body_is_not_taken_for_one) {
   const std::string inner = request_to("echo");
   for (size_t length = 0; length < chunks.size(); length++) {
@@ -137,7 +137,7 @@ TEST_F(chunked_request_test, request_within_a_body_is_not_taken_for_one) {
   }
 }
 
-TEST_F(chunked_request_test, what_comes_in_one_piece_behind_the_end_belongs_to_the_request) {
+TEST_F(chunked_request_test, what_comes_in_one_piece_after_the_end_belongs_to_the_request) {
   const std::string behind = request_to("other");
   receive(post("on", small_body + behind));
   expect_upstream(posted("on", small_body + behind));
@@ -178,7 +178,7 @@ TEST_F(chunked_request_test, codings_in_front_of_chunked_and_a_length_beside_it_
                             "Content-Length: 0\r\nTransfer-Encoding: chunked\r\n",
                             "Content-Length: 3\r\nTransfer-Encoding: chunked\r\n",
                             "Transfer-Encoding: chunked\r\nContent-Length: 2147483647\r\n",
-                            // This name is read for that of the length.
+                            // This name is mistaken for Content-Length.
                             "Content-Length-Hint: -5\r\nTransfer-Encoding: chunked\r\n"}) {
     SCOPED_TRACE(lines);
     start_over();
@@ -189,8 +189,8 @@ TEST_F(chunked_request_test, codings_in_front_of_chunked_and_a_length_beside_it_
   }
 }
 
-// The filter of the header lines does not see it, but the upstream does.
-TEST_F(chunked_request_test, transfer_encoding_behind_a_line_of_one_byte_is_seen) {
+// The filter of the header lines does not see Transfer-Encoding there, but the upstream does.
+TEST_F(chunked_request_test, transfer_encoding_after_a_line_of_one_byte_is_seen) {
   const std::string lines = "a\r\n" + chunked;
   receive_each({post("on", "", lines), small_body});
   expect_upstream(posted("on", small_body, lines));
@@ -217,7 +217,7 @@ TEST_F(chunked_request_test, request_whose_end_nobody_can_know_is_the_last_one) 
     expect_upstream(before + small_body);
     EXPECT_EQ(proxy->complete, 0);
     expect_nothing_is_a_request();
-    EXPECT_TRUE(proxy->keep_alive);  // nothing is closed because of it
+    EXPECT_TRUE(proxy->keep_alive);  // this closes nothing
   }
 }
 
@@ -241,7 +241,7 @@ TEST_F(chunked_request_test, malformed_body_has_no_end_and_goes_on_to_the_upstre
   }
 }
 
-TEST_F(chunked_request_test, bytes_behind_a_malformed_body_all_go_on) {
+TEST_F(chunked_request_test, bytes_after_a_malformed_body_all_go_on) {
   receive(post("on", "x"));
   std::string wanted = posted("on", "x");
   for (const std::string& piece : {request_to("echo"), std::string("0\r\n\r\n"), request_to("other")}) {
@@ -267,7 +267,8 @@ TEST_F(chunked_request_test, chunks_of_a_request_that_is_answered_here_are_dropp
   }
 }
 
-// An earlier request's upstream would take them for a request, and its answer would be given to the next one.
+// The upstream of an earlier request would take the chunks for a request. The next request would get its
+// response.
 TEST_F(chunked_request_test,
        chunks_of_a_request_that_is_answered_here_do_not_reach_an_upstream_that_is_there) {
   receive(request_to("on"));
@@ -283,7 +284,7 @@ TEST_F(chunked_request_test,
   expect_upstream(first + posted("on", small_body));
 }
 
-TEST_F(chunked_request_test, chunks_behind_a_refused_upstream_are_dropped_and_the_connection_closes) {
+TEST_F(chunked_request_test, chunks_after_a_refused_upstream_are_dropped_and_the_connection_closes) {
   map("dead", closed.port());
   receive_each({post("dead"), chunks, request_to("echo")});
   output o = ask(*proxy);
@@ -293,7 +294,7 @@ TEST_F(chunked_request_test, chunks_behind_a_refused_upstream_are_dropped_and_th
   EXPECT_EQ(requests(), 1);
 }
 
-TEST_F(chunked_request_test, upstream_that_ends_in_the_middle_leaves_the_rest_of_the_body_a_body) {
+TEST_F(chunked_request_test, upstream_that_ends_in_the_middle_does_not_make_the_rest_of_the_body_a_request) {
   receive(post("on", "5\r\nhe"));
   deliver(upstream_side(), "early answer");
   end_upstream();
@@ -306,7 +307,7 @@ TEST_F(chunked_request_test, upstream_that_ends_in_the_middle_leaves_the_rest_of
   EXPECT_EQ(requests(), 1);
 }
 
-TEST_F(chunked_request_test, early_answer_does_not_end_the_request) {
+TEST_F(chunked_request_test, early_response_does_not_end_the_request) {
   receive(post("on", "5\r\nhe"));
   deliver(upstream_side(), "early answer");
   EXPECT_EQ(ask(*proxy).bytes, "early answer");
@@ -317,7 +318,7 @@ TEST_F(chunked_request_test, early_answer_does_not_end_the_request) {
 
 TEST_F(chunked_request_test, body_beyond_the_limit_is_dropped_with_a_warning_and_is_never_complete) {
   receive(post("on", "6400001\r\n"));
-  proxy->request_length = 104857601;  // what has been received, one byte more than the limit
+  proxy->request_length = 104857601;  // so many bytes were received: one more than the limit
   out.clear();
   receive(request_to("unknown"));
   receive("\r\n0\r\n\r\n");
@@ -327,8 +328,8 @@ TEST_F(chunked_request_test, body_beyond_the_limit_is_dropped_with_a_warning_and
   expect_upstream(posted("on", "6400001\r\n"));
 }
 
-// The count of a body without a limit wraps, and passes the number that keeps a request open.
-TEST_F(chunked_request_test, body_without_a_limit_is_complete_at_its_end_and_at_no_count) {
+// Without a limit the count of the body's bytes wraps. It passes the number that keeps a request open.
+TEST_F(chunked_request_test, body_without_a_limit_is_complete_only_at_its_end) {
   const std::string body = "c\r\n0123456789ab\r\n0\r\n\r\n";
   for (size_t before = 0; before < body.size(); before++) {
     SCOPED_TRACE(before);
@@ -346,7 +347,7 @@ TEST_F(chunked_request_test, body_without_a_limit_is_complete_at_its_end_and_at_
   }
 }
 
-TEST_F(chunked_request_test, malformed_body_without_a_limit_is_complete_at_no_count) {
+TEST_F(chunked_request_test, malformed_body_without_a_limit_is_never_complete) {
   receive(post("on", "x"));
   proxy->max_request_length = 0;
   proxy->content_received = INT32_MAX - 3;
@@ -392,7 +393,7 @@ TEST_F(chunked_forward_test, request_is_relayed_and_complete_however_it_is_cut) 
   }
 }
 
-TEST_F(chunked_forward_test, tunnel_takes_no_notice_of_codings) {
+TEST_F(chunked_forward_test, tunnel_ignores_codings) {
   for (const char* lines : {"", "Transfer-Encoding: chunked\r\n"}) {
     start_over();
     receive("CONNECT " + place() + " HTTP/1.1\r\n" + lines + "\r\nfirst");

@@ -16,7 +16,7 @@ struct filtered {
 
 const char request_line[] = "GET / HTTP/1.1\r\n";
 
-// Each head gets the request line in front, and is tried with and without the empty line at its end.
+// Each head gets the request line in front. It is tried with and without the empty line at its end.
 void expect_copied(const std::vector<filtered>& table) {
   for (const filtered& f : table) {
     SCOPED_TRACE(f.head);
@@ -60,7 +60,7 @@ TEST(copy_headers, letter_case_counts) {
   });
 }
 
-TEST(copy_headers, one_byte_line_hides_the_line_behind_it) {
+TEST(copy_headers, one_byte_line_hides_the_line_after_it) {
   expect_copied({
       {"a\r\nConnection: close\r\nHost: b\r\n", "a\r\nConnection: close\r\nHost: b\r\n"},
       {"a\r\nProxy-Connection: x\r\n", "a\r\nProxy-Connection: x\r\n"},
@@ -78,16 +78,16 @@ TEST(copy_headers, one_byte_line_hides_no_more_than_one_line) {
 
 TEST(copy_headers, one_byte_line_at_the_end_is_lost) {
   EXPECT_EQ(http_proxy::copy_headers("GET / HTTP/1.1\r\nHost: a\r\nb\r\n"), "Host: a\r\n");
-  // With the empty line, the two are one line.
+  // The last line and the empty line count as one line.
   EXPECT_EQ(http_proxy::copy_headers("GET / HTTP/1.1\r\nHost: a\r\nb\r\n\r\n"), "Host: a\r\nb\r\n\r\n");
 }
 
-TEST(copy_headers, empty_line_within_a_head_hides_the_line_behind_it) {
+TEST(copy_headers, empty_line_within_a_head_hides_the_line_after_it) {
   EXPECT_EQ(http_proxy::copy_headers("GET / HTTP/1.1\r\n\r\nConnection: close\r\n"),
             "\r\nConnection: close\r\n");
 }
 
-TEST(copy_headers, nothing_comes_of_a_head_without_a_request_line) {
+TEST(copy_headers, head_without_a_request_line_gives_nothing) {
   for (const char* head :
        {"", "\r\n", "\r\nHost: a\r\n", "\r\n\r\nHost: a\r\n", "GET / HTTP/1.1", "\n", "\r"})
     EXPECT_EQ(http_proxy::copy_headers(head), "") << head;

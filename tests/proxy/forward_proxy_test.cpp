@@ -21,7 +21,7 @@ struct forward_proxy_test : proxy_object<http_proxy> {
   void open_tunnel(const std::string& target) { receive("CONNECT " + target + " HTTP/1.1\r\n\r\n"); }
 };
 
-// Keeps some hosts away, and notes what it was asked.
+// Blocks some hosts, and notes the hosts that it was asked about.
 struct guarded_proxy : http_proxy {
   std::vector<std::string> asked;
   bool should_block(const std::string& host) override {
@@ -91,7 +91,7 @@ TEST_F(forward_proxy_test, line_on_the_console_is_not_flushed) {
   expect_unflushed([this] { get(url()); }, "10.0.0.7:51234 GET " + url() + " HTTP/1.1 []\n");
 }
 
-// What a failed look-up says on the console shows where the connection would have gone.
+// The message of a failed look-up shows where the connection would have gone.
 TEST_F(forward_proxy_test, target_without_a_port_means_the_port_of_its_scheme) {
   const std::tuple<const char*, const char*, const char*> table[] = {
       {"GET", "http://h/", "h:80"},
@@ -170,7 +170,7 @@ TEST_F(forward_proxy_test, other_port_or_other_name_gets_an_upstream_of_its_own)
   get("http://" + at(second_upstream) + "/2");
   EXPECT_EQ(upstreams(), 2);
   EXPECT_EQ(to_upstream(), "GET /2 HTTP/1.1\r\n\r\n");
-  // The same place under another name is another place.
+  // The same upstream under another name counts as another upstream.
   get("http://" + at(second_upstream, "localhost") + "/3");
   EXPECT_EQ(upstreams(), 3);
   EXPECT_EQ(to_upstream(), "GET /3 HTTP/1.1\r\n\r\n");
@@ -203,8 +203,8 @@ TEST_F(forward_proxy_test, upstream_that_has_ended_is_not_reused) {
   EXPECT_EQ(to_upstream(), "GET /2 HTTP/1.1\r\n\r\n");
 }
 
-// Such a target is the current upstream of a client that has had none: there is nothing to connect to, nobody
-// to ask, and nothing to wait for but the time-out.
+// A client without an upstream has an empty host and port 0 as its current one, so the target seems to be
+// connected. No connection is opened, nobody gets the request, and the client ends by its time-out.
 TEST_F(forward_proxy_test, target_without_a_host_and_with_port_0_meets_the_idle_pipe) {
   const std::string url = "http://" + std::string(1, '\0') + ":0/";
   ASSERT_EQ(split_url(url).host, "");
@@ -248,7 +248,7 @@ TEST_F(forward_proxy_test, tunnel_is_answered_and_nothing_of_its_request_goes_to
   EXPECT_EQ(upstreams(), 1);
 }
 
-TEST_F(forward_proxy_test, everything_behind_the_request_for_a_tunnel_goes_to_the_upstream) {
+TEST_F(forward_proxy_test, everything_after_the_request_for_a_tunnel_goes_to_the_upstream) {
   const std::string early = "\x16\x03\x01" + random_bytes(500);
   receive("CONNECT " + at(upstream) + " HTTP/1.1\r\n\r\n" + early);
   EXPECT_EQ(to_upstream(), early);
@@ -263,7 +263,7 @@ TEST_F(forward_proxy_test, everything_behind_the_request_for_a_tunnel_goes_to_th
 TEST_F(forward_proxy_test, tunnel_carries_more_than_a_request_may_have) {
   open_tunnel(at(upstream));
   out.clear();
-  proxy->request_length = 104857601;  // what has been received, one byte more than the limit
+  proxy->request_length = 104857601;  // so many bytes were received: one more than the limit
   receive("still");
   receive(" there");
   EXPECT_EQ(to_upstream(), "still there");

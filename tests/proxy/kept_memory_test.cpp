@@ -1,4 +1,4 @@
-// What stays in memory behind long requests, and behind bodies that nobody takes.
+// What stays in memory after long requests, and after bodies that nobody reads.
 
 #include "tests/base/heap.h"
 #include "tests/proxy/proxy_fixtures.h"
@@ -12,8 +12,8 @@ const std::string long_text(8 * mebibyte, 'x');
 struct kept_memory : proxy_object<reverse_proxy> {
   kept_memory() { map("on", upstream.port()); }
 
-  // Delivers the request to a connection that ends with its upstream behind it, and returns how much more is
-  // in use then. What is kept in any case is allocated before it: the blocks of queues, and what a short
+  // Delivers the request to a connection, which then ends with its upstream. Returns how much more memory is
+  // in use afterwards. What is kept in any case is allocated first: the blocks of queues, and what a short
   // request needs.
   int64_t kept_after(const std::string& request) {
     { base::byte_queue long_queue(long_text); }
@@ -49,7 +49,7 @@ TEST_F(kept_memory, long_head_that_is_passed_on_leaves_nothing) {
   expect_little_kept_after(request_to("on", "/", "X: " + long_text + "\r\n"));
 }
 
-TEST_F(kept_memory, body_that_nobody_takes_is_gone_behind_each_turn) {
+TEST_F(kept_memory, body_that_nobody_takes_is_gone_after_each_turn) {
   for (const char* line : {"Content-Length: 100000000\r\n", "Transfer-Encoding: chunked\r\n"}) {
     receive(request_to("unknown", "/", line));
     if (*line == 'T') receive("5f5e100\r\n");

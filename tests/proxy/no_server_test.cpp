@@ -1,4 +1,4 @@
-// No server is assigned for upstream connections: they are opened, but nobody carries them.
+// No server is assigned for upstream connections. They are opened, but nobody serves them.
 
 #include "tests/proxy/proxy_fixtures.h"
 
@@ -10,7 +10,7 @@ struct no_server : proxy_server<T> {
 
   no_server() { http_proxy::g_server() = nullptr; }
 
-  // A client whose request has been read, and the upstream's end of the connection that it opened.
+  // A client whose request has been read, and the upstream's end of the connection opened for it.
   struct exchange {
     client from;
     client to;
@@ -42,7 +42,7 @@ struct no_server_to_forward_with : no_server<http_proxy> {
 
 }  // namespace
 
-TEST_F(no_server_to_route_with, it_is_said_and_neither_end_gets_anything) {
+TEST_F(no_server_to_route_with, message_is_printed_and_neither_end_gets_anything) {
   exchange x = start_exchange(request_to("a"));
   EXPECT_EQ(out.text(), "[a] " + line_for(x.from, "GET / HTTP/1.1") + no_server_line);
   expect_nothing(x.from);
@@ -50,14 +50,14 @@ TEST_F(no_server_to_route_with, it_is_said_and_neither_end_gets_anything) {
   EXPECT_EQ(front.connections.count, 1);
 }
 
-TEST_F(no_server_to_route_with, it_is_not_flushed) {
+TEST_F(no_server_to_route_with, message_is_not_flushed) {
   client c = connect();
   reverse_proxy& proxy = served(c);
   expect_unflushed([&] { deliver(proxy, request_to("a")); },
                    "[a] " + line_for(c, "GET / HTTP/1.1") + no_server_line);
 }
 
-TEST_F(no_server_to_route_with, request_is_queued_and_the_client_is_as_with_a_server) {
+TEST_F(no_server_to_route_with, request_is_queued_and_the_fields_of_the_client_are_as_with_a_server) {
   exchange x = start_exchange(request_to("a", "/", length_of("body"), "body"));
   EXPECT_EQ(served(x.from).pipe->to_upstream, forwarded("a", "/", length_of("body"), "body"));
   EXPECT_EQ(served(x.from).pipe->refs, 2);
@@ -91,7 +91,7 @@ TEST_F(no_server_to_route_with, upstream_is_closed_when_the_client_goes_elsewher
   expect_end(second);
 }
 
-TEST_F(no_server_to_route_with, further_requests_to_the_same_port_are_queued_without_another_word) {
+TEST_F(no_server_to_route_with, further_requests_to_the_same_port_are_queued_without_another_message) {
   exchange x = start_exchange(request_to("a"));
   const std::string line = line_for(x.from, "GET / HTTP/1.1");
   x.from.send(request_to("also-a"));
@@ -123,7 +123,7 @@ TEST_F(no_server_to_route_with, server_assigned_later_carries_the_next_upstream)
   expect_end(x.to);
 }
 
-TEST_F(no_server_to_forward_with, it_is_said_and_neither_end_gets_anything) {
+TEST_F(no_server_to_forward_with, message_is_printed_and_neither_end_gets_anything) {
   exchange x = start_exchange("GET " + url() + " HTTP/1.1\r\n\r\n");
   EXPECT_EQ(out.text(), line_for(x.from, "GET " + url() + " HTTP/1.1") + no_server_line);
   expect_nothing(x.from);

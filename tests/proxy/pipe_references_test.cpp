@@ -1,11 +1,11 @@
-// Who holds the pipe, through the lives of a client connection and its upstreams.
+// Who holds the pipe while a client connection and its upstreams begin and end.
 
 #include "tests/proxy/proxy_fixtures.h"
 
 namespace {
 
-// The pipe of the first exchange is looked at through a reference of the test's own, so `refs` counts one
-// more than without it.
+// The test holds a reference of its own to the pipe of the first exchange, so `refs` is one more than without
+// the test.
 struct pipe_references : proxy_object<reverse_proxy> {
   listener second_upstream;
   proxy_pipe* held = nullptr;
@@ -61,7 +61,7 @@ TEST_F(pipe_references, upstream_that_ends_first_leaves_the_pipe_to_the_client) 
   expect_owners(0);
 }
 
-// Freed exactly once, as the checkers of the test build see.
+// The sanitizers of the test build see that it is freed exactly once.
 TEST_F(pipe_references, either_order_of_ending_frees_the_pipe) {
   receive(request_to("a"));
   proxy.reset();
@@ -112,7 +112,7 @@ TEST_F(pipe_references, failed_upstream_leaves_the_client_alone_on_a_new_pipe) {
   EXPECT_EQ(upstreams(), 1);
 }
 
-TEST_F(pipe_references, answer_of_our_own_keeps_the_pipe) {
+TEST_F(pipe_references, response_of_our_own_keeps_the_pipe) {
   map("echo", -1);
   for (const char* host : {"unknown", "echo"}) receive(request_to(host));
   EXPECT_TRUE(is_idle());

@@ -1,13 +1,13 @@
 /* Fixtures for the relay: a client connection driven by hand, and a real server between real peers.
  *
  * Both run in one thread, capture the console, and check at their end that every descriptor is closed and
- * taken out of the registry. Expected answers are written out here, not taken from the code.
+ * taken out of the registry. Expected responses are written out here, not taken from the code.
  *
  * Words of both:
  *     map("a", upstream.port());           the host's requests go to this port; closed.port() refuses
  *     request_to("a", "/path", lines, body)
  *     forwarded("a", "/path", lines, body) what the upstream gets for it
- *     not_found, bad_gateway               the fixed answers
+ *     not_found, bad_gateway               the fixed responses
  *     expect_unflushed([&] { ... }, "...");
  *
  * Of proxy_object<T>, the connection by hand:
@@ -15,17 +15,18 @@
  *     to_upstream(), to_client()           what the pipe holds for each side
  *     ask(*proxy)                          what the connection gives a server that asks for output
  *     upstreams(), upstream_side(1)        how many were opened, and the second of them
- *     end_upstream();                      the last one ends
- *     start_over();                        another client takes the place of this one
+ *     end_upstream();                      the first upstream connection ends
+ *     start_over();                        a new client takes the place of this one
  *
  * Of proxy_server<T>, the real server:
  *     client c = connect();                a client that is accepted; served(c) is the server's side
  *     client u = accept();                 the connection that the server has opened to the upstream
  *     send_all(c, "...");                  the server takes its turns while the bytes go
- *     expect_bytes(u, "...");              they come, and the connection stays
- *     expect_end(c, "...");                they come, and then the end
+ *     expect_bytes(u, "...");              these bytes come, and the connection stays
+ *     expect_end(c, "...");                these bytes come, and then the end
  *     expect_nothing(c);
- *     turn();                              one wait, one update; until something holds: serve_until(...) */
+ *     turn();                              one wait, one update
+ *     serve_until(condition);              takes turns until the condition holds */
 #pragma once
 
 #include <arpa/inet.h>
@@ -78,7 +79,7 @@ inline std::string length_of(const std::string& body) {
   return "Content-Length: " + std::to_string(body.size()) + "\r\n";
 }
 
-/* `count` bytes of every value, the same ones each time. */
+/* `count` bytes of any value, the same bytes each time. */
 inline std::string random_bytes(size_t count, unsigned seed = 1) {
   std::mt19937 next(seed);
   std::string bytes(count, '\0');
@@ -86,13 +87,14 @@ inline std::string random_bytes(size_t count, unsigned seed = 1) {
   return bytes;
 }
 
-/* What a connection gave that was asked for output. */
+/* What a connection gave when it was asked for output. */
 struct output {
   std::string bytes;
   bool stays_open;
 };
 
-/* Asks as a server does. The buffer ends where it says, so that writing past it is noticed. */
+/* Asks for output as a server does. The buffer has exactly `cap` bytes, so that a write after its end is
+ * noticed. */
 inline output ask(connection& conn, int cap = connection::out_capacity) {
   std::vector<char> buf(static_cast<size_t>(cap));
   int len = 0;
@@ -100,7 +102,7 @@ inline output ask(connection& conn, int cap = connection::out_capacity) {
   return {std::string(buf.data(), static_cast<size_t>(len)), stays_open};
 }
 
-/* Hands bytes to a connection as a server does, in a buffer that dies behind the call. */
+/* Hands bytes to a connection as a server does, in a buffer that is freed after the call. */
 inline void deliver(connection& conn, const std::string& bytes) {
   std::vector<char> buf(bytes.begin(), bytes.end());
   conn.on_recv(buf.data(), static_cast<int>(buf.size()));
@@ -120,7 +122,7 @@ inline int open_descriptors() {
   return static_cast<int>(std::distance(begin(files), end(files)));
 }
 
-/* Expects, at its end, as many open descriptors as at its beginning, and none of them registered. */
+/* Expects, when it is destroyed, as many open descriptors as at its creation, and none of them registered. */
 struct descriptor_check {
   int before = open_descriptors();
 
@@ -134,7 +136,7 @@ struct descriptor_check {
 
 /* What both fixtures share: a clean process, the console, one upstream, and the host map. */
 struct proxy_test : testing::Test {
-  descriptor_check descriptors;  // first, because it looks when all else is gone
+  descriptor_check descriptors;  // first, so that it is destroyed after everything else
   console out;
   listener upstream;
   refusing_port closed;
@@ -158,8 +160,8 @@ struct proxy_test : testing::Test {
   void map(const std::string& host, int port) { reverse_proxy::hosts().set(host, port); }
 };
 
-/* One client connection, at 10.0.0.7:51234, that gets its bytes by hand. Upstream connections go to `relay`,
- * which never takes a turn unless a test says so. */
+/* One client connection, from 10.0.0.7:51234, which the tests give its bytes by hand. Upstream connections go
+ * to `relay`, which takes no turn unless a test says so. */
 template <class T>
 struct proxy_object : proxy_test {
   server<T> relay{0};
@@ -176,15 +178,15 @@ struct proxy_object : proxy_test {
   bool is_idle() { return proxy->pipe == &proxy->idle_pipe; }
   int upstreams() { return relay.connections.count; }
 
-  /* The upstream side that was opened as the n-th. */
+  /* The upstream side with this index, in the order of opening. */
   proxy_connection& upstream_side(int index = 0) {
     return dynamic_cast<proxy_connection&>(*connection_at(relay, index));
   }
 
-  /* The upstream side ends the way a server ends it. */
+  /* Ends the first upstream side as a server does. */
   void end_upstream() { relay.end_connection(relay.connections.pop()); }
 
-  /* A client connection that has done nothing yet takes the place of the current one. */
+  /* Replaces the client connection by a new one. */
   void start_over() {
     proxy = std::make_unique<T>();
     set_peer();
@@ -199,8 +201,8 @@ struct proxy_object : proxy_test {
   }
 };
 
-/* A server of T on a free port, which also carries the upstream connections. It takes a turn when a test
- * says so, or waits for something. */
+/* A server of T on a free port, which also carries the upstream connections. It takes a turn when a test says
+ * so or waits for something. */
 template <class T>
 struct proxy_server : proxy_test {
   server<T> front{free_port(), true};
@@ -218,7 +220,7 @@ struct proxy_server : proxy_test {
     return repeat_until([this] { turn(); }, done);
   }
 
-  /* Serves until a wait has passed in which no socket was ready. */
+  /* Serves until no socket was ready in a whole wait. */
   void serve_until_quiet() {
     serve_until([] { return sockets::num_ready() == 0; });
   }
@@ -254,7 +256,7 @@ struct proxy_server : proxy_test {
     }));
   }
 
-  /* Expects `bytes` at `to`, which gets read, and then forgets them. */
+  /* Reads from `to`, expects `bytes`, and then forgets them. */
   void expect_bytes(client& to, const std::string& bytes) {
     serve_until([&] { return !to.poll() || to.received().size() >= bytes.size(); });
     expect_same(to.received(), bytes);
@@ -262,13 +264,13 @@ struct proxy_server : proxy_test {
     to.forget_received();
   }
 
-  /* Expects `bytes` at `to` and then the end of the stream. */
+  /* Reads from `to`, expects `bytes` and then the end of the stream. */
   void expect_end(client& to, const std::string& bytes = "") {
     EXPECT_TRUE(serve_until([&] { return !to.poll(); })) << "it is still open";
     expect_same(to.received(), bytes);
   }
 
-  /* Expects that nothing comes, and no end either. */
+  /* Expects neither bytes nor the end of the stream. */
   void expect_nothing(client& to) {
     serve_until_quiet();
     EXPECT_TRUE(to.poll()) << "it is closed";

@@ -1,4 +1,4 @@
-// The objects of the relay by themselves: what they start with, and what they leave alone.
+// The objects of the relay alone: their first state, and what they leave alone.
 
 #include <fcntl.h>
 
@@ -77,7 +77,7 @@ TEST_F(reverse_proxy_object, starts_on_its_idle_pipe_when_a_server_makes_it) {
   expect_initial_values(dynamic_cast<reverse_proxy&>(*made));
 }
 
-// Where objects of http_proxy are used as such, nothing is blocked.
+// Plain objects of http_proxy block nothing.
 TEST_F(http_proxy_object, no_host_is_blocked) {
   for (const char* host : {"", "localhost", "a.example"}) EXPECT_FALSE(proxy->should_block(host)) << host;
 }
@@ -122,8 +122,8 @@ TEST_F(http_proxy_object, empty_or_negative_run_of_body_bytes_is_nothing) {
   EXPECT_EQ(to_upstream(), "");
 }
 
-// It is not asked for output while it has some under way, which may take as long as its client likes.
-TEST_F(http_proxy_object, client_that_does_not_read_makes_no_pile_of_its_body) {
+// A connection is not asked for output before its last output is sent. A client can delay that without limit.
+TEST_F(http_proxy_object, body_of_a_client_that_does_not_read_does_not_pile_up) {
   proxy->out_len = 1;
   for (const char* piece : {"first", "second"}) {
     std::string bytes = piece;
@@ -132,7 +132,7 @@ TEST_F(http_proxy_object, client_that_does_not_read_makes_no_pile_of_its_body) {
   }
 }
 
-// The object is made in a place of the test's own, which can be looked at when it has ended.
+// The test makes the object in its own memory, which it can still read after the object has ended.
 TEST(http_proxy, client_that_never_proxied_ends_with_one_reference_to_its_idle_pipe) {
   constexpr size_t words = sizeof(http_proxy) / sizeof(std::max_align_t) + 1;
   std::vector<std::max_align_t> place(words);

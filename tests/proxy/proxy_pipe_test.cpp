@@ -1,4 +1,4 @@
-// proxy_pipe alone: its references and whom it wakes.
+// proxy_pipe alone: its references, and which side it wakes.
 
 #include <gtest/gtest.h>
 
@@ -53,7 +53,7 @@ TEST_F(proxy_pipe_test, one_of_two_references_dropped_leaves_the_pipe_and_its_qu
   EXPECT_EQ(pipe->to_client, "reply");
 }
 
-// The leak checker of the test build looks whether they are freed.
+// The leak checker of the test build sees whether they are freed.
 TEST_F(proxy_pipe_test, last_reference_dropped_frees_the_pipe_and_both_queues) {
   const std::string bytes(100000, 'x');
   pipe->append_to_upstream(bytes.data(), bytes.size());
@@ -76,7 +76,7 @@ TEST_F(proxy_pipe_test, loss_of_an_upstream_that_took_and_gave_nothing_gives_the
   pipe->append_to_upstream("request", 7);
   char buf[7];
   int len = 0;
-  pipe->give_upstream(buf, 7, &len);  // offered, and not taken
+  pipe->give_upstream(buf, 7, &len);  // offered, but not taken
   FD_ZERO(sockets::ready());
   pipe->lose_upstream(7);
   EXPECT_EQ(pipe->to_client,

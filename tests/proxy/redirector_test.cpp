@@ -1,4 +1,4 @@
-// Requests to the server that only points at HTTPS, through real sockets.
+// Requests to the server that only redirects to HTTPS, through real sockets.
 
 #include "proxy/redirector.h"
 
@@ -57,7 +57,7 @@ struct redirects : testing::Test {
   redirect_server<reverse_proxy> front{free_port(), true};
 };
 
-/* The answer on a connection that HTTP/1.1 keeps alive. */
+/* The response on a connection that HTTP/1.1 keeps alive. */
 std::string moved_to(const std::string& location) {
   return "HTTP/1.1 301 Moved Permanently\r\nLocation: " + location +
          "\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
@@ -65,7 +65,7 @@ std::string moved_to(const std::string& location) {
 
 }  // namespace
 
-TEST(redirector, port_is_443_unless_somebody_says_otherwise) {
+TEST(redirector, port_is_443_by_default) {
   EXPECT_EQ(redirector::ssl_port(), 443);
 }
 
@@ -140,7 +140,7 @@ TEST_F(redirects, every_method_is_redirected) {
     EXPECT_EQ(answer_to(std::string(method) + " /x HTTP/1.1\r\nHost: h\r\n\r\n"), moved_to("https://h/x"));
 }
 
-TEST_F(redirects, answer_comes_when_the_whole_body_is_there) {
+TEST_F(redirects, response_comes_when_the_whole_body_is_there) {
   client c = connect();
   c.send("POST /x HTTP/1.1\r\nHost: h\r\nContent-Length: 5\r\n\r\n1234");
   for (int i = 0; i < 3; i++) turn();
@@ -163,14 +163,14 @@ TEST_F(redirects, connection_closes_even_when_the_client_asks_to_keep_it) {
   EXPECT_EQ(answer_to_get("/x", "Host: h\r\nConnection: keep-alive\r\n"), moved_to("https://h/x"));
 }
 
-TEST(redirector, only_keep_alive_is_changed_by_the_answer) {
+TEST(redirector, response_changes_only_keep_alive) {
   console out;
   redirector r;
   std::string request = "GET / HTTP/1.1\r\nHost: h\r\n\r\n";
   r.on_recv(request.data(), static_cast<int>(request.size()));
   EXPECT_FALSE(r.keep_alive);
   EXPECT_EQ(r.timeout, 10);
-  EXPECT_EQ(r.head, "GET / HTTP/1.1\r\nHost: h\r\n") << "no reset() behind the last request";
+  EXPECT_EQ(r.head, "GET / HTTP/1.1\r\nHost: h\r\n") << "no reset() after the last request";
 }
 
 // Both handshakes are answered before on_request, which can only close the connection.
@@ -225,7 +225,7 @@ TEST(redirect_server, made_connection_is_like_any_new_one) {
 
 TEST(redirect_server, client_is_refused_when_there_is_no_memory_for_a_connection) {
   redirect_server<reverse_proxy> fresh(0);
-  std::vector<std::unique_ptr<connection>> made;  // what still stands in memory that was had before
+  std::vector<std::unique_ptr<connection>> made;  // objects in memory that was mapped before
   faults::of()["mmap"] = {0, 1000, ENOMEM};
   while (connection* next = fresh.create_connection(0)) {
     made.emplace_back(next);
@@ -248,7 +248,7 @@ TEST_F(redirects, server_carries_upstream_connections_as_well) {
   listener upstream;
   http_proxy::g_server() = &front;
   reverse_proxy::hosts().set("h", upstream.port());
-  reverse_proxy secure;  // as the TLS server has it
+  reverse_proxy secure;  // a connection as the TLS server has it
   std::string request = "GET / HTTP/1.1\r\nHost: h\r\n\r\n";
   secure.on_recv(request.data(), static_cast<int>(request.size()));
   EXPECT_EQ(front.connections.count, 1);

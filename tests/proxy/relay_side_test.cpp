@@ -4,9 +4,9 @@
 
 namespace {
 
-// The client's end drains to_client and gets what goes to the upstream as body bytes.
+// The client's end drains to_client. It gets the bytes for the upstream as bytes of a body.
 struct client_side {
-  proxy_pipe pipe;  // refs are set by hand, and are never to reach 0
+  proxy_pipe pipe;  // the tests set refs by hand; it must never reach 0
   http_proxy end;
 
   client_side() {
@@ -29,7 +29,7 @@ struct upstream_side {
   void receive(char* data, int len) { end.on_recv(data, len); }
 };
 
-// On the heap, for a connection has over 1 MiB.
+// On the heap, because a connection has over 1 MiB.
 template <class Side>
 struct relay_side : testing::Test {
   std::unique_ptr<Side> side = std::make_unique<Side>();
@@ -78,7 +78,7 @@ TYPED_TEST(relay_side, queue_of_several_output_buffers_is_sent_without_loss) {
     this->expect_output(connection::out_capacity, bytes.substr(at, cap), at + cap < bytes.size());
 }
 
-TYPED_TEST(relay_side, bytes_appended_between_two_calls_go_behind_those_that_wait) {
+TYPED_TEST(relay_side, bytes_appended_between_two_calls_go_after_those_that_wait) {
   this->set_partner(true);
   this->side->own_queue() = "0123456789ab";
   this->expect_output(10, "0123456789", true);

@@ -14,7 +14,7 @@ struct relay_test : proxy_server<reverse_proxy> {
     map("echo", -1);
   }
 
-  // A client whose first request, for "/first", has reached the upstream.
+  // A client whose first request, of "/first", has reached the upstream.
   struct exchange {
     client from;
     client to;
@@ -31,7 +31,7 @@ struct relay_test : proxy_server<reverse_proxy> {
 
 }  // namespace
 
-TEST_F(relay_test, request_and_reply_arrive_as_they_were_sent) {
+TEST_F(relay_test, request_and_response_arrive_as_they_were_sent) {
   client c = connect();
   c.send(request_to("a", "/first"));
   client peer = accept();
@@ -81,7 +81,7 @@ TEST_F(relay_test, body_larger_than_the_output_buffer_arrives_whole) {
   expect_bytes(peer, forwarded("a", "/", length_of(body), body));
 }
 
-TEST_F(relay_test, reply_larger_than_the_output_buffer_arrives_whole) {
+TEST_F(relay_test, response_larger_than_the_output_buffer_arrives_whole) {
   exchange x = start_exchange();
   const std::string reply = random_bytes(3 * connection::out_capacity + 17);
   send_all(x.to, reply);
@@ -150,7 +150,7 @@ TEST_F(relay_test, unknown_host_and_echo_keep_the_connection) {
   expect_bytes(peer, forwarded("a"));
 }
 
-TEST_F(relay_test, upstream_that_closes_while_idle_takes_the_client_along) {
+TEST_F(relay_test, upstream_that_closes_while_idle_ends_the_client_connection_too) {
   exchange x = start_exchange();
   x.to.send("reply");
   expect_bytes(x.from, "reply");
@@ -159,7 +159,7 @@ TEST_F(relay_test, upstream_that_closes_while_idle_takes_the_client_along) {
   EXPECT_EQ(front.connections.count, 0);
 }
 
-TEST_F(relay_test, upstream_that_closes_in_mid_reply_lets_what_it_sent_arrive) {
+TEST_F(relay_test, upstream_that_closes_in_mid_response_lets_what_it_sent_arrive) {
   exchange x = start_exchange();
   const std::string part = "HTTP/1.1 200 OK\r\nContent-Length: 9000000\r\n\r\n" + random_bytes(4000000);
   send_all(x.to, part);
@@ -167,7 +167,7 @@ TEST_F(relay_test, upstream_that_closes_in_mid_reply_lets_what_it_sent_arrive) {
   expect_end(x.from, part);
 }
 
-TEST_F(relay_test, upstream_that_resets_in_mid_reply_lets_what_was_read_arrive) {
+TEST_F(relay_test, upstream_that_resets_in_mid_response_lets_what_was_read_arrive) {
   exchange x = start_exchange();
   x.to.send("half a rep");
   expect_bytes(x.from, "half a rep");

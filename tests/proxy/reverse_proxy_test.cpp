@@ -50,7 +50,7 @@ TEST_F(reverse_proxy_test, host_value_has_to_equal_the_key_byte_for_byte) {
       {"a.example", "Host: b.a.example\r\n", false},
       {"a.example", "Host: a.example\r\nHost: b.example\r\n", true},
       {"a.example", "Host: b.example\r\nHost: a.example\r\n", false},
-      // Two bytes behind the name are skipped, whatever they are.
+      // The two bytes after the name are skipped, whatever they are.
       {"a.example", "Host:a.example\r\n", false},
       {".example", "Host:a.example\r\n", true},
       {"a.example", "Accept: a\r\n", false},
@@ -76,8 +76,8 @@ TEST_F(reverse_proxy_test, value_of_zero_is_the_same_as_no_key) {
   EXPECT_EQ(to_client(), not_found);
 }
 
-// Whether the command line lets such a number in is its own affair; what a failed look-up says on the console
-// shows that it was taken for a port.
+// The command line may refuse such a number; this is about the map. The message of a failed look-up shows
+// that the number was taken for a port.
 TEST_F(reverse_proxy_test, every_other_value_is_taken_for_a_port) {
   for (int port : {-2, 1, 65536, INT32_MIN, INT32_MAX}) {
     SCOPED_TRACE(port);
@@ -147,7 +147,7 @@ TEST_F(reverse_proxy_test, echo_page_shows_the_head_and_the_address) {
 }
 
 TEST_F(reverse_proxy_test, echo_page_counts_its_bytes_exactly) {
-  // Across the places where the number of digits grows.
+  // The lengths cross the points where the number of digits grows.
   std::vector<size_t> lengths = {9900, 99900, 1000000};
   for (size_t length = 0; length < 1200; length += 37) lengths.push_back(length);
   for (size_t length : lengths) {
@@ -203,7 +203,7 @@ TEST_F(reverse_proxy_test, bodies_of_answered_requests_are_dropped) {
   }
 }
 
-// The pipe is the same one, and nobody looks whose body it is.
+// The pipe is the same, and nothing checks to which request a body belongs.
 TEST_F(reverse_proxy_test, bodies_of_answered_requests_go_to_an_upstream_that_is_there) {
   receive(request_to("on"));
   std::string wanted = forwarded("on", "/", "", "", ip);
@@ -275,7 +275,7 @@ TEST_F(reverse_proxy_test, request_is_the_same_however_its_bytes_are_cut) {
   EXPECT_EQ(to_upstream(), wanted);
 }
 
-TEST_F(reverse_proxy_test, bytes_behind_a_request_go_along_as_its_body) {
+TEST_F(reverse_proxy_test, bytes_after_a_request_go_along_as_its_body) {
   const std::string second = request_to("echo");
   receive(request_to("on") + second);
   EXPECT_EQ(to_upstream(), forwarded("on", "/", "", "", ip) + second);
@@ -333,7 +333,7 @@ TEST_F(reverse_proxy_test, body_of_a_request_whose_upstream_has_ended_is_dropped
   EXPECT_EQ(to_upstream(), "");
 }
 
-TEST_F(reverse_proxy_test, answers_of_our_own_go_behind_what_the_upstream_sent) {
+TEST_F(reverse_proxy_test, responses_of_our_own_go_after_what_the_upstream_sent) {
   receive(request_to("on"));
   deliver(upstream_side(), "reply");
   receive(request_to("unknown"));
@@ -346,7 +346,7 @@ TEST_F(reverse_proxy_test, upstream_that_refuses_is_answered_at_once_and_the_con
   EXPECT_FALSE(proxy->keep_alive);
   EXPECT_EQ(proxy->timeout, 10);
   EXPECT_EQ(proxy->upstream_port, 0);
-  EXPECT_EQ(to_upstream(), "body");  // the request itself was not queued, and nobody will take this
+  EXPECT_EQ(to_upstream(), "body");  // the request itself was not queued, and nobody will read this
   EXPECT_EQ(upstreams(), 0);
   output o = ask(*proxy);
   EXPECT_EQ(to_upstream(), "");
@@ -354,8 +354,8 @@ TEST_F(reverse_proxy_test, upstream_that_refuses_is_answered_at_once_and_the_con
   EXPECT_FALSE(o.stays_open);
 }
 
-// As when two servers carry the two sides: the upstream's may come to its turn late.
-TEST_F(reverse_proxy_test, upstream_that_ends_before_it_is_asked_for_output_gives_the_same_answer) {
+// This happens if two servers serve the two sides, and the upstream's server takes its turn late.
+TEST_F(reverse_proxy_test, upstream_that_ends_before_it_is_asked_for_output_gives_the_same_response) {
   receive(request_to("on"));
   end_upstream();
   output o = ask(*proxy);
@@ -428,7 +428,7 @@ TEST_F(reverse_proxy_test, connection_header_of_http_1_1_changes_nothing) {
   EXPECT_EQ(to_upstream(), forwarded("on", "/", "", "", ip) + forwarded("on", "/", "", "", ip));
 }
 
-TEST_F(reverse_proxy_test, blocked_hosts_are_the_forward_proxys_business) {
+TEST_F(reverse_proxy_test, only_the_forward_proxy_blocks_hosts) {
   struct blocking : reverse_proxy {
     bool should_block(const std::string&) override { return true; }
   };

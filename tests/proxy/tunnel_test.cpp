@@ -21,8 +21,7 @@ struct forwarding_test : proxy_server<http_proxy> {
   }
 };
 
-// An upstream on a port that only a few may listen on, at an address of 127/8 that no other test uses at the
-// same time.
+// An upstream on a privileged port, at an address of 127/8 that no other test uses at the same time.
 class privileged_listener {
  public:
   explicit privileged_listener(uint16_t port) : sock_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)) {
@@ -80,7 +79,7 @@ TEST_F(forwarding_test, target_without_a_port_is_connected_to_port_80) {
                                                        {"CONNECT ", ""}};
   for (const auto& [start, wanted] : table) {
     privileged_listener web(80);
-    if (!web.is_bound()) GTEST_SKIP() << "port 80 cannot be had";
+    if (!web.is_bound()) GTEST_SKIP() << "port 80 is not available";
     client c = connect();
     c.send(start + web.host() + " HTTP/1.1\r\n\r\n");
     client peer = accept(web);
@@ -138,8 +137,8 @@ TEST_F(forwarding_test, tunnel_is_never_timed_out) {
   expect_bytes(t.to, "still there");
 }
 
-// The client has its 200, and must not take an answer of ours for a byte of the tunnel.
-TEST_F(forwarding_test, tunnel_whose_upstream_closes_at_once_ends_without_another_answer) {
+// The client has its 200. It would take a response of ours for bytes of the tunnel.
+TEST_F(forwarding_test, tunnel_whose_upstream_closes_at_once_ends_without_another_response) {
   client c = connect();
   c.send("CONNECT " + place() + " HTTP/1.1\r\n\r\n");
   client peer = accept();
@@ -156,7 +155,7 @@ TEST_F(forwarding_test, refused_upstream_is_answered_with_502_and_closed) {
   }
 }
 
-TEST_F(forwarding_test, refusal_of_a_request_that_shows_later_gives_the_same_answer) {
+TEST_F(forwarding_test, refusal_of_a_request_that_shows_later_gives_the_same_response) {
   auto passing = std::make_unique<listener>();
   client c = connect();
   c.send("GET http://127.0.0.1:" + std::to_string(passing->port()) + "/ HTTP/1.1\r\n\r\n");

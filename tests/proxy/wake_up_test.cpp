@@ -1,11 +1,11 @@
-// Bytes that can go do not wait for the end of a select(): whoever queues them wakes the other end.
+// Bytes that can be sent do not wait for the end of a select(): whoever queues them wakes the other end.
 
 #include "tests/proxy/proxy_fixtures.h"
 
 namespace {
 
-// The clients are with one server and the upstreams with another, which takes its turn behind it. Without
-// the waking, bytes from an upstream would lie until the wait after next.
+// One server has the clients, and another has the upstreams and takes its turn after the first. If nobody
+// woke the client, bytes from an upstream would stay queued until the wait after the next one.
 struct wake_up_test : proxy_server<reverse_proxy> {
   server<reverse_proxy> back{0};
 
@@ -23,7 +23,7 @@ struct wake_up_test : proxy_server<reverse_proxy> {
 
   int upstream_sock() { return connection_at(back, 0)->sock; }
 
-  // A client whose request the upstream has got, in a quiet moment.
+  // A client whose request the upstream has got. No socket is ready then.
   struct exchange {
     client from;
     client to;
@@ -55,7 +55,7 @@ TEST_F(wake_up_test, bytes_from_the_upstream_wake_the_client) {
   EXPECT_TRUE(sockets::has(sockets::writable(), served(x.from).sock));
 }
 
-TEST_F(wake_up_test, reply_goes_out_in_the_third_turn_without_an_idle_wait) {
+TEST_F(wake_up_test, response_goes_out_in_the_third_turn_without_an_idle_wait) {
   exchange x = start_exchange();
   x.to.send("reply");
   for (int turns = 0; turns < 3; turns++) {
@@ -84,7 +84,7 @@ TEST_F(wake_up_test, request_wakes_the_upstream_that_it_opens) {
   EXPECT_TRUE(is_ready(upstream_sock()));
 }
 
-TEST_F(wake_up_test, answer_of_our_own_wakes_its_client) {
+TEST_F(wake_up_test, response_of_our_own_wakes_its_client) {
   map("dead", closed.port());
   map("echo", -1);
   for (const char* host : {"unknown", "echo", "dead"}) {
@@ -106,7 +106,7 @@ TEST_F(wake_up_test, upstream_that_ends_wakes_its_client_and_is_forgotten) {
   EXPECT_TRUE(is_ready(served(x.from).sock));
   EXPECT_FALSE(is_ready(ended));
   EXPECT_EQ(served(x.from).pipe->upstream_sock, -1);
-  // Whoever has the number now is not woken by what the client still sends.
+  // What the client still sends does not wake a new owner of this descriptor.
   deliver(served(x.from), request_to("unknown", "/", length_of("body"), "body"));
   EXPECT_FALSE(is_ready(ended));
 }
