@@ -1,4 +1,4 @@
-// Memory that is refused: the pages of a connection, and every allocation of a conversation, small ones, too.
+// Memory that is refused: the pages of a connection, and each allocation of a conversation, even small ones.
 
 #include <cerrno>
 #include <climits>
@@ -14,7 +14,7 @@ extern "C" {
 
 void* __real_malloc(size_t size);
 
-// The linker puts this in place of malloc() in our own code, and there alone.
+// The linker replaces malloc() by this function, in our own code only.
 void* __wrap_malloc(size_t size) {
   return new_is_refused() ? nullptr : __real_malloc(size);
 }
@@ -35,7 +35,7 @@ class stage_without_spares : public plain_stage {
  private:
   static constexpr int mapped_at_once = 8;
 
-  // The object that needs new pages is the first behind the last spare, and brings spares of its own.
+  // The first object after the last spare slot maps new pages, and with them new spare slots. All are taken.
   template <class Make>
   void take_spares(Make make) {
     const int mapped = faults::calls()["mmap"];
@@ -47,7 +47,7 @@ class stage_without_spares : public plain_stage {
   std::vector<std::unique_ptr<connection>> taken_;
 };
 
-// The lists of faults get their places before an allocation can be refused to them.
+// Fills the lists of faults now, because their own allocations could be refused later.
 void prepare_lists() {
   for (const char* call :
        {"socket",     "bind",  "listen", "accept4",    "connect",    "select",      "recv",
@@ -56,12 +56,12 @@ void prepare_lists() {
     faults::calls()[call] = 0;
 }
 
-/* A conversation during which `refused` allocations fail, behind so many that succeed. False when there were
- * not so many. */
+/* A conversation during which `granted` allocations succeed and the next `refused` fail. False when there
+ * were not so many. */
 template <class Stage, class Conversation>
 bool run_refused(int granted, int refused) {
   SCOPED_TRACE("allocation " + std::to_string(granted + 1) + " is refused, and " +
-               std::to_string(refused - 1) + " behind it");
+               std::to_string(refused - 1) + " after it");
   descriptor_check descriptors;
   console screen;
   Stage here;
@@ -75,7 +75,7 @@ bool run_refused(int granted, int refused) {
   EXPECT_LE(during.count_harmed(), refused) << during.harmed();
   Conversation afterwards(here);
   afterwards.play();
-  EXPECT_EQ(afterwards.harmed(), "") << "behind the refusal";
+  EXPECT_EQ(afterwards.harmed(), "") << "after the refusal";
   here.stop();
   EXPECT_EQ(here.connections(), 0);
   return is_refused;
@@ -83,14 +83,14 @@ bool run_refused(int granted, int refused) {
 
 template <class Stage, class Conversation>
 void refuse_every_allocation(int refused) {
-  run_refused<Stage, Conversation>(0, 0);  // what the process allocates once is there afterwards
+  run_refused<Stage, Conversation>(0, 0);  // for memory that the process allocates only once
   int granted = 0;
   while (!testing::Test::HasFailure() && run_refused<Stage, Conversation>(granted, refused)) granted++;
   testing::Test::RecordProperty("runs", granted);
   EXPECT_GT(granted, 50);
 }
 
-/* A turn in which every allocation is refused, and that throws nothing. */
+/* A turn in which every allocation is refused. Expects that it throws nothing. */
 template <class Stage>
 void take_turn_without_memory(Stage& here) {
   prepare_lists();
@@ -101,13 +101,13 @@ void take_turn_without_memory(Stage& here) {
 
 }  // namespace
 
-TEST(allocation, server_starts_again_without_any) {
+TEST(allocation, server_starts_again_without_memory) {
   descriptor_check descriptors;
   console screen;
   plain_stage here;
   faults::adapters() = {"10.11.12.13", "10.11.12.14", "10.11.12.15"};
   ASSERT_TRUE(here.start());
-  here.turn();  // what the process allocates once
+  here.turn();  // for memory that the process allocates only once
   screen.clear();
   faults::of()["select"] = {0, 1, EBADF};
   take_turn_without_memory(here);
@@ -123,7 +123,7 @@ TEST(allocation, certificate_that_could_not_be_looked_at_is_loaded_by_the_next_l
   tls_stage here;
   here.change_files();
   ASSERT_TRUE(here.start());
-  here.turn();  // what the process allocates once
+  here.turn();  // for memory that the process allocates only once
   here.change_files();
   for (bool is_refused : {true, false}) {
     faults::clock_offset() += 61;
@@ -136,7 +136,7 @@ TEST(allocation, certificate_that_could_not_be_looked_at_is_loaded_by_the_next_l
   here.stop();
 }
 
-// Of all allocations of a request, one is the place in the server's list.
+// One of the allocations of a request is for the server's list of connections.
 TEST(allocation, client_whose_upstream_the_server_could_not_take_gets_the_502_and_no_further_request) {
   descriptor_check descriptors;
   console screen;
@@ -145,8 +145,8 @@ TEST(allocation, client_whose_upstream_the_server_could_not_take_gets_the_502_an
   const listener upstream;
   reverse_proxy::hosts().set("a", upstream.port());
   proxy_pipe unused;
-  delete new proxy_connection(-1, &unused);  // leaves its memory to the next one
-  faults::frozen_clock() = time(nullptr);  // so that the resolver's answer, remembered now, stays remembered
+  delete new proxy_connection(-1, &unused);  // the next one gets its memory
+  faults::frozen_clock() = time(nullptr);    // so that the look-up below stays remembered
   sockets::close(sockets::connect("localhost", upstream.port(), false));
   prepare_lists();
   int refusals = 0;
@@ -180,18 +180,18 @@ TEST(allocation, connections_without_pages_are_survived) {
   run_for_every_use<stage_without_spares>({"mmap", ENOMEM, harm::one_client}, 5);
 }
 
-TEST(allocation, refused_one_of_a_plain_conversation_harms_one_client_at_most) {
+TEST(allocation, refusal_in_a_plain_conversation_harms_one_client_at_most) {
   refuse_every_allocation<http_stage, plain_conversation>(1);
 }
 
-TEST(allocation, refused_ones_in_a_row_of_a_plain_conversation_are_survived) {
+TEST(allocation, refusals_in_a_row_in_a_plain_conversation_are_survived) {
   refuse_every_allocation<http_stage, plain_conversation>(5);
 }
 
-TEST(allocation, refused_one_of_a_proxied_conversation_harms_one_client_at_most) {
+TEST(allocation, refusal_in_a_proxied_conversation_harms_one_client_at_most) {
   refuse_every_allocation<stage_without_spares, conversation>(1);
 }
 
-TEST(allocation, refused_ones_in_a_row_of_a_proxied_conversation_are_survived) {
+TEST(allocation, refusals_in_a_row_in_a_proxied_conversation_are_survived) {
   refuse_every_allocation<stage_without_spares, conversation>(5);
 }

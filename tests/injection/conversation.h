@@ -1,13 +1,13 @@
 /* conversation: clients and upstreams that use every path through the servers of a stage, all at once.
  *
- * Two requests each for the echo page, for a host that is not there and for an upstream, with bodies, on
- * connections that are kept; an upstream that closes in the middle of its reply, and one that refuses; a
- * client that resets in the middle of an upload, one that leaves in the middle of a head, and one that says
- * nothing until it times out. At the end the certificate has changed and everybody is gone.
+ * On connections that are kept: two requests for the echo page, two for an unknown host, and two with bodies
+ * for an upstream. One upstream closes in the middle of its response, and one refuses. One client resets in
+ * the middle of an upload, one leaves in the middle of a head, and one is silent until it times out. At the
+ * end the certificate has changed and no connection is left.
  *
  *     conversation during(here);           everybody connects
  *     during.play();                       from the first byte to the last close
- *     during.harmed()                      the names of those that did not get all they asked for */
+ *     during.harmed()                      the names of the clients that did not get all they asked for */
 #pragma once
 
 #include <functional>
@@ -21,7 +21,7 @@ class conversation {
  public:
   static constexpr size_t usual_size = 20000;
 
-  /* Replies of `size` bytes, and bodies of a fifth of it. */
+  /* Responses of `size` bytes, and bodies of a fifth of it. */
   explicit conversation(stage& where, size_t size = usual_size)
       : stage_(where),
         most_rounds_(3000 + (faults::most_bytes() ? 20 * size : 0)),
@@ -40,10 +40,11 @@ class conversation {
     join("idle", ending::is_closed, {});
   }
 
-  /* From the first byte to the last close. Expects that everybody comes to an end, that no byte is wrong, and
-   * that the servers have no connection left. What a turn throws is passed on. */
+  /* From the first byte to the last close. Expects that every client is finished, that no byte is wrong, and
+   * that the servers have no connection left. Exceptions of a turn are passed on. */
   void play() {
-    // One client is accepted a turn: by then the idle one is, and does not come after the time has passed.
+    // One client is accepted a turn. After so many turns the idle one is, too: it must not come after its
+    // time-out.
     size_t turns = 0;
     EXPECT_TRUE(serve_until([&] { return ++turns > callers_.size() && is_done_but(1); })) << waiting();
     for (caller& c : callers_)
@@ -58,7 +59,7 @@ class conversation {
     EXPECT_TRUE(serve_until([] { return sockets::num_ready() == 0; })) << "the servers are never idle";
   }
 
-  /* The names of those that did not get all they asked for; in good times nobody. */
+  /* The names of the clients that did not get all they asked for; without failures there is none. */
   const std::string& harmed() const { return harmed_; }
   int count_harmed() const { return count_harmed_; }
 
@@ -82,7 +83,7 @@ class conversation {
     return {request, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n" + length_of(page) + "\r\n" + page};
   }
 
-  // A request with a body, which that upstream answers.
+  // A request with a body, which `from` answers.
   exchange ask(answering_upstream& from, const std::string& host, const std::string& path,
                const std::string& reply) {
     from.replies[forwarded(host, path, length_of(body_), body_)] = reply;

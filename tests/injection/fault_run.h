@@ -1,8 +1,11 @@
-/* fault_run: a conversation during which one call into the system fails, and one after it.
+/* fault_run: a conversation during which one function of the system fails, and a conversation after it.
  *
  *     run_for_every_use<plain_stage>({"recv", ECONNRESET, harm::one_client}, 1);
- *                                          fails once, at its first use, then at its second, and so on to the
- * last run_with<plain_stage>(failure, 3, 2) fails at its third and fourth use; whether there were so many */
+ *                                          one run in which the first use fails, one in which the
+ *                                          second fails, and so on to the last
+ *
+ *     run_with<plain_stage>(failure, 3, 2) the third and the fourth use fail; false when there were not so
+ *                                          many */
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,10 +20,10 @@
 /* Whom a failure may harm. */
 enum class harm {
   nobody,
-  one_client,     // at most
+  one_client,     // at most one
   everybody,      // the server drops its connections and listens again
-  start_or_one,   // the first failure keeps the server from starting, a later one harms a client at most
-  the_whole_run,  // the failure is thrown to whoever runs the loop; all is released then
+  start_or_one,   // the first failure prevents the start, a later one harms one client at most
+  the_whole_run,  // whoever runs the loop gets the exception; everything is released then
 };
 
 /* A failure of one function. */
@@ -40,10 +43,10 @@ inline std::string test_name(const testing::TestParamInfo<failure>& info) {
   return std::string(info.param.call) + "_" + info.param.name;
 }
 
-/* What a fake makes of a failing call whose entry point is missing. */
+/* The result of a fault that stands for a missing entry point. */
 constexpr int is_missing = -1000;
 
-/* One run: the uses number `first` and behind, `times` of them, fail. False when there were not so many. */
+/* One run in which `times` uses fail, from number `first` on. False when there were not so many uses. */
 template <class Stage>
 bool run_with(const failure& f, int first, int times) {
   SCOPED_TRACE(std::string(f.call) + " fails from its use " + std::to_string(first) + " on, " +
@@ -55,7 +58,7 @@ bool run_with(const failure& f, int first, int times) {
   fault = {first - 1, times, f.error, f.result};
   try {
     const bool has_started = here.start();
-    // Without both of its options, a socket cannot be bound beside the one that keeps the port.
+    // Without both of its options, a socket cannot share the port with the one that reserves it.
     const bool may_stay_down = f.effect == harm::start_or_one || times > 1;
     EXPECT_TRUE(has_started || (may_stay_down && fault.times < times)) << "it did not start";
     if (has_started) {
@@ -80,13 +83,13 @@ bool run_with(const failure& f, int first, int times) {
   EXPECT_TRUE(here.is_serving() || here.start());
   conversation afterwards(here);
   afterwards.play();
-  EXPECT_EQ(afterwards.harmed(), "") << "behind the failure";
+  EXPECT_EQ(afterwards.harmed(), "") << "after the failure";
   here.stop();
   EXPECT_EQ(here.connections(), 0);
   return has_failed;
 }
 
-/* Runs for the first use, the second, and so on, until there is no such use. */
+/* One run for the first use, one for the second, and so on, until there is no such use. */
 template <class Stage>
 void run_for_every_use(const failure& f, int times) {
   int first = 1;

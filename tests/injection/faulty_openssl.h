@@ -1,7 +1,7 @@
-/* faulty_openssl: lets the calls of a TLS stage's library fail as the test says, under their own names.
+/* faulty_openssl: lets the calls of a TLS stage's library fail. A test names the fault after the entry point.
  *
- * A call that fails does nothing and returns the fault's result, or null; with the result is_missing it does
- * what a missing entry point does. */
+ * A call that fails does nothing and returns the fault's result, or null. If the result is is_missing, it
+ * does what a missing entry point does. */
 #pragma once
 
 #include <type_traits>
@@ -34,7 +34,7 @@ struct faulty_entry<Entry, Result (*)(Arguments...)> {
   }
 };
 
-/* A TLS stage whose library can fail. The fake that it is built on restores the table at its end. */
+/* A TLS stage whose library can fail. Its fake_openssl restores the table at the end. */
 class faulty_tls_stage : public tls_stage {
  public:
   faulty_tls_stage() {

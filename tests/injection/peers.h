@@ -1,8 +1,8 @@
 /* peers: the clients and upstreams of a conversation.
  *
- * Each takes a step whenever the server has taken a turn, and none of them waits. They put up with whatever
- * happens to their connections and remember whether it was the full exchange; bytes that are wrong are a
- * failure of the test at once. */
+ * Each takes a step after every turn of the server, and none of them waits. They accept whatever happens to
+ * their connections, and remember whether the exchange was complete. Wrong bytes make the test fail at once.
+ */
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ struct exchange {
   std::string reply;
 };
 
-/* A client. It sends a request when it has the whole reply to the one before. */
+/* A client. It sends a request when it has the whole response to the request before. */
 class caller {
  public:
   enum class ending { stays, is_closed, closes, resets };
@@ -40,17 +40,17 @@ class caller {
 
   const std::string& name() const { return name_; }
 
-  /* Nothing more is to be expected of it. */
+  /* It will do nothing more. */
   bool is_done() const { return is_done_; }
 
-  /* It got everything, and its connection stayed open as long as it was to. */
+  /* It got everything, and its connection stayed open or was closed as it should be. */
   bool is_content() const {
     const bool is_closed_rightly = wire_.is_closed() == (end_ == ending::is_closed);
     return is_done_ && is_closed_rightly && wire_.received() == replies(exchanges_.size());
   }
 
-  /* What came is the beginning of what was to come; or the 502, in place of a reply of which nothing had
-   * come. */
+  /* Expects that what came is the beginning of the expected bytes. The 502 may replace a response of which no
+   * byte has come. */
   void expect_right_bytes() const {
     const std::string& got = wire_.received();
     bool is_right = replies(sent_).compare(0, got.size(), got) == 0;
@@ -91,11 +91,11 @@ class caller {
   bool is_done_ = false;
 };
 
-/* The upstream behind one port. It answers the requests that it knows, and no other may come. */
+/* The upstream on one port. It answers the requests that it knows; no other request may come. */
 class answering_upstream {
  public:
   std::map<std::string, std::string> replies;  // by the whole request
-  bool closes = false;                         // behind its first reply
+  bool closes = false;                         // after its first response
 
   int port() const { return door_.port(); }
   bool is_alone() const { return links_.empty(); }
@@ -117,7 +117,7 @@ class answering_upstream {
  private:
   struct link {
     client wire;
-    size_t answered;  // bytes received that were answered
+    size_t answered;  // how many of the received bytes were answered
     std::string unsent;
   };
 

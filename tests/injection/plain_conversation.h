@@ -1,4 +1,4 @@
-/* plain_conversation: clients of a server that answers them itself, one for each way to answer. */
+/* plain_conversation: clients of a server without upstreams, one client for each kind of response. */
 #pragma once
 
 #include <cstdio>
@@ -10,8 +10,8 @@
 #include "tests/injection/peers.h"
 #include "tests/injection/stage.h"
 
-/* Answers by the path: a page, a redirect, a file, a job's result; anything else as its base does. Stays
- * after an upgrade and echoes messages. */
+/* The path selects the response: a page, a redirect, a file or a job's result. Other paths get the default
+ * one. After an upgrade it stays open and echoes messages. */
 struct answering_connection : http_connection {
   static const std::string& page() {
     static const std::string bytes = random_bytes(30000, 3);
@@ -75,7 +75,7 @@ class plain_conversation {
            "HTTP/1.1 302 Found\r\nLocation: http://elsewhere/\r\nContent-Type: text/html\r\n" +
                length_of(moved) + "\r\n" + moved},
           {head + "\r\n" + body_, ok + "Content-Type: text/plain\r\n" + length_of(echo) + "\r\n" + echo}});
-    // Key and answer of RFC 6455, section 1.3, and the masked "Hello" of its section 5.7.
+    // The key and the accept value of RFC 6455, section 1.3, and the masked "Hello" of its section 5.7.
     join("socket", {{"GET /chat HTTP/1.1\r\nHost: h\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n",
                      "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
@@ -83,7 +83,7 @@ class plain_conversation {
                     {"\x81\x85\x37\xfa\x21\x3d\x7f\x9f\x4d\x51\x58", "\x81\x05Hello"}});
   }
 
-  /* Until everybody has what they asked for, or was cut off, and is gone. */
+  /* Serves until every client has what it asked for, or was cut off, and is gone. */
   void play() {
     EXPECT_TRUE(serve_until([this] { return is_done(); })) << "somebody still waits";
     for (caller& c : callers_) {
@@ -97,7 +97,7 @@ class plain_conversation {
     EXPECT_TRUE(serve_until([this] { return stage_.connections() == 0; }));
   }
 
-  /* The names of those that did not get all they asked for. */
+  /* The names of the clients that did not get all they asked for. */
   const std::string& harmed() const { return harmed_; }
   int count_harmed() const { return count_harmed_; }
 

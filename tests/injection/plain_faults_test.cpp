@@ -1,4 +1,4 @@
-// The plain server, with each call into the system that can fail failing at each of its uses.
+// The plain server. Each function of the system that can fail does so at each of its uses.
 
 #include <netdb.h>
 

@@ -1,4 +1,4 @@
-// A server that has to start again and cannot.
+// A server that has to start again and cannot do so.
 
 #include <netdb.h>
 
@@ -23,7 +23,7 @@ struct restart_that_fails : testing::TestWithParam<failure> {
 
   void SetUp() override { ASSERT_TRUE(here.start()); }
 
-  /* Expects that the server has closed everything, and does nothing more until it is started again. */
+  /* Expects that the server has closed everything, and does nothing until it is started again. */
   void expect_silence() {
     const fd_set none = {};
     EXPECT_EQ(here.front().sock, -1);

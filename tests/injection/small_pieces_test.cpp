@@ -1,4 +1,4 @@
-// Bytes that come and go in small pieces, and calls that are interrupted all the time.
+// Bytes that come and go in small pieces, and calls that are often interrupted.
 
 #include <cerrno>
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-/* Everybody gets everything while `set_up` has its way with the calls. */
+/* Expects that every client gets everything, with the faults that `set_up` sets. */
 template <class Stage, class SetUp>
 void expect_service(size_t size, SetUp set_up) {
   descriptor_check descriptors;
@@ -20,9 +20,9 @@ void expect_service(size_t size, SetUp set_up) {
   here.stop();
 }
 
-// Two uses that succeed are what it takes to go on. An interrupted wait forgets for which sockets there is
-// output, the turn of the next one says it again, and the one behind that sends. And a TLS session that has
-// read nothing is asked once more, after a look at its socket, before it counts as dead.
+// Two uses in a row must succeed for a server to make progress. An interrupted wait forgets which sockets
+// have output. The turn after the next wait announces it again, and the turn after that sends it. And a TLS
+// session that has read nothing is asked once more, after a look at its socket, before it counts as dead.
 void fail_every_third(const char* call, int error) {
   faults::of()[call] = {0, 1, error, -1, 2};
 }
@@ -66,7 +66,7 @@ TYPED_TEST(small_pieces, one_byte_a_call_and_interruptions_everywhere) {
   });
 }
 
-TYPED_TEST(small_pieces, one_byte_a_call_and_nothing_now_every_third_time) {
+TYPED_TEST(small_pieces, one_byte_a_call_and_eagain_every_third_time) {
   expect_service<TypeParam>(300, [] {
     faults::most_bytes() = 1;
     for (const char* call : {"recv", "send"}) fail_every_third(call, EAGAIN);

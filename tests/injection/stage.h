@@ -1,12 +1,12 @@
-/* stage: the servers of one run, on a port that nobody else gets. Faults hold while they start, take a turn
- * or stop, and at no other time; the clock stands still unless the conversation sets it forward.
+/* stage: the servers of one run, on a port that no other process gets. Faults hold only while the servers
+ * start, take a turn or stop. The clock stands still unless the conversation sets it forward.
  *
  *     plain_stage here;                    or tls_stage, http_stage, faulty_tls_stage
  *     here.start(), here.turn(), here.stop()
- *                                          what the program does with its servers, with the faults
- *     here.port(), here.front()            where the clients come to
- *     here.is_serving()                    whether they can
- *     here.connections()                   of all servers
+ *                                          what the program does with its servers, under the faults
+ *     here.port(), here.front()            the port and the server for the clients
+ *     here.is_serving()                    whether clients can be served
+ *     here.connections()                   how many connections all servers have
  *     here.change_files();                 there is a new certificate */
 #pragma once
 
@@ -23,7 +23,7 @@
 #include "tests/tls/fake_openssl.h"
 #include "tests/tls/temp_folder.h"
 
-/* Faults hold while it lives. */
+/* Faults hold as long as it lives. */
 struct with_faults {
   with_faults() { faults::suspended() = false; }
   with_faults(const with_faults&) = delete;
@@ -34,7 +34,7 @@ struct with_faults {
 class stage {
  public:
   stage() {
-    // Seconds that no run had before: what the resolver answered is remembered for one.
+    // Each run gets other seconds, because a second's look-ups are remembered during that second.
     static int64_t second = 1700000000;
     faults::frozen_clock() = second += 10000;
     faults::longest_wait_us() = 100;
@@ -53,7 +53,7 @@ class stage {
 
   int port() const { return own_port_.port(); }
 
-  /* Whoever reaches it gets the conversation's pages. */
+  /* The server to which the clients of a conversation connect. */
   virtual server_base& front() = 0;
 
   bool start() {
@@ -61,7 +61,7 @@ class stage {
     return start_servers();
   }
 
-  /* Clients can be accepted, and are not refused for what failed at the start. */
+  /* Whether clients are accepted, and not refused because of a failure at the start. */
   virtual bool is_serving() { return front().sock != -1; }
 
   /* A turn of the loop that drives the servers. */
@@ -75,7 +75,7 @@ class stage {
     for (server_base* s : servers_) s->stop();
   }
 
-  /* The files that the servers look at have changed. */
+  /* Changes the files that the servers look at. */
   virtual void change_files() {}
 
   int connections() const {
@@ -110,8 +110,8 @@ class plain_stage : public stage {
   server<reverse_proxy> front_{port()};
 };
 
-/* A TLS server over a faked OpenSSL, and a plain one for the upstream connections. The fake speaks plain
- * text, and so do the clients. */
+/* A TLS server over a faked OpenSSL, and a plain server for the upstream connections. The fake and the
+ * clients use plain text. */
 class tls_stage : public stage {
  public:
   tls_stage() {
@@ -127,7 +127,7 @@ class tls_stage : public stage {
   void change_files() override { set_file_time(front_->crt_file, ++file_time_); }
 
  protected:
-  // May be called again when it could not, or when the library gave no context.
+  // May be called again after a failure, or when the library gave no context.
   bool start_servers() override {
     if (!front_->ctx) https::create_context(*front_);
     for (server_base* s : servers_)

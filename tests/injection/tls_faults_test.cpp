@@ -1,4 +1,5 @@
-// The TLS server over a faked library, with each entry point, and the calls below it, failing at each use.
+// The TLS server over a faked library. Each entry point, and each call of the system, fails at each of its
+// uses.
 
 #include <cerrno>
 
@@ -10,7 +11,7 @@ struct tls_faults : testing::TestWithParam<failure> {};
 struct missing_entry_points : testing::TestWithParam<const char*> {};
 
 const failure failures[] = {
-    // Statuses that nobody looks at.
+    // Their results are ignored.
     {"OPENSSL_init_ssl", 0, harm::nobody, 0, "0"},
     {"SSL_CTX_use_PrivateKey_file", 0, harm::nobody, 0, "0"},
     {"SSL_CTX_use_certificate_file", 0, harm::nobody, 0, "0"},
@@ -19,12 +20,12 @@ const failure failures[] = {
     {"SSL_accept", 0, harm::nobody, 0, "0"},
     {"SSL_shutdown", EPIPE, harm::nobody, -1, "EPIPE"},
     {"SSL_shutdown", 0, harm::nobody, 0, "0"},
-    // Everything is refused without a context.
+    // Without a context every client is refused.
     {"TLS_server_method", 0, harm::nobody, 0, "null"},
     {"SSL_CTX_new", 0, harm::everybody, 0, "null"},
     {"SSL_new", 0, harm::one_client, 0, "null"},
     {"SSL_set_fd", 0, harm::one_client, 0, "0"},
-    // A session that is alive is asked again; 0 is the peer's goodbye.
+    // A session that is alive is asked again. 0 means that the peer has ended it.
     {"SSL_read", EAGAIN, harm::nobody, -1, "EAGAIN"},
     {"SSL_read", 0, harm::one_client, 0, "0"},
     {"SSL_write", EAGAIN, harm::nobody, -1, "EAGAIN"},
@@ -77,7 +78,7 @@ TEST_P(tls_faults, failures_in_a_row_from_any_use_on_are_survived) {
   run_for_every_use<faulty_tls_stage>(GetParam(), 5);
 }
 
-TEST_P(missing_entry_points, text_reaches_whoever_runs_the_loop_and_everything_is_released) {
+TEST_P(missing_entry_points, exception_reaches_whoever_runs_the_loop_and_everything_is_released) {
   run_for_every_use<faulty_tls_stage>({GetParam(), 0, harm::the_whole_run, is_missing}, 1);
 }
 
