@@ -1,10 +1,15 @@
 // Bodies in chunks: what a head says about the end of its body, and where that end is.
 //
-// Input: a byte of flags, four chunk sizes, the head up to the next 0xFF, and the body; either may be written
-// as numbers of frequent parts instead of bytes. The rules: a head means what a model reads in it, line by
-// line; the end of a body is where a decoder of the whole text finds it, however the body is cut; and a proxy
-// that answers such a request takes it for complete at that end and not before, and nothing for a request
-// when there is no end.
+// Input: a byte of flags, four chunk sizes, the head up to the next 0xFF, and the body. Head and body may be
+// written as numbers of frequent parts instead of bytes. Rules:
+//
+// - A head means what a model reads in it, line by line.
+//
+// - A body ends where a decoder of the whole text finds its end, however the body is cut.
+//
+// - A proxy that answers such a request takes it for complete at that end and not before.
+//
+// - If the body has no end, nothing that follows is taken for a request.
 
 #include "http/body_end.h"
 #include "http/chunked_body.h"
@@ -98,10 +103,10 @@ std::string stripped(std::string text) {
   return text;
 }
 
-// What a reader sees who takes every CR and every LF for the end of a line, as far as it has the name.
+// What a reader that takes every CR and every LF for the end of a line sees, if the line has the name.
 struct name_line {
   bool is_there;
-  bool is_exact;  // nothing before the name, and a colon directly after it
+  bool is_exact;  // nothing stands before the name, and a colon directly after it
   std::string value;
 };
 
@@ -151,7 +156,7 @@ body_end model_of_head(const std::string& head) {
   return is_plain && are_codings_chunked(list) ? body_end::by_last_chunk : body_end::unknown;
 }
 
-// Reads a whole text as a body. Every part of the grammar is a function that moves `at` on.
+// Reads a whole text as a body. Every part of the grammar is a function that advances `at`.
 class decoder {
  public:
   enum results { open, ended, malformed };
@@ -193,7 +198,8 @@ class decoder {
     return true;
   }
 
-  // The text up to the end of the line, which is not passed over. A control character in it fails.
+  // The text up to the end of the line, and not the end itself. A control character in it makes the body
+  // malformed.
   std::string line_text() {
     const size_t begin = at_;
     while (at_ < text_.size()) {
@@ -275,7 +281,7 @@ void check_proxy(const std::vector<std::string>& pieces, const decoder& wanted) 
     const bool is_over = wanted.result() == decoder::ended && delivered >= wanted.end();
     expect(c->complete == (is_over ? 1 : 0), "a request is complete at the end of its body");
     expect(c->heads == 1, "nothing in a body is a request");
-    expect(c->pipe->to_upstream.empty(), "chunks that nobody takes are dropped");
+    expect(c->pipe->to_upstream.empty(), "chunks that nobody reads are dropped");
     if (is_over) return;
   }
 }

@@ -1,13 +1,18 @@
-// Whole conversations: clients and upstreams that send, read slowly, close, reset and wait, calls that fail
-// and a clock that jumps, against the servers of the program, those of the examples and one whose hooks
-// throw, on a network in memory.
+// Whole conversations on a network in memory. Clients and upstreams send, read slowly, close, reset and wait;
+// calls fail and the clock jumps. The servers are those of the program, those of the examples, and one whose
+// hooks throw.
 //
-// Input: a byte of flags, then operations, each a character with its operands behind it; see step(). Operands
-// that choose something count from '0'. Rules, after every turn: no set holds a closed descriptor, every open
-// one belongs to one connection, every client has got exactly what its upstreams sent, in order, up to some
-// point, and every upstream the bodies that its client sent. When everybody has become quiet, so do the
-// servers, and nothing is missing; when the clients have gone, nothing is left; and after stop() no
-// descriptor is open and no set holds any.
+// Input: a byte of flags, then operations, each a character followed by its operands; see step(). Operands
+// that choose something count from '0'. Rules after every turn:
+//
+// - No set holds a closed descriptor, and every open descriptor belongs to one connection.
+//
+// - Every client has got what its upstreams sent, in order and without a gap, up to some point.
+//
+// - Every upstream has got the bodies that its client sent, likewise.
+//
+// When clients and upstreams are quiet, the servers come to rest, and no byte is missing. When the clients
+// have gone, no connection is left. After stop() no descriptor is open and every set is empty.
 
 #include <filesystem>
 
@@ -40,7 +45,7 @@ enum ports {
 };
 constexpr int port_count = 8;
 
-// Whether upstreams may speak to the clients of this port. What the others send and get is not judged.
+// Whether upstreams may send to the clients of this port. On the other ports the bytes are not checked.
 bool is_proxy(int port) {
   return port != chat_port && port != files_port && port != throwing_port;
 }
@@ -49,14 +54,14 @@ constexpr int most_streams = 40;
 constexpr int turns_to_rest = 400;  // far more than any conversation of this size needs
 constexpr int big_reply = 1300000;  // more than an output buffer and a read hold
 
-// What the upstreams of a client send is stamped with the number of the upstream and the position, in bytes
-// that nobody else sends to a client of a proxy.
+// The bytes that the upstreams of a client send are stamps: they hold the number of the upstream and the
+// position. Nobody else sends such bytes to a client of a proxy.
 char stamp(const stream& upstream, int64_t position) {
   return static_cast<char>(0x80 | (upstream.number & 7) << 4 | (position & 15));
 }
 
-// The folder of the file server: it stays, with the same files for each conversation. Bigger than an output
-// buffer is one of them, and one has no bytes.
+// The folder of the file server. It is kept, with the same files, for all conversations. One file is bigger
+// than an output buffer, and one is empty.
 void make_files() {
   char folder[] = "/tmp/mivo_fuzz_XXXXXX";
   root() = mkdtemp(folder);
@@ -107,10 +112,10 @@ class conversation {
   throwing_server throwing_{throwing_port};
   server_base* servers_[port_count] = {&relay_, &forward_, &redirect_, &chat_,
                                        &tls_,   &filter_,  &files_,    &throwing_};
-  std::vector<size_t> parsed_;     // of each stream's received bytes, how many are checked
-  std::vector<size_t> body_;       // of each upstream, which of its client's bodies it is getting
-  std::vector<int> source_;        // of each client, the upstream whose bytes it is getting
-  std::vector<int64_t> position_;  // and the position of the next
+  std::vector<size_t> parsed_;     // of each stream: how many of its received bytes are checked
+  std::vector<size_t> body_;       // of each upstream: which of its client's bodies it is getting
+  std::vector<int> source_;        // of each client: the upstream whose bytes it is getting
+  std::vector<int64_t> position_;  // of each stream: the position of the next byte
   bool has_sent_big_reply_ = false;
 
   static std::vector<const fd_set*> sets() {
@@ -129,7 +134,7 @@ class conversation {
     return candidates.empty() ? nullptr : candidates[chosen % candidates.size()];
   }
 
-  // Lower case is what a client does, upper case the same for an upstream.
+  // A lower-case operation is for a client, the same letter in upper case for an upstream.
   void step() {
     const char operation = static_cast<char>(in_.byte());
     switch (operation) {
@@ -137,7 +142,7 @@ class conversation {
         const int port = relay_port + choice(port_count);
         if (net().streams.size() >= most_streams) break;
         const int client = network::add_client(port);
-        if (port == tls_port) upstream(client).is_disturbed = true;  // its session may die at any byte
+        if (port == tls_port) upstream(client).is_disturbed = true;  // any byte may end its session
         break;
       }
       case 'c':
@@ -197,12 +202,12 @@ class conversation {
       case '.':
         turn();
         break;
-      default:  // nothing: a changed byte is not to change the meaning of those behind it
+      default:  // does nothing: a changed byte must not change the meaning of the bytes after it
         break;
     }
   }
 
-  // Bytes that no stamped one can be taken for, except where there are no upstreams.
+  // Sends bytes that cannot be taken for stamps. Where there are no upstreams, any bytes.
   static void say(stream* s, std::string text) {
     if (s->has_ended || s->is_reset) return;
     if (is_proxy(s->port) || s->is_upstream) {
@@ -211,7 +216,7 @@ class conversation {
     s->inbox += text;
   }
 
-  // A request whose body is stamped with the positions in it.
+  // A request whose body holds the positions in it.
   static void post(stream* s, const std::string& host, int length) {
     if (!s || s->port != relay_port || s->has_ended || s->is_reset) return;
     s->inbox +=
@@ -220,7 +225,7 @@ class conversation {
     if (length > 0) s->bodies.push_back(length);
   }
 
-  // Only as many upstreams of a client as a stamp can tell apart.
+  // Only for the first eight upstreams of a client, because a stamp has three bits for the number.
   static void send_stamped(stream* s, int count) {
     if (!s || s->has_ended || s->is_reset || s->number > 7) return;
     for (int i = 0; i < count; i++) s->inbox += stamp(*s, s->stamped++);
@@ -281,7 +286,7 @@ class conversation {
     }
   }
 
-  // Every open descriptor is a listening socket's or a connection's, and of one of them.
+  // Every open descriptor belongs to one listening socket or one connection.
   void check_ownership() {
     std::map<int, int> owners;
     for (server_base* s : servers_) {
@@ -301,8 +306,8 @@ class conversation {
     expect(owners.size() == net().open.size(), "what is owned is open");
   }
 
-  // The stamped bytes of a client come from its upstreams one after the other, each from its beginning and
-  // without a gap.
+  // A client gets the stamped bytes of its upstreams one upstream after the other, each from its beginning
+  // and without a gap.
   void check_relay(int client) {
     const auto at = static_cast<size_t>(client);
     const std::string& received = net().streams[at].received;
@@ -320,7 +325,7 @@ class conversation {
 
   static stream& upstream(int index) { return net().streams[static_cast<size_t>(index)]; }
 
-  // The upstream that a byte is the first one of, behind the one that the client has been getting.
+  // The upstream whose first byte this is. It comes after the upstream whose bytes the client was getting.
   int next_source(int client, char c) {
     for (size_t i = static_cast<size_t>(source_[static_cast<size_t>(client)] + 1); i < net().streams.size();
          i++) {
@@ -330,7 +335,7 @@ class conversation {
     fuzz::fail("a client gets its upstreams' bytes in order");
   }
 
-  // Whether the stream's first request opens a tunnel; everything behind its head is then the tunnel's.
+  // Whether the client's first request opens a tunnel. Then everything after its head belongs to the tunnel.
   static bool is_tunnel(const stream& client) {
     return client.port == forward_port && client.taken.compare(0, 8, "CONNECT ") == 0;
   }
@@ -348,8 +353,8 @@ class conversation {
     expect(bytes.compare(0, s.received.size(), s.received) == 0, "a tunnel passes on what the client sent");
   }
 
-  // The bodies of a client that sends nothing else reach its upstreams in order and without a gap; each goes
-  // to one upstream, so that only the last one that an upstream got may be incomplete.
+  // The bodies of a client that sends nothing else reach its upstreams in order and without a gap. Each goes
+  // to one upstream, so only the last body that an upstream got may be incomplete.
   void check_bodies(size_t at) {
     const stream& s = net().streams[at];
     const stream& client = upstream(s.owner);
@@ -365,19 +370,19 @@ class conversation {
     }
   }
 
-  // The body that an upstream got last is complete: finds it among those that the client sent.
+  // Expects that the last body of an upstream is complete: it must be one of those that the client sent.
   void pass_body(size_t at, const stream& client) {
     if (position_[at] == 0) return;
     while (body_[at] < client.bodies.size() && client.bodies[body_[at]] != position_[at]) body_[at]++;
     expect(body_[at]++ < client.bodies.size(), "a body is complete before the next one comes");
   }
 
-  // A client whose connection the program has ended has got all that was read from its upstream before.
+  // When the program ends a client's connection, the client has got all that was read from its upstream.
   void check_delivery(int client) {
     const stream& s = upstream(client);
     if (s.is_disturbed || net().is_disturbed || s.last_upstream == network::none) return;
-    // A host that can be none is refused without a look-up, by which the network would know that the client
-    // has let go of its upstream.
+    // An invalid host name is refused without a look-up. Without it the network does not notice that the
+    // client has left its upstream.
     if (s.received.find("Unable to connect") != s.received.npos) return;
     const auto at = static_cast<size_t>(client);
     const bool is_current = source_[at] == s.last_upstream;
@@ -385,7 +390,7 @@ class conversation {
     expect((is_current ? position_[at] : 0) == taken, "what was read from an upstream reaches the client");
   }
 
-  // From here on everybody behaves.
+  // From here on no call fails, nobody is slow, and every connection is answered.
   void calm_down() {
     net().faults.clear();
     net().is_trickling = false;
@@ -397,7 +402,7 @@ class conversation {
     net().next_outcome = network::established;
   }
 
-  // Turns until nothing is ready, twice: the first such turn may have queued something.
+  // Takes turns until nothing is ready twice in a row: the first such turn may have queued something.
   void rest() {
     for (int turns = 0, quiet = 0; quiet < 2; turns++) {
       expect(turns < turns_to_rest, "the servers come to rest");
@@ -421,7 +426,7 @@ class conversation {
     }
   }
 
-  // Without clients there are no connections: upstreams do not outlive those that they were opened for.
+  // Without clients there are no connections, because an upstream connection ends with its client.
   void leave() {
     for (stream& s : net().streams) {
       if (!s.is_upstream && !s.is_closed) disturb(&s)->has_ended = true;
@@ -450,7 +455,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::input in(data, size);
   const int flags = in.byte();
   network::clear();
-  // With numbers close to the end of the sets, few clients fit.
+  // If the descriptors start close to the end of the sets, only few clients fit.
   if (is_mapped && (flags & 1)) net().first_descriptor = FD_SETSIZE - 5 - (flags >> 4);
   {
     conversation c(in);

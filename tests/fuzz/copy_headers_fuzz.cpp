@@ -1,6 +1,6 @@
 // The header filter of the proxies.
 //
-// Input: the head. The rule: what its description says, step by step.
+// Input: the head. Rule: the result is that of the filter's description, applied step by step.
 
 #include "proxy/http_proxy.h"
 #include "tests/fuzz/fuzz.h"

@@ -2,7 +2,7 @@
  * built with the address and undefined-behaviour sanitizers.
  *
  * A fuzzer reads its input from the front: settings first, then the bytes that the code under test gets. A
- * broken rule ends the process by fail(), which libFuzzer takes for a crash and writes the input down. */
+ * broken rule ends the process by fail(). libFuzzer takes this for a crash and saves the input. */
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ inline void expect(bool holds, const char* rule) {
   if (!holds) fail(rule);
 }
 
-/* Bytes as a C string literal would have them, for messages. */
+/* The bytes as in a C string literal, for messages. */
 inline std::string shown(const std::string& bytes) {
   std::string text = "\"";
   for (char c : bytes) {
@@ -44,7 +44,7 @@ inline void expect_equal(const std::string& is, const std::string& should, const
   if (is != should) fail(rule, "is:        " + shown(is) + "\nshould be: " + shown(should));
 }
 
-/* Reads an input from the front. Behind its end there are only zeros. */
+/* Reads an input from the front. After its end there are only zeros. */
 class input {
  public:
   input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
@@ -53,7 +53,7 @@ class input {
 
   uint8_t byte() { return at_ < size_ ? data_[at_++] : 0; }
 
-  /* The bytes up to the next 0xFF, which is passed over, or to the end. */
+  /* The bytes up to the next 0xFF, or to the end. The 0xFF itself is skipped. */
   std::string field() {
     size_t start = at_;
     while (at_ < size_ && data_[at_] != 0xFF) at_++;
@@ -78,8 +78,8 @@ class input {
   }
 };
 
-/* Cuts bytes into chunks of four sizes in turn, which come from the input. A size of 0 makes an empty chunk;
- * 255 stands for everything that is left. */
+/* Cuts bytes into chunks. Four sizes from the input are used in turn. 0 makes an empty chunk; 255 takes
+ * everything that is left. */
 class cutter {
  public:
   explicit cutter(input& in) {
@@ -108,7 +108,7 @@ inline std::vector<std::string> byte_by_byte(const std::string& bytes) {
   return chunks;
 }
 
-/* A chunk in memory of exactly its size, so that the sanitizer sees every byte read too far, and every use
+/* Delivers a chunk in memory of exactly its size. The sanitizer sees every read after its end, and every use
  * after the call. */
 template <class Connection>
 void deliver(Connection& c, const std::string& chunk) {
@@ -117,8 +117,8 @@ void deliver(Connection& c, const std::string& chunk) {
   c.on_recv(copy.empty() ? &nothing : const_cast<char*>(copy.data()), static_cast<int>(copy.size()));
 }
 
-/* An object of over 1 MiB that is made and ended for every input, in memory that stays: mapping pages and
- * hiding them from use would take longer than the rest. Of each `Number` there is one at a time. */
+/* An object of over 1 MiB, made and ended for every input. Its memory stays, because mapping pages and hiding
+ * them from use would take longer than the rest. Only one object of each `Number` exists at a time. */
 template <class T, int Number = 0>
 class in_place {
  public:

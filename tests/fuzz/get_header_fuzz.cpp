@@ -1,7 +1,7 @@
-// Header look-up, and the wildcard search behind it.
+// Header look-up, and the wildcard search that it uses.
 //
-// Input: a byte of flags, the name up to 0xFF, and the text. The rule: what a plain search says, which
-// matches the pieces between the "*" of a pattern one after the other, each as early as it can.
+// Input: a byte of flags, the name up to 0xFF, and the text. Rule: the result is that of a plain search. It
+// matches the pieces between the "*" of a pattern one after the other, each as early as possible.
 
 #include <stdexcept>
 

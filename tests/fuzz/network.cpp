@@ -1,4 +1,5 @@
-// The replaced calls. The linker sends every call of NAME to __wrap_NAME; __real_NAME is the system's.
+// The replaced calls. The linker turns every call of NAME into one of __wrap_NAME; __real_NAME is the
+// system's.
 
 #include "tests/fuzz/network.h"
 
@@ -26,7 +27,7 @@ state& net() {
 }
 
 void clear() {
-  // What the resolver said in the second of another conversation must not be known in this one.
+  // A look-up in the same second of another conversation would be remembered in this one.
   const int64_t begin = net().begin + (net().begin == state().begin ? 1000000 : -1000000);
   net() = state();
   net().begin = net().now = begin;
@@ -55,7 +56,7 @@ void settle() {
   }
 }
 
-// A word at a time: a set is nearly empty, and there are many to look at.
+// Looks at a word at a time, because the sets are many and nearly empty.
 std::vector<int> members(const fd_set* set) {
   std::vector<int> all;
   for (int first = 0; first < FD_SETSIZE; first += NFDBITS) {
@@ -75,7 +76,7 @@ using fuzz::expect;
 using network::net;
 using network::stream;
 
-constexpr int64_t most_calls_of_a_stream = 300;  // in a turn: it may trickle out byte by byte
+constexpr int64_t most_calls_of_a_stream = 300;  // in a turn; its bytes may go one by one
 
 void count_call() {
   net().calls++;
@@ -98,7 +99,7 @@ int new_descriptor() {
   return fd;
 }
 
-// The stream behind a descriptor; null for a listening socket.
+// The stream of a descriptor; null for a listening socket.
 stream* find_stream(int fd) {
   auto found = net().open.find(fd);
   expect(found != net().open.end(), "only open descriptors are used");
@@ -142,13 +143,13 @@ int selected_client() {
   return net().open[conn->sock];
 }
 
-// A request wants an upstream: the client has let go of the one before. Told by the look-up of its name,
-// which may fail, or by its socket, when the name is known.
+// A request needs an upstream, so the client has left the one before. The network notices it by the look-up
+// of the name, which may fail, or by the new socket, if the name is remembered.
 void leave_upstream() {
   stream& client = net().streams[static_cast<size_t>(selected_client())];
   client.last_upstream = network::none;
-  // The connection is to close behind what is being sent, and does, whatever a request that comes now asks
-  // for: as if it had come a moment later.
+  // The connection closes after what is being sent, even if another request comes now. That request is lost,
+  // as if it had come a moment later.
   if (!connection::selected()->keep) client.is_disturbed = true;
 }
 
@@ -353,7 +354,7 @@ void __wrap_freeaddrinfo(addrinfo* list) {
   free(list);
 }
 
-// A host without adapters: there is nothing about them to fuzz.
+// The host has no adapters, because there is nothing about them to fuzz.
 int __wrap_getifaddrs(ifaddrs** out) {
   *out = nullptr;
   return 0;

@@ -2,10 +2,9 @@
  *
  * The calls into the system that the code under test makes are replaced when the fuzzer is linked. A stream
  * is one TCP connection, seen from the far end: the fuzzer says what the far end does, and reads what the
- * program did. Descriptors are numbered as the system does, the lowest free one first, but from
- * first_descriptor() on.
+ * program did. A new descriptor gets the lowest free number, as in the system, but from first_descriptor on.
  *
- * Using a descriptor that is not open, in whatever call or set, ends the process by fuzz::fail(). */
+ * A descriptor that is not open ends the process by fuzz::fail(), in whatever call or set it is used. */
 #pragma once
 
 #include <sys/select.h>
@@ -21,13 +20,13 @@ namespace network {
 constexpr int none = -1;
 constexpr int64_t unlimited = -1;
 
-/* What becomes of an outgoing connection. */
+/* What happens to an outgoing connection. */
 enum outcomes {
   established = 0,
   refused = 1,            // before connect() returns
-  late_established = 2,   // under way until settle()
-  late_refused = 3,       // the same
-  never_established = 4,  // under way until it is closed
+  late_established = 2,   // pending until settle()
+  late_refused = 3,       // pending until settle(), too
+  never_established = 4,  // pending until it is closed
 };
 
 struct stream {
@@ -35,19 +34,19 @@ struct stream {
   int port = 0;   // of the server that the client came to, or of the upstream
   bool is_upstream = false;
   int owner = none;          // of an upstream: the client that the program was reading from when it connected
-  int number = 0;            // of an upstream: how many its owner had before
-  int last_upstream = none;  // of a client: where its bytes go now; none after a connection that failed
+  int number = 0;            // of an upstream: how many upstreams its owner had before
+  int last_upstream = none;  // of a client: the upstream that gets its bytes; none after a failed one
 
   // The far end.
   std::vector<int> bodies;     // of a client: the lengths of the stamped bodies that it has sent
-  bool speaks_freely = false;  // a client has sent something else
-  std::string inbox;           // sent, and not read by the program yet
+  bool speaks_freely = false;  // a client has also sent other bytes
+  std::string inbox;           // sent, but not read by the program yet
   int64_t stamped = 0;         // how many stamped bytes it has sent
-  bool has_ended = false;      // it has closed its side,
-  bool is_reset = false;       // or the connection altogether
+  bool has_ended = false;      // it has closed its side
+  bool is_reset = false;       // it has reset the connection
   bool is_urgent = false;      // there is urgent data
   int64_t rate = unlimited;    // bytes that it takes in a turn
-  bool is_disturbed = false;   // it has done something that may cost bytes under way
+  bool is_disturbed = false;   // it has done something that may lose bytes on their way
 
   // The program's end.
   outcomes outcome = established;
@@ -67,11 +66,11 @@ struct state {
   std::map<std::string, int> faults;        // the errno with which the next call of that name fails
   outcomes next_outcome = established;
   int first_descriptor = 100;
-  int64_t begin = 1700000000;  // the clock at first, and now
+  int64_t begin = 1700000000;  // the clock at the beginning; `now` is the present time
   int64_t now = begin;
   bool is_trickling = false;  // recv() and send() move one byte a call
-  bool is_disturbed = false;  // a call has failed that makes the servers start over
-  int64_t calls = 0;          // since the last turn began
+  bool is_disturbed = false;  // a call has failed after which the servers start again
+  int64_t calls = 0;          // since the begin of the turn
   int ready = 0;              // what the last select() returned
 };
 
@@ -83,10 +82,10 @@ void clear();
 /* A client that connects to the server on `port`; returns its stream. */
 int add_client(int port);
 
-/* A turn begins: windows open again by their rates. */
+/* Begins a turn: the windows open again by their rates. */
 void begin_turn();
 
-/* The connections that are under way are established or refused now. */
+/* Establishes or refuses the pending connections now. */
 void settle();
 
 /* The descriptors in a set. */

@@ -7,7 +7,7 @@
 
 #include "http/http_connection.h"
 
-/* The fields taken from the head of a request, of a connection or of a model. */
+/* The fields taken from the head of a request, in a connection or in a model. */
 template <class C>
 std::string noted_fields(const C& c) {
   std::string text;
@@ -18,8 +18,8 @@ std::string noted_fields(const C& c) {
 
 struct noted_connection : http_connection {
   std::vector<std::string> events;  // "headers", "data ...", "upgrade", "message ...", "request"
-  std::string at_headers;           // the fields when on_headers or on_upgrade ran last
-  std::string at_request;           // and when on_request ran last
+  std::string at_headers;           // the fields at the last on_headers or on_upgrade
+  std::string at_request;           // the fields at the last on_request
   bool is_request_complete = false;
   bool stays_upgraded = false;
 

@@ -1,5 +1,5 @@
-/* programs: other people's servers, for a fuzzer: the handlers of examples/ as they stand there, and hooks
- * that throw. slow_job is left out, because what a thread does cannot be repeated. */
+/* programs: servers for a fuzzer, as users of the library write them: the handlers of examples/, unchanged,
+ * and hooks that throw. slow_job is left out, because what a thread does cannot be repeated. */
 #pragma once
 
 #include <cstdlib>
@@ -20,8 +20,8 @@
 #include "examples/forward_proxy.cpp"
 #undef main
 
-/* Throws where it is told to: "!" and the letter of a hook in the path, the body or a message, then one for
- * the kind. It says good-bye to its channel in its destructor. */
+/* Throws where it is told to: by "!" and the letter of a hook in the path, the body or a message, then a
+ * letter for the kind of exception. Its destructor publishes a last message to its channel. */
 struct throwing_connection : http_connection {
   ~throwing_connection() override { publish("room", "gone", text_frame); }
 
@@ -59,7 +59,7 @@ struct throwing_connection : http_connection {
     if (at == text.npos) return;
     switch (at + 2 < text.size() ? text[at + 2] : '\0') {
       case 'g':
-        get_header("a", "\r\na");  // a head that breaks off
+        get_header("a", "\r\na");  // a head that ends too early, so this throws
         break;
       case 'b':
         throw std::bad_alloc();
@@ -69,7 +69,7 @@ struct throwing_connection : http_connection {
   }
 };
 
-/* And its server throws as well, every few times. */
+/* The server of such connections. Its hooks throw every few times, too. */
 struct throwing_server : server<throwing_connection> {
   using server<throwing_connection>::server;
 

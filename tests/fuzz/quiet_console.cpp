@@ -1,5 +1,5 @@
-// Linked to every fuzzer: what the code under test prints goes nowhere. libFuzzer itself writes to standard
-// error.
+// Linked to every fuzzer. The output of the code under test is thrown away. libFuzzer itself writes to
+// standard error.
 
 #include <cstdio>
 

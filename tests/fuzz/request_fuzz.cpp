@@ -1,7 +1,7 @@
 // Requests through on_recv, in chunks.
 //
-// Input: a byte of flags, four chunk sizes, and the bytes. Two rules: a connection agrees with the model of
-// the unit tests about these chunks; and one request means the same however it is cut.
+// Input: a byte of flags, four chunk sizes, and the bytes. Rules: for these chunks, a connection does what
+// the model of the unit tests does; and one request means the same however it is cut.
 
 #include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/noted_connection.h"
@@ -43,12 +43,12 @@ void compare_with_model(int flags, const std::vector<std::string>& chunks) {
 }
 
 struct outcome {
-  std::string calls;  // of hooks, but for on_data
-  std::string body;   // all that on_data got
+  std::string calls;  // of all hooks except on_data
+  std::string body;   // everything that on_data got
   bool operator==(const outcome& other) const { return calls == other.calls && body == other.body; }
 };
 
-// Delivers chunks until the first request is complete; `used` is then the number of bytes that it took.
+// Delivers chunks until the first request is complete, and sets `used` to the number of bytes delivered.
 template <int Number>
 outcome first_request(int flags, const std::vector<std::string>& chunks, size_t& used) {
   fuzz::in_place<noted_connection, Number> c;
@@ -71,8 +71,9 @@ outcome first_request(int flags, const std::vector<std::string>& chunks, size_t&
   return result;
 }
 
-// Requests are not pipelined, so what follows one in the same chunk belongs to it. Byte by byte, the request
-// ends exactly where it ends; these bytes are then delivered in one piece and in the input's chunks.
+// Requests are not pipelined: what follows a request in the same chunk belongs to it. Byte by byte, nothing
+// follows, which gives the request's own bytes. These are then delivered in one piece and in the input's
+// chunks.
 void compare_cuts(int flags, const fuzz::cutter& cutter, const std::string& bytes) {
   size_t length = 0;
   const outcome expected = first_request<1>(flags, fuzz::byte_by_byte(bytes), length);

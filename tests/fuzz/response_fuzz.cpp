@@ -1,7 +1,7 @@
-// The response writer: answers, redirects, frames, files and jobs, queued and sent in any order.
+// The response writer: responses, redirects, frames, files and jobs, queued and sent in any order.
 //
-// Input: a byte of flags, then operations, one byte each with its operands behind it. The rule: what comes
-// out is what was queued, in order, whatever buffer it is sent through.
+// Input: a byte of flags, then operations of one byte each, followed by their operands. Rule: the output is
+// what was queued, in order, whatever the size of the buffer.
 
 #include <stdexcept>
 
@@ -32,7 +32,7 @@ class player {
     int len = 0;
     char nothing = 0;
     const bool stays = c_->on_send(&nothing, 1, &len);
-    expect(len == 0 && stays == (c_->written ? c_->keep_alive : true), "behind the last part comes the end");
+    expect(len == 0 && stays == (c_->written ? c_->keep_alive : true), "after the last part comes the end");
   }
 
  private:
@@ -80,8 +80,8 @@ class player {
     return text;
   }
 
-  // The value of a header line, or "" when there is none; `is_short` when the head ends right behind the
-  // name.
+  // The value of a header line, or "" when there is none. Sets `is_short` when the head ends directly after
+  // the name.
   static std::string header(const std::string& name, const std::string& head, bool& is_short) {
     const size_t at = lower(head).find("\r\n" + name);
     if (at == head.npos) return "";
@@ -105,7 +105,7 @@ class player {
     } catch (const std::out_of_range&) {
       has_thrown = true;
     }
-    expect(has_thrown == is_short, "a head that ends right behind the name of a length is refused");
+    expect(has_thrown == is_short, "a head that ends directly after the name of a length is refused");
     if (!counts || has_thrown) return;
     expected_ += head;
     if (has_length) expected_ += "Content-Length: " + std::to_string(body.size()) + "\r\n";
@@ -114,7 +114,7 @@ class player {
   }
 
   void redirect(const std::string& url, bool permanent) {
-    if (url.find("\r\n") != url.npos) return;  // it would be header lines, which write() is fuzzed with
+    if (url.find("\r\n") != url.npos) return;  // it would add header lines; write() is fuzzed with those
     const bool counts = !c_->written;
     c_->redirect(url, permanent);
     if (!counts) return;
@@ -130,7 +130,7 @@ class player {
     parts_++;
   }
 
-  // A byte of `kind` makes the payload longer, to reach the longer forms of a length.
+  // Two bits of `kind` make the payload longer, to reach the longer forms of a length.
   void send_message(std::string payload, int kind) {
     if (kind & 0x20) payload.append(300, 'p');
     if (kind & 0x40) payload.append(70000, 'q');
@@ -150,7 +150,7 @@ class player {
     parts_++;
   }
 
-  // A file that is sent from where it stands, without a limit or with its own length for one.
+  // A file that is sent from its position on, without a limit or with its own length as the limit.
   void add_file(const std::string& bytes, int kind) {
     if (bytes.empty()) return;  // fmemopen() takes no empty buffer
     FILE* file = fmemopen(nullptr, bytes.size() + 1, "w+");
@@ -184,7 +184,7 @@ class player {
     const bool has_job = job != nullptr;
     const bool waits = has_job && !job->done;
     const std::vector<char> unused(cap, '#');
-    std::vector<char> buffer = unused;  // of exactly this size, so that the sanitizer sees a byte too many
+    std::vector<char> buffer = unused;  // has exactly this size, so that the sanitizer sees a byte too many
     int len = 0;
     const bool stays = c_->on_send(buffer.data(), static_cast<int>(cap), &len);
     expect(len >= 0 && len <= static_cast<int>(cap), "no more is sent than fits");

@@ -1,12 +1,12 @@
-"""Runs one fuzzer: run.py NAME SECONDS, or keeps what the fuzzers found worth keeping: run.py NAME merge.
+"""Runs one fuzzer: run.py NAME SECONDS. Or saves the useful inputs that the fuzzers found: run.py NAME merge.
 
-A run first gives the fuzzer each of its seeds once, and then looks for new inputs for SECONDS. What it finds new
-paths with stays in build/fuzz/corpus, where the next run goes on from. Ends with 255 on a finding, upon which
-xargs stops.
+A run first gives the fuzzer each of its seeds once, and then looks for new inputs for SECONDS. Inputs that reach
+new paths stay in build/fuzz/corpus, and the next run continues with them. On a finding the exit status is 255, which
+makes xargs stop.
 
-The seeds of a fuzzer are the files in corpus/NAME, which people have named, regressions among them, and those in
-corpus/NAME.tar.xz, which the fuzzers found. `merge` makes the archive anew, from itself and from what the last
-runs found: a small set that covers the same code, as far as the named files do not.
+A fuzzer has two kinds of seeds: the files in corpus/NAME, which people have named (regressions among them), and
+those in corpus/NAME.tar.xz, which the fuzzers found. `merge` makes the archive again, from its old content and from
+what the last runs found. It keeps a small set that covers the same code, except what the named files cover.
 """
 
 import lzma
@@ -36,7 +36,7 @@ LONGEST = {
     "websocket": 800,
 }
 
-# The dictionaries, where it is not one of the fuzzer's own name.
+# The dictionaries of those fuzzers that do not use one of their own name.
 DICTIONARIES = {"copy_headers": "request", "get_header": "request", "response": "request"}
 
 
@@ -45,7 +45,7 @@ def archive(name):
 
 
 def fill(folder, name, *sources):
-    """Makes the folder anew, with the seeds of the given kinds in it, and returns it."""
+    """Makes the folder again, with the seeds of the given kinds, and returns it."""
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
     if "named" in sources:
@@ -92,7 +92,7 @@ def report_finding(name, log):
     reproducer = re.search(r"Test unit written to (\S+)", log)
     if reproducer or running:
         path = reproducer.group(1) if reproducer else running[-1]
-        print(f"{name}: a finding. To see it again: {command(name)[0]} {path}")
+        print(f"{name}: a finding. To reproduce it: {command(name)[0]} {path}")
     else:
         print(f"{name}: the fuzzer failed.")
     sys.exit(255)
@@ -107,7 +107,7 @@ def log_of(name, line):
 
 
 def replay(name):
-    """Each seed once, whatever its length."""
+    """Runs each seed once, whatever its length."""
     files = sorted(map(str, seeds(name).iterdir()))
     log = log_of(name, command(name) + files)
     if len(re.findall(r"^Executed ", log, re.M)) != len(files):
@@ -144,7 +144,7 @@ def merge(name):
         kept = fill(Path(folder, "kept"), name, "named")
         named = {path.name for path in kept.iterdir()}
         found = fill(Path(folder, "found"), name, "found")
-        # With named files the others are added to them; without, the smallest set is looked for.
+        # If there are named files, others are added to them. If not, the smallest set is searched for.
         mode = "-merge=1" if named else "-set_cover_merge=1"
         subprocess.run(command(name, mode) + [str(kept), str(found), str(working_corpus(name))], check=True,
                        capture_output=True)

@@ -1,7 +1,7 @@
 // The codecs of base/text.h.
 //
-// Input: eight bytes of a number, then a string. The rule for each codec: it can be taken back, by a decoder
-// that knows nothing of the encoder.
+// Input: eight bytes of a number, then a string. Rule for each codec: a decoder that shares nothing with the
+// encoder gives the input back.
 
 #include "base/text.h"
 
@@ -19,7 +19,7 @@ void check_num(double x) {
   const std::string text = base::num(x);
   double whole = 0;
   if (std::isnan(x)) {
-    expect(text == "nan" || text == "-nan", "what is no number says so");
+    expect(text == "nan" || text == "-nan", "not a number is written as nan");
     return;
   }
   const double back = strtod(text.c_str(), nullptr);
@@ -88,7 +88,7 @@ void check_utf8(const std::string& bytes) {
     expect(code < 0xD800 || code > 0xDFFF, "no surrogate is let through");
     std::string again;
     append_utf8(again, code);
-    expect_equal(again, bytes.substr(start, at - start), "a code point is encoded the way it came");
+    expect_equal(again, bytes.substr(start, at - start), "a code point is encoded as its input was");
   }
 }
 

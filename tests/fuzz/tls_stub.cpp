@@ -56,7 +56,7 @@ int read(void* ssl, void* buf, int len) {
     if (s.stalls > 0) return ask_to_wait(s);
     const ssize_t n = fill(s);
     if (n <= 0) return static_cast<int>(n);
-    if (s.decrypted.empty()) {  // signals alone; there may be more, which the system has not said
+    if (s.decrypted.empty()) {  // there were only signals; more bytes may wait, but the system was not asked
       errno = s.state == dead ? 0 : EAGAIN;
       return -1;
     }

@@ -1,9 +1,12 @@
-/* tls_stub: in the place of OpenSSL, sessions that encrypt nothing and yet are in states as OpenSSL's are.
+/* tls_stub: replaces OpenSSL by sessions that encrypt nothing but have the states of OpenSSL's sessions.
  *
- * The first byte from the client is the handshake. After it, bytes come as they are, in records of at most 16
- * KiB that are read from the socket before they are asked for. Two bytes are signals and are not passed on:
- * tls_stub::stall has the session ask to wait a few times, as one does that has to write before it can read;
- * tls_stub::alert ends it: from then on it moves nothing and does not ask the system. */
+ * The first byte from the client is the handshake. The bytes after it come unchanged, in records of at most
+ * 16 KiB. A session reads a whole record from the socket, even if fewer bytes are asked for. Two bytes are
+ * signals and are not passed on:
+ *
+ * - tls_stub::stall makes the session ask to wait a few times, as if it had to write before it can read.
+ *
+ * - tls_stub::alert ends the session: from then on it moves nothing and does not ask the system. */
 #pragma once
 
 namespace tls_stub {
@@ -14,7 +17,7 @@ constexpr char alert = 0x15;
 /* Fills the table of OpenSSL's entry points. */
 void install();
 
-/* Stands for every context. */
+/* The only context. */
 void* context();
 
 }  // namespace tls_stub

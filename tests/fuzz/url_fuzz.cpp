@@ -1,7 +1,7 @@
 // URLs and international host names.
 //
-// Input: a URL. Rules: the parts are those of a plain splitter; the host is ASCII; its labels are those that
-// the unit tests' model of Punycode makes, and a decoder takes them back to where they came from.
+// Input: a URL. Rules: the parts are those of a plain splitter. The host is ASCII. Its labels are those of
+// the unit tests' model of Punycode, and a decoder gives the original labels back.
 
 #include "base/split_url.h"
 #include "base/text.h"
@@ -13,7 +13,7 @@ using fuzz::expect_equal;
 
 namespace {
 
-// Splits at the first `separator` that is not in front of everything; false when there is none.
+// Splits at the first `separator` that is not at the very start; false when there is none.
 bool split_off(const std::string& text, const std::string& separator, std::string& before,
                std::string& behind) {
   const size_t at = text.find(separator);
@@ -54,7 +54,7 @@ std::vector<uint32_t> code_points_of(const std::string& label) {
   return all;
 }
 
-// RFC 3492, section 6.2; false when the numbers do not fit, as those of absurd labels do not.
+// RFC 3492, section 6.2. False when the numbers do not fit, as with invalid labels.
 bool decode_punycode(const std::string& text, std::vector<uint32_t>& out) {
   const size_t delimiter = text.rfind('-');
   size_t at = 0;
@@ -89,7 +89,7 @@ bool decode_punycode(const std::string& text, std::vector<uint32_t>& out) {
   return true;
 }
 
-// Absurd code points make the 32-bit numbers of the encoder wrap, which no decoder can undo.
+// Invalid code points make the 32-bit numbers of the encoder wrap. No decoder can undo that.
 bool is_reversible(const std::vector<uint32_t>& label) {
   if (label.size() > 1000) return false;
   for (uint32_t code : label) {

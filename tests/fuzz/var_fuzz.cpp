@@ -1,8 +1,8 @@
 // Values: built, shared, changed, printed, split and released, in any order.
 //
-// Input: operations on a list of values, one byte each with its operands behind it. Rules: JSON text is the
-// same but for blanks in both forms; a printed value leaves no trace; split and get agree with plain ones;
-// nothing leaks, which the sanitizer checks.
+// Input: operations on a list of values, each a byte followed by its operands. Rules: both forms of the JSON
+// text differ only in blanks. Printing leaves no trace in a value. split and get agree with plain versions of
+// them. The sanitizer checks that nothing leaks.
 
 #include "base/var.h"
 
@@ -16,7 +16,7 @@ using fuzz::expect_equal;
 namespace {
 
 constexpr size_t most_values = 64;
-constexpr int most_containments = 24;  // of a container in another: shared ones are printed again and again
+constexpr int most_containments = 24;  // of a container in another; a shared container is printed each time
 constexpr size_t most_nesting = 50;
 
 std::string without_blanks(const std::string& json) {
@@ -88,7 +88,7 @@ class player {
  private:
   fuzz::input& in_;
   std::vector<var> values_{1};
-  std::vector<var> containers_;  // all that were made: a payload that contains itself is never freed
+  std::vector<var> containers_;  // all containers, because a payload that contains itself is never freed
   int containments_ = 0;
 
   var& any() { return values_[in_.byte() % values_.size()]; }
@@ -120,7 +120,7 @@ class player {
       container.push(x);
   }
 
-  // Wraps a scalar into many arrays, deeper than operations one at a time would get.
+  // Wraps a scalar into many arrays, deeper than single operations would get.
   void nest() {
     var v = any();
     if (v.kind > var::string_kind || containers_.size() > most_values) return;
@@ -138,7 +138,7 @@ class player {
     const std::string pretty = v.to_json_helper(visited, true);
     const std::string compact = v.to_json_helper(visited, false);
     expect(visited.count == 0, "the list of visited payloads is as it was");
-    expect_equal(without_blanks(pretty), without_blanks(compact), "both forms are the same but for blanks");
+    expect_equal(without_blanks(pretty), without_blanks(compact), "both forms differ only in blanks");
     if (v.kind != var::string_kind) expect_equal(v, pretty, "a value's text is its pretty JSON");
   }
 
@@ -174,7 +174,7 @@ class player {
     }
   }
 
-  // Empties all containers; each is still held by containers_, so none goes while it is emptied.
+  // Empties all containers. containers_ still holds each of them, so none is freed while it is emptied.
   void break_cycles() {
     for (var& v : containers_) {
       if (v.kind == var::array_kind) {

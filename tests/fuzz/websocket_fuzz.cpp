@@ -1,7 +1,7 @@
 // WebSocket frames through on_recv, after an upgrade.
 //
-// Input: a byte of flags, four chunk sizes, and the bytes behind the handshake. Rules: messages and answers
-// are the same however the bytes are cut; the answers are frames; the messages come back in them.
+// Input: a byte of flags, four chunk sizes, and the bytes after the handshake. Rules: messages and answers
+// are the same however the bytes are cut. The answers are frames, and they echo the messages.
 
 #include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/noted_connection.h"
@@ -33,10 +33,10 @@ std::string sent_by(http_connection& c) {
 struct outcome {
   std::string messages;
   std::string answers;
-  std::string rest;  // of the input: not read yet
+  std::string rest;  // the part of the input that is not read yet
   bool is_open = true;
 
-  // Only a frame with a 2-byte length is left, and it is not read before it has eight bytes.
+  // Only the beginning of a frame with a 2-byte length is left. It is not read before it has eight bytes.
   bool awaits_a_mask() const { return (rest.size() == 6 || rest.size() == 7) && (rest[1] & 0x7F) == 126; }
 };
 
@@ -109,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const outcome cut = play<2>(flags, chunks);
     fuzz::expect_equal(cut.messages, whole.messages, "messages are the same however the bytes are cut");
     fuzz::expect_equal(cut.answers, whole.answers, "answers are the same however the bytes are cut");
-    // Behind another frame a 2-byte length is refused two bytes earlier than by itself.
+    // After another frame, a 2-byte length is refused two bytes earlier than without one.
     expect(cut.is_open == whole.is_open || (cut.is_open && cut.awaits_a_mask()),
            "the end is the same however the bytes are cut");
   }
