@@ -116,7 +116,7 @@ TEST(escape, json_form_writes_each_byte_of_an_invalid_sequence_as_ffff) {
   });
 }
 
-TEST(escape, json_form_examines_the_bytes_after_an_invalid_one_afresh) {
+TEST(escape, json_form_examines_the_bytes_after_an_invalid_one_again) {
   expect_json({
       {"\xc3(", "\\uffff("},
       {"\xc3\xc3\xa9", "\\uffff\\u00e9"},

@@ -240,7 +240,7 @@ TEST(find_line_end, is_found_at_every_place_in_texts_of_every_length) {
   EXPECT_EQ(find_line_end("\r\n\r\n", npos), npos);
 }
 
-TEST(find_line_end, first_of_many_counts_and_half_a_line_end_is_none) {
+TEST(find_line_end, first_of_many_counts_and_half_a_line_end_does_not) {
   EXPECT_EQ(find_line_end("ab\r\n\r\n\r\n"), 2u);
   EXPECT_EQ(find_line_end("ab\r\n\r\n\r\n", 3), 4u);
   for (const std::string& near_miss : {"\r"s, "\n"s, "\n\r"s, "\r\r"s, "\r\0\n"s, "\n\n\r"s}) {

@@ -362,7 +362,7 @@ TEST(var_json, nesting_that_is_deeper_than_a_stack_prints_completely) {
   EXPECT_TRUE(compact(v) == front + "[ 1,2 ]" + back);
 }
 
-TEST(var_json, value_can_be_printed_again_and_inside_itself_elsewhere) {
+TEST(var_json, value_can_be_printed_again_and_twice_in_one_container) {
   const var inner = array_of({1}), outer = array_of({inner, inner});
   for (int i = 0; i < 2; i++) EXPECT_EQ(compact(outer), "[ [ 1 ],[ 1 ] ]");
   EXPECT_EQ(compact(inner), "[ 1 ]");

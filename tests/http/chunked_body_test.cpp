@@ -198,7 +198,7 @@ TEST(chunked_body, trailer_value_is_text_and_ends_with_cr_lf) {
   expect_malformed("0\r\nA: b\r\n\r", all_but("\n"));
 }
 
-TEST(chunked_body, request_in_the_place_of_the_empty_line_is_no_request) {
+TEST(chunked_body, request_instead_of_the_empty_line_is_malformed) {
   expect_malformed_by_last_byte("5\r\nhello\r\n0\r\nGET ");
 }
 

@@ -160,7 +160,7 @@ TEST(info, is_the_peer_and_the_request_line_and_on_demand_the_agent) {
   EXPECT_EQ(fresh->info(true), "0.0.0.0:0    []");
 }
 
-TEST(info, believes_x_forwarded_for_from_127_0_0_1_alone) {
+TEST(info, believes_x_forwarded_for_only_from_127_0_0_1) {
   const std::string line = " GET /t?q HTTP/1.1";
   const std::string forwarded = "X-FORWARDED-FOR: 1.2.3.4, 5.6.7.8\r\n";
   EXPECT_EQ(info("127.0.0.1", forwarded, false), "1.2.3.4, 5.6.7.8:8080" + line);

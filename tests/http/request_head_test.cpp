@@ -209,7 +209,7 @@ TEST(http_request, nothing_sets_keep_alive_again) {
   }
 }
 
-TEST(http_request, upgrade_is_a_plain_request_unless_it_is_enabled_and_says_websocket_exactly) {
+TEST(http_request, upgrade_is_a_plain_request_unless_enabled_and_to_exactly_websocket) {
   const struct {
     std::string line;
     bool enabled, upgrades;

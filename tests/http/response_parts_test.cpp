@@ -123,7 +123,7 @@ TEST_F(http_response_parts, of_bytes_longer_than_the_buffer_go_out_in_slices) {
 }
 
 // The last step does not reduce what remains of the limit. Its slice repeats until the file ends.
-TEST_F(http_response_parts, from_a_file_go_out_in_slices_until_a_read_comes_short) {
+TEST_F(http_response_parts, from_a_file_go_out_in_slices_until_a_short_read) {
   const struct {
     std::string bytes;
     double remaining;

@@ -63,7 +63,7 @@ TEST_F(http_response, on_a_closing_connection_has_no_length_and_closes_when_it_i
   EXPECT_FALSE(end.stays);
 }
 
-TEST_F(http_response, given_up_for_a_hang_up_closes_at_once_or_after_what_is_queued) {
+TEST_F(http_response, replaced_by_a_hang_up_closes_at_once_or_after_what_is_queued) {
   EXPECT_TRUE(send_once(c()).stays) << "it waits for a response";
   c().hang_up();
   EXPECT_FALSE(send_once(c()).stays);
@@ -261,7 +261,7 @@ TEST_F(http_response, fresh_connection_has_nothing_to_send_and_stays) {
   }
 }
 
-TEST_F(http_response, sent_out_leaves_the_length_alone_and_the_end_to_keep_alive) {
+TEST_F(http_response, sent_completely_leaves_the_length_unchanged_and_keep_alive_decides) {
   c().written = true;
   for (bool keep_alive : {true, false}) {
     c().keep_alive = keep_alive;
@@ -298,7 +298,7 @@ TEST_F(http_response, temporary_redirect_has_a_page_with_the_url_as_it_is) {
                                       std::to_string(page.size()) + "\r\n\r\n" + page);
 }
 
-TEST_F(http_response, temporary_redirect_of_a_head_request_has_the_length_of_the_page_alone) {
+TEST_F(http_response, temporary_redirect_of_a_head_request_has_only_the_length_of_the_page) {
   c().method = "HEAD";
   c().redirect("u", false);
   EXPECT_EQ(send_everything(c()),

@@ -103,7 +103,7 @@ TEST_F(websocket_frames, of_other_opcodes_are_named_and_passed_over) {
   }
 }
 
-TEST_F(websocket_frames, close_ends_the_connection_without_a_word_or_an_answer) {
+TEST_F(websocket_frames, close_ends_the_connection_silently_and_without_an_answer) {
   const std::string input = short_frame(fin | close_opcode, "\x03\xE8") + short_frame(fin | text, "after");
   receive(c(), input);
   EXPECT_TRUE(messages().empty());

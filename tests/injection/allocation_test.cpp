@@ -137,7 +137,7 @@ TEST(allocation, certificate_that_could_not_be_looked_at_is_loaded_by_the_next_l
 }
 
 // One of the allocations of a request is for the server's list of connections.
-TEST(allocation, client_whose_upstream_the_server_could_not_take_gets_the_502_and_no_further_request) {
+TEST(allocation, client_whose_upstream_the_server_could_not_take_gets_the_502_and_is_closed) {
   descriptor_check descriptors;
   console screen;
   plain_stage here;

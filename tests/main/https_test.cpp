@@ -148,7 +148,7 @@ TEST_F(https_run, missing_certificate_is_not_loaded_and_not_noticed) {
   EXPECT_EQ(screen.text(), https_only + binding(ssl_port) + bind_failure());
 }
 
-TEST_F(https_run, missing_context_is_handed_to_nobody) {
+TEST_F(https_run, missing_context_is_not_passed_to_any_call) {
   tls.gives_context = false;
   EXPECT_TRUE(run_until_start_fails(0));
   EXPECT_EQ(tls.notes, new_initialisation);
@@ -235,7 +235,7 @@ TEST_F(https_run, without_an_http_port_nothing_but_tls_is_bound) {
   EXPECT_EQ(redirector::ssl_port(), 1234);
 }
 
-TEST_F(https_run, sigint_ends_it_in_good_order) {
+TEST_F(https_run, sigint_ends_the_run_in_order) {
   run_in_child_with(http_port, [](int) { raise(SIGINT); });
   EXPECT_EQ(screen.text(), redirecting() + binding(http_port) + binding(ssl_port) + "Shutting down...\n");
 }

@@ -168,7 +168,7 @@ TEST_F(multi_server_run, sigint_counts_even_before_the_first_start) {
   EXPECT_EQ(screen.text(), "Shutting down...\n");
 }
 
-TEST_F(multi_server_run, empty_array_goes_straight_to_the_loop) {
+TEST_F(multi_server_run, empty_array_enters_the_loop_at_once) {
   in_child([] {
     interrupt_regularly([](int) { interrupt(); });
     signal(SIGINT, SIG_IGN);  // until the run has its own handler

@@ -119,7 +119,7 @@ TEST_F(run_test, one_server__is_updated_every_turn_and_never_idle) {
   expect_prints([&] { a.run(); }, "a start\na update\na update\na update\nShutting down...\n");
 }
 
-TEST_F(run_test, one_server__that_cannot_start_ends_the_run_without_a_word) {
+TEST_F(run_test, one_server__that_cannot_start_ends_the_run_silently) {
   a.starts = [] { return false; };
   expect_prints([&] { a.run(); }, "a start\n");
 }

@@ -37,7 +37,7 @@ class server_hooks : public server_fixture {
 
 }  // namespace
 
-TEST_F(server_hooks, on_recv_that_throws_ends_its_connection_alone) {
+TEST_F(server_hooks, on_recv_that_throws_ends_only_its_connection) {
   link& a = join();
   const std::string message = std::to_string(a.conn->sock) + " has failed: no luck\n";
   a.conn->when_received = [] { fail(); };
@@ -48,7 +48,7 @@ TEST_F(server_hooks, on_recv_that_throws_ends_its_connection_alone) {
   expect_bystander_is_served();
 }
 
-TEST_F(server_hooks, on_send_that_throws_ends_its_connection_alone) {
+TEST_F(server_hooks, on_send_that_throws_ends_only_its_connection) {
   link& a = join();
   const std::string message = std::to_string(a.conn->sock) + " has failed: no luck\n";
   a.conn->answers = {[](char*, int, int*) -> bool { fail(); }};

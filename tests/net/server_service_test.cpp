@@ -193,7 +193,7 @@ TEST_F(server_service, socket_is_read_once_a_turn) {
   EXPECT_EQ(faults::calls()["recv"], 1);
 }
 
-TEST_F(server_service, read_that_comes_short_tells_that_the_socket_is_drained) {
+TEST_F(server_service, short_read_means_that_the_socket_is_drained) {
   link& a = join();
   a.deliver("hello");
   char bytes[8];
@@ -411,7 +411,7 @@ TEST_F(server_service, none_is_selected_while_a_client_is_accepted) {
   EXPECT_THAT(seen, ElementsAre(nullptr)) << "the last one serviced has been deleted";
 }
 
-TEST_F(server_service, none_is_selected_after_a_turn_that_a_text_has_ended) {
+TEST_F(server_service, none_is_selected_after_a_turn_that_a_thrown_text_has_ended) {
   link& a = join();
   a.conn->answers = {[](char*, int, int*) -> bool { throw std::string("text"); }};
   EXPECT_THROW(turn(), std::string);

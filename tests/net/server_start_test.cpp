@@ -194,7 +194,7 @@ TEST_F(server_start, stop_looks_at_the_port_to_tell_whether_it_listens) {
   srv.port = port;
 }
 
-TEST_F(server_start, destructor_stops_the_server_when_its_class_is_the_plain_one_again) {
+TEST_F(server_start, destructor_stops_the_server_without_hooks_of_the_derived_class) {
   auto s = std::make_unique<recording_server>(free_port(), notes);
   s->start();
   int sock = s->sock;
@@ -247,7 +247,7 @@ TEST_F(server_start, failed_wait_restarts_the_server_for_every_error_except_eint
   }
 }
 
-TEST_F(server_start, failed_wait_restarts_every_server_whatever_the_first_restart_does_to_errno) {
+TEST_F(server_start, failed_wait_restarts_every_server_even_if_a_restart_changes_errno) {
   plain_server second(free_port(), true);
   second.start();
   int socks[] = {srv.sock, second.sock};
@@ -273,7 +273,7 @@ TEST_F(server_start, failed_wait_leaves_port_0_without_a_listening_socket) {
   EXPECT_THAT(notes, ElementsAre("c1 on_remove, closed and unregistered", "c1 deleted", "start"));
 }
 
-TEST_F(server_start, server_that_could_not_listen_again_goes_on_without) {
+TEST_F(server_start, server_that_could_not_listen_again_goes_on_without_listening) {
   srv.when_started = [] { faults::of().clear(); };
   faults::of()["socket"] = {0, 1, EMFILE};
   turn_after_failed_wait(EBADF);

@@ -200,7 +200,7 @@ TEST_F(server_walk, writable_connection_whose_transport_takes_nothing_and_does_n
   }
 }
 
-TEST_F(server_walk, dead_connection_is_timed_out_even_if_it_has_no_time_out_and_the_clock_steps_back) {
+TEST_F(server_walk, dead_connection_is_ended_even_if_it_has_no_time_out_and_the_clock_steps_back) {
   link& a = join_readable();
   a.conn->timeout = -1;
   srv.receives = moves_nothing(0);

@@ -148,7 +148,7 @@ TEST_F(sockets_connect, all_of_the_loopback_network_is_on_this_machine) {
 
 // The system may choose the destination port as the local port, too. If nobody listens there, the connection
 // becomes its own peer.
-TEST_P(either_way, port_of_the_peer_is_no_connection_to_itself_on_another_address) {
+TEST_P(either_way, same_port_on_another_address_is_no_connection_to_itself) {
   faults::resolved() = {"127.0.0.2"};
   const client other_host = client::from_socket(socket(AF_INET, SOCK_STREAM, 0));
   const int port = free_port();
@@ -211,14 +211,14 @@ TEST_P(either_way, host_with_ipv6_addresses_only_has_none_that_works) {
   expect_no_address("::1");
 }
 
-TEST_P(either_way, ipv6_addresses_are_passed_over_without_a_word) {
+TEST_P(either_way, ipv6_addresses_are_skipped_silently) {
   faults::resolved() = {"::1", "2001:db8::1", "127.0.0.1"};
   ASSERT_GE(connect("both.example"), 0);
   EXPECT_EQ(peer(), "127.0.0.1");
   expect_console("");
 }
 
-TEST_F(sockets_connect, not_blocking__socket_stays_so) {
+TEST_F(sockets_connect, not_blocking__socket_stays_non_blocking) {
   ASSERT_GE(connect("127.0.0.1", false), 0);
   EXPECT_TRUE(fcntl(sock, F_GETFL) & O_NONBLOCK);
 }
@@ -246,7 +246,7 @@ TEST_F(sockets_connect, not_blocking__missing_socket_is_no_address) {
   expect_no_address("two.example");
 }
 
-TEST_F(sockets_connect, blocking__socket_stays_so) {
+TEST_F(sockets_connect, blocking__socket_stays_blocking) {
   ASSERT_GE(connect("127.0.0.1", true), 0);
   EXPECT_FALSE(fcntl(sock, F_GETFL) & O_NONBLOCK);
 }

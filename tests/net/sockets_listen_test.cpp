@@ -177,7 +177,7 @@ TEST_F(sockets_listen, localhost_is_looked_up_by_its_number_which_needs_no_file)
   EXPECT_EQ(faults::last_node(), "127.0.0.1");
 }
 
-TEST_F(sockets_listen, ipv6_addresses_are_not_even_asked_for) {
+TEST_F(sockets_listen, ipv6_addresses_are_not_looked_up) {
   faults::resolved() = {"::1", "127.0.0.3"};
   ASSERT_TRUE(listen());
   EXPECT_EQ(bound_address().sin_family, AF_INET);

@@ -197,7 +197,7 @@ TEST_F(chunked_request_test, transfer_encoding_after_a_line_of_one_byte_is_seen)
   expect_next_request_is_answered();
 }
 
-TEST_F(chunked_request_test, request_whose_end_nobody_can_know_is_the_last_one) {
+TEST_F(chunked_request_test, request_without_a_known_end_is_the_last_one) {
   const std::string heads[] = {
       post("on", "", "Transfer-Encoding: chunked, identity\r\n"),
       post("on", "", "Transfer-Encoding: xchunked\r\n"),

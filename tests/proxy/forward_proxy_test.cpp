@@ -127,7 +127,7 @@ TEST_F(forward_proxy_test, target_without_a_port_means_the_port_of_its_scheme) {
   }
 }
 
-TEST_F(forward_proxy_test, host_that_cannot_be_one_is_refused_without_a_look_up) {
+TEST_F(forward_proxy_test, invalid_host_is_refused_without_a_look_up) {
   for (const std::string& host : {std::string("a..b"), std::string(400000, '.'), std::string(64, 'x'),
                                   std::string("a%b"), std::string("[::1]"), std::string(300, 'x')}) {
     SCOPED_TRACE(host.substr(0, 70));
@@ -205,7 +205,7 @@ TEST_F(forward_proxy_test, upstream_that_has_ended_is_not_reused) {
 
 // A client without an upstream has an empty host and port 0 as its current one, so the target seems to be
 // connected. No connection is opened, nobody gets the request, and the client ends by its time-out.
-TEST_F(forward_proxy_test, target_without_a_host_and_with_port_0_meets_the_idle_pipe) {
+TEST_F(forward_proxy_test, target_without_a_host_and_with_port_0_gets_the_idle_pipe) {
   const std::string url = "http://" + std::string(1, '\0') + ":0/";
   ASSERT_EQ(split_url(url).host, "");
   ASSERT_EQ(split_url(url).port, 0);

@@ -133,7 +133,7 @@ TEST_F(no_server_to_forward_with, message_is_printed_and_neither_end_gets_anythi
 }
 
 // A 200 would promise a tunnel that carries nothing.
-TEST_F(no_server_to_forward_with, tunnel_is_not_said_to_be_open) {
+TEST_F(no_server_to_forward_with, tunnel_gets_no_200) {
   const std::string place = "127.0.0.1:" + std::to_string(upstream.port());
   exchange x = start_exchange("CONNECT " + place + " HTTP/1.1\r\n\r\n");
   EXPECT_EQ(out.text(), line_for(x.from, "CONNECT " + place + " HTTP/1.1") + no_server_line);

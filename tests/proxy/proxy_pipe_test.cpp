@@ -62,17 +62,17 @@ TEST_F(proxy_pipe_test, last_reference_dropped_frees_the_pipe_and_both_queues) {
   pipe = nullptr;
 }
 
-TEST_F(proxy_pipe_test, bytes_for_the_upstream_wake_the_upstream_alone) {
+TEST_F(proxy_pipe_test, bytes_for_the_upstream_wake_only_the_upstream) {
   pipe->append_to_upstream("x", 1);
   expect_ready(false, true);
 }
 
-TEST_F(proxy_pipe_test, bytes_for_the_client_wake_the_client_alone) {
+TEST_F(proxy_pipe_test, bytes_for_the_client_wake_only_the_client) {
   pipe->append_to_client("x", 1);
   expect_ready(true, false);
 }
 
-TEST_F(proxy_pipe_test, loss_of_an_upstream_that_took_and_gave_nothing_gives_the_client_the_502_alone) {
+TEST_F(proxy_pipe_test, loss_of_an_upstream_that_took_and_gave_nothing_gives_the_client_only_the_502) {
   pipe->append_to_upstream("request", 7);
   char buf[7];
   int len = 0;

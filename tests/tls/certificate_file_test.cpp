@@ -77,7 +77,7 @@ TEST(clean_path, dot_that_no_slash_follows_is_kept) {
   expect_clean({{"a/.", "a/."}, {"/.", "/."}, {"a/.b", "a/.b"}, {"a/.\\b", "a/./b"}, {"\\.\\a", "/./a"}});
 }
 
-TEST(clean_path, one_slash_at_the_end_is_removed_unless_it_is_all_there_is) {
+TEST(clean_path, one_slash_at_the_end_is_removed_unless_the_path_is_only_a_slash) {
   expect_clean(
       {{"a/", "a"}, {"a//", "a"}, {"/a/", "/a"}, {"a\\", "a"}, {"a/./", "a"}, {"./", "."}, {"\\\\", "/"}});
 }

@@ -81,7 +81,7 @@ TEST_F(tls_transport, accepted_client_gets_a_session_on_a_socket_that_does_not_b
   EXPECT_TRUE(is_served());
 }
 
-TEST_F(tls_transport, refused_client_is_closed_without_a_word) {
+TEST_F(tls_transport, refused_client_is_closed_silently) {
   for (bool has_context : {false, true}) {
     srv->ctx = has_context ? fake_openssl::context() : nullptr;
     tls.gives_session = false;
@@ -226,7 +226,7 @@ TEST_F(tls_transport, session_that_leaves_bytes_and_does_not_ask_the_system_is_d
 }
 
 // A session whose record is not complete does so, however fast the next bytes come.
-TEST_F(tls_transport, session_that_leaves_bytes_after_the_system_had_no_more_lives) {
+TEST_F(tls_transport, session_that_leaves_bytes_after_eagain_lives) {
   client c = join_quietly();
   tls.reads = [](session&, char*, int) {
     errno = EAGAIN;
