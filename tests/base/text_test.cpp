@@ -214,8 +214,7 @@ TEST(sha1, message_may_end_anywhere_in_a_block) {
     EXPECT_EQ(hex(base::sha1(std::string(row.length, 'a'))), row.digest) << row.length << " bytes";
 }
 
-// Its length in bits is a number of 28 bits; only 32 bits of the length are hashed. Digest by Python's
-// hashlib.
+// Its length in bits is a 28-bit number; only 32 bits of the length are hashed. Digest by Python's hashlib.
 TEST(sha1, message_may_be_many_megabytes_long) {
   EXPECT_EQ(hex(base::sha1(std::string(20000000, 'a'))), "c774e73ff141873fd8a6f7758ee99b685cb4bf28");
 }

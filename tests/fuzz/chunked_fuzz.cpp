@@ -198,8 +198,7 @@ class decoder {
     return true;
   }
 
-  // The text up to the end of the line, and not the end itself. A control character in it makes the body
-  // malformed.
+  // The text up to the end of the line, without that end. A control character makes the body malformed.
   std::string line_text() {
     const size_t begin = at_;
     while (at_ < text_.size()) {

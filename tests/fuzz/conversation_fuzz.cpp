@@ -9,7 +9,7 @@
 //
 // - Every client has got what its upstreams sent, in order and without a gap, up to some point.
 //
-// - Every upstream has got the bodies that its client sent, likewise.
+// - Every upstream has got the bodies that its client sent, in the same way.
 //
 // When clients and upstreams are quiet, the servers come to rest, and no byte is missing. When the clients
 // have gone, no connection is left. After stop() no descriptor is open and every set is empty.
@@ -390,7 +390,7 @@ class conversation {
     expect((is_current ? position_[at] : 0) == taken, "what was read from an upstream reaches the client");
   }
 
-  // From here on no call fails, nobody is slow, and every connection is answered.
+  // From here on no call fails, nobody is slow, and pending connections are established or refused.
   void calm_down() {
     net().faults.clear();
     net().is_trickling = false;

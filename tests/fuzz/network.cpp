@@ -1,5 +1,4 @@
-// The replaced calls. The linker turns every call of NAME into one of __wrap_NAME; __real_NAME is the
-// system's.
+// The replaced calls. The linker turns every call of NAME into __wrap_NAME; __real_NAME is the system's.
 
 #include "tests/fuzz/network.h"
 

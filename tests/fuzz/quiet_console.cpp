@@ -1,5 +1,4 @@
-// Linked to every fuzzer. The output of the code under test is thrown away. libFuzzer itself writes to
-// standard error.
+// Linked to every fuzzer: throws the output of the code under test away. libFuzzer writes to standard error.
 
 #include <cstdio>
 

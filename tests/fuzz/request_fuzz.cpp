@@ -72,8 +72,7 @@ outcome first_request(int flags, const std::vector<std::string>& chunks, size_t&
 }
 
 // Requests are not pipelined: what follows a request in the same chunk belongs to it. Byte by byte, nothing
-// follows, which gives the request's own bytes. These are then delivered in one piece and in the input's
-// chunks.
+// follows, which gives the request's own bytes. These are then delivered whole and in the input's chunks.
 void compare_cuts(int flags, const fuzz::cutter& cutter, const std::string& bytes) {
   size_t length = 0;
   const outcome expected = first_request<1>(flags, fuzz::byte_by_byte(bytes), length);

@@ -80,7 +80,7 @@ class player {
     return text;
   }
 
-  // The value of a header line, or "" when there is none. Sets `is_short` when the head ends directly after
+  // The value of a header line, or "" when there is none. Sets `is_short` when fewer than two bytes follow
   // the name.
   static std::string header(const std::string& name, const std::string& head, bool& is_short) {
     const size_t at = lower(head).find("\r\n" + name);

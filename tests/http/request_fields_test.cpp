@@ -21,8 +21,8 @@ uintptr_t at(const void* member) {
   return reinterpret_cast<uintptr_t>(member);
 }
 
-// The first word of a pointer to a virtual function is its offset in the table. The Itanium C++ ABI adds 1 to
-// this word; its variant for ARM adds it to the second word. The division gives the same slot in both cases.
+// The first word of a pointer to a virtual member function is the offset in the table. The Itanium C++ ABI
+// adds 1 to it; its variant for ARM adds 1 to the second word. The division gives the slot in both.
 template <class F>
 uintptr_t slot_of(F function) {
   static_assert(sizeof(function) >= sizeof(uintptr_t), "a pointer to a member function");

@@ -68,8 +68,7 @@ TEST_F(websocket_lengths, of_eight_bytes_may_be_a_mebibyte) {
   EXPECT_TRUE(messages().empty());
   receive(c(), frame.substr(frame.size() - 1));
   ASSERT_EQ(messages().size(), 1u);
-  // Only the third byte of the length is not zero, and it stands before the overlap. Zeros and the mask
-  // overlap.
+  // Only the third byte of the length is not zero. It stands before the overlap with zeros and the mask.
   EXPECT_TRUE(messages()[0] == overlapping_payload.substr(0, 6) + payload.substr(6));
   EXPECT_EQ(c().content, "");
 }

@@ -43,8 +43,7 @@ class conversation {
   /* From the first byte to the last close. Expects that every client is finished, that no byte is wrong, and
    * that the servers have no connection left. Exceptions of a turn are passed on. */
   void play() {
-    // One client is accepted a turn. After so many turns the idle one is, too: it must not come after its
-    // time-out.
+    // One client is accepted a turn. The idle client must be accepted before the clock is set forward.
     size_t turns = 0;
     EXPECT_TRUE(serve_until([&] { return ++turns > callers_.size() && is_done_but(1); })) << waiting();
     for (caller& c : callers_)

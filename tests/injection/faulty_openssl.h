@@ -1,4 +1,4 @@
-/* faulty_openssl: lets the calls of a TLS stage's library fail. A test names the fault after the entry point.
+/* faulty_openssl: lets the calls of a TLS stage's library fail. Each fault has the name of its entry point.
  *
  * A call that fails does nothing and returns the fault's result, or null. If the result is is_missing, it
  * does what a missing entry point does. */

@@ -1,8 +1,7 @@
 /* peers: the clients and upstreams of a conversation.
  *
  * Each takes a step after every turn of the server, and none of them waits. They accept whatever happens to
- * their connections, and remember whether the exchange was complete. Wrong bytes make the test fail at once.
- */
+ * their connections, and remember whether the exchange was complete. Wrong bytes make the test fail. */
 #pragma once
 
 #include <gtest/gtest.h>

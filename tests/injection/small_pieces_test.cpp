@@ -22,8 +22,7 @@ void expect_service(size_t size, SetUp set_up) {
 
 // Two uses in a row must succeed for a server to make progress. An interrupted wait forgets which sockets
 // have output. The turn of the next wait announces it again, and the turn of the wait after that sends it.
-// And a TLS session that has read nothing is asked once more, after a look at its socket, before it counts as
-// dead.
+// And before a TLS session that has read nothing counts as dead, its socket is checked and it is asked again.
 void fail_every_third(const char* call, int error) {
   faults::of()[call] = {0, 1, error, -1, 2};
 }

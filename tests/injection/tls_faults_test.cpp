@@ -1,5 +1,4 @@
-// The TLS server over a faked library. Each entry point, and each call of the system, fails at each of its
-// uses.
+// The TLS server over a faked library. Each entry point and each call of the system fails at each use.
 
 #include <cerrno>
 

@@ -1,5 +1,4 @@
-// Descriptors that no fd_set can hold. Each test runs in a process of its own, in which all lower ones are
-// taken.
+// Descriptors that no fd_set can hold. Each test runs in its own process, in which the lower ones are taken.
 
 #include <sys/resource.h>
 

@@ -124,7 +124,7 @@ TEST_F(server_hooks, stop_ends_every_connection_though_on_remove_throws) {
   srv.when_called = nullptr;
 }
 
-// The TLS library throws such a text if an entry point is missing. The driver prints it and ends the run.
+// A call of an entry point that the TLS library lacks throws a text. The driver prints it and ends the run.
 TEST_F(server_hooks, text_that_is_thrown_passes_through) {
   link& a = join();
   a.conn->when_received = [] { throw std::string("no such function"); };

@@ -204,7 +204,7 @@ TEST_F(server_list, reopened_descriptor_is_not_taken_for_ready_after_the_output_
   link& c = join();
   int sock = links[0].conn->sock;
   links[0].conn->answers = {[&](char*, int, int*) {
-    sockets::mark_ready(sock);  // as code does that has bytes for it
+    sockets::mark_ready(sock);  // as if there were bytes for it
     return false;
   }};
   c.conn->answers = {[&](char*, int, int*) {

@@ -48,8 +48,7 @@ class server_walk : public server_fixture {
     for (int i = 0; i < count; i++) turn();
   }
 
-  /* The connection lives through the turns before the last of `count`. The last one ends it by its time-out.
-   */
+  /* The connection lives until the last of `count` turns, which ends it by its time-out. */
   void expect_time_out_after(link& a, int count) {
     const std::string message = line(a, "has timed out");
     turns(count - 1);

@@ -203,8 +203,8 @@ TEST_F(forward_proxy_test, upstream_that_has_ended_is_not_reused) {
   EXPECT_EQ(to_upstream(), "GET /2 HTTP/1.1\r\n\r\n");
 }
 
-// A client without an upstream has an empty host and port 0 as its current one, so the target seems to be
-// connected. No connection is opened, nobody gets the request, and the client ends by its time-out.
+// The current upstream of a new client is an empty host with port 0, so this target seems to be connected. No
+// connection is opened, nobody gets the request, and the client ends by its time-out.
 TEST_F(forward_proxy_test, target_without_a_host_and_with_port_0_gets_the_idle_pipe) {
   const std::string url = "http://" + std::string(1, '\0') + ":0/";
   ASSERT_EQ(split_url(url).host, "");

@@ -4,8 +4,7 @@
 
 namespace {
 
-// The test holds a reference of its own to the pipe of the first exchange, so `refs` is one more than without
-// the test.
+// The test holds a reference of its own to the pipe of the first exchange. This adds one to `refs`.
 struct pipe_references : proxy_object<reverse_proxy> {
   listener second_upstream;
   proxy_pipe* held = nullptr;

@@ -93,8 +93,7 @@ struct output {
   bool stays_open;
 };
 
-/* Asks for output as a server does. The buffer has exactly `cap` bytes, so that a write after its end is
- * noticed. */
+/* Asks for output as a server does. The buffer has exactly `cap` bytes, so a write after them is noticed. */
 inline output ask(connection& conn, int cap = connection::out_capacity) {
   std::vector<char> buf(static_cast<size_t>(cap));
   int len = 0;

@@ -27,8 +27,7 @@ int bound_port(int sock) {
   return ntohs(address.sin_port);
 }
 
-// A socket that is bound to a free port. If shared, it lets other sockets that allow it, as servers do, bind
-// it.
+// A socket that is bound to a free port. A shared port can also be bound by others that share, as servers do.
 int bind_free_port(bool is_shared) {
   const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int on = is_shared;

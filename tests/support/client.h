@@ -96,8 +96,7 @@ struct shared_port : taken_port {
   shared_port() : taken_port(true) {}
 };
 
-/* A TCP port on which nothing listens and which no other process gets. There are 16; each call gives the
- * next. */
+/* A TCP port on which nothing listens and which no other process gets. There are 16, given in turn. */
 int free_port();
 
 /* Repeats `step` until `done` holds; false after 10 s. */

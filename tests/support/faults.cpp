@@ -378,7 +378,7 @@ void* mmap(void* place, size_t length, int protection, int flags, int file, off_
   if (fails("mmap", result)) return MAP_FAILED;
   static auto next = real(&mmap, "mmap");
   if (faults::page_size() == 0) return next(place, length, protection, flags, file, offset);
-  // In a page more than asked for there is the beginning of a pretended page. The rest stays mapped, unused.
+  // One page more than asked for is mapped, so that a pretended page begins in it. The rest stays unused.
   void* mapped = next(place, whole_pages(length) + faults::page_size(), protection, flags, file, offset);
   return mapped == MAP_FAILED ? mapped : static_cast<char*>(mapped) + bytes_to_next_page(mapped);
 }

@@ -34,9 +34,8 @@ bool fails(const char* name, int& result);
  * the resolver would not be asked. */
 void fail_next_look_up(int code);
 
-/* While this is true, calls are not counted, do not fail, and have no limit on their bytes. It is for the
- * calls that a test makes in the role of a peer. The clock, the addresses and the limit on waits still hold.
- */
+/* While this is true, calls are not counted, do not fail, and have no limit on their bytes. A test sets it
+ * for its calls in the role of a peer. The clock, the addresses and the limit on waits still hold. */
 bool& suspended();
 
 /* How often each of those functions was called since clear(). */
