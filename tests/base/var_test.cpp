@@ -257,7 +257,7 @@ TEST(var, is_assigned_itself_or_its_own_element) {
   expect_string(v, "inner");
 }
 
-TEST(var, push_and_set_share_the_payload_and_want_their_kind) {
+TEST(var, push_and_set_share_the_payload_and_need_their_kind) {
   var shared("shared");
   var array = var::array(), object = var::object();
   array.push(shared);

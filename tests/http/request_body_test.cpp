@@ -149,7 +149,7 @@ TEST_F(http_request_body, keep_alive_cleared_by_the_handler_prevents_the_reset) 
   }());
 }
 
-TEST_F(http_request_body, reset_by_a_hook_before_the_end_leaves_the_request_uncompleted) {
+TEST_F(http_request_body, reset_by_a_hook_before_the_end_leaves_the_request_incomplete) {
   struct resetting : recorder {
     void on_headers() override {
       recorder::on_headers();
@@ -254,8 +254,7 @@ TEST_F(http_request_body, default_on_headers_prints_the_description_with_the_age
   EXPECT_EQ(console_.text(), "10.0.0.7:51234 GET /index.html?a=1 HTTP/1.1 [curl/8.0]\n");
 }
 
-TEST_F(http_request_body,
-       default_on_headers_prints_no_further_than_a_zero_byte_and_percent_signs_as_they_are) {
+TEST_F(http_request_body, default_on_headers_stops_at_a_zero_byte_and_prints_percent_signs_as_they_are) {
   using namespace std::string_literals;
   auto plain = std::make_unique<http_connection>();
   receive(*plain, "GET /%s%d%% HTTP/1.1\r\nUser-Agent: a%xb\0c\r\n\r\n"s);

@@ -77,7 +77,7 @@ TEST_P(tls_faults, failures_in_a_row_from_any_use_on_are_survived) {
   run_for_every_use<faulty_tls_stage>(GetParam(), 5);
 }
 
-TEST_P(missing_entry_points, exception_reaches_whoever_runs_the_loop_and_everything_is_released) {
+TEST_P(missing_entry_points, text_is_thrown_to_the_caller_of_the_loop_and_everything_is_released) {
   run_for_every_use<faulty_tls_stage>({GetParam(), 0, harm::the_whole_run, is_missing}, 1);
 }
 

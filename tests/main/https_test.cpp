@@ -184,7 +184,7 @@ TEST_F(https_run, library_that_is_missing_altogether_prints_the_text_of_the_load
   EXPECT_EQ(screen.text(), "Unable to load libssl.so\nOpenSSL_version_num\n");
 }
 
-TEST_F(https_run, text_of_the_loader_is_printed_when_everything_is_gone) {
+TEST_F(https_run, text_of_the_loader_is_printed_after_everything_is_gone) {
   tls.replace(openssl::SSL_CTX_free, [](void*) { printf("context freed\n"); });
   tls.remove(openssl::SSL_CTX_ctrl, "text");
   EXPECT_FALSE(run(http_port));

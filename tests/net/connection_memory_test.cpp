@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(, pages_test, testing::Values(4096, 16384, 65536), name
 
 }  // namespace
 
-TEST_P(pages_test, slots_are_zero_and_stand_apart_at_the_beginning_of_cache_lines) {
+TEST_P(pages_test, slots_are_zero_do_not_overlap_and_begin_with_a_cache_line) {
   for (size_t size : sizes) {
     std::vector<char*> objects = take(size, 2 * slots + 1);
     for (size_t i = 0; i < objects.size(); i++) {

@@ -50,7 +50,7 @@ TEST_F(descriptor_limit, client_is_turned_away_quietly_and_the_others_stay) {
   expect_console("");
 }
 
-TEST_F(descriptor_limit, outgoing_connection_is_no_address) {
+TEST_F(descriptor_limit, outgoing_connection_there_counts_as_no_address) {
   EXPECT_TRUE(run_with_high_descriptors([&] {
     for (bool blocking : {false, true}) {
       faults::resolved() = {"127.0.0.1"};  // the resolver itself could need a descriptor
@@ -63,7 +63,7 @@ TEST_F(descriptor_limit, outgoing_connection_is_no_address) {
   }));
 }
 
-TEST_F(descriptor_limit, listening_socket_is_no_socket) {
+TEST_F(descriptor_limit, listening_socket_there_counts_as_no_socket) {
   EXPECT_TRUE(run_with_high_descriptors([&] {
     recording_server other(srv.port, notes);
     EXPECT_FALSE(other.start());

@@ -272,7 +272,7 @@ TEST_F(run_test, several_servers__handler_is_installed_before_any_start) {
       "a start\nb start\nShutting down...\n");
 }
 
-TEST_F(run_test, several_servers__none_at_all_just_wait_for_the_interrupt) {
+TEST_F(run_test, several_servers__empty_array_waits_for_the_interrupt) {
   expect_prints(
       [&] {
         abstract_server* none = nullptr;

@@ -142,7 +142,7 @@ TEST_F(server_list, connection_appended_by_on_send_is_asked_in_the_same_pass) {
   EXPECT_THAT(notes_of_a_turn(), ElementsAre("c1 asked", "c2 asked"));
 }
 
-TEST_F(server_list, connections_of_two_servers_are_serviced_by_their_own) {
+TEST_F(server_list, connections_of_two_servers_are_serviced_by_their_own_server) {
   journal others;
   recording_server other(0, others);
   link& a = join();

@@ -74,7 +74,7 @@ TEST_F(server_output, connection_with_nothing_more_to_say_ends_at_once) {
   expect_console("");
 }
 
-TEST_F(server_output, connection_with_pending_output_is_not_asked_and_announced_again) {
+TEST_F(server_output, connection_with_pending_output_is_announced_again_and_not_asked) {
   link& a = join();
   a.conn->answers = {gives("hello")};
   turn();

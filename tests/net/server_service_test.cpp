@@ -67,7 +67,7 @@ TEST_F(server_service, connection_times_out_after_10_seconds_of_silence_by_defau
   expect_time_out_of_a_client_that_joins_at(start_time);
 }
 
-TEST_F(server_service, idle_seconds_are_counted_on_when_the_time_outgrows_31_bits) {
+TEST_F(server_service, idle_seconds_are_counted_after_the_time_exceeds_31_bits) {
   for (int beyond : {-3, 1, 1000}) expect_time_out_of_a_client_that_joins_at(int64_t{INT32_MAX} + beyond);
 }
 

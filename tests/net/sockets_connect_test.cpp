@@ -239,7 +239,7 @@ TEST_F(sockets_connect, not_blocking__only_the_first_address_is_tried) {
   expect_console("");
 }
 
-TEST_F(sockets_connect, not_blocking__missing_socket_is_no_address) {
+TEST_F(sockets_connect, not_blocking__missing_socket_counts_as_no_address) {
   faults::resolved() = {"127.0.0.1", "127.0.0.1"};
   faults::of()["socket"] = {0, 1, EMFILE};
   connect("two.example", false);

@@ -335,7 +335,7 @@ TEST_F(sockets_test, announced_output_is_forgotten_by_a_failed_wait_too) {
 }
 
 // The servers look at the errno of the wait. It must not be the errno of a console that cannot be written to.
-TEST_F(sockets_test, failed_wait_keeps_its_error_number_though_printing_fails_as_well) {
+TEST_F(sockets_test, failed_wait_keeps_its_error_number_even_if_printing_fails) {
   faults::of()["select"] = {0, 1, ENOMEM};
   EXPECT_TRUE(run_in_child([] {
     const int full = open("/dev/full", O_WRONLY);

@@ -103,7 +103,7 @@ TEST_F(bad_gateway_test, descriptor_that_no_set_can_hold_is_answered_with_502) {
 }
 
 // The connection waits in the listener's queue and is reset when the listener closes.
-TEST_F(bad_gateway_test, refusal_that_shows_later_gives_the_same_response) {
+TEST_F(bad_gateway_test, late_refusal_gives_the_same_response) {
   auto passing = std::make_unique<listener>();
   map("passing", passing->port());
   client c = connect();

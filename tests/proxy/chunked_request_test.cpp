@@ -267,7 +267,8 @@ TEST_F(chunked_request_test, chunks_of_a_request_that_is_answered_here_are_dropp
   }
 }
 
-// The upstream of an earlier request would take the chunks for a request, and answer it before the next one.
+// The upstream of an earlier request would take the chunks for a request. The client would take the response
+// to them for the response to its next request.
 TEST_F(chunked_request_test,
        chunks_of_a_request_that_is_answered_here_do_not_reach_an_upstream_that_is_there) {
   receive(request_to("on"));

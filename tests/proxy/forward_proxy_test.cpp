@@ -184,7 +184,7 @@ TEST_F(forward_proxy_test, letter_case_of_the_host_counts) {
   EXPECT_EQ(to_client(), bad_gateway);
 }
 
-TEST_F(forward_proxy_test, host_that_only_begins_alike_is_another_host) {
+TEST_F(forward_proxy_test, host_that_shares_only_its_beginning_is_another_host) {
   for (const auto& [first, second] :
        {std::pair("127.0.0.1", "127.0.0.10"), std::pair("127.0.0.1", "127.0.0.")}) {
     start_over();

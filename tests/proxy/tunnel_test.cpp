@@ -155,7 +155,7 @@ TEST_F(forwarding_test, refused_upstream_is_answered_with_502_and_closed) {
   }
 }
 
-TEST_F(forwarding_test, refusal_of_a_request_that_shows_later_gives_the_same_response) {
+TEST_F(forwarding_test, late_refusal_of_a_request_gives_the_same_response) {
   auto passing = std::make_unique<listener>();
   client c = connect();
   c.send("GET http://127.0.0.1:" + std::to_string(passing->port()) + "/ HTTP/1.1\r\n\r\n");

@@ -154,7 +154,7 @@ TEST_F(certificate_reload, file_that_goes_away_is_no_reason_to_reload) {
   expect_load(reloading);
 }
 
-TEST_F(certificate_reload, file_from_the_beginning_of_time_is_never_loaded) {
+TEST_F(certificate_reload, file_of_time_0_is_never_loaded) {
   modify_file(0);
   check();
   expect_no_load();
