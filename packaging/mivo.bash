@@ -1,21 +1,24 @@
 # bash completion for mivo(8).
 
 _mivo() {
-  local word=${COMP_WORDS[COMP_CWORD]} at value=0 option=
+  local word=${COMP_WORDS[COMP_CWORD]} at last value=0 option= words
   COMPREPLY=()
+  # Not COMP_WORDS: bash splits these at ":" as well, so that localhost:8080 would count as three words.
+  read -ra words <<<"${COMP_LINE:0:COMP_POINT}|" # the mark keeps an empty last word
+  last=$((${#words[@]} - 1))
   # An option takes the words after it as its values, even if they look like options.
-  for ((at = 2; at < COMP_CWORD; at++)); do
+  for ((at = 2; at < last; at++)); do
     if ((value > 0)); then
       ((value--))
     else
-      option=${COMP_WORDS[at]}
+      option=${words[at]}
       case $option in
         -ssl) value=3 ;;
         -map) value=2 ;;
       esac
     fi
   done
-  if ((COMP_CWORD < 2)); then
+  if ((last < 2)); then
     mapfile -t COMPREPLY < <(compgen -W "80 8080 0" -- "$word")
   elif ((value == 0)); then
     mapfile -t COMPREPLY < <(compgen -W "-ssl -map" -- "$word")

@@ -22,9 +22,13 @@ LINES = {
     "host": ("8080 -map", "c", set()),
     "local_port": ("8080 -map a", "k", set()),
     "option_as_a_value": ("8080 -map -ssl 3000", "-", OPTIONS),
+    "local_port_of_a_host_with_its_port": ("8080 -map localhost:8080", "k", set()),
+    "after_a_host_with_its_port": ("8080 -map localhost:8080 3000", "-", OPTIONS),
 }
 
-BASH = """source "$0"; COMP_WORDS=(mivo {words} "{prefix}"); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1))
+# bash splits the words for a completion at ":", too; "localhost:8080" is three of them.
+BASH = """source "$0"; COMP_LINE="mivo {words} {prefix}"; COMP_POINT=${{#COMP_LINE}}
+COMP_WORDS=($(printf '%s' "$COMP_LINE" | sed 's/:/ : /g') {empty}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1))
 _mivo; printf '%s\\n' "${{COMPREPLY[@]}}"
 """
 
@@ -44,7 +48,8 @@ def offered(shell, words, prefix, folder):
         script = FISH.format(file=PACKAGING / "mivo.fish", words=words, prefix=prefix)
         command = ["fish", "--no-config", "-c", script]
     else:
-        script = (BASH if shell == "bash" else ZSH).format(words=words, prefix=prefix)
+        script = (BASH if shell == "bash" else ZSH).format(words=words, prefix=prefix,
+                                                           empty="" if prefix else '""')
         plain = ["--norc"] if shell == "bash" else ["-f"]
         command = [shell, *plain, "-c", script, PACKAGING / f"mivo.{shell}"]
     result = subprocess.run(command, cwd=folder, capture_output=True, text=True, env={
