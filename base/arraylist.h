@@ -26,8 +26,8 @@ struct arraylist {
   arraylist& operator=(const arraylist&) = delete;
   ~arraylist() { free(data); }
 
-  /* Appends `x`. The array may move, so pointers into `data` die. After std::bad_alloc nothing has
-   * changed. */
+  /* Appends `x`. The array may move, so pointers into `data` become invalid. After std::bad_alloc
+   * nothing has changed. */
   void add(T x) {
     if (capacity == 0)
       reserve(2);
@@ -56,8 +56,8 @@ struct arraylist {
   }
 
   /* Sets the capacity to `wanted` elements, which must be at least 1 and at least `count`; it may be less
-   * than before. The null at the end has a place of its own, after these elements. After std::bad_alloc
-   * nothing has changed. */
+   * than before. The null at the end is not counted in `wanted`: its place is after the elements. After
+   * std::bad_alloc nothing has changed. */
   void reserve(uint32_t wanted) {
     void* moved = realloc(data, (static_cast<size_t>(wanted) + 1) * sizeof(T));
     if (!moved) throw std::bad_alloc();

@@ -2,16 +2,17 @@
  *
  * A queue takes a block, owns it, and gives it back with the same size. Blocks of less than `full_size` bytes
  * come from malloc and return to it at once. Full-size blocks are kept for the next queue that needs one,
- * until the pool has `most_spare` of them. Without this, a download would return each block to the system and
- * cause page faults for it again one turn later: 1.33 instead of 1.14 ms of processor time for a response of
- * 1 MiB with 16 clients (wrk, release build, two busy cores of a virtual machine, medians of 5 rounds in
- * turns). Sizes are bytes.
+ * until the pool has `most_spare` of them. Without this, the blocks of a download would return to the system,
+ * and new blocks one turn later would cause page faults: 1.33 instead of 1.14 ms of processor time for a
+ * response of 1 MiB with 16 clients (wrk, release build, two busy cores of a virtual machine, medians of 5
+ * rounds in which the two builds ran alternately). Sizes are bytes.
  *
  * Freed memory may still stay with the process: one used block near the end of the heap keeps everything
  * before it. So after a long queue the pool makes malloc return its free memory to the system. After 400 MiB
- * were queued, 8 MiB stay resident, and 136 MiB without this (tests/system/test_hostile_upstreams.py). The
- * pool does this only when the queues are short again. With a mapping of its own for each block, none of this
- * would be needed, but a download that runs ahead of its client would cause 16 page faults for each block.
+ * were queued, 8 MiB stay resident; without this, 136 MiB would (tests/system/test_hostile_upstreams.py). The
+ * pool does this only when the queues are short again. A separate mapping for each block would make all this
+ * unnecessary. But when data comes faster than the client takes it, each block would then cause 16 page
+ * faults.
  *
  * Between calls: (1) 0 <= spare() <= most_spare, and no queue uses a spare block; (2) in_use() is the number
  * of full-size blocks that queues own; (3) freed() is the number of full-size blocks that were freed since
@@ -25,9 +26,9 @@ namespace base {
 class block_pool {
  public:
   static constexpr size_t full_size = 65536;
-  static constexpr int most_spare = 64;          // 4 MiB: what a turn moves through eight pipes
+  static constexpr int most_spare = 64;          // 4 MiB
   static constexpr int freed_before_trim = 256;  // 16 MiB
-  static constexpr int in_use_when_short = 16;   // 1 MiB, which may stay with malloc when it is freed later
+  static constexpr int in_use_when_short = 16;   // 1 MiB; malloc may keep these when they are freed
 
   block_pool() = default;
   block_pool(const block_pool&) = delete;

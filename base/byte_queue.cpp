@@ -81,8 +81,8 @@ std::string byte_queue::str() const {
   return s;
 }
 
-// Appends an empty block. Its size grows with the queue and is enough for `wanted` bytes, within the limits
-// on block sizes.
+// Appends an empty block. Its size grows with the queue. It holds `wanted` bytes, unless a block of the
+// largest size cannot.
 byte_queue::block* byte_queue::add_block(size_t wanted) {
   const size_t size = std::max(wanted + sizeof(block), size_ + wanted);
   const size_t bytes = std::clamp(size, smallest_block, block_pool::full_size);

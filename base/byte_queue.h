@@ -1,6 +1,6 @@
-/* byte_queue: a byte string that is appended to at the back and consumed from the front.
+/* byte_queue: a queue of bytes, which are appended at the back and consumed from the front.
  *
- * The bytes stand in a chain of blocks, so adding or removing a byte costs O(1), however long the queue is
+ * The bytes lie in a chain of blocks, so adding or removing a byte costs O(1), however long the queue is
  * and however slowly it drains. No byte is ever moved to make room. The queue takes its blocks from
  * base::block_pool, owns them while it needs them, and then gives them back. Blocks grow with the queue, from
  * 512 bytes to 64 KiB. An emptied queue keeps at most one block of 4 KiB. Sizes are bytes.

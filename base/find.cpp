@@ -28,8 +28,8 @@ bool is_match(char byte, char wanted, bool fold_case) {
 // "*" is settled.
 bool match_at(const std::string& text, size_t start, const std::string& pattern, size_t& end) {
   const bool fold_case = find_case_insensitive();
-  // Where the part after the last "*" was tried last. Before the first "*" it is npos, which is beyond the
-  // end of every text. At the end of the text no further attempt is made: it would fail at once and change no
+  // The place where the part after the last "*" was tried last. Before the first "*" it is npos, and no
+  // further attempt is made. At the end of the text none is made either: it would fail at once and change no
   // result.
   size_t retry_text = std::string::npos;
   size_t retry_pattern = 0;
@@ -63,7 +63,7 @@ bool is_equal_folded(const char* a, std::string_view b) {
 }
 
 size_t find(const std::string& text, const std::string& pattern, size_t& end) {
-  // The end of the text is tried, too: an empty pattern and a star match an empty text.
+  // The end of the text is a place, too: even in an empty text, an empty pattern and a "*" match.
   for (size_t start = 0; start <= text.size(); start++) {
     if (match_at(text, start, pattern, end)) return start;
   }
@@ -86,7 +86,7 @@ block all(unsigned char byte) {
   return block{} + byte;
 }
 
-// The number of the first byte of `hits` that is not 0; 16 when there is none.
+// The index, 0 to 15, of the first byte of `hits` that is not 0; 16 when all are 0.
 template <class Block>
 size_t first_hit(const Block& hits) {
   uint64_t halves[2];
@@ -98,16 +98,15 @@ size_t first_hit(const Block& hits) {
 
 constexpr size_t most_beyond = 16;
 
-// The first place between `at` and `end` where `matches` finds something; `end` when there is none. `matches`
-// looks at sixteen places, of which its argument is the first, and also at the `beyond` bytes after each
-// place.
+// The first place from `at` on and before `end` that `matches` accepts; `end` when there is none. `matches`
+// tests the sixteen places that begin at its argument. It also reads the `beyond` bytes after each place.
 template <class Matches>
 const char* first_match(const char* at, const char* end, size_t beyond, Matches matches) {
   for (; end - at >= 16; at += 16) {
     const size_t hit = first_hit(matches(at));
     if (hit < 16) return at + hit;
   }
-  char rest[16 + most_beyond] = {};  // the places that are left, then zeros
+  char rest[16 + most_beyond] = {};  // the places that are left, the bytes beyond them, then zeros
   const auto places = static_cast<size_t>(end - at);
   memcpy(rest, at, places + beyond);
   return at + std::min(first_hit(matches(rest)), places);
@@ -128,9 +127,10 @@ size_t find_line(std::string_view text, std::string_view name, size_t from) {
   if (name.empty()) return find_line_end(text, from);
   const size_t length = 2 + name.size();
   if (text.size() < length || from > text.size() - length) return std::string::npos;
-  // A candidate has the name's first byte and, far after it, another byte of the name. So no text is full of
-  // candidates for all names. The bit in which A to Z differ from a to z is ignored here. Some other pairs of
-  // bytes differ only in this bit, too, so a candidate is compared again.
+  // A candidate is a CRLF that is followed by the first byte of the name and, at its distance, by the last
+  // byte of the name, or by the 15th byte of a longer name. Because two bytes must match, no text holds many
+  // candidates for every name. The bit in which A to Z differ from a to z is ignored here, so some pairs of
+  // other bytes count as equal, too. Therefore the whole name is compared after that.
   const size_t far = std::min(name.size(), most_beyond - 1) - 1;
   const block case_bit = all(0x20), cr = all('\r'), lf = all('\n');
   const block first = all(static_cast<unsigned char>(name[0])) | case_bit;

@@ -1,8 +1,8 @@
 /* hashmap: an open-addressing map from byte strings to small values, in insertion order.
  *
  * Owns copies of its keys; never owns what the values point to. An absent key reads as V(), so it looks the
- * same as a key with a stored zero. Slots are found by linear probing; the table doubles when it is half full
- * (3, 6, 12, 24, ...), and a removal rebuilds it, so no probe chain ever has a hole.
+ * same as a key with a stored zero. Slots are found by linear probing. The table doubles when it is half full
+ * (3, 6, 12, 24, ...). A removal rebuilds the table, so no probe chain ever has a hole.
  *
  * Between calls: (1) count <= capacity / 2, unless doubling would overflow; (2) keys[0..count-1] are the keys
  * in the order of their first insertion, keys[count] is null; (3) slots and keys are null exactly when
@@ -19,8 +19,9 @@
 
 namespace base {
 
-/* The 32-bit hash of every map. Bytes count as signed; the first byte enters last, and it is read even when
- * `len` is 0, so `s` must be terminated. The slot order depends on every step of this function. */
+/* The 32-bit hash of every map. Bytes count as signed. The first byte enters the hash last. It is read even
+ * when `len` is 0, so `s` must end with a zero byte. The slot order depends on every step of this
+ * function. */
 uint32_t tovel_hash(const char* s, unsigned len);
 
 template <class V>
@@ -28,7 +29,7 @@ struct hashmap {
   static_assert(std::is_trivially_copyable<V>::value, "slots live in calloc'ed memory and move as bytes");
 
   struct slot {
-    uint32_t hash;     // of `key`, so that growing never hashes again
+    uint32_t hash;     // of `key`; stored, so growing need not compute it again
     std::string* key;  // owned; null in an empty slot
     V value;
   };
@@ -37,8 +38,10 @@ struct hashmap {
   std::string** keys = nullptr;
   uint32_t count = 0;       // keys
   uint32_t capacity = 0;    // slots
-  uint32_t collisions = 0;  // slots of other keys that insertions have passed; statistics only, wraps
-  uint32_t (*hash)(const char*, unsigned) = tovel_hash;  // set before the first key: hashes are stored
+  uint32_t collisions = 0;  // how many used slots all insertions have passed; only for statistics; wraps
+
+  /* May be replaced before the first key is inserted, but not later, because the hashes are stored. */
+  uint32_t (*hash)(const char*, unsigned) = tovel_hash;
 
   hashmap() = default;
   hashmap(const hashmap&) = delete;
@@ -59,9 +62,9 @@ struct hashmap {
   }
 
   /* Inserts `key` with `value`, or replaces the value of a key that is there. The map copies the key, so the
-   * caller's string may die at once. When no slot is free (only after 3 * 2^30 keys, when doubling would
-   * overflow) it prints an error and stores nothing. After std::bad_alloc all keys and values are as
-   * before. */
+   * caller's string may be destroyed after the call. When no slot is free (only after 3 * 2^30 keys, when
+   * doubling would overflow) it prints an error and stores nothing. After std::bad_alloc all keys and values
+   * are as before. */
   void set(const std::string& key, V value) {
     grow_maybe();
     uint32_t h = hash_of(key);
@@ -81,8 +84,8 @@ struct hashmap {
   }
 
   /* Removes `key`, if it is there. `key` may be the map's own string. The caller frees the value. This walks
-   * over all keys and rebuilds the table, which is cheaper than tombstones for a map that hardly ever
-   * removes. After std::bad_alloc nothing has changed. */
+   * over all keys and rebuilds the table. Marking removed slots (tombstones) would cost more in a map from
+   * which keys are hardly ever removed. After std::bad_alloc nothing has changed. */
   void remove(const std::string& key) {
     if (count == 0) return;
     slot* found = find_slot(hash_of(key), key, nullptr);

@@ -1,6 +1,7 @@
-/* linkedlist: a queue with one built-in pass, which may remove the element that it is visiting.
+/* linkedlist: a queue with a built-in cursor. One pass at a time walks over the queue, and may remove the
+ * element that it visits.
  *
- * Owns its nodes, never the values. A sentinel node stands before the first element.
+ * Owns its nodes, never the values. A sentinel node comes before the first element.
  *
  *     for (list.begin(); list.current(x); list.next()) { if (...) list.remove(); }
  *

@@ -90,7 +90,7 @@ std::string punycode(const std::vector<uint32_t>& input) {
     const uint32_t m = input[order[first]];
     delta += (m - n) * (handled + 1);
     n = m;
-    uint32_t passed = 0;  // smaller code points before the place that was reached
+    uint32_t passed = 0;  // how many smaller code points come before the last place handled
     size_t next = first;
     for (; next < order.size() && input[order[next]] == m; next++) {
       uint32_t below = smaller.count_below(order[next]);

@@ -16,7 +16,7 @@ struct split_url {
 
   explicit split_url(const std::string& url);
 
-  /* Returns `host`. Each label that is not plain ASCII is replaced by "xn--" and its Punycode (RFC 3492).
-   * Labels are not normalised or case-folded; empty labels stay. */
+  /* Returns `host` with each label that is not plain ASCII replaced by "xn--" and its Punycode (RFC 3492). A
+   * label is cut at its first zero byte. Labels are not normalised or case-folded; empty labels stay. */
   static std::string utf8_to_idn(const std::string& host);
 };

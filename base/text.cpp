@@ -20,8 +20,8 @@ int32_t parse_int(const char* text) {
   return static_cast<int32_t>(strtol(text, nullptr, 10));
 }
 
-// Keeping the memory saves a kept-alive request all its allocations, and 500 of its 11,400 instructions with
-// a browser's head (callgrind, 16 clients). The total processor time does not show a difference.
+// The kept memory saves all allocations of a request on a kept-alive connection, and with a browser's head
+// 500 of its 11,400 instructions (callgrind, 16 clients). In the total processor time no difference shows.
 void empty_for_reuse(std::string& s) {
   constexpr size_t most_kept = 65536;
   s.clear();

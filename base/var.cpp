@@ -4,7 +4,8 @@
 
 var::var(kinds data_kind) : kind(data_kind), data(new var_data) {}  // deleted by unref()
 
-// destroy() deletes the payloads. They are allocated last: when that fails, the var can be released as usual.
+// The payloads are deleted by destroy(). They are allocated last: when that fails, the var has no payload yet
+// and is released as usual.
 var::var(const std::string& s) : var(string_kind) {
   data->payload = new std::string(s);
 }
@@ -91,8 +92,8 @@ void var::unref() {
   }
 }
 
-// Becomes null. Returns the payload when nobody else shares it, and the caller must destroy it; null
-// otherwise.
+// Makes this var null. If nobody else shares the payload, returns its var_data, which the caller must
+// destroy. Otherwise returns null.
 var::var_data* var::let_go() {
   var_data* last = kind >= string_kind && data && data->refs-- == 1 ? data : nullptr;
   if (last) last->released_kind = kind;
@@ -101,8 +102,8 @@ var::var_data* var::let_go() {
   return last;
 }
 
-// Hands over the next element of an array or object that is being released, from the first to the last. Null
-// when there is none left.
+// Hands over the next element of an array or object that is being released; null when there is none left. The
+// elements of an array come in their order, those of an object in the order of the slots.
 var* var::take_next_element(var_data& from) {
   if (!from.payload) return nullptr;
   if (from.released_kind == array_kind) {
@@ -161,7 +162,7 @@ var var::split(const std::string& separators) const {
   const std::string s = *this;
   auto is_separator = [&](char c) { return separators.find(c) != std::string::npos; };
   var result = array();
-  // Exactly the number of pieces.
+  // Room for exactly the pieces: one more than there are separators.
   result.as_array().reserve(1 + static_cast<uint32_t>(std::count_if(s.begin(), s.end(), is_separator)));
   for (size_t start = 0;;) {
     size_t hit = s.find_first_of(separators, start);

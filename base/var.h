@@ -19,7 +19,7 @@ struct var {
     null_kind = 0,
     number_kind = 1,
     bool_kind = 2,
-    string_kind = 3,  // this kind and those above it hold a var_data, or null
+    string_kind = 3,  // this kind and those with higher numbers hold a var_data, or null
     array_kind = 4,
     object_kind = 5,
   };
@@ -64,8 +64,8 @@ struct var {
   /* Stores a value that shares `x`'s payload under `key`. Does nothing if this is not an object. */
   void set(const std::string& key, const var& x);
 
-  /* Takes over `other`'s value and shares its payload. The old value of this var is not released, so call
-   * this only on a fresh or a released var. */
+  /* Copies `other`'s value and shares its payload. The old value of this var is not released, so call this
+   * only on a fresh or a released var. */
   void ref(const var& other);
 
   /* Releases the value, and frees the payload when nobody else shares it. The var is null afterwards. */
@@ -76,7 +76,7 @@ struct var {
   var get(int i) const;
 
   /* Cuts this value's text at every byte that occurs in `separators`, and returns the pieces as an array of
-   * strings. There is one piece more than separators in the text. A piece ends at its first zero byte. */
+   * strings. If the text has n such bytes, there are n + 1 pieces. A piece ends at its first zero byte. */
   var split(const std::string& separators) const;
 
   /* A string as it is; anything else as pretty JSON. */

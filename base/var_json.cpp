@@ -120,7 +120,8 @@ class var::printer {
     frames_.pop_back();
   }
 
-  // Prints the next element, or the closing. `f` dies when the element gets a frame of its own.
+  // Prints the next element, or the closing bracket. `f` becomes invalid when the element gets a frame of its
+  // own.
   void go_on_with_array(frame& f) {
     const base::arraylist<var*>& list = f.container->as_array();
     if (f.next == list.count) {

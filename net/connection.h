@@ -5,7 +5,7 @@
  * bytes to write.
  *
  * The object takes a little over 1 MiB of address space, most of it for the output buffer. Objects on the
- * heap stand on zero pages from the system, so only the pages that are used cost memory; see
+ * heap lie on zero-filled pages from the system, so only the pages that are used cost memory; see
  * net/connection_memory.h.
  *
  * Between calls of the server: (1) 0 <= out_pos, and out_pos + out_len <= sizeof(out) while out_len > 0; (2)
@@ -32,7 +32,7 @@ struct connection {
   int out_pos = 0;                    // where these bytes start
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
   uint8_t fruitless = 0;              // turns in a row in which the socket was ready and moved nothing
-  uint8_t unexplained = 0;            // how many of the latest of these, in a row, did not ask to wait
+  uint8_t unexplained = 0;            // how many of these came after the last one that asked to wait
   int out_filled = -1;                // how many bytes at the front of `out` were ever written; -1: unknown
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
@@ -41,13 +41,13 @@ struct connection {
   connection(const connection&) = delete;
   connection& operator=(const connection&) = delete;
 
-  /* Called with each chunk read from the socket. The bytes are the caller's and die after the call. */
+  /* Called with each chunk read from the socket. The bytes are the caller's and valid only during the
+   * call. */
   virtual void on_recv(char* data, int len) = 0;
 
   /* Called when nothing is left to send: writes up to `cap` bytes to `buf` and stores their number in *len,
-   * which the caller has set to 0. Returns whether the connection stays open after they are sent. No byte
-   * after these may be written, because only this number of bytes is cleared for the next object in this
-   * memory. */
+   * which the caller has set to 0. Returns whether the connection stays open after they are sent. The rest of
+   * `buf` must stay as it is, because only *len bytes are cleared for the next object in this memory. */
   virtual bool on_send(char* buf, int cap, int* len) = 0;
 
   /* Must not throw: C++ would end the program. */
@@ -61,8 +61,8 @@ struct connection {
   static connection*& selected();
 
   /* Zero-filled memory from connection_memory::shared(). The operators delete below give it back, also when a
-   * constructor throws. When memory is refused, the plain form throws std::bad_alloc and the other one
-   * returns null. */
+   * constructor throws. When memory is refused, the plain form throws std::bad_alloc and the std::nothrow
+   * form returns null. */
   static void* operator new(size_t size);
   static void* operator new(size_t size, const std::nothrow_t&) noexcept;
   static void* operator new(size_t, void* place) noexcept { return place; }

@@ -102,7 +102,9 @@ void connection_memory::give_back(void* object, size_t filled) noexcept {
 // Makes the memory of an ended object all zero again. An output buffer that was hardly used is cleared, and
 // its pages stay for the next object.
 void connection_memory::wipe(char* object, size_t size, size_t filled) const {
-  const size_t front = sizeof(connection) - connection::out_capacity + filled;  // with the fields before it
+  // The fields before the output buffer, and its first `filled` bytes. sizeof also counts the fields after
+  // the buffer, so a few bytes more are cleared.
+  const size_t front = sizeof(connection) - connection::out_capacity + filled;
   char* middle = object + front;
   char* tail = object + connection::out_capacity;
   if (filled > most_cleared) {

@@ -2,9 +2,9 @@
  *
  * A look-up of "localhost" makes eight system calls, and a busy proxy would repeat it for every upstream
  * connection. A connection with one request would take 1.11 times the processor time (ab with 64 at once,
- * release build, two busy cores of a virtual machine, medians of the ratios of 9 rounds in turns). A second
- * is so short that nobody waits for a changed address, and that the memory stays small without a limit.
- * Failures are not remembered.
+ * release build, two busy cores of a virtual machine, medians of the ratios of 9 rounds in which the two
+ * builds ran alternately). No answer is used for longer than a second. So nobody waits long for a changed
+ * address, and the memory stays small without a limit. Failures are not remembered.
  *
  * Owns the lists that find() returns, and frees them in a later second. */
 #pragma once

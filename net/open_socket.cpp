@@ -83,7 +83,7 @@ void print_binding(bool localhost_only, int port) {
   }
 }
 
-// Closes a socket that cannot listen, and returns false for listen().
+// Closes a socket that cannot listen, and sets it to -1. Returns false, which listen() then returns.
 bool give_up(int& sock) {
   ::close(sock);
   sock = -1;
@@ -99,11 +99,11 @@ bool listen_on(int& sock, const addrinfo& address) {
   }
   set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1);
   set_option(sock, SOL_SOCKET, SO_REUSEPORT, 1);
-  send_at_once(sock);  // accepted sockets inherit both, which saves the calls there
+  send_at_once(sock);  // accepted sockets inherit this and the keepalive, which saves the calls there
   probe_silent_peers(sock);
   int bound = bind(sock, address.ai_addr, address.ai_addrlen);
   if (bound == -1) {
-    // The resolver's text for bind()'s result, not the text of errno: people search for this line.
+    // gai_strerror(-1) is not the text of errno. It stays because people search for this line.
     printf("bind() failed: %d %s\n", bound, gai_strerror(bound));
     printf("Check that the port isn't already taken.\n");
     printf("This can be done with 'netstat -an' on windows/mac/linux.\n");
@@ -152,9 +152,9 @@ const addrinfo* skip_ipv6(const addrinfo* a) {
   return a;
 }
 
-// When nobody listens on a port in the range for outgoing connections, the system may choose this very port
-// for the near end of a connection to it. The connection is then its own peer (RFC 9293, section 3.5,
-// simultaneous open).
+// The upstream's port may be in the range for outgoing connections. If nobody listens on it, the system may
+// choose the same port as the local port of the connection to it. The connection is then its own peer (RFC
+// 9293, section 3.5, simultaneous open).
 bool is_connected_to_itself(int sock, const addrinfo& address) {
   sockaddr_in own = {};
   socklen_t length = sizeof(own);
@@ -175,8 +175,8 @@ bool connect_socket(int sock, const addrinfo& address) {
   return false;
 }
 
-// Starts connecting to the first address; no other one is tried. Whether that has worked shows when the
-// socket is used.
+// Starts connecting to the first address; no other one is tried. Only the use of the socket shows whether the
+// connection was made.
 int connect_to_first(const addrinfo* addresses) {
   const addrinfo* a = skip_ipv6(addresses);
   if (!a) return -1;
@@ -235,8 +235,7 @@ bool has_failed(int sock) {
   sockaddr_storage peer;
   socklen_t peer_length = sizeof(peer);
   if (getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &peer_length) == 0) return false;
-  // Failed or in progress. SO_ERROR does not tell: an error that connect() itself has reported is cleared by
-  // then.
+  // Failed or in progress. SO_ERROR does not tell which: connect() clears the error that it reports.
   tcp_info info = {};
   socklen_t length = sizeof(info);
   return getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || info.tcpi_state == TCP_CLOSE;

@@ -1,5 +1,5 @@
-/* redirect_server: a server<T> that redirects all its clients to HTTPS. It always creates a redirector; T
- * only names the server that it replaces. It services upstream connections like any other server. */
+/* redirect_server: takes the place of a server<T> and redirects all its clients to HTTPS. It creates a
+ * redirector for each client, never a T. It services upstream connections like any other server. */
 #pragma once
 
 #include "net/server.h"

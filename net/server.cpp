@@ -85,7 +85,7 @@ void server_base::add_connection(connection* conn) {
 }
 
 // Called after a failed select(), when nothing is known about any socket, or after a failed accept(). Ends
-// all connections.
+// all connections and starts the server again.
 void server_base::restart() {
   const int cause = errno;
   stop();
@@ -101,8 +101,8 @@ void server_base::unlink_and_end(connection* conn) {
   end_connection(conn);
 }
 
-// Called while an exception is handled: prints whose hook has thrown it. A std::string is thrown on to the
-// driver.
+// Called while an exception is handled: prints the descriptor of the connection whose hook has thrown. A
+// std::string is not printed but thrown again, which ends the run.
 void server_base::print_failure(int failed) {
   try {
     throw;

@@ -15,9 +15,9 @@
  *     loop would spin.
  * (3) The transport may also move nothing 64 turns in a row, but ask to wait in the last of them. Then the
  *     connection lives: a TLS session may have to write before it can read, or the reverse. But the loop
- *     would spin here, too, so every other wait leaves out the direction in which nothing moves.
- * (4) A hook that throws ends only its own connection, and this is printed. But a std::string passes
- *     through: it is the text of a missing entry point of OpenSSL, which ends the run. */
+ *     would spin here, too, so every second wait leaves out the direction in which nothing moves.
+ * (4) When a hook throws, only its own connection ends, and this is printed. But a std::string is thrown
+ *     again, and the run ends: it is the error text for a missing entry point of OpenSSL. */
 #pragma once
 
 #include <cstdint>
@@ -42,8 +42,8 @@ struct abstract_server {
   /* Called by the loop over several servers after a turn in which no socket was ready. */
   virtual void on_idle() {}
 
-  /* Hands over a new connection object for a client at `ip`, which has the bits of connection::ip. Null
-   * refuses the client. */
+  /* Hands over a new connection object for the client whose address is `ip`, with the same bits as in
+   * connection::ip. Null refuses the client. */
   virtual connection* create_connection(int ip) = 0;
 
   /* Called when the connection object is complete and its socket is non-blocking. False refuses the
@@ -56,8 +56,8 @@ struct abstract_server {
 
   /* Reads up to `len` bytes. Returns their number, 0 when the peer has closed, negative when there is nothing
    * now. Both transport hooks also report through errno. The server sets it to 0 before each call and looks
-   * at it after the call. EAGAIN or EINTR, with any result, means that the system has no more for now and
-   * that select() will tell when it has. A hook that makes no system call leaves errno alone. */
+   * at it after the call. EAGAIN or EINTR, with any result, means that nothing more can be read or written
+   * for now, and that select() will tell when it can. A hook without a system call does not change errno. */
   virtual int recv(connection* conn, char* buf, int len) = 0;
 
   /* Writes up to `len` bytes. Returns how many were accepted; 0 or negative when none can be accepted now. */
@@ -78,7 +78,7 @@ struct server_base : abstract_server {
   base::linkedlist<connection*> connections;  // owned; in order of arrival, outgoing ones included
   int port;                                   // 0: never listens, only services what is put into the list
   bool localhost_only;
-  int64_t last_report = 0;  // when the count was last considered, in seconds since the epoch
+  int64_t last_report = 0;  // when report() last looked at the count, in seconds since the epoch
   int last_count = -1;      // the count printed last
 
   explicit server_base(int listen_port, bool on_localhost_only = false);
@@ -87,7 +87,7 @@ struct server_base : abstract_server {
   bool start() override;
   void update() override;
   bool on_accept(connection*) override { return true; }
-  // The destructor ends connections without the hook of a derived server, whose part is already destroyed.
+  // The destructor calls this on_remove() and not that of a derived server, whose part is already destroyed.
   // cppcheck-suppress virtualCallInConstructor
   void on_remove(connection*) override {}
   int recv(connection* conn, char* buf, int len) override;

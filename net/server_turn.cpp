@@ -22,7 +22,8 @@ constexpr int least_share = 65536;
 // together should take about a MiB, which is still in the cache when it leaves the pipes and the output
 // buffers. With a MiB for each connection, a response of 1 MiB with 16 clients took 1.8 times the processor
 // time, and 1.5 times over TLS (wrk, two busy cores of a virtual machine, medians of the ratios of 5 rounds
-// in turns). With 64 KiB for a connection that is alone, a long download took 1.2 times.
+// in which the two builds ran alternately). With 64 KiB for a connection that is alone, a long download took
+// 1.2 times the processor time.
 int share_of_a_pass() {
   return std::max(least_share, read_capacity / std::max(1, sockets::num_ready()));
 }
@@ -38,7 +39,7 @@ alignas(4096) char read_buffer[read_capacity];
 bool has_timed_out(const connection* conn, int64_t now) {
   auto idle_seconds =
       static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(conn->last_active));
-  // idle_seconds is tested first: `timeout` stands after the output buffer, in memory that a pass over many
+  // idle_seconds is tested first: `timeout` lies after the output buffer, in memory that a pass over many
   // busy connections need not touch.
   return idle_seconds > 0 && conn->timeout >= 0 && idle_seconds > conn->timeout;
 }
@@ -67,9 +68,9 @@ void server_base::update() {
 }
 
 // Fetches the fields at the front of every connection into the cache, all at once. Otherwise a pass over many
-// connections would wait for each of these, one after the other: a kept-alive request with 400 clients took
-// 1.08 times the processor time (wrk, median of the ratios of 31 rounds in turns on two busy cores; shorter
-// runs gave 1.06 and 0.99).
+// connections would wait for these fields of one connection after the other: a kept-alive request with 400
+// clients took 1.08 times the processor time (wrk, median of the ratios of 31 rounds in which the two builds
+// ran alternately, on two busy cores; shorter runs gave 1.06 and 0.99).
 void server_base::prefetch_connections() const {
   for (auto* node = connections.head->next; node; node = node->next) __builtin_prefetch(node->value);
 }
@@ -85,7 +86,7 @@ void server_base::for_each_connection(F serve) {
       serve(conn);
     } catch (const std::string&) {
       selected = nullptr;
-      throw;  // the end of a connection may throw it, too; the connection is gone then
+      throw;  // `conn` may be gone: the hook for its end may throw a std::string, too
     } catch (...) {
       print_failure(conn->sock);
       unlink_and_end(conn);
@@ -167,7 +168,7 @@ void server_base::note_fruitless_turn(connection* conn, directions direction, bo
 
   if (conn->unexplained == most_fruitless_turns) {
     conn->timeout = 0;
-    conn->last_active = static_cast<int32_t>(now - 2);  // even if the clock steps back by a second meanwhile
+    conn->last_active = static_cast<int32_t>(now - 2);  // times out even if the clock goes back by a second
   } else if (!is_waiting || conn->fruitless < most_fruitless_turns) {
     return;
   } else if (direction == reading) {

@@ -19,7 +19,7 @@ constexpr rlim_t usual_limit = 1024;  // descriptors
 constexpr rlim_t raised_limit = 2048;
 
 fd_set* new_set() {
-  auto* set = new fd_set;  // never deleted: sockets are closed until the very end of the process
+  auto* set = new fd_set;  // never deleted, because sockets may be closed while the process ends
   FD_ZERO(set);
   return set;
 }
@@ -62,7 +62,7 @@ int grant_wishes() {
   return longest_wait_us;
 }
 
-// Adds to the results the sockets that are readable without asking select().
+// Adds the sockets of mark_unread() to the results: they are readable, whatever select() has found.
 void add_unread() {
   for (int sock = 0; sock < FD_SETSIZE; sock++) {
     if (!FD_ISSET(sock, &wishes.unread) || FD_ISSET(sock, readable())) continue;
@@ -116,7 +116,8 @@ void select_all() {
     printf("select() failed! %d\n", cause);
     errno = cause;  // the servers look at it
   }
-  // After a failed wait the servers skip the turn, and the wishes hold for the next wait.
+  // After a wait that a signal has ended, the servers skip the turn, and the wishes hold for the next wait.
+  // After any other error the servers end all connections and start again.
   if (wishes.is_any && num_ready() >= 0) {
     add_unread();
     forget_wishes();

@@ -37,7 +37,7 @@ void mark_passed_over(int sock);
 void rest_reading(int sock);
 void rest_writing(int sock);
 
-/* Whether `sock` can stand in an fd_set. */
+/* Whether `sock` fits into an fd_set. */
 inline bool fits(int sock) {
   return sock >= 0 && sock < FD_SETSIZE;
 }
@@ -59,15 +59,15 @@ void mark_ready(int sock);
 void close(int sock);
 
 /* Opens a non-blocking listening TCP socket on IPv4, prints what it binds to, and stores its descriptor in
- * `sock`. Accepted sockets have TCP_NODELAY and keepalive set. Returns false, after printing the cause, when
- * no socket could be opened. Then nothing stays open, and `sock` is -1; it is unchanged if no address was
- * found. The caller registers the socket and closes it. */
+ * `sock`. The caller registers the socket and closes it. Accepted sockets have TCP_NODELAY and keepalive set.
+ * Returns false, after printing the cause, when the socket cannot be opened. Then nothing stays open, and
+ * `sock` is -1, or unchanged if getaddrinfo() has failed. */
 bool listen(int& sock, bool localhost_only, int port);
 
-/* Opens a TCP connection to `host` over IPv4 and returns its descriptor, which the caller closes, or -1 after
- * printing the cause. If `blocking` is false, only the first address is tried, and the connection may still
- * be in progress or may have failed already: see has_failed(). If it is true, the addresses are tried in
- * turn, and the socket stays in blocking mode. */
+/* Opens a TCP connection to `host` over IPv4. Returns its descriptor, which the caller closes. Returns -1,
+ * after printing the cause, when it cannot. If `blocking` is false, only the first address is tried, and the
+ * connection may still be in progress or may have failed already: see has_failed(). If it is true, the
+ * addresses are tried one after the other, and the socket stays in blocking mode. */
 int connect(const std::string& host, int port, bool blocking);
 
 /* Whether the connection started on `sock` is known to have failed. On loopback a refusal is known before
