@@ -11,8 +11,8 @@
  * (2) A Transfer-Encoding line is the name, in any letter case, at the beginning of a line, and a ":"
  *     directly after it. It counts whatever the other lines say, even a Content-Length (section 6.3, item 3).
  *
- * (3) All such lines together, in their order, are one list (RFC 9110, section 5.3). With "chunked" as its
- *     last coding, in any letter case, the body ends by its last chunk.
+ * (3) All such lines together, in their order, are one list (RFC 9110, section 5.3). If the last coding in
+ *     this list is "chunked", in any letter case, the body ends by its last chunk.
  *
  * (4) `unknown`, when chunked is not the last coding, or is there twice (section 6.1). Also when an element
  *     of the list is empty, or is more than a token: the chunked coding has no parameters (section 7.1), and
@@ -24,8 +24,8 @@
  *     take these for the end of a line (section 2.2).
  *
  * (6) `unknown`, when there is a Transfer-Encoding line and any line of the head is continued on the next one
- *     (section 5.2), or holds a bare CR or LF. This need not be the Transfer-Encoding line: when a line is
- *     not passed on, its continuation becomes part of the line before it.
+ *     (section 5.2), or holds a bare CR or LF. Other lines count, too, because of lines that are not passed
+ *     on: the continuation of such a line becomes part of the line before it.
  *
  * (7) `unknown`, when there is a Transfer-Encoding line and the request line is not three words with single
  *     blanks, of which the last is "HTTP/1.1": HTTP/1.0 has no transfer codings (section 6.1). Also when the

@@ -45,7 +45,8 @@ size_t chunked_body::parse(const char* data, size_t len) {
   return is_malformed() ? len : at;
 }
 
-// At the end of a line and after a chunk, where one byte is right and all others are wrong.
+// Returns the place after the byte `c`. At the end of a line and after a chunk, only one byte is right.
+// next_in_line() handles the other places.
 chunked_body::places chunked_body::next(char c) {
   switch (place_) {
     case places::size_lf:
@@ -63,7 +64,8 @@ chunked_body::places chunked_body::next(char c) {
   }
 }
 
-// In a line. Every byte counts for its length, except the CR that ends it.
+// The same for the places inside a line. Every byte counts for the length of the line, except the CR that
+// ends it.
 chunked_body::places chunked_body::next_in_line(char c) {
   if (place_ == places::size_begin || place_ == places::trailer_begin) line_length_ = 0;
   if (c != '\r' && ++line_length_ > most_line_bytes) return places::malformed;

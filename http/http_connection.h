@@ -1,9 +1,9 @@
 /* http_connection: an accepted socket that speaks HTTP/1.1 (RFC 9112), and WebSocket after an upgrade.
  *
- * on_recv makes requests of the bytes that come and calls the hooks: on_headers when the head is there,
- * on_data for the body, on_request at the end of the body. A handler answers with write(), write_file() or
- * redirect(). The answer is queued in parts, which on_send hands to the server one at a time. Requests are
- * not pipelined: whatever follows a head belongs to its request until that request is complete.
+ * on_recv turns the incoming bytes into requests and calls the hooks: on_headers after the head, on_data for
+ * the body, on_request at the end of the body. A handler answers with write(), write_file() or redirect().
+ * The answer is queued in parts, which on_send hands to the server one at a time. Requests are not pipelined:
+ * whatever follows a head belongs to its request until that request is complete.
  *
  *     request.cpp     input: chunks, heads, bodies; reset(); the questions about a request
  *     response.cpp    output: answers, their parts, on_send()
@@ -46,7 +46,7 @@ struct http_connection : connection {
     job* thread = nullptr;   // owned; its result is sent as one chunk and the last chunk
     int32_t timeout = 0;     // the connection's idle time-out after a job's result is sent
     size_t sent = 0;         // bytes of `data` already handed out, for parts longer than the output buffer
-    int64_t announced = -1;  // exactly so many bytes of `file`, whatever `remaining` says; negative: not set
+    int64_t announced = -1;  // bytes of `file` still to be sent, instead of `remaining`; negative: not set
 
     response_part() = default;
     response_part(const response_part&) = delete;
@@ -66,7 +66,7 @@ struct http_connection : connection {
 
   static constexpr int32_t usual_max_request_length = 104857600;  // bytes
 
-  // The order of the fields is fixed, so the groups alternate.
+  // The order of the fields is fixed, so fields of the request and fields of the connection alternate.
 
   // This request; cleared by reset().
   bool headers_received = false;
@@ -83,10 +83,11 @@ struct http_connection : connection {
   int32_t content_length = 0;                             // as announced; 0 without an announcement
   std::string content;  // the body as on_data gathers it; after an upgrade, the unread frames
 
-  /* The connection. Only a handler ever sets this again after it was cleared. When it is false, three rules
-   * hold: (1) the connection closes when the request is answered and all queued bytes are sent, so write()
-   * adds no length; (2) there is no next request: bytes that still come are part of this body, and call
-   * on_request() again; (3) after an upgrade, no more frames are read. */
+  /* The connection. Once this is false, only a handler ever sets it to true again. While it is false, three
+   * rules hold: (1) the connection closes when the request is answered and all queued bytes are sent, so
+   * write() adds no length; (2) there is no next request: bytes that still come belong to this body, and
+   * on_request() is called again each time such bytes are read; (3) after an upgrade, no more frames are
+   * read. */
   bool keep_alive = true;
 
   // This request; cleared by reset().
@@ -98,8 +99,8 @@ struct http_connection : connection {
   std::string cookie;
   std::string response_headers;  // lines that write() adds to the head, each ended by CRLF
 
-  // WebSocket. reset() clears the message. It is never called after an upgrade.
-  bool websocket_enabled = true;          // answers a request for an upgrade; a proxy passes it on
+  // WebSocket. reset() clears `message`, and is never called after an upgrade.
+  bool websocket_enabled = true;          // upgrades are answered here; a proxy clears it and passes them on
   bool upgraded = false;                  // speaks WebSocket from now on
   std::string message;                    // the message so far
   int32_t max_message_length = 10485760;  // bytes of payload in a whole message
@@ -117,14 +118,15 @@ struct http_connection : connection {
 
   /* The head of a request has been parsed. No byte of the body has been delivered yet, but content_received
    * already counts the bytes that came with the head. Not called for a request for an upgrade that is
-   * answered here. Prints info(true). */
+   * answered here, even when the upgrade is refused. Prints info(true). */
   virtual void on_headers();
 
-  /* The next bytes of the body, which are counted already; `len` may be 0. They die after the call. Gathers
-   * them in `content`; after an upgrade reads the frames in it. */
+  /* The next bytes of the body, which are counted already; `len` may be 0. They are valid only during the
+   * call. Gathers them in `content`; after an upgrade reads the frames in it. */
   virtual void on_data(char* data, int len);
 
-  /* The connection speaks WebSocket now. Closes it after the handshake is sent; an override may keep it. */
+  /* The connection speaks WebSocket now. This closes it after the handshake is sent; an override may keep it
+   * open. */
   virtual void on_upgrade();
 
   /* A whole WebSocket message is in `message`, which is emptied after the call. Echoes it as text. */
@@ -133,7 +135,7 @@ struct http_connection : connection {
   /* The request is complete. Answers with the request's head and the length of its body, as text. An override
    * looks at `written` first, and does nothing when it is set: the request has been answered already. That
    * happens in two cases. A refused upgrade was answered with a 400. On a connection that is not kept alive,
-   * bytes after the request call this again, each time that the socket is read. */
+   * this is called again each time bytes after the request are read. */
   virtual void on_request();
 
   /* Clears the fields of a request for the next one. keep_alive, the queued parts, the upgrade and the
@@ -151,7 +153,7 @@ struct http_connection : connection {
    * Content-Length that announces them. Takes `file` and closes it in any case. What is added to the file
    * later is not sent. When some of the announced bytes are missing, a line is printed, the connection ends
    * after the last byte that is there, and everything else that is queued is dropped. Like write(), it sends
-   * no body for HEAD, and counts only as the first answer of a request. */
+   * no body for HEAD, and only the first answer to a request counts. */
   void write_file(std::string answer_head, FILE* file, int64_t length);
 
   /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. The 301
@@ -185,9 +187,9 @@ struct http_connection : connection {
   /* Ends the membership, if there is one. */
   void unsubscribe(const std::string& channel);
 
-  /* Queues one frame for each member of a channel, in the order in which they came, as send_message() does.
-   * Leaves out members whose connection is about to close: they may read no more, and their frames would pile
-   * up. */
+  /* Queues one frame for each member of a channel, in the order in which the members subscribed, as
+   * send_message() does. Leaves out members whose connection is about to close: they may read no more, and
+   * their frames would pile up. */
   static void publish(const std::string& channel, const std::string& payload, int opcode);
 
   /* The connections of each channel, kept by subscribe() and unsubscribe(). A connection is in the list of a
@@ -210,7 +212,7 @@ struct http_connection : connection {
   /* The peer's address as a dotted quad. */
   std::string ip_text() const;
 
-  /* Append the results of get_header() and info() to the first argument. So a text that is built anew for
+  /* These append what get_header() and info() return to the first argument. So a string that is filled for
    * each request keeps its memory. */
   static void append_header(std::string& to, std::string_view name, const std::string& text);
   void append_info(std::string& to, bool with_agent) const;

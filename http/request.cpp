@@ -1,4 +1,4 @@
-// The input side of http_connection: makes requests of the bytes that come.
+// The input side of http_connection: turns the incoming bytes into requests.
 
 #include <netinet/in.h>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr char crlf[] = "\r\n";  // a line that begins with it is the empty line at the end of a head
+constexpr char crlf[] = "\r\n";  // as a name for base::find_line(): the empty line at the end of a head
 
 // Counters wrap; signed addition must not.
 int32_t wrapping_sum(int32_t a, int len) {

@@ -88,17 +88,17 @@ void http_connection::append_part(std::string data) {
 }
 
 bool http_connection::on_send(char* buf, int cap, int* len) {
-  if (response_parts.count == 0) return !written || keep_alive;  // without an answer yet, it waits
+  if (response_parts.count == 0) return !written || keep_alive;  // not answered yet: stays open
   response_part& part = *response_parts.front();
   if (part.file) return send_file(part, buf, cap, len);
   if (part.thread) return send_job(part, buf, cap, len);
   return send_data(part, buf, cap, len);
 }
 
-// Sends a slice of a file. The part ends when a read gives less than a slice, or when the limit is used up.
-// The limit is `remaining`, and each slice of `cap` bytes reduces it. A rest below `cap` is never reduced:
-// slices of that size follow until the file ends. So a limit is exact only when it is a multiple of `cap` or
-// reaches the end of the file.
+// Sends a slice of a file. `remaining`, if it is not negative, is the limit. Each slice of `cap` bytes
+// reduces it. A rest below `cap` is never reduced: slices of that size follow until the file ends. So a limit
+// is exact only when it is a multiple of `cap` or reaches the end of the file. The part ends when the limit
+// is 0, or when a read gives less than a slice.
 bool http_connection::send_file(response_part& part, char* buf, int cap, int* len) {
   if (part.announced >= 0) return send_announced(part, buf, cap, len);
   *len = 0;

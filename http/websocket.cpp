@@ -33,10 +33,10 @@ double little_endian(const std::string& text, size_t at, size_t count) {
 
 enum parse_results { complete, incomplete };
 
-// Parses the header of the frame at text[off], of which at least 6 bytes are there. An extended length is
-// read least significant byte first. A length of 8 bytes is read at offset 8, with its mask after it. Both
-// differ from RFC 6455 and from what browsers send, but clients written for this server rely on it. Frames
-// of up to 125 bytes have no extended length.
+// Parses the header of the frame at text[off], of which at least 6 bytes are there. Frames of up to 125 bytes
+// have no extended length and are read as in RFC 6455. Other frames are read differently: an extended length
+// is read least significant byte first, and a length of 8 bytes is read at offset 8, with its mask after it.
+// Browsers do not send this, but clients written for this server rely on it.
 parse_results parse_frame_header(const std::string& text, size_t off, frame_header& frame) {
   auto byte = [&](size_t i) { return static_cast<unsigned char>(text[off + i]); };
   frame.opcode = byte(0) & 15;
@@ -50,7 +50,8 @@ parse_results parse_frame_header(const std::string& text, size_t off, frame_head
     frame.mask_at = 2;
     frame.payload = code;
   } else if (code == length_in_2_bytes) {
-    // The length is in the first 6 bytes. Only the first frame of the input also waits for its mask.
+    // The length is in the first 6 bytes. This waits for the mask, too, but only in the first frame of the
+    // input.
     if (text.size() <= 7) return incomplete;
     frame.length = 8;
     frame.mask_at = 4;
@@ -109,8 +110,8 @@ void http_connection::read_frames() {
       hang_up();
       return;
     }
-    // With a length of 8 bytes the mask is inside the payload: the part of it that is used must be there,
-    // too.
+    // With a length of 8 bytes the mask begins inside the payload, and may end after it. The bytes of the
+    // mask that are used must be there, too.
     auto length = static_cast<size_t>(frame.payload);
     size_t mask_used = length < 4 ? length : 4;
     size_t end = std::max(off + frame.length + length, off + frame.mask_at + mask_used);

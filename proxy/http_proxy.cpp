@@ -23,8 +23,9 @@ void http_proxy::begin_body() {
   keep_request_open();
 }
 
-// The request stays open while content_received is below content_length, here the largest number. A body
-// without a limit on its length may reach that number. So the count wraps one byte early.
+// The request stays open while content_received is less than content_length, which is the largest number
+// here. A body without a limit on its length may make content_received reach this number. So the count wraps
+// one byte early.
 void http_proxy::keep_request_open() {
   content_length = INT32_MAX;
   if (content_received == INT32_MAX) content_received = INT32_MIN;
@@ -32,8 +33,8 @@ void http_proxy::keep_request_open() {
 
 namespace {
 
-// A text that cannot be a host is refused like a name that does not resolve, but without a look-up: all
-// clients would wait for that.
+// A text that cannot be a host is refused like a name that does not resolve, but without a look-up, because
+// all clients would wait for it.
 int connect(const std::string& host, int32_t port) {
   if (base::is_host_name(host)) return sockets::connect(host, port, false);
   printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
@@ -98,7 +99,8 @@ void http_proxy::on_data(char* data, int len) {
   pipe->append_to_upstream(data, size);
 }
 
-// Bytes that come in one piece with the end of the body belong to this request, as with every other request.
+// Bytes that arrive in one read with the end of the body belong to this request, too, as with every other
+// request.
 void http_proxy::follow_chunks(const char* data, size_t len) {
   if (end_of_body == body_end::by_last_chunk) chunks.parse(data, len);
   if (chunks.has_ended())
@@ -134,8 +136,8 @@ void http_proxy::append_headers(std::string& to, const std::string& head) {
   if (p == 0 || p == std::string::npos) return;
   size_t kept = p + 2;  // the lines from here to p + 2 are still to be copied
   for (;;) {
-    // From p + 4, so that the empty line at the end of a head is not taken for a header. This also skips the
-    // end of a line of one byte, so that line counts as part of the next one.
+    // The search starts at p + 4, so that the empty line at the end of a head is not taken for a header. If
+    // the line at p + 2 has only one byte, its end is skipped, too. Then it counts as part of the next line.
     size_t end = base::find_line_end(head, p + 4);
     if (end == std::string::npos) break;
     if (is_dropped(head, p + 2)) {
@@ -166,8 +168,8 @@ http_proxy::~http_proxy() {
   drop_pipe();
 }
 
-// Leaves the pipe. This may free it, so the caller must not use `pipe` before it is set again. First the pipe
-// forgets this side's socket, which may be closed: what ends in here must not wake it.
+// Leaves the pipe. This may free it, so `pipe` must be set again before it is used. First the pipe forgets
+// this side's socket. That socket may be closed already, and what ends in this function must not wake it.
 void http_proxy::drop_pipe() {
   pipe->client_sock = -1;
   if (unserved) {

@@ -1,4 +1,4 @@
-/* http_proxy: the client side of a relay, and a forward proxy in its own right (RFC 9110, section 7.6).
+/* http_proxy: the client side of a relay. On its own it is a forward proxy (RFC 9110, section 7.6).
  *
  * Each request chooses an upstream in on_headers. Its head and body go into the pipe that this object shares
  * with the upstream's proxy_connection, and what comes back goes out as it is. An upstream serves consecutive
@@ -33,7 +33,7 @@ struct http_proxy : http_connection {
   // This request; set again by begin_body().
   body_end end_of_body = body_end::by_length;
   chunked_body chunks;            // reads a body that ends by its last chunk
-  bool is_answered_here = false;  // by the proxy itself: no upstream gets any byte of it
+  bool is_answered_here = false;  // by the proxy itself; on_data() says what becomes of the body
 
   http_proxy();
   ~http_proxy() override;
@@ -43,9 +43,10 @@ struct http_proxy : http_connection {
   /* Serves the request as a forward proxy: an absolute URL is fetched, CONNECT opens a tunnel. */
   void on_headers() override;
 
-  /* Queues body bytes for the upstream of the pipe, also those of a request that was answered here. If the
-   * pipe has no upstream, nobody will ever take them: on_send() drops them. The chunks of a request that was
-   * answered here are dropped at once: the upstream of an earlier request would take them for a request. */
+  /* Queues body bytes for the upstream of the pipe. If the pipe has no upstream, nobody will ever take them,
+   * and on_send() drops them. The body of a request that was answered here is queued, too, if it has a
+   * Content-Length: then the upstream of an earlier request gets it, if there is one. Any other body of such
+   * a request is dropped at once, because that upstream would take it for a request. */
   void on_data(char* data, int len) override;
 
   /* Does nothing: on_headers has forwarded the request or answered it. */
@@ -71,8 +72,8 @@ struct http_proxy : http_connection {
   void begin_body();
 
   /* Leaves the current upstream and opens another one. Returns false when the new one cannot be reached: the
-   * 502 is then queued for the client, the connection closes after it, and the time-out is as before. After
-   * true the caller sets upstream_port, and upstream_host if it compares that. */
+   * 502 is then queued for the client, the connection closes after it, and the time-out is as before. When
+   * this returns true, the caller sets upstream_port, and also upstream_host if it compares hosts. */
   bool open_upstream(const std::string& host, int32_t port);
 
   /* Answers the request here, without an upstream. */

@@ -10,7 +10,7 @@
 struct proxy_connection : connection {
   proxy_pipe* pipe;  // shared
 
-  /* Serves `upstream_sock`, which the server that gets this connection closes. Takes one reference to
+  /* Serves `upstream_sock`. The server that takes this connection closes the socket. Takes one reference to
    * `shared_pipe`. Never times out. */
   proxy_connection(int upstream_sock, proxy_pipe* shared_pipe);
 

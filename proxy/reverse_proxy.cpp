@@ -12,7 +12,7 @@ base::hashmap<int>& reverse_proxy::hosts() {
 
 void reverse_proxy::on_headers() {
   begin_body();
-  static std::string host, line;  // keep their memory from request to request, unless it is much
+  static std::string host, line;  // keep their memory for the next request, up to 64 KiB
   host.clear();
   append_header(host, "host", head);
   const int local_port = hosts().get(host);  // 0 when the host is not there

@@ -14,9 +14,10 @@
  * read. */
 bool get_strings(const std::string& path, std::string& out);
 
-/* The file name to open for the library `name`. It is the last component of the first path in the linker's
- * cache whose last component begins with `name`. If there is no such path, it is `name` itself. Prints a
- * message on standard error when there is no cache. The text of the cache is kept until the process ends. */
+/* Returns the file name to open for the library `name`: of the paths in the linker's cache, the first whose
+ * last component begins with `name` counts, and this last component is returned. If there is no such path,
+ * returns `name` itself. Prints a message on standard error when there is no cache. The text of the cache is
+ * kept until the process ends. */
 std::string _import_probe(const std::string& name);
 
 struct import {

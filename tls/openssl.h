@@ -22,7 +22,7 @@ constexpr int filetype_pem = 1;           // SSL_FILETYPE_PEM
 constexpr int ctrl_mode = 33;             // SSL_CTRL_MODE
 constexpr long enable_partial_write = 1;  // SSL_MODE_ENABLE_PARTIAL_WRITE
 
-extern unsigned long (*OpenSSL_version_num)();  // 1.1 and later have it: a throw means the older API
+extern unsigned long (*OpenSSL_version_num)();  // missing before 1.1: if the call throws, it is the older API
 extern void (*SSL_load_error_strings)();        // older API
 extern int (*SSL_library_init)();               // older API
 extern int (*OPENSSL_init_ssl)(uint64_t options, const void* settings);  // newer API
