@@ -59,7 +59,8 @@ struct filtering_proxy : http_proxy {
   }
 
   bool should_block(const std::string& host) override {
-    // This is refused later, without a look-up. A name of many labels would take long here.
+    // A text that cannot be a host is refused later, without a look-up. With many dots it would take long
+    // here.
     if (!base::is_host_name(host)) return false;
     std::string name = usual_spelling(host);
     for (;;) {

@@ -19,8 +19,8 @@ namespace {
 
 constexpr int max_jobs = 16;  // threads that work at the same time, for all clients together
 
-/* Counts primes in a thread of its own. The response part that holds it deletes it, so the work ends early
- * when the client leaves early. */
+/* Counts primes in a thread of its own. The response part that holds this job deletes it. So when the client
+ * leaves early, the work ends early, too. */
 struct prime_count : http_connection::job {
   /* Starts the work and hands it over. Returns null when max_jobs threads work, or when the system gives no
    * further thread. */
@@ -89,7 +89,7 @@ struct job_connection : http_connection {
     // The result becomes the one chunk of the body.
     write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n", "");
     response_parts.push(part);
-    timeout = -1;  // until the job is done, which sets the part's time-out
+    timeout = -1;  // none until the job is done; then the time-out of the part holds
   }
 };
 

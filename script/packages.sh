@@ -17,8 +17,8 @@ need_packages() {
     "${missing[@]}" >/dev/null
 }
 
-# need_packages_without SERVICE... -- PACKAGE...: does the same, and then stops and disables those of the services that
-# the packages have brought. A service that was there before is left as it is.
+# need_packages_without SERVICE... -- PACKAGE...: does the same as need_packages. Then it stops and disables each
+# SERVICE that came with the packages. A service that was there before is left as it is.
 need_packages_without() {
   local new_services=() as_root=()
   for (( ; $# > 0; )); do

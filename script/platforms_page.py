@@ -17,32 +17,32 @@ NOTES = """
 
 * **OpenSSL 1.1.1** begins a renegotiation when a TLS 1.2 client asks for one, so a malformed one ends the session.
   OpenSSL 3.0 and later refuse it and go on.
-* **OpenSSL 3.5** reads the whole of a small request before it sees that the request is plain HTTP. No byte is left in
-  the socket from which `mivo` could see that, so the time-out ends the session. With OpenSSL 3.0 and before, the
-  session ends at once.
+* **OpenSSL 3.5** reads a small request completely before it sees that the request is plain HTTP. Then no byte is left
+  in the socket that could show this to `mivo`, and only the time-out ends the session. With OpenSSL 3.0 and earlier,
+  the session ends at once.
 * **Node 12** of Debian 11 has no `fetch`, so only the tests that do not need it run there. The browser's test needs
   Chromium, and only `script/test` runs it.
 * **CMake before 3.20** has no presets. CONTRIBUTING.md has the commands without presets, and these are run here.
 
 ## Pages and characters
 
-The program works with any size of a page. The memory of connections asks the system for this size, and its tests run
-with simulated pages of 4, 16 and 64 KiB (`tests/net/connection_memory_test.cpp`). `char` is unsigned on ARM64, so the
-unit tests in the emulator also show that the code works with an unsigned `char`.
+The program works with any page size. The code for the memory of connections asks the system for the page size. The
+tests of this code simulate pages of 4, 16 and 64 KiB (`tests/net/connection_memory_test.cpp`). `char` is unsigned on
+ARM64, so the unit tests in the emulator also show that the code works with an unsigned `char`.
 
 ## musl
 
-Debian has no C++ library for musl. `cmake/x86_64-linux-musl.cmake` links Debian's libc++, which was compiled for
-glibc. musl lacks five functions that this libc++ needs. All of them are checked variants of ordinary functions, and
-the linker uses the ordinary functions instead. The program is static and serves plain HTTP. There is no cache of
-glibc's linker, and `dlopen()` always fails in a static program. So each start prints `Unable to find ld.so.cache!` and
-`Unable to load libssl.so` on standard error; the tests check that it prints nothing else. HTTPS would need an OpenSSL
-that is compiled for musl, and Debian has none.
+Debian has no C++ library for musl, so `cmake/x86_64-linux-musl.cmake` links Debian's libc++, which was compiled for
+glibc. This libc++ needs five functions that musl lacks. Each of them is an ordinary function with an additional check,
+and the linker uses the function without the check instead. The program is static and serves only plain HTTP. Where the
+tests run, there is no cache of glibc's linker, and `dlopen()` always fails in a static program. So each start prints
+`Unable to find ld.so.cache!` and `Unable to load libssl.so` on standard error; the tests check that it prints nothing
+else. HTTPS would need an OpenSSL that is compiled for musl, and Debian has none.
 """
 
 
 def write_page(path, results):
-    """`results` has the results of each platform, which become one column."""
+    """`results` is a list of platforms. The results of each platform become one column."""
     if not results:
         return
     rows = [["", *(found["system"] for found in results)], ["---"] * (len(results) + 1)]

@@ -154,8 +154,8 @@ class Platform:
         self.build("tests with g++", "tests", "-DCMAKE_BUILD_TYPE=Asan", "-DMIVO_TESTS=ON", targets=UNIT_TESTS)
 
     def write_wrapper(self, command):
-        """Puts a program into the root that the tests start in place of mivo. It removes the library of stdbuf that the
-        tests preload, because that library is only for programs of this processor and C library."""
+        """Writes a script into the root folder; the tests start it in place of mivo. The script clears LD_PRELOAD, in
+        which the tests name stdbuf's library: that library works only with this machine's processor and C library."""
         path = self.root / self.wrapper.lstrip("/")
         path.write_text(f'#!/bin/sh\nunset LD_PRELOAD\n{command} "$@"\n')
         path.chmod(0o755)
