@@ -41,7 +41,7 @@ class Bar(NamedTuple):
 
 
 def beside(workload, figure, others):
-    """The ratio to the server in `others` with the least median. So all rounds are compared with the same server."""
+    """Reads the ratio to one server: the server in `others` with the lowest median. All rounds are compared with it."""
 
     def read(results):
         other = figures.least_of(results, workload, figure, others)
@@ -60,8 +60,8 @@ def own(workload, figure, factor=1.0):
 
 
 def given_back(results):
-    """Of the memory that mivo took for a slow client, the share that it still has afterwards. A few MiB of this are
-    buffers that are kept for the next client, however long the body is. So the bar is a tenth, not zero."""
+    """The share of the memory for a slow client that mivo still has when the client has gone. A few MiB of it are
+    buffers that mivo keeps for the next client, however long the body is. So the bar is a tenth, not zero."""
     kept = figures.by_round(results, "slow client", "mivo", "kept_kib")
     growth = figures.by_round(results, "slow client", "mivo", "growth_kib")
     found = figures.spread_of(kept[n] / growth[n] for n in kept)
@@ -105,6 +105,6 @@ BARS = [
 
 
 def is_met(bar, measured):
-    """Compares with the digits that are printed: 4.004 calls per request count as 4, because one in 250 requests has a
-    call that was interrupted."""
+    """Compares the rounded figure that is printed. So 4.004 calls per request count as 4: a call is interrupted in one
+    of 250 requests."""
     return float(figures.number(measured.spread.median)) <= bar.most

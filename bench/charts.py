@@ -76,7 +76,7 @@ CHARTS = (
             Panel("one slow client", "slow client", "growth_kib", "MiB", PEERS, 1 / 1024),
         ),
         0,
-        "An idle client whose request was relayed keeps resident",
+        "Resident memory of an idle client whose request was relayed",
     ),
 )
 

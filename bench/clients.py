@@ -68,8 +68,9 @@ def wrk(url, host, connections, seconds, threads=1):
 
 
 def ab(url, host, connections, seconds):
-    """A connection for each request (HTTP/1.0 without keep-alive). The latencies of ab are left out, because they are
-    whole milliseconds. Only for plain HTTP: ab counts a connection that ends without a close_notify as a failure."""
+    """Runs ab, which opens a connection for each request (HTTP/1.0 without keep-alive). Its latencies are left out,
+    because they are whole milliseconds. Use this only for plain HTTP: over TLS, ab counts a connection that ends
+    without a close_notify as a failure."""
     command = ["ab", "-q", "-t", str(seconds), "-n", str(100000 * seconds), "-c", str(connections)]
     command += ["-H", f"Host: {host}", url]
     out = run(command)
@@ -166,8 +167,8 @@ class Client:
 
 
 def repeated(seconds, once, command, pause=lambda: None):
-    """Calls `once` again and again, and `pause` before each call, until the calls of `once` have taken `seconds` in
-    total. Returns the figures of the seconds that `once` returns."""
+    """Calls `pause` and then `once`, again and again. `once` returns the seconds that it has measured. The calls end
+    when these add up to `seconds`. Returns the figures of these times."""
     taken = []
     while sum(taken) < seconds * 1000:
         pause()

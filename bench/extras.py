@@ -87,8 +87,8 @@ def count_calls(server, work):
 
 
 def calls_per_request(calls, requests, is_mivo):
-    """Calls that many requests share are counted separately: the waits, and the write() of a full buffer of mivo's
-    console lines. mivo sends no answer with write()."""
+    """Counts two kinds of calls separately, because many requests share one such call: the waits, and mivo's write()
+    of a full buffer of console lines. mivo never sends a response with write()."""
     waits = sum(n for name, n in calls.items() if name in WAITS)
     console = calls.get("write", 0) if is_mivo else 0
     return {
@@ -100,8 +100,9 @@ def calls_per_request(calls, requests, is_mivo):
 
 
 def system_calls(count):
-    """System calls per request. The connections are opened before the count. wrk would open its connections during
-    the count, and strace is so slow that few requests would share the cost of that."""
+    """System calls per request. The connections are opened before the count begins. wrk would open its connections
+    during the count. strace is so slow that wrk would then make only a few requests, and the calls that open the
+    connections would raise the figures."""
     times = REQUESTS // count
 
     def measure(bench, server, seconds):

@@ -5,9 +5,9 @@
                           "results": {SERVER: [{"round": 1, FIGURE: number, ...}, ...]},
                           "failures": [{"round": 1, "server": ..., "cause": ...}]}}}
 
-Every round of every server is kept. The printed figures are computed from the rounds: a median, with the least and
-the most beside it. A ratio is taken within each round, in which the servers ran one after the other; what is printed
-is the median of these ratios."""
+Every round of every server is kept. The printed figures are computed from the rounds: a median, and next to it
+the lowest and the highest value. A ratio is computed for each round, in which the servers ran one after the other. The
+printed ratio is the median of these ratios."""
 
 import json
 import statistics
@@ -64,7 +64,7 @@ def number(value):
 
 
 def text_of(found):
-    """A text like "12.6 (12.3–12.9)". The median alone when all rounds gave the same; "" for None."""
+    """A text like "12.6 (12.3–12.9)". If all rounds gave the same figure, only this figure. For None, ""."""
     if found is None:
         return ""
     least, median, most = number(found.least), number(found.median), number(found.most)
@@ -76,11 +76,12 @@ def results_of(data):
 
 
 def merged(old, new):
-    """The old figures, except that the new ones replace those of the same workloads. Raises ValueError when the old
-    ones are of another machine, or of other versions or flags: the reader would take them all for one run."""
+    """The old figures, in which the new figures replace those of the same workloads. Raises ValueError if the old
+    figures are of another machine, or of other versions or flags, because a reader would take all of them for one
+    run."""
     for key in ("machine", "versions", "flags"):
         if old[key] != new[key]:
-            raise ValueError(f"the figures there are of another {key}: {old[key]}, now {new[key]}")
+            raise ValueError(f"the old figures are of another {key}: {old[key]}, now {new[key]}")
     return {
         **new,
         "servers": {**old["servers"], **new["servers"]},

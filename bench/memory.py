@@ -28,9 +28,9 @@ def ask_once(opened):
 
 
 def idle(bench, server, seconds):
-    """KiB that each of IDLE_CLIENTS adds to a server that has already served one client. Measured first when the
-    clients have only connected, and again when a request of each has been relayed and they stay. Over TLS only the
-    second figure is measured."""
+    """KiB that each of IDLE_CLIENTS adds to a server that has already served one client. There are two figures.
+    The first is measured when the clients have only connected. The second is measured when one request of each client
+    has been relayed and the clients stay connected. Over TLS, only the second is measured."""
     context = tls_context() if server.tls else None
     with bench.fresh(server.name, server.job) as fresh, ExitStack() as stack:
         with closing(Client(fresh.port, HOST, "/128", context)) as first:

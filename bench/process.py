@@ -17,8 +17,8 @@ given_ports = set()  # the ports that free_port() has given in this run
 
 
 def free_port():
-    """A free port below those that the system gives to outgoing connections. On such a port, a client that polls
-    while it waits for a server may get the same port for itself, and be connected to itself."""
+    """A free port below those that the system gives to outgoing connections. If a server had one of those, a client
+    that polls while it waits for the server could get the same port for itself, and be connected to itself."""
     while True:
         port = random.randrange(11000, 30000)
         with socket.socket() as s:
@@ -148,8 +148,8 @@ class Server:
         return total
 
     def resident(self):
-        """KiB in memory now. A page that several processes share counts for each of them, so this is for measuring
-        growth. The kernel counts page by page here; its running count is wrong by up to 64 pages."""
+        """KiB in memory now. A page that several processes share counts once for each of them, so use this to measure
+        growth. For smaps_rollup the kernel counts the pages. Its running count is wrong by up to 64 pages."""
         return self._sum("smaps_rollup", "Rss")
 
     def private(self):

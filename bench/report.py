@@ -26,9 +26,10 @@ page, its charts and the README's table from [the figures](performance/figures.j
 
 {measured}
 
-A figure is the median of its rounds, with the least and the most of them in brackets. One figure alone means that
-all rounds gave it. A ratio is taken within each round, whose servers ran one right after the other, and is `mivo`'s
-over the other's: below 1, `mivo` takes less. The better peer is whichever of nginx and HAProxy has the lower median.
+A figure is the median of its rounds. The lowest and the highest figure of a round are in brackets; without brackets,
+all rounds gave the same figure. A ratio is `mivo`'s figure divided by the other server's: below 1, `mivo` takes less.
+It is computed for each round, in which the servers ran one right after the other. The better peer is nginx or
+HAProxy, whichever has the lower median.
 
 The floor is the least that relaying costs: an epoll loop without a parser, one read and one write for each
 direction (`bench/floor.cpp`).
@@ -50,27 +51,27 @@ Each server is measured with the configuration in [peers](peers), one folder for
 
 `bench/run` puts its own ports and paths into them, keeps nginx's temporary files and Caddy's data in its folder, and
 turns Caddy's administration port off. nginx, HAProxy and Caddy keep upstream connections in a pool and share them
-between clients, which `mivo` does not; [nginx without its pool](peers/http/nginx_unpooled.conf) opens one for each
-request and is shown where new connections are measured.
+between clients; `mivo` does not. [nginx without its pool](peers/http/nginx_unpooled.conf) opens an upstream connection
+for each request. It is shown where new connections are measured.
 
 * Two cores: the proxy has core 0 to itself (`taskset`), load and upstream share core 1. Each proxy serves with one
   process or one thread there.
-* The load is that of wrk, ab, hey and curl; what they cannot do, a client in Python does. The upstream is nginx, and
-  for uploads and the slow client a server in Python.
-* Load runs for at least {seconds} s in each round. Rounds go through all workloads and, within a workload, through
-  all servers; another server begins in each round.
-* Processor time is what the kernel accounts to all processes of a server and all their threads, user and system,
-  over the requests of the round.
+* wrk, ab, hey and curl make the load. A client in Python does what they cannot do. The upstream is nginx; for uploads
+  and the slow client, it is a server in Python.
+* Load runs for at least {seconds} s in each round. A round goes through all workloads. Within a workload, it goes
+  through all servers, and another server begins in each round.
+* Processor time is the user and system time that the kernel counts for all processes and threads of a server, divided
+  by the number of requests in the round.
 * The clients ask again as soon as they are answered, so latencies are those of a busy server.
 * `mivo` prints a line for each request, to /dev/null here; the others log nothing.
-* The client of new TLS connections (hey) resumes no session, asks for a file over each, and reads the reply and the
-  session tickets before it.
-* Resident memory (RSS) after the start counts each page once, however many processes of the server share it, the code
-  of shared libraries included.
-* Two processes on one port share both cores with load and upstream, so the figure shows that the port is
-  shared and not what another core would bring.
-* Of the bytes that wait for a slow client, several MiB are in the system's buffers, and nginx puts what
-  exceeds its own into a file.
+* The client of new TLS connections (hey) resumes no session. It asks for a file over each connection, and reads first
+  the session tickets and then the response.
+* Resident memory (RSS) after the start includes the code of shared libraries. Each page counts once, however many
+  processes of the server share it.
+* Two processes on one port share both cores with load and upstream. So the figure shows that the processes share the
+  port. It does not show what another core would bring.
+* Several MiB of the bytes that wait for a slow client are in the system's buffers. nginx writes the bytes that do not
+  fit into its own buffers to a file.
 
 ## The bars
 
@@ -88,8 +89,8 @@ Microseconds for each request. A download or upload is one request.
 {latency}
 ## Memory, start, system calls
 
-Waits are `select()`, `epoll_wait()` and the like, which many requests share and which are not counted among the system
-calls; nor is the write of the console's lines.
+Waits are calls like `select()` and `epoll_wait()`. Many requests share a wait, so waits are not counted among the
+system calls. Writes of the console's lines are not counted there either.
 
 {plain}
 {charts}{micro}{failures}## Commands
@@ -97,16 +98,16 @@ calls; nor is the write of the console's lines.
 {commands}
 """
 
-README = """Processor time is given for each request, of all processes of a server. A figure is the median of
-{rounds} rounds, with the least and the most of them in brackets, measured on two cores of one machine on {date}.
+README = """Processor time is the time that all processes of a server take for one request. A figure is the median of
+{rounds} rounds, with the lowest and the highest in brackets, measured on two cores of one machine on {date}.
 {unpooled} {lost} [docs/performance.md](docs/performance.md) has the rest."""
 
 MARKED = re.compile(r"(<!-- figures, by bench/run --report -->\n).*?(\n<!-- end of figures -->)", re.DOTALL)
 
 # Reasons why a bar is hard to meet, by the beginning of its name. They are printed below the bars that are not met.
 REASONS = {
-    "keep-alive": "A reply takes two turns of the loop, and each turn is one `select()` over all connections, which "
-    "the others' `epoll_wait()` does not pay for. The fewer connections are ready at once, the less it is shared.",
+    "keep-alive": "A response takes two turns of the loop. Each turn calls `select()`, which looks at all connections; "
+    "the others' `epoll_wait()` does not. The fewer connections are ready at once, the fewer share the cost of a call.",
     "90 MiB up over TLS": "`mivo` copies an upload two more times than HAProxy does: into the pipe, and into the "
     "buffer of the upstream.",
     "resident memory": "Most of it is pages of shared libraries: OpenSSL is opened at the start, whether it is needed "
@@ -141,8 +142,8 @@ def measured_text(data):
     commits = " and ".join(f"`{commit}`" for commit in distinct(data, "commit"))
     folders = ", ".join(f"`{folder}`" for folder in FOLDERS)
     return filled(
-        f"Measured on {' and '.join(distinct(data, 'date'))} at commit {commits}. Since then nothing but comments and "
-        f"layout has changed in {folders}: a test compares the sources, and `bench/figures_age` tells."
+        f"Measured on {' and '.join(distinct(data, 'date'))} at commit {commits}. Since then, only comments and layout "
+        f"have changed in {folders}. A test compares the sources, and so does `bench/figures_age`."
     )
 
 

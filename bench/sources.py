@@ -1,6 +1,7 @@
-"""A hash of the program's sources, to tell which sources the figures are of. Comments and layout do not change it.
+"""A hash of the program's sources. It tells from which sources the figures were measured. Comments and layout do not
+change it.
 
-The hash is kept with the figures, so a tree without a repository can also tell whether they are old."""
+The hash is kept with the figures. So a tree without a repository can also tell whether the figures are old."""
 
 import hashlib
 import re

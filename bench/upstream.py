@@ -4,7 +4,7 @@ import re
 import socket
 import threading
 
-PIECE = 65536  # bytes of a send(); the count is never wrong by more
+PIECE = 65536  # bytes of a send(); the count is wrong by at most this number
 
 
 class CountedUpstream:
