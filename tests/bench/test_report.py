@@ -43,7 +43,7 @@ def row_of(table, beginning):
     return [cell.strip() for cell in found[0].strip("|").split("|")]
 
 
-def test_bar__is_beside_the_peer_with_the_lower_median_with_its_spread():
+def test_bar__has_the_ratio_to_the_peer_with_the_lower_median_and_its_spread():
     table = tables.bars_table(RESULTS)
     row = row_of(table, "keep-alive, 16 clients: processor time, of the better peer")
     assert row == ["keep-alive, 16 clients: processor time, of the better peer, nginx",
@@ -77,7 +77,7 @@ def test_readme_columns__are_measured_for_each_of_its_rows():
         assert set(tables.COLUMNS) <= set(WORKLOADS[row.workload].servers), row.title
 
 
-def test_rows__have_a_column_for_each_server_and_name_those_that_are_lost():
+def test_row__has_a_column_for_each_server_and_is_lost_if_another_takes_less():
     row = tables.Row("memory of an idle client, KiB", "idle client", "kib_per_client")
     assert row_of(tables.rows_table(RESULTS, [row]), "memory") == [
         "memory of an idle client, KiB", "10.5", "0.42", "1.10", "35.0"]

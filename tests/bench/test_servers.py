@@ -11,7 +11,7 @@ PORTS = {80: 11080, 443: 11443, 3000: 13000, 3001: 13001}
 FILES = ("mivo", "nginx.conf", "haproxy.cfg", "Caddyfile")
 
 
-def test_adapted__changes_ports_and_certificates_alone():
+def test_adapted__changes_only_ports_and_certificates():
     text = "bind :443 ssl crt both.pem\nserver 127.0.0.1:3001\nmaxconn 4000\nkey key.pem 8080 3000;"
     assert adapted(text, PORTS, "/run") == (
         "bind :11443 ssl crt /run/both.pem\nserver 127.0.0.1:13001\nmaxconn 4000\nkey /run/key.pem 8080 13000;")
@@ -27,7 +27,7 @@ def test_configuration__does_the_job(job, file):
     assert bool(re.search(r"\b\w+\.pem\b", text)) == (job == "https")
 
 
-def test_nginx_without_a_pool__is_the_same_but_for_the_pool():
+def test_nginx_without_a_pool__differs_only_in_the_pool():
     pooled = servers.without_comments((PEERS / "http/nginx.conf").read_text())
     unpooled = servers.without_comments((PEERS / "http/nginx_unpooled.conf").read_text())
     without = re.sub(r"  upstream \w+ \{.*?\n  \}\n", "", pooled, flags=re.DOTALL)

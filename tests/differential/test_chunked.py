@@ -93,7 +93,7 @@ def node_ends(messages):
 HEAD = b"POST / HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n"
 
 
-def test_whole_bodies_end_where_they_end():
+def test_whole_body_ends_after_its_last_byte():
     rng = seeded("whole")
     bodies = [random_body(rng) for _ in range(CASES)]
     rests = [rng.choice([b"", b"x", b"GET / HTTP/1.1\r\n\r\n"]) for _ in bodies]

@@ -47,7 +47,7 @@ def random_number(rng):
     return struct.unpack("<d", rng.randbytes(8))[0]
 
 
-def test_numbers_read_as_they_were():
+def test_whole_numbers_are_written_in_full_and_others_with_six_digits():
     rng = seeded("num")
     numbers = [x for x in (random_number(rng) for _ in range(CASES)) if math.isfinite(x)]
     for x, (text,) in zip(numbers, ask([f"num {x!r}" for x in numbers])):

@@ -39,7 +39,7 @@ def test_table__has_each_question_once_and_in_its_order():
     assert len(rows) == sum(map(len, NAMED.values()))
 
 
-def test_tests__are_named_in_the_table_alone():
+def test_names_of_tests__stand_only_in_the_table():
     assert not re.search(r"\.(py|cpp)::", TEXT)
 
 

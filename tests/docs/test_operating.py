@@ -89,7 +89,7 @@ def test_line_of_a_request__has_what_the_page_says(start):
     assert [re.sub(address, "", line) for line in mivo.requests()] == [re.sub(address, "", shown)]
 
 
-def test_line_feed_in_a_request__writes_a_line_of_the_clients(start):
+def test_line_feed_in_a_request__lets_the_client_forge_a_log_line(start):
     mivo = start({"blog.example": -1})
     forged = "[blog.example] 203.0.113.9:1 GET /forged HTTP/1.1 []"
     ask(mivo.port, f"GET /\n{forged}\n HTTP/1.1\r\nHost: blog.example\r\n\r\n".encode())
@@ -120,7 +120,7 @@ def test_limits_of_the_page__are_those_of_the_unit():
         assert re.search(rf"`({setting}=\w+)`", PAGE)[1] in unit.splitlines()
 
 
-def test_idle_clients_within_a_limit__are_as_many_as_the_page_says(start):
+def test_memory_limit__is_enough_for_as_many_idle_clients_as_the_page_says(start):
     mebibytes, told = map(int, re.search(r"(\d+) MiB are enough for (\d+)\s+idle", PAGE).groups())
     mivo = start({"echo": -1})
     resource.prlimit(mivo.pid, resource.RLIMIT_DATA, (mebibytes * MIB, mebibytes * MIB))
@@ -141,7 +141,7 @@ def test_idle_clients_within_a_limit__are_as_many_as_the_page_says(start):
 # Two processes on one port
 
 
-def test_old_process_ends_beside_a_new_one__cuts_its_own_clients_and_no_later_one(start):
+def test_old_process_ends_beside_a_new_one__cuts_only_its_own_clients(start):
     """The system gives each connection to one of the two when it comes, before any process accepts it."""
     reserved = ReservedPort()
     old, new = start({"echo": -1}, reserved.port), start({"echo": -1}, reserved.port)

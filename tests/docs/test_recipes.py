@@ -1,9 +1,11 @@
 """Every recipe of the README, taken from its text and run, with free ports in place of the ports that it names.
 
-Two things are left out, because no test machine has what they need. certbot only gets a certificate for a name that
-leads to this machine from everywhere; the tests check the server that serves certbot's proof, for the first
-certificate and for a renewal. The service recipe installs a package and needs systemd; the tests run what it writes
-for the service, as the service does.
+Two things are left out, because no test machine has what they need:
+
+* certbot gets a certificate only for a name that leads to this machine from everywhere. The tests check the server that
+  serves certbot's proof, for the first certificate and for a renewal.
+* The service recipe installs a package and needs systemd. The tests run what the recipe writes for the service,
+  as the service does.
 """
 
 import os
@@ -108,7 +110,7 @@ ss -ltnH
 
 @pytest.mark.parametrize("arguments, address", [("", "http://localhost:8080/"),
                                                 ("--https", "--insecure https://localhost:8443/")])
-def test_first_command__shows_a_page_that_is_relayed_and_the_request__and_leaves_nothing(arguments, address):
+def test_first_command__relays_a_page_and_leaves_nothing_running(arguments, address):
     """The commands run in a separate network, where the ports of the README are free."""
     script = FIRST_RUN.format(arguments=arguments, address=address)
     done = subprocess.run(["unshare", "--map-root-user", "--net", "bash", "-c", script], cwd=REPOSITORY,

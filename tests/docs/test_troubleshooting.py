@@ -145,7 +145,7 @@ def test_handshake_that_fails_for_all__shows_no_certificate(house, serve, tmp_pa
     assert prove(house, "handshake") == "no peer certificate available\n"
 
 
-def test_handshake_that_works__looks_unlike_one_that_does_not(house, serve, tmp_path):
+def test_handshake_that_works__does_not_print_the_line_of_a_failed_one(house, serve, tmp_path):
     certificate = Authority(tmp_path, "ecdsa").issue("one")
     serve("-ssl", "8443", str(certificate.key), str(certificate.crt), "-map", "a", "-1")
     assert prove(house, "handshake", expected_status=1) == ""

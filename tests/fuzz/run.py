@@ -144,7 +144,7 @@ def merge(name):
         kept = fill(Path(folder, "kept"), name, "named")
         named = {path.name for path in kept.iterdir()}
         found = fill(Path(folder, "found"), name, "found")
-        # If there are named files, others are added to them. If not, the smallest set is searched for.
+        # If there are named files, libFuzzer adds others to them. If there are none, it looks for the smallest set.
         mode = "-merge=1" if named else "-set_cover_merge=1"
         subprocess.run(command(name, mode) + [str(kept), str(found), str(working_corpus(name))], check=True,
                        capture_output=True)

@@ -1,7 +1,7 @@
 """Lists the tests that a run of CTest skipped, each with its reason: skips.py LOG. Fails if a skip was not expected.
 LOG is CTest's LastTest.log.
 
-A skip is expected if no change that script/test makes to the machine could avoid it. MIVO_MAY_SKIP, a regular
+A skip is expected if script/test cannot avoid it with its changes to the machine. MIVO_MAY_SKIP, a regular
 expression for reasons, allows further skips: `MIVO_MAY_SKIP='port 443' script/test`.
 """
 

@@ -26,7 +26,7 @@ LINES = {
     "after_a_host_with_its_port": ("8080 -map localhost:8080 3000", "-", OPTIONS),
 }
 
-# bash splits the words for a completion at ":", too; "localhost:8080" is three of them.
+# bash splits the words for a completion also at ":", so "localhost:8080" becomes three words.
 BASH = """source "$0"; COMP_LINE="mivo {words} {prefix}"; COMP_POINT=${{#COMP_LINE}}
 COMP_WORDS=($(printf '%s' "$COMP_LINE" | sed 's/:/ : /g') {empty}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1))
 _mivo; printf '%s\\n' "${{COMPREPLY[@]}}"

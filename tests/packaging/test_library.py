@@ -91,8 +91,8 @@ def test_each_header__compiles_alone_without_a_warning(compiler, standard, prefi
 
 
 @pytest.mark.parametrize("spelled", ["struct import library", "::import library"])
-def test_headers_in_a_program_that_uses_modules__are_no_imports(spelled, prefix, headers, tmp_path):
-    """This compiler treats lines that begin with `import` as C++20 does only with -fmodules-ts."""
+def test_program_with_modules__compiles_if_no_line_begins_with_import(spelled, prefix, headers, tmp_path):
+    """In C++20, a line that begins with `import` imports a module; for this compiler, only with -fmodules-ts."""
     source = tmp_path / "modules.cpp"
     source.write_text("".join(f'#include "{header}"\n' for header in headers) + f'{spelled}("libz.so");\n')
     command = ["g++", "-std=c++20", "-fmodules-ts", *WARNINGS, "-fsyntax-only", f"-I{prefix}/include/mivo", source]
@@ -118,7 +118,7 @@ AROUND = {
 PIECES = [title for title, _ in blocks("cpp") if not title.endswith(".cpp")]
 
 
-def test_page__says_of_all_code_where_its_place_is():
+def test_page__says_where_each_piece_of_code_belongs():
     text = (REPOSITORY / "docs/embedding.md").read_text()
     assert text.count("```cpp\n") == len(blocks("cpp")) > 5
     assert set(PIECES) == set(AROUND)

@@ -28,7 +28,7 @@ EXPRESSIONS = {
     "text.c_str()": None,   # the text that was thrown is `error`
 }
 
-# Calls that print a part of a line, by their arguments. The address of an adapter is such a line.
+# Calls that print only a part of a line, by their arguments. The line with an adapter's address is printed in parts.
 PARTS = {'"%s%s", between, host': BLANK, '"\\n"': None}
 
 
@@ -141,7 +141,7 @@ def test_sections_that_are_referred_to_are_there():
     ["man", "--warnings", "-E", "UTF-8", "-l"],
     ["groff", "-mandoc", "-Tutf8", "-ww", "-z"],
 ])
-def test_form_is_without_fault(command):
+def test_form_has_no_faults(command):
     # man obeys MANROFFOPT, and the width of the terminal, if there is one.
     environment = {"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "MANWIDTH": "80"}
     result = subprocess.run([*command, str(MANUAL)], capture_output=True, text=True, env=environment)

@@ -1,8 +1,8 @@
-"""The Debian packages: their content, the same bytes everywhere, and a mivo that works on a Debian 12 that has nothing
-else. test_library.py and test_bare_library.py are about the content of libmivo-dev.
+"""The Debian packages. Their content is right, their bytes are the same wherever they are built, and mivo works on a
+Debian 12 that has nothing else. test_library.py and test_bare_library.py check the content of libmivo-dev.
 
-The last two parts build everything once more, and a system with debootstrap, which takes a minute. They run if the
-sources of the program, the packaging or the machine's own packages have changed since they passed in this build
+The last two parts take a minute. They build everything once more, and a system with debootstrap. They run if the
+sources of the program, the packaging or the machine's own packages have changed since these parts passed in this build
 folder. In a clean clone they always run.
 """
 
@@ -84,9 +84,9 @@ def repository_files(*paths):
 
 @pytest.fixture(scope="module")
 def unless_unchanged(request):
-    """A set for the parts that take long: each part adds its name when it has run. When all parts have run without a
-    failure, the next runs skip them until a file changes. Only the files of the other tests do not count. Comparing
-    the package itself would not work, because its dates change with every commit."""
+    """The names of the long parts that have run; each part adds its own. When all parts have run without a failure, the
+    next runs skip them until a file changes. Changes to the other tests do not count. The package itself
+    is not compared, because its dates change with every commit."""
     files = repository_files(":!tests") + repository_files("tests/packaging", "tests/harness/passed.py",
                                                            "tests/system/mivo_process.py", "tests/system/wire.py")
     machine = output_of("dpkg-query", "-W", "-f", "${Package} ${Version} ${db:Status-Status}\n")
@@ -105,7 +105,7 @@ def entries(package):
     return [(line.split()[0], line.split()[1], line.split()[5].removeprefix(".")) for line in lines]
 
 
-def test_contents__are_what_a_user_needs_and_nothing_that_is_ours(package):
+def test_contents__are_what_a_user_needs_and_no_other_file(package):
     names = [name for _, _, name in entries(package) if not name.endswith("/")]
     docs = {"/usr/share/doc/mivo/" + str(path.relative_to(REPOSITORY))
             for path in (REPOSITORY / "docs").rglob("*") if path.is_file()}

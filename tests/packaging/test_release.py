@@ -96,8 +96,8 @@ def check_files(dist):
 
 
 def check_archive(dist, repository):
-    """Checks that all files of the commit are in the archive, with the commit's time. test_package.py builds from such
-    a folder."""
+    """Checks that all files of the commit are in the archive, with the commit's time. test_package.py builds from a
+    folder with these files."""
     with tarfile.open(dist / f"mivo-{VERSION}.tar.gz") as archive:
         members = archive.getmembers()
     files = {member.name.removeprefix(f"mivo-{VERSION}/") for member in members if member.isfile()}
@@ -105,7 +105,7 @@ def check_archive(dist, repository):
     assert {member.mtime for member in members} == {COMMIT_TIME}
 
 
-# The cases that it refuses. It refuses all of them before it builds.
+# The releases that script/release refuses. It refuses all of them before it builds.
 
 
 def refused(repository, version=VERSION):
@@ -116,12 +116,12 @@ def refused(repository, version=VERSION):
     return done.stderr.splitlines()[-1].removeprefix("No release: ")
 
 
-def test_file_that_is_not_committed__is_no_release(repository):
+def test_release__is_refused_if_a_file_is_not_committed(repository):
     (repository.folder / "note.txt").write_text("to be looked at\n")
     assert refused(repository) == "the working tree has changes that are not committed."
 
 
-def test_version_that_is_stated_nowhere__is_no_release(repository):
+def test_release__is_refused_if_its_version_is_stated_nowhere(repository):
     assert refused(repository, "9.9.9") == f"CMakeLists.txt states version {VERSION}, not 9.9.9."
 
 
@@ -129,13 +129,13 @@ def test_version_that_is_stated_nowhere__is_no_release(repository):
     ("packaging/mivo.8", r"^\.Os mivo .*$", ".Os mivo 9.9.9"),
     ("CHANGELOG.md", r"^## \S+", "## 9.9.9"),
 ], ids=["manual", "changelog"])
-def test_other_version_elsewhere__is_no_release(file, pattern, text, repository):
+def test_release__is_refused_if_the_manual_or_the_changelog_states_another_version(file, pattern, text, repository):
     repository.change(file, pattern, text)
     repository.commit()
     assert refused(repository) == f"{file} states version 9.9.9, not {VERSION}."
 
 
-def test_version_without_a_change__is_no_release(repository):
+def test_release__is_refused_if_the_changelog_has_no_text_for_it(repository):
     repository.change("CHANGELOG.md", r"^(## \S+ .*)$", r"\1\n\n## 0.0.1 (2026-11-01)")
     repository.commit()
     assert refused(repository) == f"the changelog's section for {VERSION} is empty."
@@ -145,19 +145,19 @@ def test_version_without_a_change__is_no_release(repository):
     ("script/test", "a test fails."),
     ("bench/figures_age", "the figures are older than the code."),
 ])
-def test_check_that_fails__is_no_release(script, reason, repository):
+def test_release__is_refused_if_a_check_fails(script, reason, repository):
     repository.replace(script, STAND_IN.format(script, 1))
     repository.commit()
     assert refused(repository) == reason
 
 
-def test_figures_that_nobody_can_check__are_no_release(repository):
+def test_release__is_refused_if_the_figures_cannot_be_checked(repository):
     (repository.folder / "bench/figures_age").unlink()
     repository.commit()
     assert refused(repository) == "the figures are older than the code."
 
 
-def test_change_that_is_in_no_commit__is_in_no_release(repository):
+def test_release__is_built_without_files_that_git_ignores(repository):
     """A file that git ignores does not make the tree dirty. It must not get into the build either."""
     repository.replace("script/test", "#!/bin/sh\n! test -e base/ignored.cpp\n")
     repository.replace(".gitignore", (repository.folder / ".gitignore").read_text() + "ignored.cpp\n")

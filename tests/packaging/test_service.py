@@ -80,7 +80,7 @@ def test_program_that_ends_at_once_again_and_again__makes_the_unit_fail(unit):
 
 
 @pytest.mark.parametrize("name", UNITS)
-def test_memory_limits__leave_room_for_all_connections_and_end_one_before_the_kernel_ends_all(unit):
+def test_memory_limits__have_room_for_all_connections_and_refuse_memory_before_the_kernel_ends_mivo(unit):
     memory, whole = (int(re.fullmatch(r"(\d+)G", settings(unit)[name])[1]) for name in ("LimitDATA", "MemoryMax"))
     connections, buffer_mib = 1024, 1
     assert memory * 1024 >= 2 * connections * buffer_mib
@@ -88,8 +88,8 @@ def test_memory_limits__leave_room_for_all_connections_and_end_one_before_the_ke
 
 
 @pytest.mark.parametrize("name", UNITS)
-def test_limit_of_the_journal__is_a_rate_that_nothing_reaches(unit):
-    """systemd does not pass an interval of 0 on, so the journal's own limit would apply."""
+def test_limit_of_the_journal__is_a_million_lines_a_second_or_more(unit):
+    """The interval must not be 0: systemd would not pass it on, and the journal's own limit would apply."""
     service = settings(unit)
     seconds, lines = int(service["LogRateLimitIntervalSec"]), int(service["LogRateLimitBurst"])
     assert seconds > 0 and lines / seconds >= 1_000_000

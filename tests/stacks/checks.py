@@ -1,4 +1,4 @@
-"""The meaning of each word in the page's lines "Works": a check of a server behind mivo, through an Access."""
+"""A check for each word in the page's lines "Works". It uses a server behind mivo through an Access."""
 
 import hashlib
 import http.client

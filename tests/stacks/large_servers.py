@@ -58,7 +58,7 @@ async def first_messages(port, origin):
     return told
 
 
-def test_vite_without_the_lines_for_updates__has_them_over_http_alone(put_behind, browser):
+def test_vite_without_the_lines_for_updates__updates_pages_only_over_http(put_behind, browser):
     def leave_out(text):
         kept = [line for line in text.splitlines(keepends=True) if "hmr:" not in line]
         assert len(kept) == len(text.splitlines()) - 1

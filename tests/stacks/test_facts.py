@@ -120,7 +120,7 @@ def test_name_in_localhost__is_known_to_wget_only_where_the_system_knows_it(put_
 # Server-sent events and a server that restarts
 
 
-def test_event_source__gives_up_when_the_server_restarts_unless_the_page_starts_it_again(put_behind, browser):
+def test_event_source__gives_up_when_the_server_restarts_until_the_page_starts_it_again(put_behind, browser):
     server = put_behind("Express", "express")
     access = server.http()
     plain = "window.source = new EventSource('/events')"

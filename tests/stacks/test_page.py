@@ -29,7 +29,7 @@ def test_words_of_a_stack__are_explained(name):
 
 
 def anchor(heading):
-    """The anchor that the sites that show the page make from a heading."""
+    """The anchor that a site makes from a heading when it shows the page."""
     return re.sub(r"[^a-z0-9 -]", "", heading.lower()).replace(" ", "-")
 
 

@@ -32,7 +32,7 @@ def test_server_that_is_told_the_scheme__redirects_to_https(put_behind, name):
     CHECKS["redirects"](server, access)
 
 
-def test_django_that_redirects_to_https__does_so_for_ever_until_it_is_told_the_scheme(put_behind):
+def test_django_that_redirects_to_https__loops_until_it_is_told_the_scheme(put_behind):
     for is_told in (False, True):
         server = put_behind("Django", "django", https=is_told,
                             prepare="echo SECURE_SSL_REDIRECT = True >>settings.py")

@@ -1,10 +1,10 @@
-"""The folders are layers: a file includes only files of its own folder and of the folders to the left of it."""
+"""The folders are layers. A file includes only files of its own folder and of lower layers."""
 
 import re
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
-LAYERS = ["base", "net", "tls", "http", "proxy", "main"]
+LAYERS = ["base", "net", "tls", "http", "proxy", "main"]  # the lowest first
 
 
 def sources():
@@ -21,7 +21,7 @@ def test_there_are_sources_to_check():
     assert len(list(sources())) > 30
 
 
-def test_includes_point_to_the_left():
+def test_includes_point_to_the_same_or_a_lower_layer():
     wrong = []
     for layer, path in sources():
         for include in own_includes(path):

@@ -1,5 +1,5 @@
-"""clang-tidy finds nothing in our own code. A file that has passed is checked again only when the file has changed, or
-something else on which the findings depend."""
+"""clang-tidy finds nothing in our own code. A file that has passed is checked again only if the file has changed, or
+if something else has changed that the findings depend on."""
 
 import json
 import os

@@ -21,9 +21,10 @@ def many_descriptors():
 
 
 class Crowd:
-    """Clients that come a few at a time. The crowd waits for each few, so the system's queue never fills.
+    """Clients that connect in small groups. The crowd waits for each group before the next one, so the system's queue
+    never fills.
 
-    The clients inside have begun a request. They go on with it while others come, so that they are never idle for
+    The clients in `inside` have begun a request. They send more of it while others connect, so they are never idle for
     long.
     """
 

@@ -86,7 +86,7 @@ class NginxFront(Server):
 
 
 class BufferingNginxFront(NginxFront):
-    """Passes a body on when the body is complete, with its length."""
+    """Waits until a body is complete, and then passes it on with its length."""
 
     BUFFERING = "on"
 

@@ -1,5 +1,5 @@
-/* Preloaded into the program: counts the sends of bytes that the program already had when it began a wait. It has
- * such bytes if the wait ran out with nothing ready, if it did not wait for a socket to become writable, and if no
+/* Preloaded into the program. Counts the sends of bytes that the program already had when it began a wait. A send
+ * counts if the wait ran out with nothing ready, if the wait was not for a socket to become writable, and if no
  * bytes have come since. The count, a 64-bit integer, is at the start of the file that MIVO_HELD_BACK names. */
 
 #define _GNU_SOURCE

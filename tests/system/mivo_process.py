@@ -31,8 +31,9 @@ def processor_seconds(pid):
 
 
 def expect_idle(*mivos):
-    """Checks that no mivo takes more than a little processor time while the connected clients send nothing. One of
-    three seconds is enough: mivo may still give memory back in the others, but a loop that spins takes all three."""
+    """Checks that no mivo takes more than a little processor time while the connected clients send nothing. Each
+    mivo has to be idle in one of three seconds. In the others it may still give memory back. A loop that spins takes
+    all three."""
     least = [1] * len(mivos)
     for _ in range(3):
         least = list(map(min, least, processor_shares(mivos)))

@@ -27,7 +27,7 @@ class Relay:
         self.client, self.bystander = self.connect(), self.connect()
 
     def deliver(self, data):
-        """Sends data and returns when mivo has read it, in one piece that contains nothing else."""
+        """Sends data and returns when mivo has read it. mivo reads it in one piece that contains nothing else."""
         self.client.send(data)
         self.client.wait_delivered()
         for _ in range(2):

@@ -86,7 +86,7 @@ def test_unreachable_port__is_a_bad_gateway(proxy, connect, refusing_port, metho
 
 
 @pytest.mark.parametrize("host", ["localhost", "www.localhost", "a.b.localhost", "LOCALHOST", "localhost."])
-def test_blocked_host_or_one_below_it__is_not_found(proxy, connect, listen, host):
+def test_blocked_host_or_subdomain_of_it__is_not_found(proxy, connect, listen, host):
     upstream, wire = listen(), connect(proxy.port)
     wire.send(request(host, f"http://{host}:{upstream.port}/"))
     assert wire.read(len(NOT_FOUND)) == NOT_FOUND
@@ -102,7 +102,7 @@ def test_blocked_address_in_any_spelling__is_not_found(proxy, connect, host):
 
 
 @pytest.mark.parametrize("host", ["a..b", "x" * 64, "a%20b", "a\x01b"])
-def test_host_that_cannot_be_one__is_a_bad_gateway(proxy, connect, host):
+def test_host_that_is_no_valid_name__is_a_bad_gateway(proxy, connect, host):
     wire = connect(proxy.port)
     wire.send(request("far", f"http://{host}/"))
     assert wire.read_to_end() == BAD_GATEWAY

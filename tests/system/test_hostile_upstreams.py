@@ -147,7 +147,7 @@ class Load:
 
     @staticmethod
     def _is_closed(wire):
-        return bool(select.select([wire.sock], [], [], 0)[0])  # only its end can have come
+        return bool(select.select([wire.sock], [], [], 0)[0])  # it is readable only if it has ended
 
     def finish(self):
         self.stop = True

@@ -25,8 +25,8 @@ def mivo(start_mivo, upstream, node):
 
 
 class Bystander:
-    """A client that sends requests all the time on one connection. Each answer has to come before mivo has used a
-    second of processor time, which may be many seconds of the clock on a busy machine."""
+    """A client that sends requests all the time on one connection. Each response has to come before mivo has used
+    a second of processor time. On a busy machine, that may be many seconds of the clock."""
 
     SOON = 1  # seconds of processor time
 
@@ -137,8 +137,8 @@ def test_urgent_data_of_an_upstream__ends_its_clients_connection_and_nobody_else
 FILLINGS = [b"\r", b"\n\r", b"\r\r\n", b"a\r\n", b"ab\r\n", b"ce\r\n", b"ut\r\n", b"Px\r\n"]
 
 
-def test_long_heads_that_are_made_to_be_searched__keep_nobody_waiting(mivo, connect, upstream, program):
-    # The allocator keeps up to 64 MiB of the memory in which such a head grows, for the next head.
+def test_long_heads_that_are_slow_to_search__keep_nobody_waiting(mivo, connect, upstream, program):
+    # The allocator keeps up to 64 MiB of the memory of such a head for the next head.
     calm = Calm(mivo, connect, 72 * 1024)
     # The program with sanitizers takes ten times as long for each byte.
     size = 64 * MIB if program == PROGRAM else 16 * MIB

@@ -1,5 +1,6 @@
-"""The next packet comes between any two calls that the program makes for a TLS client. A preloaded library makes this
-happen every time. On a real line it happens now and then, at rates that depend on the machine; see test_links.py."""
+"""A TLS client's next packet may come between any two calls that the program makes for this client. A preloaded library
+makes this happen every time. On a real line it happens now and then, at rates that depend on the machine; see
+test_links.py."""
 
 import pathlib
 import time

@@ -1,5 +1,5 @@
-"""When no upstream listens, the system may choose the upstream's port as the source port of mivo's connection. The
-connection is then connected to itself. The client must not get its own request as the response."""
+"""If no upstream listens, the system may choose the upstream's port as the source port of mivo's connection. mivo's
+socket is then connected to itself. The client must not get its own request as the response."""
 
 import itertools
 import socket
@@ -17,7 +17,7 @@ REQUESTS = 20
 
 @pytest.fixture
 def connect_from_elsewhere():
-    """connect(port): a client that uses none of the ports that are left for mivo."""
+    """connect(port): a client with a source port that is not one of those left for mivo."""
     numbers = itertools.count(50000)
     made = []
 

@@ -1,7 +1,7 @@
 """Clients that come and leave make no pause in another client's download.
 
-A pause is a wait of mivo, for the tenth of a second in which nothing is ready, although it has bytes that a client
-could take. A preloaded library counts these waits. A clock would also count the delays of a busy machine.
+A pause is a tenth of a second in which mivo waits and nothing is ready, although mivo has bytes that a client could
+take. A preloaded library counts these waits. A clock would also count the delays of a busy machine.
 """
 
 import contextlib
@@ -59,8 +59,8 @@ def drain(wire):
 
 def download_when_another_goes(mivo, connect, upstream):
     """The client that leaves came before the reader, and its upstream connection is between the two in the list.
-    mivo ends that upstream connection when it asks it for output. This happens in the turn in which the reader's
-    output has just been sent."""
+    mivo ends this upstream connection when it asks the connection for output. This happens in the turn in which the
+    reader's output has just been sent."""
     goer = connect(mivo.port)
     goer.send(request("up", "/goer"))
     upstream.accept().read_head()

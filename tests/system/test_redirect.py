@@ -24,8 +24,8 @@ def answer(connect, port, sent):
     return client.read_to_end()
 
 
-# A request, the location without "https://" and with P for the port's suffix, and whether the rules keep the
-# connection. The rules only look at the Connection header of HTTP/1.0.
+# A request; the location, without "https://" and with P for the port's suffix; and whether the rules keep the
+# connection. The rules look at the Connection header only in HTTP/1.0 requests.
 REDIRECTS = {
     "path": (request("h", "/x"), "hP/x", True),
     "root": (request("h"), "hP/", True),

@@ -85,7 +85,7 @@ def test_body_cut_anywhere__is_followed_by_the_next_request(service):
     assert not service.upstream.accept_if_waiting()
 
 
-def test_bytes_after_a_request_in_one_piece__belong_to_it_and_go_upstream_as_they_are(service):
+def test_bytes_in_one_piece_with_a_request__belong_to_it_and_go_upstream_unchanged(service):
     client = service.connect()
     client.send(request("up", "/1") + request("echo", "/2"))
     upstream = service.upstream.accept()
@@ -108,7 +108,7 @@ def test_head_without_end__is_dropped_beyond_100_mib_with_a_warning_and_others_a
     client = service.connect()
     service.deliver(client, b"x" * MAX_REQUEST_LENGTH)
     assert service.mivo.lines(WARNING) == []
-    service.deliver(client, b"x")  # the limit is not yet exceeded when this byte comes, so it still counts
+    service.deliver(client, b"x")  # before this byte the head does not exceed the limit, so it is not dropped yet
     assert service.mivo.lines(WARNING) == []
     for count in (1, 2, 3):
         service.deliver(client, b"\r\n\r\n")

@@ -25,7 +25,7 @@ ROUNDS = 200
 
 
 def quickest_tenth(seconds):
-    """The time below which the quickest tenth stayed; of fewer than ten times, the shortest."""
+    """The time that the quickest tenth did not exceed. If there are fewer than ten times, the shortest."""
     return sorted(seconds)[len(seconds) // 10]
 
 
@@ -135,11 +135,11 @@ def test_pieces_in_both_directions__do_not_wait_for_acknowledgements(stage):
     expect_no_wait(seconds)
 
 
-# When a connection ends, the turn passes over the next connection in the list. Here the upstream connection of the
-# client that leaves is the one that ends.
+# When a connection ends, the turn passes over the next connection in the list. In these tests a client
+# leaves, and then its upstream connection ends.
 
 
-def test_reply_in_the_turn_in_which_the_connection_before_ends__does_not_wait(stage):
+def test_reply_in_the_turn_that_ends_the_connection_before_it_in_the_list__does_not_wait(stage):
     def seconds():
         ending = stage.accepted_client()
         stage.upstream_for(ending)
@@ -150,7 +150,7 @@ def test_reply_in_the_turn_in_which_the_connection_before_ends__does_not_wait(st
     expect_no_wait(seconds, 10)
 
 
-def test_upload_in_the_turn_in_which_the_connection_before_ends__does_not_wait(stage):
+def test_upload_in_the_turn_that_ends_the_connection_before_it_in_the_list__does_not_wait(stage):
     def seconds():
         # The client comes first in the list. Otherwise the turn would pass over it and only read it in the next turn.
         client, ending = stage.accepted_client(), stage.accepted_client()

@@ -94,7 +94,7 @@ def test_server_beside_another_cannot_start__cause_is_printed_and_good_exit(
 
 @pytest.mark.parametrize("call, error", [
     ("getrlimit", "EPERM"), ("setrlimit", "EPERM"), ("getifaddrs", "ENOMEM"), ("select", "EINTR")])
-def test_call_that_nothing_depends_on_fails_at_the_start__is_not_noticed(run_with_fault, call, error):
+def test_call_that_is_not_needed_fails_at_the_start__serves_as_usual(run_with_fault, call, error):
     serve_and_stop(run_with_fault(call, 1, 1, error, "{port}"))
 
 

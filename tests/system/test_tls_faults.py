@@ -178,7 +178,7 @@ INTRUSIONS = {
     "plain_http_after_the_handshake": after_handshake(PAGE),
     "record_too_long_after_the_handshake": after_handshake(b"\x17\x03\x03\xff\xff" + bytes(65535)),
 }
-# The same, but OpenSSL has read all of the bytes when it finds the fault, so nothing is left in the socket.
+# The second kind of intrusion: when OpenSSL finds the fault, it has read all bytes, and the socket is empty.
 INTRUSIONS_READ_WHOLE = {
     "record_with_garbage": plain_bytes(b"\x16\x03\x01\x02\x00" + b"\xff" * 512),
     "alert_first": plain_bytes(b"\x15\x03\x01\x00\x02\x02\x28"),
@@ -244,7 +244,7 @@ def test_clients_break_off_or_send_no_tls_and_stay__no_processor_time_and_ended_
     assert len(at_stages.lines(TIMED_OUT)) >= len(STAGES)
 
 
-def test_client_sends_plain_http_and_stays__session_ends_when_openssl_lets_it(scene):
+def test_client_sends_plain_http_and_stays__session_ends_at_once_or_at_the_time_out(scene):
     expect_end = expect_end_by_the_time_out if scene.service.openssl() >= READS_ON else expect_end_at_once
     expect_end(scene, PLAIN_HTTP)
 

@@ -394,8 +394,8 @@ def test_certificate_changes__reloaded_with_its_chain_and_without_the_old_one(st
     mivo = stage.serve_tls()
     load, load_chain = stage.initialisation()[6], f"{CHAIN}(ctx, {stage.crt})"
     wanted = [load, load_chain]
-    # At the start a chain; then a chain again, no chain (mivo removes the old one), no chain (nothing to remove), a
-    # chain.
+    # At the start the file has a chain. It changes four times: to a chain again, to no chain (mivo removes the old
+    # one), to no chain again (there is nothing to remove), and to a chain.
     for step, (certificates, calls) in enumerate(
             [(2, [load, load_chain]), (1, [load, load_chain]), (1, [load]), (2, [load, load_chain])], start=1):
         replace_certificate(stage, certificates, age=5)
@@ -459,8 +459,8 @@ def test_no_linkers_cache__says_so_and_tries_the_plain_name(stage, is_broken):
     assert stage.log() == ([] if is_broken else ["loaded libssl.so"])
 
 
-def test_library_needs_a_function_that_no_library_has__is_opened_all_the_same(stage):
-    """Opening works as long as nothing makes the call: a library may need another one only for unused functions."""
+def test_library_calls_a_function_that_no_library_has__is_opened_anyway(stage):
+    """A library may need another one only for unused functions. So it opens as long as nothing makes the call."""
     source = stage.folder / "caller.cpp"
     source.write_text("void nobody_has_this(); void caller() { nobody_has_this(); }")
     stage.add_library(more=["-fPIC", "-Wl,-z,lazy", source])

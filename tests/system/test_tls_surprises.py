@@ -107,7 +107,7 @@ def write_nothing(path):
     return True
 
 
-def test_clock_is_a_day_ahead_at_the_start_and_put_right__file_is_not_looked_at_for_a_day(serve, renewal, clock):
+def test_clock_was_a_day_ahead_at_the_start__file_is_not_checked_for_a_day(serve, renewal, clock):
     clock.advance(DAY)
     service = serve()
     clock.advance(-DAY)

@@ -95,7 +95,7 @@ def test_key_update_during_a_download_that_is_not_read__goes_on_exactly(service,
     assert service.mivo.lines(TIMED_OUT) == []
 
 
-def test_renegotiation_during_a_download_that_is_not_read__goes_on_when_openssl_refuses_it(service, folder):
+def test_renegotiation_during_an_unread_download__download_goes_on_if_openssl_refuses_it(service, folder):
     """OpenSSL's refusals make Python's client end the session, so this test only counts the bytes.
 
     The download may end early in one case. OpenSSL keeps one half-written record. If the system takes the last piece of

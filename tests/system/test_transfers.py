@@ -55,7 +55,7 @@ def test_download_of_1_gib_by_a_client_that_keeps_up__takes_little_memory(start_
     client.send(request("up"))
     at_upstream = upstream.accept()
     at_upstream.read_head()
-    room = threading.Semaphore(4)  # pieces that are sent and not read yet, at most, however busy the machine is
+    room = threading.Semaphore(4)  # the most pieces that are sent and not yet read, however busy the machine is
 
     def send_pieces():
         piece = bytes(PIECE)

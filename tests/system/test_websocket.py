@@ -192,7 +192,7 @@ def test_message_over_the_limit__ends_the_connection_with_a_warning(echo, join):
     for number in range(MAX_MESSAGE // MAX_FRAME):
         wire.send(frame_64(bytes(MAX_FRAME), opcode=CONTINUATION if number else TEXT, fin=False))
     wire.send(frame(b"x", PING))
-    expect_frame(wire, b"x", PONG)  # a message as long as the limit is allowed
+    expect_frame(wire, b"x", PONG)  # a message of exactly MAX_MESSAGE bytes is allowed
     wire.send(frame(b"y", CONTINUATION))
     assert wire.read_to_end() == b""
     echo.wait_for_line(f"Warning! Message exceeds max length of {MAX_MESSAGE}[.]")

@@ -11,8 +11,8 @@ from certificates import Authority
 from mivo_process import ReservedPort
 from wire import Wire
 
-# The first OpenSSL that refuses a renegotiation and goes on. Earlier ones begin the renegotiation, and a malformed
-# one, like those of the tests, ends the session.
+# The first OpenSSL that refuses a renegotiation and continues the session. Earlier versions begin the renegotiation.
+# The tests send malformed ones, which then end the session.
 REFUSES_RENEGOTIATION = (3, 0)
 
 
