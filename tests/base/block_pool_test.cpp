@@ -22,12 +22,12 @@ namespace {
 
 int trims = 0;  // calls of malloc_trim()
 
-// malloc() in our own code. It is not one of the named faults, because their lists use memory, too.
+// malloc() in our own code. The named faults cannot refuse it, because their lists use malloc(), too.
 struct {
   int calls = 0;
   int granted = 0;  // calls that still succeed
   int refused = 0;  // calls that are then refused
-  int gap = 0;      // if not 0, so many succeed after each refusal, again and again
+  int gap = 0;      // if not 0: this many succeed after each refusal, then one is refused again
 } mallocs;
 
 void refuse_after(int granted, int times = 1, int gap = 0) {

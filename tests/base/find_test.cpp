@@ -278,7 +278,7 @@ TEST(find_line, agrees_with_trying_every_place_on_random_texts) {
   std::mt19937 random(1310);
   for (int i = 0; i < 50000; i++) {
     const std::string text = random_word(random, 60, "\r\r\n\nAaBb\x01-");
-    const std::string name = random_word(random, 3, "\r\nab-");  // a CR is a "-" that lacks the case bit
+    const std::string name = random_word(random, 3, "\r\nab-");  // CR is "-" without the case bit
     const size_t from = random() % 70;
     ASSERT_EQ(find_line(text, name, from), find_line_by_trial(text, name, from))
         << testing::PrintToString(text) << " " << testing::PrintToString(name) << " " << from;

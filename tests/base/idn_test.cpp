@@ -67,7 +67,8 @@ TEST(utf8_to_idn, label_ends_at_its_first_zero_byte) {
   EXPECT_EQ(idn("a\0b.c\0d"s), "a.c");
 }
 
-// Digits in lower case throughout; the RFC marks the case of one Cyrillic letter in an upper-case one.
+// All punycode digits are in lower case here. The RFC has one in upper case, which marks the case of a
+// Cyrillic letter.
 TEST(utf8_to_idn, encodes_the_samples_of_rfc_3492_section_7_1) {
   const punycode_vector rows[] = {
       {"\u0644\u064A\u0647\u0645\u0627\u0628\u062A\u0643\u0644\u0645\u0648\u0634\u0639\u0631\u0628\u064A"

@@ -41,9 +41,10 @@ void* __wrap_realloc(void* memory, size_t size) {
 
 namespace {
 
-/* Makes a thing and changes it. The first allocation of the change is refused, in the next run the second,
- * and so on, until the change succeeds. Expects that a refused change leaves what `content` returns as it
- * was, and that no memory is left when the thing has ended. */
+/* Makes a thing and changes it, in several runs. In the first run, the first allocation of the change is
+ * refused, in the second run the second one, and so on, until the change succeeds. Expects that `content`
+ * returns the same before and after a refused change, and that all memory is free when the thing has ended.
+ */
 template <class Make, class Change, class Content>
 void refuse_every_allocation(Make make, Change change, Content content) {
   bool has_thrown = true;

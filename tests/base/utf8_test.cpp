@@ -92,7 +92,7 @@ TEST(utf8_decode, sequence_cut_short_at_the_end_of_the_text_is_invalid) {
     expect_invalid(bytes);
 }
 
-TEST(utf8_decode, every_continuation_byte_must_be_one) {
+TEST(utf8_decode, sequence_with_a_wrong_continuation_byte_is_invalid) {
   const std::string sequences[] = {"\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"};
   for (const auto& sequence : sequences) {
     for (size_t i = 1; i < sequence.size(); i++) {

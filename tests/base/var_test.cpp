@@ -46,13 +46,13 @@ std::vector<var> values_of_all_kinds() {
 
 }  // namespace
 
-TEST(var, kinds_have_their_numbers) {
+TEST(var, kinds_are_numbered_from_0_in_their_order) {
   static_assert(std::is_same_v<decltype(var::kind), int32_t>);
   const auto values = values_of_all_kinds();
   for (size_t i = 0; i < values.size(); i++) EXPECT_EQ(values[i].kind, static_cast<int32_t>(i));
 }
 
-TEST(var, is_a_kind_and_one_word) {
+TEST(var, consists_of_a_kind_and_one_word) {
   static_assert(sizeof(var) == 16);
   var v;
   EXPECT_EQ(static_cast<void*>(&v.kind), &v);

@@ -381,8 +381,8 @@ class conversation {
   void check_delivery(int client) {
     const stream& s = upstream(client);
     if (s.is_disturbed || net().is_disturbed || s.last_upstream == network::none) return;
-    // An invalid host name is refused without a look-up. Without it the network does not notice that the
-    // client has left its upstream.
+    // An invalid host name is refused without a look-up. Without a look-up, the network does not notice that
+    // the client has left its upstream.
     if (s.received.find("Unable to connect") != s.received.npos) return;
     const auto at = static_cast<size_t>(client);
     const bool is_current = source_[at] == s.last_upstream;

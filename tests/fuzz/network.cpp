@@ -142,8 +142,8 @@ int selected_client() {
   return net().open[conn->sock];
 }
 
-// A request needs an upstream, so the client has left the one before. The network notices it by the look-up
-// of the name, which may fail, or by the new socket, if the name is remembered.
+// A request needs an upstream, so the client has left its earlier upstream. The network notices this when the
+// name is looked up, which may fail. If the name is remembered, it notices this when the new socket is made.
 void leave_upstream() {
   stream& client = net().streams[static_cast<size_t>(selected_client())];
   client.last_upstream = network::none;

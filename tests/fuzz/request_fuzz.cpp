@@ -71,8 +71,9 @@ outcome first_request(int flags, const std::vector<std::string>& chunks, size_t&
   return result;
 }
 
-// Requests are not pipelined: what follows a request in the same chunk belongs to it. Byte by byte, nothing
-// follows, which gives the request's own bytes. These are then delivered whole and in the input's chunks.
+// Requests are not pipelined: bytes after a request in the same chunk belong to it. If the input comes byte
+// by byte, no bytes follow in a chunk. So this finds the request's own bytes. They are then delivered in one
+// piece and in the input's chunks.
 void compare_cuts(int flags, const fuzz::cutter& cutter, const std::string& bytes) {
   size_t length = 0;
   const outcome expected = first_request<1>(flags, fuzz::byte_by_byte(bytes), length);

@@ -109,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const outcome cut = play<2>(flags, chunks);
     fuzz::expect_equal(cut.messages, whole.messages, "messages are the same however the bytes are cut");
     fuzz::expect_equal(cut.answers, whole.answers, "answers are the same however the bytes are cut");
-    // After another frame, a 2-byte length is refused two bytes earlier than without one.
+    // If another frame comes before it, a 2-byte length is refused two bytes earlier.
     expect(cut.is_open == whole.is_open || (cut.is_open && cut.awaits_a_mask()),
            "the end is the same however the bytes are cut");
   }

@@ -95,7 +95,7 @@ TEST(body_end, element_that_is_no_coding_is_doubtful) {
        "Transfer-Encoding: chunk\xc3\xa9"});
 }
 
-TEST(body_end, longer_names_and_values_are_not_the_name) {
+TEST(body_end, lines_with_a_similar_name_or_value_are_not_the_header) {
   expect_end(body_end::by_length,
              {"Transfer-Encoding-X: chunked", "Transfer-Encodings: chunked", "X-Transfer-Encoding: chunked",
               "Transfer_Encoding: chunked", "Transfer-Encodin: chunked", "ransfer-encoding: chunked",
@@ -135,12 +135,12 @@ TEST(body_end, bare_cr_or_lf_anywhere_makes_the_head_doubtful) {
   expect_end(body_end::by_length, {"X: y\nZ: z", "X: y\rz"});
 }
 
-TEST(body_end, continued_line_anywhere_makes_the_head_doubtful) {
+TEST(body_end, continued_line_in_a_head_with_a_coding_makes_the_end_unknown) {
   expect_end(body_end::unknown,
              {"Transfer-Encoding: chunked\r\n , identity", "Transfer-Encoding:\r\n chunked",
               "Transfer-Encoding: gzip,\r\n\tchunked", "X: y\r\n z\r\nTransfer-Encoding: chunked",
               "Transfer-Encoding: chunked\r\n\t, identity", "X: y\r\n\tz\r\nTransfer-Encoding: chunked",
-              // The Connection line is not passed on, and its continuation then follows the coding directly.
+              // The Connection line is not passed on, so its continuation then continues the coding.
               "Transfer-Encoding: chunked\r\nConnection: x\r\n , identity"});
   expect_end(body_end::by_length, {"X: y\r\n z"});
 }

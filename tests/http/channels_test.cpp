@@ -166,7 +166,7 @@ TEST_F(websocket_channels, keep_a_connection_that_does_not_know_of_its_membershi
   EXPECT_EQ(of("news").size(), 1u);
 }
 
-TEST_F(websocket_channels, that_do_not_exist_are_named_in_the_order_of_the_subscriptions) {
+TEST_F(websocket_channels, that_do_not_exist_are_reported_in_the_order_of_the_subscriptions) {
   auto c = upgraded();
   for (const char* name : {"zebra", "ant", "", "mule", "bee"}) c->subscriptions.set(name, {});
   c.reset();
@@ -175,7 +175,7 @@ TEST_F(websocket_channels, that_do_not_exist_are_named_in_the_order_of_the_subsc
             "Error! Channel not found: mule\nError! Channel not found: bee\n");
 }
 
-TEST_F(websocket_channels, without_the_connection_are_named_with_its_socket_and_left_alone) {
+TEST_F(websocket_channels, without_the_connection_are_reported_with_its_socket_and_stay_unchanged) {
   auto other = upgraded(7);
   auto c = upgraded(41);
   other->subscribe("news");

@@ -39,7 +39,7 @@ TEST_F(http_request_body, in_the_chunk_of_its_head_is_delivered_in_one_call) {
   EXPECT_EQ(c().events, (events{"headers", "data hello", "request"}));
 }
 
-TEST_F(http_request_body, leaves_no_trace_of_its_length_in_the_memory_of_the_head) {
+TEST_F(http_request_body, does_not_enlarge_the_memory_of_the_head) {
   const std::string body(900000, 'b');
   receive(c(), post(900000) + body);
   EXPECT_EQ(c().body, body);
@@ -79,7 +79,7 @@ TEST_F(http_request_body, of_no_bytes_is_not_delivered) {
   EXPECT_EQ(c().events, (events{"headers", "request"}));
 }
 
-TEST_F(http_request_body, takes_what_is_pipelined_after_it_and_reset_discards_it) {
+TEST_F(http_request_body, includes_the_bytes_pipelined_after_it_and_reset_discards_them) {
   receive(c(), get_1_1 + get_1_1 + "GET");
   EXPECT_EQ(c().events, (events{"headers", "data " + get_1_1 + "GET", "request"}));
   EXPECT_EQ(c().head + c().content, "");
@@ -95,7 +95,7 @@ TEST_F(http_request_body, may_contain_zero_bytes_and_empty_lines) {
   EXPECT_EQ(c().times("request"), 1);
 }
 
-TEST_F(http_request_body, that_is_late_on_a_closing_connection_completes_the_request_again) {
+TEST_F(http_request_body, that_is_late_on_a_closing_connection_completes_the_request_with_each_chunk) {
   receive_chunks({get_1_0, "x", "", "yz"});
   EXPECT_EQ(c().events,
             (events{"headers", "request", "data x", "request", "data ", "request", "data yz", "request"}));
@@ -113,7 +113,7 @@ TEST_F(http_request_body, chunk_of_no_bytes_changes_nothing_before_the_head_is_c
   EXPECT_EQ(c().request_length, 16);
 }
 
-TEST_F(http_request_body, chunk_of_negative_length_only_lowers_the_count_before_the_head_is_complete) {
+TEST_F(http_request_body, chunk_of_negative_length_before_the_end_of_the_head_only_lowers_the_count) {
   receive(c(), "GET / HTTP/1.1\r\n\r");
   char bytes[] = "\n";
   c().on_recv(bytes, -2);

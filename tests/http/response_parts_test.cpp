@@ -122,7 +122,8 @@ TEST_F(http_response_parts, of_bytes_longer_than_the_buffer_go_out_in_slices) {
   EXPECT_EQ(drain(4), (slices{"0123", "4567", "89", "ab"}));
 }
 
-// The last step does not reduce what remains of the limit. Its slice repeats until the file ends.
+// When less than a full buffer remains of the limit, a slice does not reduce the rest. So slices of this
+// length follow until the file ends.
 TEST_F(http_response_parts, from_a_file_go_out_in_slices_until_a_short_read) {
   const struct {
     std::string bytes;
@@ -196,7 +197,7 @@ TEST_F(http_response_parts, from_a_file_shorter_than_announced_end_the_connectio
   EXPECT_FALSE(next.stays) << "it closes and does not wait for another response";
 }
 
-TEST_F(http_response_parts, from_a_file_count_down_whole_buffers_only) {
+TEST_F(http_response_parts, from_a_file_reduce_the_limit_only_by_whole_buffers) {
   const part& p = queue_file("0123456789", 6);
   send_once(c(), 4);
   EXPECT_EQ(p.remaining, 2.0);
@@ -206,13 +207,13 @@ TEST_F(http_response_parts, from_a_file_count_down_whole_buffers_only) {
   EXPECT_EQ(unlimited.remaining, -1.0);
 }
 
-TEST_F(http_response_parts, from_a_file_start_where_it_stands) {
+TEST_F(http_response_parts, from_a_file_start_at_its_current_position) {
   fseek(queue_file("0123456789").file, 7, SEEK_SET);
   EXPECT_EQ(drain(megabyte), slices{"789"});
 }
 
 // The slice has the full length, so only the next read finds the end. That read gives nothing to send.
-TEST_F(http_response_parts, from_a_file_that_end_with_an_empty_slice_announce_that_more_may_follow) {
+TEST_F(http_response_parts, from_a_file_that_end_with_an_empty_slice_mark_the_socket_ready) {
   const int number = 700;  // nothing is open under it
   sockets::add(number);
   c().sock = number;

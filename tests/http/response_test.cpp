@@ -63,7 +63,7 @@ TEST_F(http_response, on_a_closing_connection_has_no_length_and_closes_when_it_i
   EXPECT_FALSE(end.stays);
 }
 
-TEST_F(http_response, replaced_by_a_hang_up_closes_at_once_or_after_what_is_queued) {
+TEST_F(http_response, hang_up_closes_at_once_or_after_the_queued_response) {
   EXPECT_TRUE(send_once(c()).stays) << "it waits for a response";
   c().hang_up();
   EXPECT_FALSE(send_once(c()).stays);
@@ -108,7 +108,7 @@ TEST_F(http_response, with_an_empty_file_is_its_head) {
   EXPECT_EQ(c().response_parts.count, 0);
 }
 
-TEST_F(http_response, with_a_file_counts_only_as_the_first_of_a_request) {
+TEST_F(http_response, with_a_file_is_dropped_and_closes_the_file_if_it_is_the_second) {
   c().write("HTTP/1.1 400 Bad Request\r\n", "");
   FILE* file = file_of("0123456789");
   const int descriptor = fileno(file);
@@ -242,7 +242,7 @@ TEST_F(http_response, is_cut_into_pieces_of_the_output_buffer) {
   }
 }
 
-TEST_F(http_response, head_cut_off_after_a_name_it_looks_for_is_out_of_range) {
+TEST_F(http_response, head_that_ends_right_after_a_searched_name_throws_out_of_range) {
   EXPECT_THROW(c().write("S\r\nContent-Length:", "x"), std::out_of_range);
   EXPECT_THROW(c().write("S\r\ntransfer-encoding", "x"), std::out_of_range);
   EXPECT_EQ(c().response_parts.count, 0);

@@ -118,7 +118,8 @@ TEST_F(websocket_lengths, beyond_the_limit_are_refused_once_the_last_of_their_by
   }
 }
 
-// The first frame waits until the input has 8 bytes. For a later frame, the bytes before it count, too.
+// The first frame waits until the input has 8 bytes. For a later frame, these 8 bytes include the frames
+// before it.
 TEST_F(websocket_lengths, of_two_bytes_after_another_frame_are_read_as_soon_as_six_bytes_are_there) {
   const std::string before = short_frame(fin | text, "one");
   for (size_t n : {5u, 6u, 7u}) {

@@ -117,7 +117,7 @@ TEST(allocation, server_starts_again_without_memory) {
   here.stop();
 }
 
-TEST(allocation, certificate_that_could_not_be_looked_at_is_loaded_by_the_next_look) {
+TEST(allocation, certificate_whose_check_had_no_memory_is_loaded_by_the_next_check) {
   descriptor_check descriptors;
   console screen;
   tls_stage here;

@@ -20,9 +20,10 @@ void expect_service(size_t size, SetUp set_up) {
   here.stop();
 }
 
-// Two uses in a row must succeed for a server to make progress. An interrupted wait forgets which sockets
-// have output. The turn of the next wait announces it again, and the turn of the wait after that sends it.
-// And before a TLS session that has read nothing counts as dead, its socket is checked and it is asked again.
+// A server makes progress only if two uses in a row succeed, for two reasons. First, an interrupted wait
+// forgets which sockets have output. The turn of the next wait announces the output again, and the turn of
+// the wait after that sends it. Second, a TLS session that has read nothing counts as dead only after its
+// socket has been checked and the session has been asked again.
 void fail_every_third(const char* call, int error) {
   faults::of()[call] = {0, 1, error, -1, 2};
 }

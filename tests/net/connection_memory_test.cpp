@@ -1,5 +1,5 @@
-// The memory of connection objects: its rules on systems with pages of 4, 16 and 64 KiB. The tests cannot
-// pretend that pages are smaller than those of this system. In their place they use this system's size.
+// The rules for the memory of connection objects on systems with pages of 4, 16 and 64 KiB. The tests cannot
+// pretend that pages are smaller than those of this system. They use this system's size instead.
 
 #include "net/connection_memory.h"
 

@@ -203,7 +203,7 @@ TEST_F(connection_test, memory_is_zero_when_only_a_byte_was_written) {
   }
 }
 
-// Writes `written` bytes into the buffer and reports that there are `said`.
+// Writes `written` bytes into the buffer and reports `said` bytes.
 struct writing_connection : silent_connection {
   int written = 0;
   int said = 0;

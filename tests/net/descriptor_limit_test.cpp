@@ -50,7 +50,7 @@ TEST_F(descriptor_limit, client_is_turned_away_quietly_and_the_others_stay) {
   expect_console("");
 }
 
-TEST_F(descriptor_limit, outgoing_connection_there_counts_as_no_address) {
+TEST_F(descriptor_limit, outgoing_connection_above_the_limit_counts_as_no_address) {
   EXPECT_TRUE(run_with_high_descriptors([&] {
     for (bool blocking : {false, true}) {
       faults::resolved() = {"127.0.0.1"};  // the resolver itself could need a descriptor
@@ -63,7 +63,7 @@ TEST_F(descriptor_limit, outgoing_connection_there_counts_as_no_address) {
   }));
 }
 
-TEST_F(descriptor_limit, listening_socket_there_counts_as_no_socket) {
+TEST_F(descriptor_limit, listening_socket_above_the_limit_counts_as_no_socket) {
   EXPECT_TRUE(run_with_high_descriptors([&] {
     recording_server other(srv.port, notes);
     EXPECT_FALSE(other.start());
@@ -73,7 +73,7 @@ TEST_F(descriptor_limit, listening_socket_there_counts_as_no_socket) {
   }));
 }
 
-TEST_F(descriptor_limit, connection_there_touches_no_set_and_is_timed_out) {
+TEST_F(descriptor_limit, connection_above_the_limit_touches_no_set_and_is_timed_out) {
   EXPECT_TRUE(run_with_high_descriptors([&] {
     auto* conn = srv.make_connection();
     conn->sock = high_copy(STDOUT_FILENO);

@@ -41,7 +41,7 @@ class server_list : public server_fixture {
 TEST_F(server_list, connection_after_a_removed_one_is_serviced_in_the_next_turn) {
   for (const way_to_end& w : ways_to_end) {
     for (int i = 0; i < 4; i++) w.end(join());
-    // The first goes with the third, the second alone, and the fourth last.
+    // The first turn removes the first and the third, the next turn the second, and the last turn the fourth.
     for (int left : {2, 1, 0}) {
       turn();
       EXPECT_EQ(srv.connections.count, left) << w.name;
@@ -52,7 +52,7 @@ TEST_F(server_list, connection_after_a_removed_one_is_serviced_in_the_next_turn)
 }
 
 TEST_F(server_list, ended_connection_is_off_the_list_when_on_remove_is_called) {
-  std::vector<int> counts;  // on the list when the socket is closed, which is when on_remove() is called
+  std::vector<int> counts;  // of the connections on the list in on_remove(), when the socket is closed
   srv.when_called = [&](connection* conn) {
     if (!is_open(conn->sock)) counts.push_back(srv.connections.count);
   };
@@ -180,7 +180,8 @@ TEST_F(server_list, reopened_descriptor_is_not_taken_for_ready_in_the_service_pa
     c.conn->when_received = [&] {
       if (!is_open(sock)) append(make_outside_on(sock));
     };
-    // The socket is in every state at once; c reads after a has gone. Some ends are only seen after the byte.
+    // The socket is in every state at once, and c reads after a has gone. Some ends of a are noticed only in
+    // the turn after the one that reads the byte.
     for (int turns = 0; turns < 2 && links.back().conn == c.conn; turns++) {
       sockets::mark_ready(sock);
       c.deliver("x");

@@ -105,7 +105,7 @@ TEST_F(server_service, error_condition_ends_the_connection_and_takes_it_off_the_
   EXPECT_THAT(notes_of_a_turn(), IsEmpty());
 }
 
-TEST_F(server_service, time_out_goes_before_errors_and_both_before_bytes) {
+TEST_F(server_service, time_out_is_handled_before_errors_and_errors_before_bytes) {
   struct {
     int idle;
     bool urgent;
@@ -296,7 +296,7 @@ TEST_F(server_service, output_is_written_until_nothing_is_left) {
   a.expect_received("0123456789");
 }
 
-TEST_F(server_service, empty_write_that_ends_the_loop_asks_nothing_of_the_system) {
+TEST_F(server_service, empty_write_that_ends_the_loop_makes_no_system_call) {
   join_with_output("hello");
   faults::calls().clear();
   turn();

@@ -257,7 +257,8 @@ TEST_F(server_walk, fruitless_turns_count_from_the_last_byte_written) {
   expect_time_out_after(a, fruitless_turns + 1);
 }
 
-// A session may ask to wait for many turns and then once not ask. That counts as 1 turn, not as 64 in a row.
+// A session may ask to wait in many turns and then not ask in one turn. Only this one turn counts, not 64 in
+// a row.
 TEST_F(server_walk, turns_that_asked_to_wait_do_not_count_against_a_connection) {
   link& a = join_readable();
   srv.receives = moves_nothing(EAGAIN);
@@ -274,7 +275,8 @@ TEST_F(server_walk, connection_whose_length_is_negative_is_timed_out_and_does_no
   expect_time_out_after(a, fruitless_turns + 1);
 }
 
-// select() does not see what the transport holds. The next wait has to be told again.
+// select() does not see the bytes that the transport holds. They have to be announced again for the next
+// wait.
 TEST_F(server_walk, unread_bytes_of_a_connection_that_is_passed_over_are_read_in_the_next_turn) {
   link& leaver = join();
   link& a = join();

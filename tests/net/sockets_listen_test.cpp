@@ -70,7 +70,7 @@ class sockets_listen : public testing::Test {
   int sock = -7;
 };
 
-TEST_F(sockets_listen, on_localhost_only_clients_reach_127_0_0_1) {
+TEST_F(sockets_listen, on_localhost_clients_reach_only_127_0_0_1) {
   ASSERT_TRUE(listen());
   expect_console(localhost_line());
   EXPECT_EQ(bound_address().sin_family, AF_INET);

@@ -27,14 +27,14 @@ from wire import Wire, until  # noqa: E402
 
 MIB = 1 << 20
 WARM_UP_SHARE = 0.2  # the share of the run, at its start, that does not count for growth
-# The most that the resident memory may grow after the warm-up, from the first to the last quarter of that time. The large
-# bodies alone make it go up and down by that much.
+# The most that the resident memory may grow after the warm-up, from the first to the last quarter of that time. The
+# large bodies alone make it go up and down by that much.
 GROWTH_LIMIT = 16 * MIB
 GROWTH_TAKES = 120  # seconds; in a shorter run the buffers of the connections still fill up
 # The most that the resident memory may grow from before the first connection until all connections are gone. mivo keeps
 # buffers for the next connections, and some free memory lies between memory that the C library still uses.
 REST_LIMIT = 64 * MIB
-DESCRIPTOR_LIMIT = 400  # at any moment; soak_load has fewer than 100 clients, and each takes two descriptors, briefly more
+DESCRIPTOR_LIMIT = 400  # at any moment; soak_load has fewer than 100 clients, each with two or briefly more
 EXPECTED_LINES = re.compile(r"Binding to port \d+ on all adapters:|\d+\.\d+\.\d+\.\d+|\d+ connections"
                             r"|Shutting down\.\.\.|Using https only \(no http\)")
 TIMED_OUT = re.compile(r"\d+ has timed out\.")

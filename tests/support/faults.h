@@ -16,7 +16,7 @@ struct fault {
   int times = 0;    // uses that then fail
   int error = 0;    // errno of the failure
   int result = -1;  // returned by a failing use, unless that returns a pointer, which is null then
-  int gap = 0;      // if not 0, so many uses succeed after each failure, then it fails again, and so on
+  int gap = 0;      // if not 0: this many uses succeed after each failure, then one fails again
 };
 
 /* The fault of each function: "socket", "bind", "listen", "accept4", "connect", "select", "recv", "send",

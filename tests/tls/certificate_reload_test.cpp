@@ -9,7 +9,7 @@
 #include "tests/tls/ssl_server_fixture.h"
 #include "tests/tls/temp_folder.h"
 
-// A test that takes the library away makes the program find this function in itself.
+// When a test takes the library away, the program finds this function in the test program itself.
 extern "C" int SSL_CTX_use_certificate_chain_file(void*, const char* path);
 
 namespace {

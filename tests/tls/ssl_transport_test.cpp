@@ -163,7 +163,7 @@ TEST_F(tls_transport, session_that_refuses_every_write_is_ended_through_the_time
   EXPECT_EQ(writes, fruitless_turns);
 }
 
-TEST_F(tls_transport, refused_writes_count_from_the_last_one_taken) {
+TEST_F(tls_transport, refused_writes_are_counted_from_the_last_accepted_write) {
   client c = join_quietly();
   auto send_for_real = tls.writes;
   for (int round = 0; round < 3; round++) {
@@ -225,7 +225,7 @@ TEST_F(tls_transport, session_that_leaves_bytes_and_does_not_ask_the_system_is_d
   expect_death(c);
 }
 
-// A session whose record is not complete does so, however fast the next bytes come.
+// A session whose record is not complete leaves bytes in this way, however fast the next bytes come.
 TEST_F(tls_transport, session_that_leaves_bytes_after_eagain_lives) {
   client c = join_quietly();
   tls.reads = [](session&, char*, int) {
