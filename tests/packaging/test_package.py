@@ -1,5 +1,5 @@
 """The Debian packages. Their content is right, their bytes are the same wherever they are built, and mivo works on a
-Debian 12 that has nothing else. test_library.py and test_bare_library.py check the content of libmivo-dev.
+Debian 12 that has nothing else. test_linking.py and test_bare_library.py check the content of libmivo-dev.
 
 The last two parts take a minute. They build everything once more, and a system with debootstrap. They run if the
 sources of the program, the packaging or the machine's own packages have changed since these parts passed in this build
