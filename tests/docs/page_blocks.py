@@ -46,7 +46,8 @@ class House:
             path.mkdir(parents=True)
         (self.folder / "bin/mivo").symlink_to(PROGRAM)
         systemctl = self.folder / "bin/systemctl"
-        systemctl.write_text(f'#!/bin/sh\necho "$*" >>{self.asked}\n')
+        self.systemd_fails = self.folder / "systemd_fails"  # while this file is there
+        systemctl.write_text(f'#!/bin/sh\necho "$*" >>{self.asked}\n[ ! -e {self.systemd_fails} ]\n')
         systemctl.chmod(0o755)
 
     def place(self, text):
