@@ -29,7 +29,7 @@ MIB = 1 << 20
 
 @pytest.fixture
 def house():
-    made = House([3000, 8080, 8443])
+    made = House([3000, 8080, 8081, 8443])
     yield made
     made.close()
 
@@ -163,7 +163,7 @@ def test_port_of_another_program__ends_the_start_with_success_and_bad_value_for_
 def test_log_that_is_a_file__is_empty_until_the_end_unless_lines_are_written_at_once(house):
     before, after = map(int, re.findall(r"^(\d+)$", prove(house, "empty log"), re.M))
     assert before == 0 and after > 0
-    assert f"[localhost:{house.port(8080)}]" in prove(house, "lines at once")
+    assert f"[localhost:{house.port(8081)}]" in prove(house, "lines at once")
 
 
 def test_second_copy__is_a_second_line_with_another_process(house, serve):
