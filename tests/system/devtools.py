@@ -9,6 +9,7 @@ import base64
 import json
 import os
 import pathlib
+import shutil
 import subprocess
 import urllib.request
 
@@ -112,4 +113,10 @@ class Browser:
             return Page(json.load(answer)["webSocketDebuggerUrl"])
 
     def close(self):
+        """Also removes the profile. The other processes of the browser still write to it for a moment."""
         end(self.process)
+        until(self._remove_profile, "the profile is removed", START_TIME)
+
+    def _remove_profile(self):
+        shutil.rmtree(self.profile, ignore_errors=True)
+        return not self.profile.exists()
