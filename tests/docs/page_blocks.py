@@ -1,5 +1,6 @@
 """The commands of a page of docs/, each below the comment that names it, and a place to run them."""
 
+import contextlib
 import grp
 import os
 import pathlib
@@ -23,6 +24,19 @@ def blocks(page):
     found = {(kind, name): textwrap.dedent(block) for _, kind, name, block in BLOCK.findall(text)}
     assert len(found) == text.count("```") // 2
     return found
+
+
+@contextlib.contextmanager
+def ended_in_good_order():
+    """A list for programs of type Mivo: at the end each has to end by SIGINT, and none is left."""
+    started = []
+    yield started
+    try:
+        for mivo in started:
+            mivo.interrupt()
+    finally:
+        for mivo in started:
+            mivo.kill()
 
 
 class House:

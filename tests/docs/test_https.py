@@ -13,7 +13,7 @@ import pytest
 from certificates import Authority
 from fake_clock import Clock, clock_library  # noqa: F401
 from mivo_process import PROGRAM, REPOSITORY, Mivo
-from page_blocks import House, blocks
+from page_blocks import House, blocks, ended_in_good_order
 
 BLOCKS = blocks("https.md")
 RUN = ["self-signed", "authority", "issue", "trust of the system", "trust of browsers", "names of a file", "folder",
@@ -58,20 +58,13 @@ def run(house, name, **options):
 def serve(house, tmp_path):
     """serve(arguments, settings): a running mivo, which has to end in good order after the test. `settings` are shell
     settings, which stand before the program."""
-    started = []
+    with ended_in_good_order() as started:
+        def start(arguments, settings=""):
+            started.append(Mivo(tmp_path, ["-c", f'{settings} exec "$0" "$@"', PROGRAM, *arguments], program="sh"))
+            started[-1].wait_until_it_runs()
+            return started[-1]
 
-    def start(arguments, settings=""):
-        started.append(Mivo(tmp_path, ["-c", f'{settings} exec "$0" "$@"', PROGRAM, *arguments], program="sh"))
-        started[-1].wait_until_it_runs()
-        return started[-1]
-
-    yield start
-    try:
-        for mivo in started:
-            mivo.interrupt()
-    finally:
-        for mivo in started:
-            mivo.kill()
+        yield start
 
 
 # Self-made certificates

@@ -19,6 +19,7 @@ import pytest
 from certificates import Authority
 from clients import curl
 from mivo_process import PROGRAM, REPOSITORY, Mivo, ReservedPort
+from page_blocks import ended_in_good_order
 from upstreams import PythonSite
 
 PATIENCE = 60  # seconds; a recipe that runs longer fails the test
@@ -62,20 +63,13 @@ def site(tmp_path):
 @pytest.fixture
 def start(tmp_path):
     """start(arguments): mivo with these arguments, which has to end in good order after the test."""
-    started = []
+    with ended_in_good_order() as started:
+        def run(arguments):
+            started.append(Mivo(tmp_path, arguments))
+            started[-1].wait_until_it_runs()
+            return started[-1]
 
-    def run(arguments):
-        started.append(Mivo(tmp_path, arguments))
-        started[-1].wait_until_it_runs()
-        return started[-1]
-
-    yield run
-    try:
-        for mivo in started:
-            mivo.interrupt()
-    finally:
-        for mivo in started:
-            mivo.kill()
+        yield run
 
 
 def arguments_of(recipe):

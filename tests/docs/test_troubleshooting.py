@@ -15,7 +15,7 @@ import pytest
 
 from certificates import Authority
 from mivo_process import REPOSITORY, Mivo
-from page_blocks import House, blocks
+from page_blocks import House, blocks, ended_in_good_order
 from wire import Listener, Wire, request, until
 
 BLOCKS = blocks("troubleshooting.md")
@@ -41,21 +41,14 @@ def prove(house, name, **options):
 @pytest.fixture
 def serve(house, tmp_path):
     """serve(arguments, port): a running mivo on port 8080 of the page."""
-    started = []
+    with ended_in_good_order() as started:
+        def start(*arguments, port=8080):
+            words = [house.place(word) for word in (str(port), *arguments)]
+            started.append(Mivo(tmp_path, words))
+            started[-1].wait_until_it_runs()
+            return started[-1]
 
-    def start(*arguments, port=8080):
-        words = [house.place(word) for word in (str(port), *arguments)]
-        started.append(Mivo(tmp_path, words))
-        started[-1].wait_until_it_runs()
-        return started[-1]
-
-    yield start
-    try:
-        for mivo in started:
-            mivo.interrupt()
-    finally:
-        for mivo in started:
-            mivo.kill()
+        yield start
 
 
 @pytest.fixture
