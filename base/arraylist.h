@@ -56,8 +56,8 @@ struct arraylist {
   }
 
   /* Sets the capacity to `wanted` elements, which must be at least 1 and at least `count`; it may be less
-   * than before. The null at the end is not counted in `wanted`: its place is after the elements. After
-   * std::bad_alloc nothing has changed. */
+   * than the old capacity. There is always one more place, for the null at the end. After std::bad_alloc
+   * nothing has changed. */
   void reserve(uint32_t wanted) {
     void* moved = realloc(data, (static_cast<size_t>(wanted) + 1) * sizeof(T));
     if (!moved) throw std::bad_alloc();

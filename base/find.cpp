@@ -28,9 +28,8 @@ bool is_match(char byte, char wanted, bool fold_case) {
 // "*" is settled.
 bool match_at(const std::string& text, size_t start, const std::string& pattern, size_t& end) {
   const bool fold_case = find_case_insensitive();
-  // The place where the part after the last "*" was tried last. Before the first "*" it is npos, and no
-  // further attempt is made. At the end of the text none is made either: it would fail at once and change no
-  // result.
+  // The place where the part after the last "*" was tried last; npos before the first "*". The part is tried
+  // again only after a "*", and not at the end of the text, where it would fail at once.
   size_t retry_text = std::string::npos;
   size_t retry_pattern = 0;
   size_t t = start;
@@ -127,10 +126,10 @@ size_t find_line(std::string_view text, std::string_view name, size_t from) {
   if (name.empty()) return find_line_end(text, from);
   const size_t length = 2 + name.size();
   if (text.size() < length || from > text.size() - length) return std::string::npos;
-  // A candidate is a CRLF that is followed by the first byte of the name and, at its distance, by the last
-  // byte of the name, or by the 15th byte of a longer name. Because two bytes must match, no text holds many
-  // candidates for every name. The bit in which A to Z differ from a to z is ignored here, so some pairs of
-  // other bytes count as equal, too. Therefore the whole name is compared after that.
+  // A candidate is a CRLF after which two bytes of the name stand in their places: the first one, and the
+  // last one (in a long name the 15th). Because two bytes must match, a text may hold many candidates for
+  // some names, but not for every name. The bit in which A to Z differ from a to z is ignored here, so some
+  // pairs of other bytes count as equal, too. Therefore the whole name is compared after that.
   const size_t far = std::min(name.size(), most_beyond - 1) - 1;
   const block case_bit = all(0x20), cr = all('\r'), lf = all('\n');
   const block first = all(static_cast<unsigned char>(name[0])) | case_bit;

@@ -27,7 +27,7 @@ struct linkedlist {
     node() = default;
     node(const node&) = delete;
     node& operator=(const node&) = delete;
-    ~node() { delete next; }  // and with it the rest of the chain; recursive, so only for short chains
+    ~node() { delete next; }  // deletes the rest of the chain, recursively: only for short chains
   };
 
   node* head;

@@ -20,8 +20,9 @@ int32_t parse_int(const char* text) {
   return static_cast<int32_t>(strtol(text, nullptr, 10));
 }
 
-// The kept memory saves all allocations of a request on a kept-alive connection, and with a browser's head
-// 500 of its 11,400 instructions (callgrind, 16 clients). In the total processor time no difference shows.
+// The kept memory saves all allocations of a request on a kept-alive connection. A request with a browser's
+// head then takes 500 of 11,400 instructions less (callgrind, 16 clients). The total processor time shows no
+// difference.
 void empty_for_reuse(std::string& s) {
   constexpr size_t most_kept = 65536;
   s.clear();

@@ -11,8 +11,8 @@ namespace {
 constexpr std::string_view name = "transfer-encoding";
 
 // How far the search may move on when the text has `c` where the last byte of the name should be. The move
-// brings the last `c` of the name to this place. If the name has no `c`, the move is as long as the name. It
-// is 0 for the last byte of the name, which the name has only once.
+// brings the last `c` of the name to this place. If the name has no `c`, the move is as long as the name. The
+// move is 0 for the last byte of the name; this byte occurs nowhere else in the name.
 constexpr std::array<unsigned char, 256> make_steps() {
   std::array<unsigned char, 256> steps = {};
   for (auto& step : steps) step = static_cast<unsigned char>(name.size());

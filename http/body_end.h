@@ -37,7 +37,7 @@
 enum class body_end {
   by_length,      // after as many bytes as the Content-Length says
   by_last_chunk,  // see chunked_body
-  unknown         // only with the connection
+  unknown         // only when the connection ends
 };
 
 /* Reads the head of a request. Allocates nothing. In a head without Transfer-Encoding it looks at about one

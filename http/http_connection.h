@@ -125,17 +125,18 @@ struct http_connection : connection {
    * call. Gathers them in `content`; after an upgrade reads the frames in it. */
   virtual void on_data(char* data, int len);
 
-  /* The connection speaks WebSocket now. This closes it after the handshake is sent; an override may keep it
-   * open. */
+  /* The connection speaks WebSocket now. The default closes it after the handshake is sent; an override may
+   * keep it open. */
   virtual void on_upgrade();
 
-  /* A whole WebSocket message is in `message`, which is emptied after the call. Echoes it as text. */
+  /* A whole WebSocket message is in `message`, which is emptied after the call. The default echoes it as
+   * text. */
   virtual void on_message();
 
-  /* The request is complete. Answers with the request's head and the length of its body, as text. An override
-   * looks at `written` first, and does nothing when it is set: the request has been answered already. That
-   * happens in two cases. A refused upgrade was answered with a 400. On a connection that is not kept alive,
-   * this is called again each time bytes after the request are read. */
+  /* The request is complete. The default answers with the request's head and the length of its body, as text.
+   * An override looks at `written` first, and does nothing when it is set: the request has been answered
+   * already. That happens in two cases. A refused upgrade was answered with a 400. On a connection that is
+   * not kept alive, this is called again each time bytes after the request are read. */
   virtual void on_request();
 
   /* Clears the fields of a request for the next one. keep_alive, the queued parts, the upgrade and the
@@ -156,8 +157,8 @@ struct http_connection : connection {
    * no body for HEAD, and only the first answer to a request counts. */
   void write_file(std::string answer_head, FILE* file, int64_t length);
 
-  /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. The 301
-   * announces that the connection closes, but only keep_alive decides whether it does. */
+  /* Queues a 301 (permanent) or 302 answer that points at `url`, which is inserted as it is. The 301 says
+   * that the connection closes, but only keep_alive decides whether it does. */
   void redirect(const std::string& url, bool permanent);
 
   /* Ends the connection without another answer, from any hook: what is queued is still sent, and the

@@ -13,7 +13,7 @@ namespace {
 
 constexpr char crlf[] = "\r\n";  // as a name for base::find_line(): the empty line at the end of a head
 
-// Counters wrap; signed addition must not.
+// The counters may wrap, but a signed addition that overflows is undefined.
 int32_t wrapping_sum(int32_t a, int len) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(len));
 }

@@ -83,7 +83,8 @@ void http_connection::append_part(std::string data) {
     delete part;
     throw;
   }
-  // The pass that follows may leave this connection out. Then the next wait must end at once.
+  // The pass that asks for output may skip this connection. Because of this call, the next wait ends when the
+  // socket can take output.
   sockets::mark_ready(sock);
 }
 

@@ -35,7 +35,7 @@ enum parse_results { complete, incomplete };
 
 // Parses the header of the frame at text[off], of which at least 6 bytes are there. Frames of up to 125 bytes
 // have no extended length and are read as in RFC 6455. Other frames are read differently: an extended length
-// is read least significant byte first, and a length of 8 bytes is read at offset 8, with its mask after it.
+// is read least significant byte first, and a length of 8 bytes is read at offset 8, with the mask after it.
 // Browsers do not send this, but clients written for this server rely on it.
 parse_results parse_frame_header(const std::string& text, size_t off, frame_header& frame) {
   auto byte = [&](size_t i) { return static_cast<unsigned char>(text[off + i]); };
@@ -50,8 +50,8 @@ parse_results parse_frame_header(const std::string& text, size_t off, frame_head
     frame.mask_at = 2;
     frame.payload = code;
   } else if (code == length_in_2_bytes) {
-    // The length is in the first 6 bytes. This waits for the mask, too, but only in the first frame of the
-    // input.
+    // The length is in the first 6 bytes, which are there. This line also waits for the mask, but only if the
+    // frame is the first in the input.
     if (text.size() <= 7) return incomplete;
     frame.length = 8;
     frame.mask_at = 4;

@@ -32,7 +32,7 @@ inline const void* init_library(bool& is_new_api) {
 }
 
 /* Creates the server's context and loads key and certificate into it. Does not notice files that OpenSSL
- * rejects: the handshakes of all clients then fail. Throws as above. */
+ * rejects: the handshakes of all clients then fail. Throws like init_library(). */
 template <class T>
 void create_context(ssl_server<T>& tls) {
   const void* method = init_library(tls.is_new_api);

@@ -26,7 +26,7 @@ struct connection {
   uint32_t ip = 0;                    // the peer's IPv4 address in network order; 0 for outgoing connections
   int port = 0;                       // the peer's port in host order; 0 for outgoing connections
   int32_t last_active;                // seconds since the epoch, of the last read or write
-  abstract_server* server = nullptr;  // the one that accepted it, borrowed; null for outgoing connections
+  abstract_server* server = nullptr;  // the server that accepted it, borrowed; null for outgoing connections
   void* ssl = nullptr;                // the TLS session, owned by the TLS server
   int out_len = 0;                    // bytes of `out` still to be sent
   int out_pos = 0;                    // where these bytes start
@@ -41,8 +41,8 @@ struct connection {
   connection(const connection&) = delete;
   connection& operator=(const connection&) = delete;
 
-  /* Called with each chunk read from the socket. The bytes are the caller's and valid only during the
-   * call. */
+  /* Called with each chunk read from the socket. The caller owns the bytes, and they are valid only during
+   * the call. */
   virtual void on_recv(char* data, int len) = 0;
 
   /* Called when nothing is left to send: writes up to `cap` bytes to `buf` and stores their number in *len,
@@ -60,9 +60,9 @@ struct connection {
   /* The connection that update() is servicing; null outside update(). Only the servers set it. */
   static connection*& selected();
 
-  /* Zero-filled memory from connection_memory::shared(). The operators delete below give it back, also when a
-   * constructor throws. When memory is refused, the plain form throws std::bad_alloc and the std::nothrow
-   * form returns null. */
+  /* Zero-filled memory from connection_memory::shared(). The delete operators below give it back, also when a
+   * constructor throws. When memory is refused, the plain operator throws std::bad_alloc, and the operator
+   * with std::nothrow returns null. */
   static void* operator new(size_t size);
   static void* operator new(size_t size, const std::nothrow_t&) noexcept;
   static void* operator new(size_t, void* place) noexcept { return place; }

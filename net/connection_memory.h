@@ -3,19 +3,19 @@
  *
  * A fresh page is zero and costs nothing until it is touched. So an object of over 1 MiB costs only the page
  * or two that a small exchange uses: its last fields share a page with the first fields of the next object.
- * With fresh memory, calloc would do as well. But memory that was used before is cleared by calloc, a MiB for
- * each connection. Here, when an object ends and its output buffer was hardly used, only the bytes written
- * are cleared. Otherwise the pages of the output buffer return to the system. Some free slots wait for the
- * next connections, which saves the page faults that dominate the cost of short connections.
+ * With fresh memory, calloc would do as well. But calloc clears memory that was used before: a MiB for each
+ * connection. Here, when an object ends and its output buffer was hardly used, only the bytes written are
+ * cleared. Otherwise the pages of the output buffer return to the system. Some free slots wait for the next
+ * connections, which saves the page faults that dominate the cost of short connections.
  *
- * What a connection with one request would cost in other designs, as a multiple of the processor time (ab
+ * What a connection with one request would cost in other designs, as a multiple of its processor time now (ab
  * with 64 at once, release build, a busy virtual machine with two cores, medians of the ratios of 9 to 15
  * rounds in which the two builds ran alternately):
  *
  *   - 1.09: rows of one object instead of eight
  *   - 1.15: no waiting slots
  *   - 1.06: 64 waiting slots instead of 128, because 64 relayed clients are 128 objects
- *   - 1.02, or 1.06 with one client after the other: output buffers whose pages always return to the system
+ *   - 1.02 (1.06 with one client at a time): output buffers whose pages always return to the system
  *
  * An idle client takes 5.0 KiB of resident memory (RSS). With its object on pages of its own it took 8.0 KiB
  * (bench/run, "idle client").

@@ -30,7 +30,7 @@ class name_memory {
 
  private:
   base::hashmap<addrinfo*>* lists_ = nullptr;  // owned, with the lists; the key is host:port
-  int64_t second_ = 0;                         // since the epoch; all lists were looked up in it
+  int64_t second_ = 0;                         // since the epoch; all lists were looked up in this second
 
   void forget();
 };

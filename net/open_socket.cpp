@@ -22,7 +22,7 @@ namespace {
 constexpr int backlog = 128;
 
 // How many bytes of an upstream's response the kernel may buffer. Without a limit its buffer grows to several
-// MiB. A turn would read all of this into memory before the client has taken any of it.
+// MiB. The next turns would read all of this into the pipe, even if the client takes nothing.
 constexpr int upstream_receive_buffer = 512 * 1024;
 
 void set_option(int sock, int level, int name, int value) {

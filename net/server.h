@@ -57,7 +57,8 @@ struct abstract_server {
   /* Reads up to `len` bytes. Returns their number, 0 when the peer has closed, negative when there is nothing
    * now. Both transport hooks also report through errno. The server sets it to 0 before each call and looks
    * at it after the call. EAGAIN or EINTR, with any result, means that nothing more can be read or written
-   * for now, and that select() will tell when it can. A hook without a system call does not change errno. */
+   * for now, and that select() will tell when this changes. A hook without a system call does not change
+   * errno. */
   virtual int recv(connection* conn, char* buf, int len) = 0;
 
   /* Writes up to `len` bytes. Returns how many were accepted; 0 or negative when none can be accepted now. */

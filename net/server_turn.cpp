@@ -208,7 +208,7 @@ void server_base::ask_for_output(connection* conn) {
   }
 }
 
-// Prints how many connections there are, while there are any, and once more when the last one has ended.
+// Prints the number of connections. After a 0, nothing is printed until there are connections again.
 void server_base::report(int64_t now) {
   if (now - last_report <= report_interval) return;
   if (connections.count != 0 || last_count != 0) printf("%d connections\n", connections.count);

@@ -13,7 +13,7 @@ namespace sockets {
 
 namespace {
 
-constexpr int longest_wait_us = 100000;  // bounds how late a time-out or SIGINT is seen
+constexpr int longest_wait_us = 100000;  // a time-out or SIGINT is noticed at most this late
 
 constexpr rlim_t usual_limit = 1024;  // descriptors
 constexpr rlim_t raised_limit = 2048;

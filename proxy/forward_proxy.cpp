@@ -14,9 +14,9 @@ void http_proxy::on_headers() {
     answer(not_found_answer);
     return;
   }
-  // has_upstream() would not do, because the idle pipe must count here, too. Before the first upstream,
-  // upstream_host is empty and upstream_port is 0. Only a target without a host and with port 0 equals them:
-  // there is nothing to connect to, and the request gets no answer.
+  // This does not call has_upstream(), because the idle pipe counts here, too. Before the first upstream,
+  // upstream_host is empty and upstream_port is 0. A target with an empty host and port 0 equals them. There
+  // is nothing to connect to, so such a request stays in the idle pipe and gets no answer.
   const bool is_current = pipe->refs > 1 && upstream_host == url.host && upstream_port == url.port;
   if (!is_current) {
     if (!open_upstream(url.host, url.port)) return;

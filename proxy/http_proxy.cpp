@@ -44,7 +44,7 @@ int connect(const std::string& host, int32_t port) {
 }  // namespace
 
 bool http_proxy::open_upstream(const std::string& host, int32_t target_port) {
-  auto* fresh = new proxy_pipe;  // first, as it may throw; deleted by whoever drops the last reference
+  auto* fresh = new proxy_pipe;  // first, because it may throw; deleted with its last reference
   drop_pipe();
   pipe = fresh;
   pipe->client_sock = sock;
@@ -169,7 +169,8 @@ http_proxy::~http_proxy() {
 }
 
 // Leaves the pipe. This may free it, so `pipe` must be set again before it is used. First the pipe forgets
-// this side's socket. That socket may be closed already, and what ends in this function must not wake it.
+// this side's socket. That socket may be closed already, and the objects that end in this function must not
+// wake it.
 void http_proxy::drop_pipe() {
   pipe->client_sock = -1;
   if (unserved) {

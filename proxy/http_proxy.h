@@ -1,8 +1,8 @@
 /* http_proxy: the client side of a relay. On its own it is a forward proxy (RFC 9110, section 7.6).
  *
  * Each request chooses an upstream in on_headers. Its head and body go into the pipe that this object shares
- * with the upstream's proxy_connection, and what comes back goes out as it is. An upstream serves consecutive
- * requests as long as they go to the same place and it is alive.
+ * with the upstream's proxy_connection, and what comes back goes out as it is. The next request uses the same
+ * upstream if it goes to the same place and the upstream is alive.
  *
  * http_connection takes the Content-Length for the length of a body. A body in chunks has none. While such a
  * body is under way, content_length is a number that content_received does not reach. At its end,
@@ -45,8 +45,8 @@ struct http_proxy : http_connection {
 
   /* Queues body bytes for the upstream of the pipe. If the pipe has no upstream, nobody will ever take them,
    * and on_send() drops them. The body of a request that was answered here is queued, too, if it has a
-   * Content-Length: then the upstream of an earlier request gets it, if there is one. Any other body of such
-   * a request is dropped at once, because that upstream would take it for a request. */
+   * Content-Length. If the upstream of an earlier request is still there, it gets this body and takes it for
+   * a request. Any other body of such a request is dropped at once, so that this does not happen. */
   void on_data(char* data, int len) override;
 
   /* Does nothing: on_headers has forwarded the request or answered it. */

@@ -3,7 +3,7 @@
  * Shared by the two and owned by neither: `refs` counts the owners, and whoever drops the last reference
  * frees it. refs == 1 tells an owner that its partner is gone. Both queues are unbounded; their sizes are
  * bytes. The descriptors are borrowed: with them, a side that queues bytes wakes the other side. The
- * descriptor of a side that is not there is -1. A side that ends sets its own to -1. */
+ * descriptor of a side that is not there is -1. A side that ends sets its own descriptor to -1. */
 #pragma once
 
 #include <cstdint>

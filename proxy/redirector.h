@@ -13,7 +13,7 @@ struct redirector : http_connection {
    * Host value before its first colon. */
   void on_request() override;
 
-  /* The HTTPS port that clients are sent to. It is 443 unless it is set, which must be before the servers
+  /* The HTTPS port that clients are sent to. It is 443 by default, and may be set only before the servers
    * start. */
   static int32_t& ssl_port();
 };

@@ -14,8 +14,8 @@
  * read. */
 bool get_strings(const std::string& path, std::string& out);
 
-/* Returns the file name to open for the library `name`: of the paths in the linker's cache, the first whose
- * last component begins with `name` counts, and this last component is returned. If there is no such path,
+/* Returns the file name to open for the library `name`. It searches the paths in the linker's cache for a "/"
+ * with `name` directly after it, and returns the first such path from `name` on. If there is no such path,
  * returns `name` itself. Prints a message on standard error when there is no cache. The text of the cache is
  * kept until the process ends. */
 std::string _import_probe(const std::string& name);

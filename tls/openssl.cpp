@@ -40,7 +40,7 @@ void load(F*& pointer, const char* name) {
   pointer = reinterpret_cast<F*>(find(name));
 }
 
-// The pointer and the symbol have the same name. It is written once, so the two cannot differ.
+// The pointer and the symbol have the same name. The name is written only once, so the two cannot differ.
 #define LOAD(name) load(name, #name)
 
 // All names are looked up in this order, so that the error text lists every missing one. A server does not

@@ -19,8 +19,9 @@ void tls_context::load_certificate_maybe() {
 }
 
 // SSL_CTX_use_certificate_file loads only the first certificate of the file. Clients other than browsers also
-// need the intermediate certificates after it. Those of an earlier file must not stay in the context. Only
-// another call of use_certificate_chain_file() removes them, and only if it can load the file.
+// need the intermediate certificates after it. The intermediate certificates of an earlier file must not stay
+// in the context. Only another call of use_certificate_chain_file() removes them, and only if it can load the
+// file.
 void tls_context::load_chain_maybe() {
   const bool is_chain = count_certificates(crt_file) > 1;
   if (!is_chain && !has_chain) return;

@@ -5,7 +5,7 @@
  * open_session() to close_session(). The handshake is finished inside read_session() and write_session(), so
  * its state is not kept here, and no OpenSSL error code is looked at.
  *
- * All functions but the destructor may throw the std::string of a missing entry point; https::run catches
+ * All functions except the destructor may throw the std::string of a missing entry point; https::run catches
  * it. */
 #pragma once
 
@@ -22,7 +22,7 @@ struct tls_context {
   std::string crt_file;
   double crt_mtime = 0;    // of the certificate that is loaded, in seconds since the epoch; 0: none yet
   double last_check = 0;   // when the file was looked at last
-  bool has_chain = false;  // intermediate certificates are loaded, too
+  bool has_chain = false;  // intermediate certificates are loaded, or may be
 
   tls_context(const std::string& key, const std::string& crt) : key_file(key), crt_file(crt) {}
   tls_context(const tls_context&) = delete;
