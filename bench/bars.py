@@ -81,7 +81,7 @@ BARS = [
     Bar(f"{NEW}: processor time, of the floor", beside(NEW, COST, FLOOR), 1.10),
     Bar(f"{NEW_ALONE}: processor time, of nginx without a pool", beside(NEW_ALONE, COST, UNPOOLED), 1.0),
     Bar(f"{NEW_ALONE}: processor time, of the floor", beside(NEW_ALONE, COST, FLOOR), 1.20),
-    Bar("a request on a new connection: system calls but for waits", own(NEW_CALLS, "calls_per_request"), 18),
+    Bar("a request on a new connection: system calls without waits", own(NEW_CALLS, "calls_per_request"), 18),
     Bar("16 clients, 1 MiB replies over TLS: processor time, of nginx", beside(TLS_LARGE, COST, ("nginx",)), 1.05),
     Bar("90 MiB up over TLS: processor time, of HAProxy", beside(TLS_UP, COST, ("haproxy",)), 1.05),
     *keep_alive_bars(),
@@ -98,7 +98,7 @@ BARS = [
     Bar("resident memory (RSS) after the start", own("after the start", "resident_kib", 1 / 1024), 3, "MiB"),
     Bar("from the start to the first connection", own("start", "listening_ms"), 5, "ms"),
     Bar("stripped program", own("stripped program", "bytes", 1e-3), 250, "KB"),
-    Bar("kept-alive request, 1 client: system calls but for waits", own(CALLS_ALONE, "calls_per_request"), 4),
+    Bar("kept-alive request, 1 client: system calls without waits", own(CALLS_ALONE, "calls_per_request"), 4),
     Bar("the same, 64 clients", own(CALLS, "calls_per_request"), 4),
     Bar("allocations per request", own("allocations, 16 clients", "allocations_per_request"), 0),
 ]

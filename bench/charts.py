@@ -1,5 +1,5 @@
 """What the charts of the page show, and the sentence below each chart. Every panel has an axis of its own, which
-begins at zero. The sentence quotes a panel, so all its figures are drawn."""
+begins at zero. The sentence quotes a panel, so every figure in the sentence is drawn, too."""
 
 from typing import NamedTuple
 

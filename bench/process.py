@@ -149,7 +149,7 @@ class Server:
 
     def resident(self):
         """KiB in memory now. A page that several processes share counts once for each of them, so use this to measure
-        growth. For smaps_rollup the kernel counts the pages. Its running count is wrong by up to 64 pages."""
+        growth. The kernel counts the pages for smaps_rollup; the running count in VmRSS is wrong by up to 64 pages."""
         return self._sum("smaps_rollup", "Rss")
 
     def private(self):
