@@ -1,4 +1,4 @@
-# The other scripts source this file. need_packages installs Debian packages that are missing, build configures and
+# The other scripts source this file. need_packages installs the Debian packages that are missing. build configures and
 # builds.
 
 # need_packages PACKAGE...: makes sure that all packages are installed. Asks dpkg first, because apt-get is slow even

@@ -158,7 +158,7 @@ size_t bytes_to_next_page(const void* place) {
   return whole_pages(at) - at;
 }
 
-// Whether a pretended page begins there. If not, sets `result` and errno as the refusal does.
+// Whether a pretended page begins there. If not, sets `result` and errno as the system does when it refuses.
 bool is_page(const void* place, int& result) {
   if (bytes_to_next_page(place) == 0) return true;
   errno = EINVAL;

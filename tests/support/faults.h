@@ -1,7 +1,7 @@
 /* faults: calls into the system that fail, or give false results, when a test says so.
  *
- * The test programs define the functions named here themselves. Each calls the real one unless its fault is
- * set. Faults hold until they are used up or clear() is called. */
+ * A test program defines the functions named here itself. Each of them calls the real function, unless its
+ * fault is set. Faults hold until they are used up or clear() is called. */
 #pragma once
 
 #include <cstdint>
