@@ -1,4 +1,4 @@
-// Linked to every fuzzer: throws the output of the code under test away. libFuzzer writes to standard error.
+// Linked to every fuzzer: drops the output of the code under test. libFuzzer writes to standard error.
 
 #include <cstdio>
 

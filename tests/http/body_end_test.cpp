@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-// How GoogleTest prints it.
+// How GoogleTest prints a body_end.
 inline void PrintTo(body_end end, std::ostream* out) {
   const char* const names[] = {"by_length", "by_last_chunk", "unknown"};
   *out << names[static_cast<int>(end)];
@@ -131,7 +131,7 @@ TEST(body_end, bare_cr_or_lf_anywhere_makes_the_head_doubtful) {
              {"Transfer-Encoding: chunked\n", "Transfer-Encoding: chunked\r",
               "Transfer-Encoding: chunked\nX: y", "Transfer-Encoding: chunked\r\nX: y\nZ: z",
               "X: y\rz\r\nTransfer-Encoding: chunked", "X: y\r\r\nTransfer-Encoding: chunked"});
-  // A head without the name does not matter here.
+  // In a head without the name, these bytes do not matter.
   expect_end(body_end::by_length, {"X: y\nZ: z", "X: y\rz"});
 }
 

@@ -1,4 +1,4 @@
-// The registry of channels, and how a connection takes itself out of it when it ends.
+// The registry of channels, and how a connection that ends leaves its channels.
 
 #include <gtest/gtest.h>
 

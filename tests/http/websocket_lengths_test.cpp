@@ -1,5 +1,5 @@
 // The extended lengths of frames. The server reads them at other places than RFC 6455 says, and writes them
-// as it says.
+// as the RFC says.
 
 #include <gtest/gtest.h>
 

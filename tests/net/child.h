@@ -37,7 +37,7 @@ inline bool run_in_child(const std::function<void()>& body) {
 }
 
 /* Runs `body` in a child whose standard output has a large buffer. False when something was written out
- * before the body ended. Afterwards everything that it printed has been written. */
+ * before the body ended. After the call, everything that the body printed has been written. */
 inline bool prints_without_flush(const std::function<void()>& body) {
   return run_in_child([&] {
     setvbuf(stdout, nullptr, _IOFBF, 65536);

@@ -1,5 +1,6 @@
 // The rules for the memory of connection objects on systems with pages of 4, 16 and 64 KiB. The tests cannot
-// pretend that pages are smaller than those of this system. They use this system's size instead.
+// pretend that pages are smaller than those of this system. In place of a smaller size they use this system's
+// size.
 
 #include "net/connection_memory.h"
 

@@ -1,4 +1,5 @@
-// Descriptors that no fd_set can hold. Each test runs in its own process, in which the lower ones are taken.
+// Descriptors that no fd_set can hold. Each test runs in its own process, in which all lower descriptors are
+// taken.
 
 #include <sys/resource.h>
 

@@ -1,4 +1,4 @@
-// The accepting of clients.
+// How clients are accepted, and when they are refused.
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>

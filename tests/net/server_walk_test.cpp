@@ -257,8 +257,8 @@ TEST_F(server_walk, fruitless_turns_count_from_the_last_byte_written) {
   expect_time_out_after(a, fruitless_turns + 1);
 }
 
-// A session may ask to wait in many turns and then not ask in one turn. Only this one turn counts, not 64 in
-// a row.
+// A session may ask to wait in many turns, and then not ask in one turn. Then only this one turn counts
+// against the connection.
 TEST_F(server_walk, turns_that_asked_to_wait_do_not_count_against_a_connection) {
   link& a = join_readable();
   srv.receives = moves_nothing(EAGAIN);

@@ -119,7 +119,7 @@ TEST_P(either_way, peer_on_this_machine_is_not_probed) {
   EXPECT_EQ(option(sock, SOL_SOCKET, SO_KEEPALIVE), 0);
 }
 
-// A listener whose queue is full answers no more connections. They stay unfinished.
+// A listener whose queue is full answers no more connections. New connections to it stay unfinished.
 TEST_F(sockets_connect, connection_under_way_has_not_failed) {
   const int full = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = {};

@@ -76,8 +76,7 @@ TEST_F(reverse_proxy_test, value_of_zero_is_the_same_as_no_key) {
   EXPECT_EQ(to_client(), not_found);
 }
 
-// The command line may refuse such a number; this is about the map. The message of a failed look-up shows
-// that the number was taken for a port.
+// The message of a failed look-up shows that the number was taken for a port.
 TEST_F(reverse_proxy_test, every_other_value_is_taken_for_a_port) {
   for (int port : {-2, 1, 65536, INT32_MIN, INT32_MAX}) {
     SCOPED_TRACE(port);
