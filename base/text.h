@@ -16,7 +16,7 @@ std::string num(double x);
  * and cut to its low 32 bits; 0 when there is none. */
 int32_t parse_int(const char* text);
 
-/* Empties `s` for the next text. It keeps its memory, unless that is more than 64 KiB: one long request must
+/* Empties `s` for the next text. `s` keeps its memory, unless that is more than 64 KiB: one long request must
  * not occupy so much memory for the life of a connection. */
 void empty_for_reuse(std::string& s);
 

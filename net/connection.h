@@ -31,8 +31,8 @@ struct connection {
   int out_len = 0;                    // bytes of `out` still to be sent
   int out_pos = 0;                    // where these bytes start
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
-  uint8_t fruitless = 0;              // turns in a row in which the socket was ready and moved nothing
-  uint8_t unexplained = 0;            // how many of these came after the last one that asked to wait
+  uint8_t fruitless = 0;              // turns in a row in which the socket was ready and nothing moved
+  uint8_t unexplained = 0;            // how many of these turns came after the last one that asked to wait
   int out_filled = -1;                // how many bytes at the front of `out` were ever written; -1: unknown
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never

@@ -175,8 +175,8 @@ bool connect_socket(int sock, const addrinfo& address) {
   return false;
 }
 
-// Starts connecting to the first address; no other one is tried. Only the use of the socket shows whether the
-// connection was made.
+// Starts connecting to the first address; no other one is tried. Does not wait for the connection; see
+// has_failed().
 int connect_to_first(const addrinfo* addresses) {
   const addrinfo* a = skip_ipv6(addresses);
   if (!a) return -1;

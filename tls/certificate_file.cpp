@@ -27,7 +27,7 @@ double certificate_file_time(const std::string& path) noexcept {
     struct stat status;
     if (stat(clean_path(path).c_str(), &status) != 0) return 0;
     return static_cast<double>(status.st_mtim.tv_sec);
-  } catch (const std::bad_alloc&) {  // must not end a connection; the next look at the file may work
+  } catch (const std::bad_alloc&) {  // this must not end a connection; the next look at the file may succeed
     return 0;
   }
 }
