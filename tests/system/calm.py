@@ -7,7 +7,7 @@ from mivo_process import PROGRAM
 from wire import request
 
 # Afterwards the resident memory may be higher by this much: mivo keeps buffers for the next connections (1 MiB to
-# read into, 2 MiB of queue blocks, a few pages for each of 64 connection objects), and the allocator keeps freed
+# read into, 4 MiB of queue blocks, a few pages for each of 128 connection objects), and the allocator keeps freed
 # memory that it has not returned to the system.
 RESIDENT_TOLERANCE_KIB = 8 * 1024
 

@@ -1,4 +1,4 @@
-"""mivo reports the number of connections. This test has its own file, so that it waits while test_idle.py waits."""
+"""mivo reports the number of connections. This test has its own file, so that it can run while test_idle.py waits."""
 
 import re
 import time

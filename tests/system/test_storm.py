@@ -1,6 +1,6 @@
 """Every example in a storm of hostile clients. Polite clients are answered meanwhile, and afterwards descriptors,
-threads and memory are back to where they were. MIVO_STORM_SECONDS sets the length of each storm, MIVO_STORM_SEED
-chooses it."""
+threads and memory are back to where they were. MIVO_STORM_SECONDS sets the length of each storm. MIVO_STORM_SEED
+repeats a storm."""
 
 import os
 import random
