@@ -219,8 +219,8 @@ def readme_block(data):
     text = README.format(
         rounds=rounds_text(results),
         date=" and ".join(distinct(data, "date")),
-        unpooled=f"The others have a pool of upstream connections, and `mivo` has none: beside nginx without its pool, "
-        f"a request over HTTP on a new connection costs {unpooled}."
+        unpooled="The others have a pool of upstream connections, and `mivo` has none. For a request over HTTP "
+        f"on a new connection, {unpooled}."
         if unpooled
         else "",
         lost=f"`mivo` takes more than the best of the others in these rows: {'; '.join(lost)}." if lost else "",
