@@ -1,7 +1,7 @@
 /* recorder: an http_connection that notes which of its hooks ran, with what, and which fields they saw.
  *
- * on_headers and on_request do nothing else. The other hooks then call the default ones. If `stays_upgraded`
- * is set, on_upgrade does not, and the connection stays open. */
+ * on_headers and on_request do nothing else. The other hooks then call the default hooks. If `stays_upgraded`
+ * is set, on_upgrade does not call its default, and the connection stays open. */
 #pragma once
 
 #include <gtest/gtest.h>
