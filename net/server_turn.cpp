@@ -44,6 +44,12 @@ bool has_timed_out(const connection* conn, int64_t now) {
   return idle_seconds > 0 && conn->timeout >= 0 && idle_seconds > conn->timeout;
 }
 
+// Takes the time of now, not of the turn's beginning: a hook may take long, for example while the console is
+// full, and the next turn must not count that time as silence.
+void note_activity(connection* conn) {
+  conn->last_active = static_cast<int32_t>(time(nullptr));
+}
+
 // Whether errno, as a transport hook has left it, says that select() will tell when there is more to do.
 bool asks_to_wait(int cause) {
   return cause == EAGAIN || cause == EINTR;
@@ -122,7 +128,7 @@ void server_base::read_from(connection* conn, int64_t now) {
     cause = errno;
     if (n <= 0) break;
     conn->on_recv(read_buffer, n);
-    conn->last_active = static_cast<int32_t>(now);
+    note_activity(conn);
     bytes += n;
     if (asks_to_wait(cause)) break;
   }
@@ -136,8 +142,6 @@ void server_base::read_from(connection* conn, int64_t now) {
 }
 
 void server_base::write_to(connection* conn, int64_t now) {
-  // A connection that was only woken has not been active.
-  if (conn->out_len != 0) conn->last_active = static_cast<int32_t>(now);
   const int before = conn->out_len;
   int n = 0;
   while ((n = send_pending(conn)) > 0) {
@@ -145,6 +149,7 @@ void server_base::write_to(connection* conn, int64_t now) {
     conn->out_pos += n;
   }
   const bool is_waiting = asks_to_wait(errno);
+  if (before != 0) note_activity(conn);  // else the connection was only woken
   if (!conn->keep && conn->out_len == 0)
     unlink_and_end(conn);
   else if (conn->out_len < before)

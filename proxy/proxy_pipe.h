@@ -50,7 +50,7 @@ struct proxy_pipe {
    * and nothing else; without memory for the 502, the client gets no byte at all. */
   void lose_upstream(int unsent) noexcept {
     const bool took_nothing = offered == unsent;
-    if (!took_nothing || answered) return;
+    if (!took_nothing || answered || !to_client.empty()) return;
     try {
       to_client = bad_gateway_answer;
     } catch (const std::bad_alloc&) {

@@ -31,7 +31,7 @@ void reverse_proxy::on_headers() {
 }
 
 void reverse_proxy::relay_to(int local_port) {
-  const bool is_current = has_upstream() && upstream_port == local_port;
+  const bool is_current = pipe->refs > 1 && upstream_port == local_port;
   if (!is_current) {
     if (!open_upstream("localhost", local_port)) return;
     upstream_port = local_port;

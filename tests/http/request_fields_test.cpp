@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <type_traits>
 
 #include "tests/http/recorder.h"
+#include "tests/support/slots.h"
 
 namespace {
 
@@ -19,16 +19,6 @@ const char fresh_fields[] =
 
 uintptr_t at(const void* member) {
   return reinterpret_cast<uintptr_t>(member);
-}
-
-// The first word of a pointer to a virtual member function is the offset in the table. The Itanium C++ ABI
-// adds 1 to it; its variant for ARM adds 1 to the second word. The division gives the slot in both.
-template <class F>
-uintptr_t slot_of(F function) {
-  static_assert(sizeof(function) >= sizeof(uintptr_t), "a pointer to a member function");
-  uintptr_t word;
-  memcpy(&word, &function, sizeof(word));
-  return word / sizeof(void*);
 }
 
 template <class F>

@@ -232,6 +232,17 @@ TEST_F(server_service, read_bytes_are_an_activity) {
   EXPECT_EQ(a.conn->last_active, start_time);
 }
 
+// For example while the console is full. The next turn must not count that time as silence.
+TEST_F(server_service, time_that_a_hook_takes_is_no_silence_of_its_connection) {
+  link& a = join();
+  a.deliver("hello");
+  a.conn->when_received = [] { faults::clock_offset() += 11; };
+  turn();
+  EXPECT_EQ(a.conn->last_active, start_time + 11);
+  turn();
+  EXPECT_EQ(srv.connections.count, 1);
+}
+
 TEST_F(server_service, failed_read_is_no_activity_and_keeps_the_connection) {
   for (int error : {EAGAIN, ECONNRESET, EINTR}) {
     link& a = join();
@@ -348,6 +359,18 @@ TEST_F(server_service, write_pass_is_an_activity_even_if_nothing_was_taken) {
     turn();
     EXPECT_EQ(a.conn->last_active, start_time) << taken;
   }
+}
+
+TEST_F(server_service, time_that_a_write_takes_is_no_silence_of_its_connection) {
+  link& a = join_with_output("out");
+  srv.sends = [](connection*, char*, int len) {
+    faults::clock_offset() += 11;
+    return len;
+  };
+  turn();
+  EXPECT_EQ(a.conn->last_active, start_time + 22);
+  turn();
+  EXPECT_EQ(srv.connections.count, 1);
 }
 
 // A connection that a pass has left out is woken, even if it has nothing to send.

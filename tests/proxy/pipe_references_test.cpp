@@ -39,6 +39,15 @@ TEST_F(pipe_references, opening_an_upstream_leaves_the_idle_pipe_and_shares_a_ne
   EXPECT_EQ(to_client(), "");
 }
 
+// A new connection's upstream_port is 0, which no host has, so only a subclass can come here.
+TEST_F(pipe_references, idle_pipe_counts_as_an_upstream_on_the_port_that_is_set) {
+  proxy->upstream_port = upstream.port();
+  receive(request_to("a"));
+  EXPECT_TRUE(is_idle());
+  EXPECT_EQ(to_upstream(), forwarded("a", "/", "", "", "10.0.0.7"));
+  EXPECT_EQ(upstreams(), 0);
+}
+
 TEST_F(pipe_references, client_that_ends_first_leaves_the_pipe_to_the_upstream) {
   receive(request_to("a"));
   hold_pipe();
@@ -47,6 +56,16 @@ TEST_F(pipe_references, client_that_ends_first_leaves_the_pipe_to_the_upstream) 
   EXPECT_EQ(held->to_upstream, forwarded("a", "/", "", "", "10.0.0.7"));
   end_upstream();
   expect_owners(0);
+}
+
+// A subclass may write to the queue directly.
+TEST_F(pipe_references, what_is_queued_for_the_client_stays_when_its_upstream_ends) {
+  receive(request_to("a"));
+  proxy->pipe->to_client = "rest";
+  end_upstream();
+  output o = ask(*proxy);
+  EXPECT_EQ(o.bytes, "rest");
+  EXPECT_FALSE(o.stays_open);
 }
 
 TEST_F(pipe_references, upstream_that_ends_first_leaves_the_pipe_to_the_client) {

@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "tests/proxy/proxy_fixtures.h"
+#include "tests/support/slots.h"
 
 namespace {
 
@@ -51,6 +52,23 @@ TEST(http_proxy, fields_stand_in_the_order_of_the_design) {
   expect_order({at(&proxy->subscriptions), at(&proxy->upstream_host), at(&proxy->upstream_port),
                 at(&proxy->pipe), at(&proxy->idle_pipe)});
   EXPECT_TRUE((std::is_same_v<decltype(proxy->upstream_port), int32_t>));
+}
+
+TEST(http_proxy, hooks_have_the_virtual_slots_of_the_design) {
+  EXPECT_EQ(slot_of(&http_proxy::on_recv), 0u);
+  EXPECT_EQ(slot_of(&http_proxy::on_send), 1u);
+  // Two slots belong to the destructors.
+  EXPECT_EQ(slot_of(&http_proxy::on_headers), 4u);
+  EXPECT_EQ(slot_of(&http_proxy::on_data), 5u);
+  EXPECT_EQ(slot_of(&http_proxy::on_upgrade), 6u);
+  EXPECT_EQ(slot_of(&http_proxy::on_message), 7u);
+  EXPECT_EQ(slot_of(&http_proxy::on_request), 8u);
+  EXPECT_EQ(slot_of(&http_proxy::should_block), 9u);
+}
+
+TEST(proxy_connection, hooks_have_the_virtual_slots_of_the_design) {
+  EXPECT_EQ(slot_of(&proxy_connection::on_recv), 0u);
+  EXPECT_EQ(slot_of(&proxy_connection::on_send), 1u);
 }
 
 TEST(proxy_pipe, fields_stand_in_the_order_of_the_design) {
