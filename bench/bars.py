@@ -12,6 +12,7 @@ TITLES = {
     "haproxy": "HAProxy",
     "caddy": "Caddy",
     "floor": "the floor",
+    "select floor": "the floor with select()",
 }
 PEERS = ("nginx", "haproxy")
 UNPOOLED = ("nginx unpooled",)

@@ -67,6 +67,13 @@ def processor_seconds(pid):
     return time.clock_gettime((~pid << 3) | 2)
 
 
+def user_seconds(pid):
+    """The part of processor_seconds() that was not spent in the kernel. The kernel samples it in steps of 10 ms, so it
+    is good for averages over some seconds."""
+    fields = Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return int(fields[11]) / os.sysconf("SC_CLK_TCK")
+
+
 def distinct_kib(pids):
     """KiB of the pages that the processes have mapped in. A page that several of them share counts once. Needs root,
     because the kernel shows the identity of a page to nobody else."""
@@ -138,6 +145,10 @@ class Server:
     def processor(self):
         """Processor time of all its processes, in seconds."""
         return sum(processor_seconds(pid) for pid in self.pids())
+
+    def user(self):
+        """The part of processor() that was not spent in the kernel."""
+        return sum(user_seconds(pid) for pid in self.pids())
 
     def _sum(self, file, *fields):
         total = 0

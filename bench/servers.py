@@ -76,7 +76,8 @@ class Bench:
             "nginx unpooled": lambda job: self._nginx("nginx unpooled", job, "nginx_unpooled.conf"),
             "haproxy": self._haproxy,
             "caddy": self._caddy,
-            "floor": self._floor,
+            "floor": lambda job: self._floor("floor", job),
+            "select floor": lambda job: self._floor("select floor", job, "select"),
         }
 
     def start(self, wanted):
@@ -171,9 +172,10 @@ class Bench:
         environment = {"HOME": str(folder), "XDG_DATA_HOME": str(folder), "XDG_CONFIG_HOME": str(folder)}
         return Server("caddy", command, port, tls=job == "https", environment=environment, job=job)
 
-    def _floor(self, job):
+    def _floor(self, name, job, *options):
         port = free_port()
-        return Server("floor", [str(PROGRAMS / "floor"), str(port), str(self.upstream_port)], port, job=job)
+        command = [str(PROGRAMS / "floor"), str(port), str(self.upstream_port), *options]
+        return Server(name, command, port, job=job)
 
     def stop(self):
         for server in self.running:

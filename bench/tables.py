@@ -7,7 +7,7 @@ import bars
 import figures
 from bars import COST, DOWN, HANDSHAKE, NEW, NEW_ALONE, TITLES, TLS_DOWN
 
-OTHERS = ("nginx", "haproxy", "caddy", "nginx unpooled", "floor")
+OTHERS = ("nginx", "haproxy", "caddy", "nginx unpooled", "floor", "select floor")
 COLUMNS = ("mivo", "nginx", "haproxy", "caddy")  # of the README's table and of others
 
 
@@ -42,10 +42,10 @@ def with_servers(results, figure, servers, factor=1.0):
             yield name, *cells
 
 
-def cost_table(results):
+def cost_table(results, figure=COST):
     servers = ("mivo", *OTHERS)
     head = ("workload", *(TITLES[server] for server in servers))
-    return table(head, list(with_servers(results, COST, servers)))
+    return table(head, list(with_servers(results, figure, servers)))
 
 
 def ratio_table(results):

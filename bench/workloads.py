@@ -12,6 +12,7 @@ PEERS = ("mivo", "nginx", "haproxy")
 QUOTED = (*PEERS, "caddy")  # the columns of the README's table
 OWN = ("mivo",)
 FLOOR = "floor"
+SELECT_FLOOR = "select floor"
 
 MOST_ROUNDS = 10  # for figures that are close to a bar, and for latencies
 ROUNDS = 7  # for other figures that a bar or the README quotes
@@ -30,13 +31,14 @@ def timed(load):
 
     def measure(bench, server, seconds):
         server.reset_peak()
-        before = server.processor()
+        before, user_before = server.processor(), server.user()
         figures = load(bench, server, seconds)
-        used = server.processor() - before
+        used, in_user_mode = server.processor() - before, server.user() - user_before
         if figures.failed or not figures.requests:
             raise RuntimeError(f"{figures.failed} of {figures.requests} requests failed")
         return {
             "processor_us_per_request": used * 1e6 / figures.requests,
+            "user_us_per_request": in_user_mode * 1e6 / figures.requests,
             "requests": figures.requests,
             "requests_per_second": figures.requests / figures.seconds,
             "p50_ms": figures.p50,
@@ -110,12 +112,12 @@ def other(measure, servers=PEERS, rounds=FEW_ROUNDS, job="http"):
 WORKLOADS = {
     "keep-alive, 1 client": kept_alive(1, "/128", (*PEERS, FLOOR), FEW_ROUNDS),
     "keep-alive, 16 clients": kept_alive(16, "/128", (*PEERS, FLOOR), MOST_ROUNDS),
-    "keep-alive, 64 clients": kept_alive(64, "/128", (*QUOTED, FLOOR), MOST_ROUNDS),
+    "keep-alive, 64 clients": kept_alive(64, "/128", (*QUOTED, FLOOR, SELECT_FLOOR), MOST_ROUNDS),
     "keep-alive, 400 clients": kept_alive(400, "/128", (*QUOTED, FLOOR), MOST_ROUNDS),
     "keep-alive, 64 clients, 16 KiB": kept_alive(64, "/16k", (*PEERS, FLOOR), FEW_ROUNDS),
     "keep-alive, 16 clients, 1 MiB": kept_alive(16, "/1m", (*PEERS, FLOOR), FEW_ROUNDS),
-    "new connections, 64 at once": new_connections(64, (*QUOTED, "nginx unpooled", FLOOR)),
-    "new connections, one after the other": new_connections(1, (*PEERS, "nginx unpooled", FLOOR)),
+    "new connections, 64 at once": new_connections(64, (*QUOTED, "nginx unpooled", FLOOR, SELECT_FLOOR)),
+    "new connections, one after the other": new_connections(1, (*PEERS, "nginx unpooled", FLOOR, SELECT_FLOOR)),
     "1 GiB download": download((*QUOTED, FLOOR)),
     "1 GiB, first bytes": first_bytes(),
     "90 MiB upload": upload(FEW_ROUNDS),
