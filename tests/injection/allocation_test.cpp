@@ -101,6 +101,32 @@ void take_turn_without_memory(Stage& here) {
 
 }  // namespace
 
+// The second piece of the head doubles the memory of its text, which is then enough for the bytes that
+// follow.
+TEST(allocation, turn_of_an_idle_or_reading_server_needs_none) {
+  console screen;
+  plain_stage here;
+  ASSERT_TRUE(here.start());
+  client c(here.port());
+  for (const char* piece : {"GET / HTTP/1.1\r\nHost: a\r\nX: ", "a second piece"}) {
+    c.send(piece);
+    for (int i = 0; i < 5; i++) here.turn();
+  }
+  for (const char* piece : {"", "x"}) {
+    for (int i = 0; i < 10; i++) {
+      c.send(piece);
+      new_faults() = {true, 0, INT_MAX, 0};
+      here.turn();
+      const int calls = new_faults().calls;
+      new_faults() = {};
+      EXPECT_EQ(calls, 0) << "turn " << i << " with \"" << piece << "\"";
+    }
+  }
+  EXPECT_EQ(here.connections(), 1);
+  c.close();
+  here.stop();
+}
+
 TEST(allocation, server_starts_again_without_memory) {
   descriptor_check descriptors;
   console screen;

@@ -5,7 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
+#include <functional>
+#include <iterator>
 
 #include "tests/tls/ssl_server_fixture.h"
 
@@ -48,6 +51,13 @@ TEST_F(tls_hooks, new_server_has_its_paths_and_nothing_else) {
   EXPECT_EQ(fresh.crt_mtime, 0.0);
   EXPECT_EQ(fresh.last_check, 0.0);
   expect_notes({});
+}
+
+TEST_F(tls_hooks, fields_stand_in_the_order_of_the_design) {
+  const ssl_server<talker> fresh(8443, "", "");
+  const void* places[] = {&fresh.last_count, &fresh.ctx,       &fresh.is_new_api, &fresh.key_file,
+                          &fresh.crt_file,   &fresh.crt_mtime, &fresh.last_check};
+  EXPECT_TRUE(std::is_sorted(std::begin(places), std::end(places), std::less<>()));
 }
 
 TEST_F(tls_hooks, accepting_makes_a_session_on_the_socket_and_starts_the_handshake) {
