@@ -9,8 +9,9 @@
  * net/connection_memory.h.
  *
  * Between calls of the server: (1) 0 <= out_pos, and out_pos + out_len <= sizeof(out) while out_len > 0; (2)
- * out_len is 0 when on_send is called; (3) a negative out_len counts as output that is never sent. `keep` is
- * true at first, because a connection may be written to before it is first asked for output. */
+ * out_len is 0 when on_send is called, so a write is repeated with the same bytes, as SSL_write() demands;
+ * (3) a negative out_len counts as output that is never sent. `keep` is true at first: otherwise a connection
+ * that is woken before it is first asked for output would end. */
 #pragma once
 
 #include <cstddef>
@@ -25,15 +26,16 @@ struct connection {
   int sock = -1;                      // the descriptor; messages name the connection by it
   uint32_t ip = 0;                    // the peer's IPv4 address in network order; 0 for outgoing connections
   int port = 0;                       // the peer's port in host order; 0 for outgoing connections
-  int32_t last_active;                // seconds since the epoch, of the last read or write
+  int32_t last_active;                // seconds since the epoch of the last bytes read or last try to send;
+                                      // a handshake does not count, and rule 2 in net/server.h sets it back
   abstract_server* server = nullptr;  // the server that accepted it, borrowed; null for outgoing connections
-  void* ssl = nullptr;                // the TLS session, owned by the TLS server
+  void* ssl = nullptr;                // the TLS session, owned by the TLS server and freed in its on_remove()
   int out_len = 0;                    // bytes of `out` still to be sent
   int out_pos = 0;                    // where these bytes start
   bool keep = true;                   // what on_send returned last: stay open once the output is sent?
-  uint8_t fruitless = 0;              // turns in a row in which the socket was ready and nothing moved
+  uint8_t fruitless = 0;              // turns in a row with a ready socket and no byte moved; 64 at most
   uint8_t unexplained = 0;            // how many of these turns came after the last one that asked to wait
-  int out_filled = -1;                // how many bytes at the front of `out` were ever written; -1: unknown
+  int out_filled = -1;                // bytes written to the front of `out`; -1: unknown before on_send()
   char out[out_capacity];             // not initialised: see operator new
   int timeout = 10;                   // idle seconds after which the connection is ended; negative: never
 
@@ -57,7 +59,8 @@ struct connection {
    * on_send() throws. */
   void fill_output();
 
-  /* The connection that update() is servicing; null outside update(). Only the servers set it. */
+  /* The connection that update() is servicing; null outside update(). Hooks may read it; the servers
+   * only set it. */
   static connection*& selected();
 
   /* Zero-filled memory from connection_memory::shared(). The delete operators below give it back, also when a

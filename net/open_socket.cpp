@@ -34,8 +34,8 @@ void send_at_once(int sock) {
   set_option(sock, IPPROTO_TCP, TCP_NODELAY, 1);
 }
 
-// Keepalive finds peers that vanished without closing, after 60 + 4 * 15 s. Proxied connections have no
-// time-out that would find them.
+// Keepalive finds peers that vanished without closing, after 60 + 4 * 15 s. Relayed connections have no
+// time-out that would find them (connection::timeout is -1).
 void probe_silent_peers(int sock) {
   set_option(sock, SOL_SOCKET, SO_KEEPALIVE, 1);
   set_option(sock, IPPROTO_TCP, TCP_KEEPIDLE, 60);

@@ -1,5 +1,6 @@
 /* redirect_server: takes the place of a server<T> and redirects all its clients to HTTPS. It creates a
- * redirector for each client, never a T. It services upstream connections like any other server. */
+ * redirector for each client, never a T. It also services the upstream connections of the
+ * TLS server's clients (main/https.h). */
 #pragma once
 
 #include "net/server.h"

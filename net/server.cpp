@@ -85,7 +85,7 @@ void server_base::add_connection(connection* conn) {
 }
 
 // Called after a failed select(), when nothing is known about any socket, or after a failed accept(). Ends
-// all connections and starts the server again.
+// all connections and starts the server again. When start() fails, the server goes on without listening.
 void server_base::restart() {
   const int cause = errno;
   stop();
@@ -93,8 +93,8 @@ void server_base::restart() {
   errno = cause;  // the next server looks at it, too
 }
 
-// The pass skips the connection after this one. That connection's output and unread bytes must not wait until
-// something else happens.
+// The pass skips the connection after this one (see base/linkedlist.h). That connection's output and unread
+// bytes must not wait until something else happens.
 void server_base::unlink_and_end(connection* conn) {
   connections.remove();
   if (connections.resume) sockets::mark_passed_over(connections.resume->value->sock);
@@ -133,5 +133,5 @@ void server_base::stop() {
     sockets::close(sock);
     sock = -1;
   }
-  while (connections.count > 0) end_connection(connections.pop());
+  while (connections.count > 0) end_connection(connections.pop());  // the oldest first
 }

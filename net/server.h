@@ -4,18 +4,21 @@
  * turn of service, update(). server<T> adds only the creation of T objects.
  *
  * A server owns its listening socket and the connections in its list; it closes and deletes them. One
- * thread drives all servers: a turn is one sockets::select_all(), then update() on each.
+ * thread drives all servers: a turn is one sockets::select_all(), then update() on each. update() makes two
+ * passes over its list. The service pass reads from a connection that is readable, or else writes to one that
+ * is writable. The output pass asks each connection without pending output for more.
  *
  * server_base alone decides what happens to a ready socket; the hooks recv() and send() only move bytes:
- * (1) A pass reads from a connection until the transport has no more for now, but at most 64 times, and only
- *     until it has read its share. The share is a MiB divided by the number of ready sockets, but at least
- *     64 KiB. The rest is read in the next turn, which follows at once.
+ * (1) The service pass reads from a connection until the transport has no more for now, but at most 64 times,
+ *     and only until it has read its share. The share is a MiB divided by the number of ready sockets, but at
+ *     least 64 KiB. The rest is read in the next turn, which follows at once.
  * (2) A socket may be ready although the transport moves nothing and does not ask to wait. After 64 such
- *     turns in a row the connection is dead, and the time-out rule ends it in the next turn. Otherwise the
- *     loop would spin.
+ *     turns in a row the connection is dead: its time-out becomes 0. So the next turn ends it and prints "N
+ *     has timed out.", even if it had no time-out. Otherwise the loop would spin.
  * (3) The transport may also move nothing 64 turns in a row, but ask to wait in the last of them. Then the
  *     connection lives: a TLS session may have to write before it can read, or the reverse. But the loop
- *     would spin here, too, so every second wait leaves out the direction in which nothing moves.
+ *     would spin here, too, so every second wait leaves out the direction in which nothing moves, and
+ *     watches the other one.
  * (4) When a hook throws, only its own connection ends, and this is printed. But a std::string is thrown
  *     again, and the run ends: it is the error text for a missing entry point of OpenSSL. */
 #pragma once
@@ -51,17 +54,18 @@ struct abstract_server {
   virtual bool on_accept(connection* conn) = 0;
 
   /* Called when the connection has ended: its socket is closed and in no set. The object is deleted right
-   * after the call. */
+   * after the call. Not called for a client that was refused. */
   virtual void on_remove(connection* conn) = 0;
 
-  /* Reads up to `len` bytes. Returns their number, 0 when the peer has closed, negative when there is nothing
-   * now. Both transport hooks also report through errno. The server sets it to 0 before each call and looks
+  /* Reads up to `len` bytes. Returns their number, 0 when the peer has closed, negative when nothing could be
+   * read. Both transport hooks also report through errno. The server sets it to 0 before each call and looks
    * at it after the call. EAGAIN or EINTR, with any result, means that nothing more can be read or written
-   * for now, and that select() will tell when this changes. A hook without a system call does not change
-   * errno. */
+   * for now, and that select() will tell when this changes. Otherwise a turn in which nothing moves counts
+   * for rule 2. A hook without a system call does not change errno. */
   virtual int recv(connection* conn, char* buf, int len) = 0;
 
-  /* Writes up to `len` bytes. Returns how many were accepted; 0 or negative when none can be accepted now. */
+  /* Writes up to `len` bytes. Returns how many were accepted; 0 or negative when none could be accepted.
+   * `len` is 0 in the last call when everything is sent; it may be negative (rule 3 in net/connection.h). */
   virtual int send(connection* conn, char* buf, int len) = 0;
 
   /* Starts this server and serves until SIGINT. When it cannot start, returns at once; start() has printed
@@ -97,15 +101,18 @@ struct server_base : abstract_server {
   /* Ends all connections in order of arrival and closes the listening socket. May be called again. */
   void stop();
 
-  /* Accepts one client. Returns false only when accept() has failed, which is printed. A client that is
-   * refused, or for which a hook throws, counts as accepted. */
+  /* Accepts one client. Returns false only when accept() has failed, which is printed; update() then ends all
+   * connections and starts the server again. A client that is refused, or for which a hook throws, counts as
+   * accepted. */
   bool accept_connection();
 
-  /* Takes over a connection that was opened elsewhere, with its socket: this server services it and ends it.
-   * Throws std::bad_alloc when there is no memory; nothing is taken over then. */
+  /* Takes over a connection with its socket: this server services it and ends it. Does not call on_accept():
+   * a TLS server would have no session for a connection that was opened elsewhere. Throws std::bad_alloc when
+   * there is no memory; nothing is taken over then. */
   void add_connection(connection* conn);
 
-  /* Closes the connection's socket and deletes the connection. The caller has removed it from the list. */
+  /* Closes the connection's socket, calls on_remove() and deletes the connection. The caller has removed it
+   * from the list. */
   void end_connection(connection* conn);
 
  private:

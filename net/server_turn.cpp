@@ -57,7 +57,7 @@ bool asks_to_wait(int cause) {
 
 }  // namespace
 
-// One turn: read and write what the last select() found ready, accept one client, then ask every connection
+// One turn: read or write what the last select() found ready, accept one client, then ask every connection
 // without output for more. This output is sent in the next turn.
 void server_base::update() {
   if (sockets::num_ready() < 0) {
@@ -149,7 +149,7 @@ void server_base::write_to(connection* conn, int64_t now) {
     conn->out_pos += n;
   }
   const bool is_waiting = asks_to_wait(errno);
-  if (before != 0) note_activity(conn);  // else the connection was only woken
+  if (before != 0) note_activity(conn);  // else the connection was only woken, see mark_ready()
   if (!conn->keep && conn->out_len == 0)
     unlink_and_end(conn);
   else if (conn->out_len < before)
@@ -184,8 +184,8 @@ void server_base::note_fruitless_turn(connection* conn, directions direction, bo
   }
 }
 
-// The write loop ends with an empty write, which needs no system call. A negative length must never reach the
-// system, which would take it for a huge one.
+// When everything is sent, the last call by write_to() has length 0, which needs no system call. A negative
+// length must never reach the system, which would take it for a huge one.
 int server_base::send(connection* conn, char* buf, int len) {
   if (len <= 0) return 0;
   return static_cast<int>(::send(conn->sock, buf, static_cast<size_t>(len), 0));
@@ -213,7 +213,8 @@ void server_base::ask_for_output(connection* conn) {
   }
 }
 
-// Prints the number of connections. After a 0, nothing is printed until there are connections again.
+// Prints the number of connections in the first turn, then every 6 seconds. After a 0, nothing is printed
+// until there are connections again.
 void server_base::report(int64_t now) {
   if (now - last_report <= report_interval) return;
   if (connections.count != 0 || last_count != 0) printf("%d connections\n", connections.count);

@@ -3,7 +3,10 @@
  * All servers and connections of the process share the sets. Each set lives from its first use to the end of
  * the process. The sets hold descriptors below FD_SETSIZE (1024). add() and the other functions leave any
  * other descriptor, -1 included, out of the sets, because FD_SET would write outside them. Failures are
- * printed on standard output and returned. */
+ * printed on standard output and returned.
+ *
+ * Here a socket "is ready" when it is in readable(), writable() or errors(), the results of the last wait.
+ * The set ready() is not one of them: see mark_ready(). */
 #pragma once
 
 #include <sys/select.h>
@@ -13,23 +16,23 @@
 namespace sockets {
 
 fd_set* all();       // the registry: every socket that is serviced, from its opening to its closing
-fd_set* ready();     // sockets with output waiting; handed to select() and emptied by every select_all()
+fd_set* ready();     // sockets that mark_ready() has marked for the next wait; each select_all() empties it
 fd_set* readable();  // results of the last select(), for reading,
 fd_set* writable();  // for writing,
-fd_set* errors();    // and for exceptional conditions
-int& num_ready();    // what the last select() returned: -1 on failure, 0 on time-out
+fd_set* errors();    // and for exceptional conditions: urgent data. A broken connection is readable instead
+int& num_ready();    // members of the three results together; -1 when select() has failed, 0 on time-out
 
 /* Waits until a registered socket is readable or a socket in ready() is writable, at most 100 ms. Called once
- * a turn, before the servers' update(). Afterwards errno is as select() left it. What the next four functions
- * ask for holds only for the first wait that follows. */
+ * a turn, before the servers' update(). Afterwards errno is as select() left it. What mark_unread(),
+ * rest_reading() and rest_writing() ask for holds only for the first wait that follows and does not fail. */
 void select_all();
 
-/* Says that the transport holds bytes of `sock` that select() does not know of. The next wait does not block,
- * and `sock` is readable after it. */
+/* Says that there may be more to read from `sock`, even if select() does not know of it. The next wait does
+ * not block, and `sock` is readable after it. */
 void mark_unread(int sock);
 
-/* Says that this turn's pass skips `sock`. So the next wait ends when `sock` can take output. If
- * mark_unread() was called for the last wait, it holds for the next one, too. */
+/* Says that this turn's pass skips `sock`, and calls mark_ready(). If mark_unread() was called for the last
+ * wait, it holds for the next one, too. */
 void mark_passed_over(int sock);
 
 /* Leaves `sock` out of the next wait, for reading or for writing. The socket is ready in this direction, but
@@ -49,9 +52,10 @@ inline bool has(fd_set* set, int sock) {
 /* Registers `sock` for reading and exceptional conditions. The caller's server closes it with close(). */
 void add(int sock);
 
-/* Says that there is output for `sock`: the next wait, but no later one, ends when the socket can take some.
- * A socket that is not registered is ignored: it may be closed already, and select() fails on a closed
- * one. */
+/* Says that there is output for `sock`, or that its server is to look at it: the next wait, but no later one,
+ * ends when the socket can take output. A signal may end this wait; the next output pass then marks pending
+ * output again. A socket that is not registered is ignored: it may be closed already, and select() fails on a
+ * closed one. */
 void mark_ready(int sock);
 
 /* Closes `sock` and takes it out of every set, this turn's results included. Its number may be used again
