@@ -44,7 +44,7 @@ void load(F*& pointer, const char* name) {
 #define LOAD(name) load(name, #name)
 
 // All names are looked up in this order, so that the error text lists every missing one. A server does not
-// use those that are not stored.
+// call the functions whose addresses are not stored.
 bool load_all() {
   LOAD(OpenSSL_version_num);
   LOAD(SSL_load_error_strings);

@@ -20,7 +20,7 @@ extern import _import;
 
 constexpr int filetype_pem = 1;           // SSL_FILETYPE_PEM
 constexpr int ctrl_mode = 33;             // SSL_CTRL_MODE
-constexpr long enable_partial_write = 1;  // SSL_MODE_ENABLE_PARTIAL_WRITE
+constexpr long enable_partial_write = 1;  // SSL_MODE_ENABLE_PARTIAL_WRITE; see main/https.h
 
 extern unsigned long (*OpenSSL_version_num)();  // missing before 1.1: if the call throws, it is the older API
 extern void (*SSL_load_error_strings)();        // older API

@@ -1,7 +1,8 @@
 /* ssl_server: a server whose connections speak TLS through OpenSSL.
  *
  * Only the transport differs; see tls_context, which does the work. When the server is destroyed, the context
- * is freed first. Then the base ends the connections and sends no TLS messages. */
+ * is freed first. Then the base ends the connections without this on_remove(), so their sessions are not
+ * freed. */
 #pragma once
 
 #include <string>

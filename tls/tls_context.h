@@ -1,9 +1,9 @@
 /* tls_context: what a TLS server adds to a plain one: the context with its key and certificate, and a session
  * for each connection.
  *
- * Owns the context, which the driver creates. A session belongs to its connection, in the field `ssl`, from
+ * Owns the context, which main/https.h creates. A connection's field `ssl` holds its session from
  * open_session() to close_session(). The handshake is finished inside read_session() and write_session(), so
- * its state is not kept here, and no OpenSSL error code is looked at.
+ * its state is not kept here. The server goes by errno; nobody looks at OpenSSL's error codes.
  *
  * All functions except the destructor may throw the std::string of a missing entry point; https::run catches
  * it. */
@@ -17,7 +17,7 @@ struct tls_context {
   static constexpr double check_interval = 60.0;  // seconds between looks at the certificate file
 
   void* ctx = nullptr;      // the SSL_CTX
-  bool is_new_api = false;  // OpenSSL 1.1 or later; set by the driver, not read here
+  bool is_new_api = false;  // OpenSSL 1.1 or later; only main/https.h uses it
   std::string key_file;
   std::string crt_file;
   double crt_mtime = 0;    // of the certificate that is loaded, in seconds since the epoch; 0: none yet
@@ -31,9 +31,9 @@ struct tls_context {
   /* Frees the context. The sessions may outlive it. */
   ~tls_context();
 
-  /* Loads the certificate into the context, which must exist, if the file is newer than the loaded
-   * certificate. Looks at the file once a minute at most. A file counts as loaded even if the library rejects
-   * it or throws. */
+  /* Called at the start and in idle turns, see on_idle() in net/server.h. Loads the certificate into the
+   * context, which must exist, if the file is newer than the loaded certificate. Looks at the file once a
+   * minute at most. A file counts as loaded even if the library rejects it or throws. */
   void load_certificate_maybe();
 
   /* Begins the handshake on the connection's socket. False when there is no context, or no session. */
@@ -44,8 +44,9 @@ struct tls_context {
   static void close_session(connection* conn);
 
   /* The transport hooks of a server; see abstract_server. SSL_read() and SSL_write() leave errno as their
-   * last system call has left it. When they make no system call, as on a dead session, they do not change
-   * it. */
+   * last system call has left it. On a dead session, for example after a fatal TLS error, they make no system
+   * call and do not change errno; rule 2 in net/server.h then ends the connection. SSL_write() also gets
+   * lengths of 0 and below. */
   static int read_session(connection* conn, char* buf, int len);
   static int write_session(connection* conn, char* buf, int len);
 
