@@ -1,6 +1,7 @@
 #include "base/punycode.h"
 
 #include <algorithm>
+#include <tuple>
 
 namespace base {
 
@@ -69,7 +70,10 @@ std::vector<size_t> append_basic(const std::vector<uint32_t>& input, std::string
       others.push_back(i);
     }
   }
-  std::stable_sort(others.begin(), others.end(), [&](size_t a, size_t b) { return input[a] < input[b]; });
+  // The places make all elements different. std::stable_sort would allocate memory, and with libstdc++ 12 it
+  // does not compile without a warning in clang 19.
+  std::sort(others.begin(), others.end(),
+            [&](size_t a, size_t b) { return std::tie(input[a], a) < std::tie(input[b], b); });
   return others;
 }
 
