@@ -10,6 +10,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -164,6 +165,21 @@ bool is_page(const void* place, int& result) {
   errno = EINVAL;
   result = -1;
   return false;
+}
+
+// False while libraries are still set up.
+bool has_started = false;
+
+__attribute__((constructor)) void note_start() {
+  has_started = true;
+}
+
+// Not a part of madvise(), which is compiled without the sanitizer.
+int advise_or_fail(void* place, size_t length, int advice) {
+  int result = 0;
+  if (fails("madvise", result) || !is_page(place, result)) return result;
+  static auto next = real(&madvise, "madvise");
+  return next(place, whole_pages(length), advice);
 }
 
 // Turns a text into a socket address. A text that is neither IPv4 nor IPv6 gives the family AF_UNIX.
@@ -390,11 +406,10 @@ int munmap(void* place, size_t length) noexcept {
   return next(place, whole_pages(length));
 }
 
-int madvise(void* place, size_t length, int advice) noexcept {
-  int result = 0;
-  if (fails("madvise", result) || !is_page(place, result)) return result;
-  static auto next = real(&madvise, "madvise");
-  return next(place, whole_pages(length), advice);
+// The address sanitizer of g++ 10 calls this function for its own memory before instrumented code may run.
+__attribute__((no_sanitize("address"))) int madvise(void* place, size_t length, int advice) noexcept {
+  if (!has_started) return static_cast<int>(syscall(SYS_madvise, place, length, advice));
+  return advise_or_fail(place, length, advice);
 }
 
 long sysconf(int name) noexcept {
