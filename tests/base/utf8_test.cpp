@@ -73,6 +73,8 @@ TEST(utf8_decode, byte_that_starts_no_sequence_is_invalid) {
     if (c >= 0xC0 && c < 0xF8) continue;
     expect_invalid(std::string(1, static_cast<char>(c)));
     expect_invalid(static_cast<char>(c) + "\x80\x80\x80\x80\x80\x80"s);
+    expect_invalid(static_cast<char>(c) +
+                   "\xbf\xbf\xbf\xbf\xbf\xbf"s);  // not to be taken for an overlong form
   }
 }
 
