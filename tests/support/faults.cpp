@@ -375,12 +375,21 @@ int getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t
   return next(address, length, host, host_length, service, service_length, flags);
 }
 
+#if __GLIBC_PREREQ(2, 33)
 int stat(const char* path, struct stat* status) noexcept {
   int result = 0;
   if (fails("stat", result)) return result;
   static auto next = reinterpret_cast<int (*)(const char*, struct stat*)>(dlsym(RTLD_NEXT, "stat"));
   return next(path, status);
 }
+#else  // stat() is inline and calls this one
+int __xstat(int version, const char* path, struct stat* status) noexcept {
+  int result = 0;
+  if (fails("stat", result)) return result;
+  static auto next = real(&__xstat, "__xstat");
+  return next(version, path, status);
+}
+#endif
 
 FILE* fopen(const char* path, const char* mode) {
   int result = 0;
