@@ -76,7 +76,8 @@ struct http_proxy : http_connection {
    * this returns true, the caller sets upstream_port, and also upstream_host if it compares hosts. */
   bool open_upstream(const std::string& host, int32_t port);
 
-  /* Answers the request here, without an upstream. */
+  /* Answers the request here, without an upstream. Queues `text`, a whole response with its head, for the
+   * client. It is sent as it is, also to a HEAD. */
   void answer(const std::string& text);
 
   /* Whether the pipe has an upstream at its other end. */

@@ -47,6 +47,18 @@ def test_echo_to_another_local_address__shows_the_address_of_the_client(relay, c
     assert client.read(len(expected)) == expected
 
 
+def test_head_request_that_mivo_answers_itself__gets_the_whole_answer(start_mivo, connect, refusing_port):
+    """A client that keeps the connection takes the body for the beginning of its next response."""
+    client = connect(start_mivo({"echo": -1, "down": refusing_port}).port)
+    page, unknown, refused = (request(host, "/", "HEAD") for host in ("echo", "nobody", "down"))
+    client.send(page)
+    assert client.read(len(echo_page(page))) == echo_page(page)
+    client.send(unknown)
+    assert client.read(len(NOT_FOUND)) == NOT_FOUND
+    client.send(refused)
+    assert client.read_to_end() == BAD_GATEWAY
+
+
 UNKNOWN_HEADS = [
     request("other"),
     request("ECHO"),
