@@ -70,7 +70,7 @@ struct http_connection : connection {
 
   // This request; cleared by reset().
   bool headers_received = false;
-  std::string head;
+  std::string head;      // see rule (1) above
   bool written = false;  // the answer to this request is queued, or there will be none
 
   // The connection.
@@ -90,7 +90,7 @@ struct http_connection : connection {
    * read. */
   bool keep_alive = true;
 
-  // This request; cleared by reset().
+  // This request; cleared by reset(). A malformed head may have line ends in its method and its target.
   std::string method;
   std::string target;   // as sent
   std::string version;  // for example "HTTP/1.1"

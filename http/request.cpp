@@ -79,8 +79,9 @@ void http_connection::on_head(char* rest, int rest_length) {
   if (rest_length > 0) on_data(rest, rest_length);
 }
 
-// Splits the request line and reads the headers that the connection itself needs. A malformed part leaves its
-// field empty.
+// Splits the request line and reads the headers that the connection itself needs. The first two blanks of the
+// head split it, wherever they are. So in a malformed head the method and the target may contain line ends.
+// Without a second blank the target is empty, and the version is the whole first line.
 void http_connection::parse_head() {
   size_t first_space = head.find(' ');
   size_t second_space = head.find(' ', behind(first_space));
