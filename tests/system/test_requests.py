@@ -199,7 +199,7 @@ def test_garbage__harms_nobody_else(service, name):
     service.hang_up(client)
 
 
-def test_empty_line_before_a_request__makes_it_no_request(service):
+def test_two_line_ends_before_a_request__make_it_no_request(service):
     client = service.connect()
     service.deliver(client, GARBAGE["empty_line_first"])
     service.deliver(client, request("echo"))

@@ -134,6 +134,7 @@ FORWARDED_HEADS = {
                                        b"GET  /x HTTP/1.1\r\nHost: up\r\n"),
     "more_words_in_the_request_line": (b"GET /x y HTTP/1.1\r\nHost: up\r\n\r\n",
                                        b"GET /x y HTTP/1.1\r\nHost: up\r\n"),
+    "line_end_before_the_request": (b"\r\nGET /x HTTP/1.1\r\nHost: up\r\nA: b\r\n\r\n", b"\r\nGET /x HTTP/1.1\r\n"),
     "any_bytes": (b"X\x01Y /\xff\x00 Z\r\nHost: up\r\nC: \x00\n\r\xfe\r\n\r\n",
                   b"X\x01Y /\xff\x00 Z\r\nHost: up\r\nC: \x00\n\r\xfe\r\n"),
     "upgrade_to_websocket": (
