@@ -78,8 +78,7 @@ class conversation {
 
   static exchange ask_echo(const std::string& path) {
     const std::string request = request_to("echo", path);
-    const std::string page = request + "Your IPv4 address is: 127.0.0.1";
-    return {request, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n" + length_of(page) + "\r\n" + page};
+    return {request, echo_page(request)};
   }
 
   // A request with a body, which `from` answers.

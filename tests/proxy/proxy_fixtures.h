@@ -7,7 +7,8 @@
  *     map("a", upstream.port());           the host's requests go to this port; closed.port() refuses
  *     request_to("a", "/path", lines, body)
  *     forwarded("a", "/path", lines, body) what the upstream gets for it
- *     not_found, bad_gateway               the fixed responses
+ *     not_found, bad_gateway               the fixed answers
+ *     echo_page(request_to("a"), ip)       the echo page for a request without a body
  *     expect_unflushed([&] { ... }, "...");
  *
  * Of proxy_object<T>, the connection by hand:
@@ -77,6 +78,12 @@ inline std::string forwarded(const std::string& host, const std::string& path = 
 /* The header line that announces `body`. */
 inline std::string length_of(const std::string& body) {
   return "Content-Length: " + std::to_string(body.size()) + "\r\n";
+}
+
+/* The answer to a request without a body, from a client at `ip`, for a host that is mapped to -1. */
+inline std::string echo_page(const std::string& request, const std::string& ip = "127.0.0.1") {
+  const std::string body = request + "Your IPv4 address is: " + ip;
+  return "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n" + length_of(body) + "\r\n" + body;
 }
 
 /* `count` bytes of any value, the same bytes each time. */

@@ -1,9 +1,7 @@
 // proxy_pipe alone: its references, and which side it wakes.
 
-#include <gtest/gtest.h>
-
-#include "net/sockets.h"
 #include "proxy/proxy_pipe.h"
+#include "tests/proxy/proxy_fixtures.h"
 
 namespace {
 
@@ -79,9 +77,7 @@ TEST_F(proxy_pipe_test, loss_of_an_upstream_that_took_and_gave_nothing_gives_the
   pipe->give_upstream(buf, 7, &len);  // offered, but not taken
   FD_ZERO(sockets::ready());
   pipe->lose_upstream(7);
-  EXPECT_EQ(pipe->to_client,
-            "HTTP/1.1 502 Bad Gateway\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n"
-            "Unable to connect");
+  EXPECT_EQ(pipe->to_client, bad_gateway);
   expect_ready(true, false);
 }
 

@@ -21,11 +21,6 @@ struct reverse_proxy_test : proxy_object<reverse_proxy> {
   }
 };
 
-std::string echo_answer(const std::string& body) {
-  return "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\n\r\n" + body;
-}
-
 }  // namespace
 
 TEST_F(reverse_proxy_test, host_value_has_to_equal_the_key_byte_for_byte) {
@@ -136,9 +131,10 @@ TEST_F(reverse_proxy_test, echo_page_shows_the_head_and_the_address) {
   receive("POST /x?y=1 HTTP/1.1\r\nhOST: q\r\nHost: echo\r\n\r\n");
   EXPECT_EQ(to_client(), not_found);  // the first of two Host lines counts
   proxy->pipe->to_client.clear();
-  receive("POST /x?y=1 HTTP/1.1\r\nHost: echo\r\nProxy-Connection: 1\r\nConnection: b\r\nX-Odd:  c \r\n\r\n");
-  EXPECT_EQ(to_client(), echo_answer("POST /x?y=1 HTTP/1.1\r\nHost: echo\r\nProxy-Connection: 1\r\n"
-                                     "Connection: b\r\nX-Odd:  c \r\n\r\nYour IPv4 address is: 10.0.0.7"));
+  const std::string request =
+      "POST /x?y=1 HTTP/1.1\r\nHost: echo\r\nProxy-Connection: 1\r\nConnection: b\r\nX-Odd:  c \r\n\r\n";
+  receive(request);
+  EXPECT_EQ(to_client(), echo_page(request, ip));
   EXPECT_TRUE(proxy->keep_alive);
   EXPECT_TRUE(is_idle());
   EXPECT_EQ(upstreams(), 0);
@@ -150,18 +146,17 @@ TEST_F(reverse_proxy_test, echo_page_counts_its_bytes_exactly) {
   std::vector<size_t> lengths = {9900, 99900, 1000000};
   for (size_t length = 0; length < 1200; length += 37) lengths.push_back(length);
   for (size_t length : lengths) {
-    const std::string path = "/" + std::string(length, 'p');
-    receive(request_to("echo", path));
-    EXPECT_EQ(to_client(), echo_answer("GET " + path + " HTTP/1.1\r\nHost: echo\r\n\r\n" +
-                                       "Your IPv4 address is: 10.0.0.7"));
+    const std::string request = request_to("echo", "/" + std::string(length, 'p'));
+    receive(request);
+    EXPECT_EQ(to_client(), echo_page(request, ip));
     proxy->pipe->to_client.clear();
   }
 }
 
 TEST_F(reverse_proxy_test, echo_page_keeps_bytes_above_ascii) {
-  receive(request_to("echo", "/\xc3\xbc\xff"));
-  EXPECT_EQ(to_client(),
-            echo_answer("GET /\xc3\xbc\xff HTTP/1.1\r\nHost: echo\r\n\r\nYour IPv4 address is: 10.0.0.7"));
+  const std::string request = request_to("echo", "/\xc3\xbc\xff");
+  receive(request);
+  EXPECT_EQ(to_client(), echo_page(request, ip));
 }
 
 TEST_F(reverse_proxy_test, address_is_written_with_four_unsigned_decimals) {
@@ -173,8 +168,7 @@ TEST_F(reverse_proxy_test, address_is_written_with_four_unsigned_decimals) {
     start_over();
     proxy->ip = htonl(address);
     receive(request_to("echo"));
-    EXPECT_EQ(to_client(), echo_answer(std::string("GET / HTTP/1.1\r\nHost: echo\r\n\r\n") +
-                                       "Your IPv4 address is: " + text));
+    EXPECT_EQ(to_client(), echo_page(request_to("echo"), text));
     receive(request_to("on"));
     EXPECT_EQ(to_upstream(), forwarded("on", "/", "", "", text));
   }
@@ -184,8 +178,7 @@ TEST_F(reverse_proxy_test, address_is_that_of_the_connection_whatever_the_client
   proxy->ip = htonl(INADDR_LOOPBACK);
   const std::string claim = "X-Forwarded-For: 1.2.3.4\r\n";
   receive(request_to("echo", "/", claim));
-  EXPECT_EQ(to_client(),
-            echo_answer("GET / HTTP/1.1\r\nHost: echo\r\n" + claim + "\r\nYour IPv4 address is: 127.0.0.1"));
+  EXPECT_EQ(to_client(), echo_page(request_to("echo", "/", claim), "127.0.0.1"));
   receive(request_to("on", "/", claim));
   EXPECT_EQ(to_upstream(), forwarded("on", "/", claim));
 }
@@ -281,7 +274,7 @@ TEST_F(reverse_proxy_test, bytes_after_a_request_go_along_as_its_body) {
   EXPECT_EQ(to_client(), "");
   receive(request_to("echo"));
   EXPECT_EQ(to_upstream(), forwarded("on", "/", "", "", ip) + second);
-  EXPECT_EQ(to_client(), echo_answer("GET / HTTP/1.1\r\nHost: echo\r\n\r\nYour IPv4 address is: 10.0.0.7"));
+  EXPECT_EQ(to_client(), echo_page(request_to("echo"), ip));
 }
 
 TEST_F(reverse_proxy_test, websocket_upgrade_is_forwarded_and_not_answered) {
