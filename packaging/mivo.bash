@@ -25,6 +25,9 @@ _mivo() {
   elif [[ $option == -ssl ]] && ((value < 3)); then
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
+  elif [[ $option == -map && $word == -* ]] && ((value == 1)); then
+    # Only after "-", because Tab would insert -1 in place of a port that is still to be written.
+    mapfile -t COMPREPLY < <(compgen -W "-1" -- "$word")
   fi
 }
 

@@ -34,4 +34,6 @@ complete -c mivo -f
 complete -c mivo -n 'test (__mivo_next) = option' -a '-ssl' -d 'HTTPS: port, key and certificate'
 complete -c mivo -n 'test (__mivo_next) = option' -a '-map' -d 'Host header and local port'
 complete -c mivo -n 'string match -qr -- "^-ssl [12]\$" (__mivo_next)' -F
-complete -c mivo -n 'test (__mivo_next) = "-map 1"' -a '-1' -d 'the echo page'
+# Only after "-", because Tab would insert -1 in place of a port that is still to be written.
+complete -c mivo -n 'test (__mivo_next) = "-map 1"; and string match -q -- "-*" (commandline -ct)' \
+    -a '-1' -d 'the echo page'

@@ -27,6 +27,10 @@ else
     -ssl2) _message 'key file (PEM)'; _files ;;
     -ssl1) _message 'certificate file (PEM)'; _files ;;
     -map2) _message 'Host header, with its port' ;;
-    -map1) _message 'local port, or -1 for the echo page' ;;
+    -map1)
+      _message 'local port, or -1 for the echo page'
+      # Only after "-", because Tab would insert -1 in place of a port that is still to be written.
+      [[ $PREFIX == -* ]] && compadd -- -1
+      ;;
   esac
 fi
