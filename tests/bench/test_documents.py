@@ -22,7 +22,8 @@ def data():
 
 def test_figures__are_of_these_sources(data):
     """Comments and layout may have changed since the measurement; see bench/figures_age."""
-    assert sources.older_workloads(data, sources.sources_hash()) == []
+    assert sources.older_workloads(data, sources.sources_hash()) == [], (
+        "measured before the last change to the code: run ./bench/run and then ./bench/run --report")
 
 
 def test_figures__are_of_all_workloads_in_all_rounds(data):
