@@ -19,7 +19,13 @@ EXAMPLES = pathlib.Path(os.environ.get("MIVO_EXAMPLES", REPOSITORY / "build/rele
 BUILD = pathlib.Path(os.environ.get("MIVO_BUILD", REPOSITORY / "build/asan"))  # the tests' own programs
 
 
+def expect_built(path):
+    """Checks that a program of the release is there, and otherwise says how to make it."""
+    assert path.exists(), f"{path} is not built: cmake --build --preset release --target {path.name}"
+
+
 def example(name):
+    expect_built(EXAMPLES / name)
     return str(EXAMPLES / name)
 
 
@@ -27,7 +33,8 @@ def builds(name):
     """The programs of an example, by the names of their builds: as users build it, and with sanitizers."""
     folders = {"release": EXAMPLES, "sanitized": BUILD / "examples", "threads": REPOSITORY / "build/tsan/examples"}
     found = {build: str(folder / name) for build, folder in folders.items() if (folder / name).exists()}
-    assert found, f"{name} is not built"
+    if not found:
+        expect_built(EXAMPLES / name)
     return found
 
 

@@ -21,6 +21,7 @@ class Bare:
 
     def __init__(self, closed, command, port):
         self.port = port
+        self.command = command
         closing = " ".join(f"{number}<&-" if number == 0 else f"{number}>&-" for number in closed)
         # The shell closes the descriptors that Python has opened, and then becomes the program.
         self.process = subprocess.Popen(["sh", "-c", f'exec stdbuf -oL "$@" {closing}', "sh", *command],
@@ -29,7 +30,7 @@ class Bare:
         until(self._listens, "it listens")
 
     def _listens(self):
-        assert self.process.poll() is None, "the program ended at once"
+        assert self.process.poll() is None, f"it ended at once: {self.command}"
         try:
             Wire.connect(self.port).close()
             return True
