@@ -102,7 +102,8 @@ def test_page__has_these_commands_and_no_other():
 def test_blank_404__has_no_body_and_the_log_has_the_name_to_map(house, serve, local_server):
     wrong = serve("-map", "localhost", "3000")
     output = prove(house, "blank 404")
-    assert output.startswith("HTTP/1.1 404 Not Found\n") and output.endswith("\n\n")
+    assert output.startswith("HTTP/1.1 404 Not Found\n")
+    assert output.endswith("\n\n")
     named = re.search(r"^\[(.*?)\] ", wrong.console(), re.M)[1]
     wrong.interrupt()
     serve("-map", named, "3000")
@@ -112,7 +113,8 @@ def test_blank_404__has_no_body_and_the_log_has_the_name_to_map(house, serve, lo
 def test_unable_to_connect__nobody_listens_on_the_mapped_port(house, serve):
     serve("-map", "localhost:8080", "3000")
     output = prove(house, "unable to connect")
-    assert output.startswith("HTTP/1.1 502 Bad Gateway\n") and "Unable to connect" in output
+    assert output.startswith("HTTP/1.1 502 Bad Gateway\n")
+    assert "Unable to connect" in output
     assert str(house.port(3000)) not in output
     server = LocalServer(house.port(3000))
     output = prove(house, "unable to connect")
