@@ -4,6 +4,7 @@ They do not run commands that need a running systemd; packaging/test_service.py 
 service fails.
 """
 
+import contextlib
 import http.server
 import re
 import signal
@@ -22,7 +23,7 @@ BLOCKS = blocks("troubleshooting.md")
 SYMPTOMS = dict(re.findall(r"^## (.+?)$\n(.*?)(?=^## |\Z)", (REPOSITORY / "docs/troubleshooting.md").read_text(),
                            re.MULTILINE | re.DOTALL))
 PROVOKED = ["blank 404", "unable to connect", "handshake", "start", "port", "empty log", "lines at once",
-            "two copies", "websocket"]
+            "two copies", "websocket", "without mivo"]
 NEED_SYSTEMD = ["service", "start again"]
 MIB = 1 << 20
 
@@ -42,9 +43,9 @@ def prove(house, name, **options):
 def serve(house, tmp_path):
     """serve(arguments, port): a running mivo on port 8080 of the page."""
     with ended_in_good_order() as started:
-        def start(*arguments, port=8080):
+        def start(*arguments, port=8080, **options):
             words = [house.place(word) for word in (str(port), *arguments)]
-            started.append(Mivo(tmp_path, words))
+            started.append(Mivo(tmp_path, words, **options))
             started[-1].wait_until_it_runs()
             return started[-1]
 
@@ -224,3 +225,67 @@ def test_upload_beyond_100_mib__is_not_answered_and_the_log_has_the_warning(hous
     line = re.search(r"`(Warning! .*)`", SYMPTOMS["An upload that never ends"])[1]
     mivo.wait_for_line(re.escape(line))
     client.close()
+
+
+@pytest.mark.parametrize("piece, status, words", [
+    (b"", 52, "Empty reply from server"),
+    (b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n123", 18, "transfer closed with 7 bytes remaining"),
+])
+def test_server_that_closes_early__does_so_directly_as_well_and_the_log_has_only_the_request(
+        house, serve, upstream, piece, status, words):
+    mivo = serve("-map", "up", "3000")
+
+    def close_early():
+        server = upstream.accept()
+        server.read_head()
+        server.send(piece)
+        server.close()
+
+    client = Wire.connect(house.port(8080))
+    client.send(request("up"))
+    close_early()
+    assert client.read_to_end() == piece
+    client.close()
+    lines = [line for line in mivo.console().splitlines() if "connections" not in line]
+    assert lines[-1].startswith("[up] 127.0.0.1:")
+    thread = threading.Thread(target=close_early)
+    thread.start()
+    assert f"curl: ({status}) {words}" in prove(house, "without mivo", expected_status=status)
+    thread.join()
+
+
+@pytest.fixture
+def waiting(house, upstream):
+    """waiting(): a client whose request has reached the server on port 3000. So mivo does not end it as idle."""
+    clients = []
+
+    def connect():
+        clients.append(Wire.connect(house.port(8080)))
+        clients[-1].send(request("up"))
+        upstream.accept().read_head()
+        return clients[-1]
+
+    yield connect
+    for client in clients:
+        client.close()
+
+
+def test_end_of_mivo__cuts_a_client_and_the_log_says_so(serve, waiting):
+    mivo = serve("-map", "up", "3000")
+    client = waiting()
+    mivo.interrupt()
+    client.wait_closed()
+    assert mivo.console().endswith("Shutting down...\n")
+
+
+def test_limit_on_descriptors_that_is_too_low__cuts_every_client_and_the_log_says_accept_failed(house, serve, waiting):
+    mivo = serve("-map", "up", "3000", descriptors=(300, 300))
+    client = waiting()
+    crowd = []
+    while not mivo.lines(r"accept\(\) failed") and len(crowd) < 300:
+        with contextlib.suppress(ConnectionRefusedError):  # while mivo opens its port again
+            crowd.append(Wire.connect(house.port(8080)))
+    mivo.wait_for_line(r"accept\(\) failed")
+    assert client.read_to_end() == b""
+    for other in crowd:
+        other.close()
