@@ -7,6 +7,7 @@ service fails.
 import contextlib
 import http.server
 import re
+import select
 import signal
 import socket
 import subprocess
@@ -23,7 +24,7 @@ BLOCKS = blocks("troubleshooting.md")
 SYMPTOMS = dict(re.findall(r"^## (.+?)$\n(.*?)(?=^## |\Z)", (REPOSITORY / "docs/troubleshooting.md").read_text(),
                            re.MULTILINE | re.DOTALL))
 PROVOKED = ["blank 404", "unable to connect", "handshake", "start", "port", "empty log", "lines at once",
-            "two copies", "websocket", "without mivo"]
+            "two copies", "stopped", "websocket", "without mivo"]
 NEED_SYSTEMD = ["service", "start again"]
 MIB = 1 << 20
 
@@ -111,6 +112,12 @@ def test_blank_404__has_no_body_and_the_log_has_the_name_to_map(house, serve, lo
     assert prove(house, "blank 404").endswith("the server's own 404\n")
 
 
+def test_port_that_is_no_number__opens_no_port_and_mivo_keeps_running(house, serve):
+    mivo = serve("-map", "localhost:8080", "-1", port="http")
+    assert "Binding" not in mivo.console() and mivo.is_running()
+    assert "LISTEN" not in prove(house, "port")
+
+
 def test_unable_to_connect__nobody_listens_on_the_mapped_port(house, serve):
     serve("-map", "localhost:8080", "3000")
     output = prove(house, "unable to connect")
@@ -175,6 +182,22 @@ def test_second_copy__is_a_second_line_with_another_process(house, serve):
 
     until(both_have_answered, "the answers of both")
     assert set(re.findall(r"pid=(\d+)", prove(house, "two copies"))) == {str(first.pid), str(second.pid)}
+
+
+def test_stopped_process__lets_requests_hang_and_has_a_t_until_it_goes_on(house, serve):
+    mivo = serve("-map", "localhost:8080", "-1")
+    client = Wire.connect(house.port(8080))
+
+    def state():
+        return re.search(rf"^ *{mivo.pid} +(\S)", prove(house, "stopped"), re.M)[1]
+
+    with mivo.stopped():
+        client.send(request(f"localhost:{house.port(8080)}"))
+        assert state() == "T"
+        assert select.select([client.sock], [], [], 0.2)[0] == []
+    assert client.read_reply()[0].startswith(b"HTTP/1.1 200 ")
+    assert state() != "T"
+    client.close()
 
 
 WEBSOCKET_SERVER = """
