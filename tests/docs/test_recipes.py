@@ -91,28 +91,31 @@ def test_commands_of_the_readme__are_there():
 
 FIRST_RUN = """
 ip link set lo up
+set -m  # as on a terminal, script/run has a process group of its own
 script/run {arguments} &
 run=$!
 for attempt in $(seq 300); do curl --silent --output /dev/null {address} && break; sleep 0.1; done
 curl --silent --insecure --location http://site.localhost:8080/ http://localhost:8080/
-kill -INT $run
+kill -INT -- -$run  # Ctrl-C
 wait $run
-for attempt in $(seq 100); do [ -z "$(ss -ltnH)" ] && break; sleep 0.1; done
+for attempt in $(seq 100); do [ -z "$(ss -ltnH)$(ls -A $TMPDIR)" ] && break; sleep 0.1; done
 ss -ltnH
+ls -A $TMPDIR
 """
 
 
 @pytest.mark.parametrize("arguments, address", [("", "http://localhost:8080/"),
                                                 ("--https", "--insecure https://localhost:8443/")])
-def test_first_command__relays_a_page_and_leaves_nothing_running(arguments, address):
+def test_first_command__relays_a_page_and_leaves_no_process_and_no_key(arguments, address, tmp_path):
     """The commands run in a separate network, where the ports of the README are free."""
     script = FIRST_RUN.format(arguments=arguments, address=address)
     done = subprocess.run(["unshare", "--map-root-user", "--net", "bash", "-c", script], cwd=REPOSITORY,
+                          env={**os.environ, "TMPDIR": str(tmp_path)},
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=PATIENCE, check=False)
     output = done.stdout.decode()
     assert (REPOSITORY / "examples/site/index.html").read_text() in output
     assert "\r\nYour IPv4 address is: 127.0.0.1" in output
-    assert output.endswith("Shutting down...\n"), "somebody still listens"
+    assert output.endswith("Shutting down...\n"), "somebody still listens, or a file is left"
 
 
 @pytest.mark.parametrize("name", RUN_WHOLE)
