@@ -127,6 +127,38 @@ TEST(allocation, turn_of_an_idle_or_reading_server_needs_none) {
   here.stop();
 }
 
+// The memory of the first request serves the later ones, so a busy server does not ask the allocator for each
+// of them. A body with a length pays nothing for the search for chunks.
+TEST(allocation, next_request_on_a_kept_connection_needs_none) {
+  descriptor_check descriptors;
+  console screen;
+  plain_stage here;
+  ASSERT_TRUE(here.start());
+  listener upstream;
+  reverse_proxy::hosts().set("a", upstream.port());
+  const std::string lines = "User-Agent: a browser with a long name\r\n" + length_of("0123456789");
+  const std::string wanted = forwarded("a", "/a/long/path?with=a&query", lines, "0123456789");
+  client from(here.port());
+  std::unique_ptr<client> to;
+  for (int round = 0; round < 4; round++) {
+    new_faults() = {round > 0};  // counts only during the turns
+    from.send(request_to("a", "/a/long/path?with=a&query", lines, "0123456789"));
+    EXPECT_TRUE(repeat_until([&] { here.turn(); },
+                             [&] {
+                               if (!to || !to->ok()) to = std::make_unique<client>(upstream.accept());
+                               return to->ok() && to->poll() && to->received() == wanted;
+                             }));
+    to->send("a response of some length");
+    EXPECT_TRUE(repeat_until([&] { here.turn(); },
+                             [&] { return from.poll() && from.received() == "a response of some length"; }));
+    EXPECT_EQ(new_faults().calls, 0) << "in round " << round;
+    new_faults() = {};
+    to->forget_received();
+    from.forget_received();
+  }
+  here.stop();
+}
+
 TEST(allocation, server_starts_again_without_memory) {
   descriptor_check descriptors;
   console screen;
