@@ -194,6 +194,15 @@ TEST_P(either_way, unknown_host_is_printed_with_its_port) {
   expect_console("getaddrinfo() failed for host nosuch.example:" + std::to_string(upstream.port()) + "!\n");
 }
 
+// Names are remembered for a second. The result of a test must not depend on what was looked up before it.
+TEST_P(either_way, look_up_can_be_made_to_fail_for_a_name_that_was_just_found) {
+  faults::frozen_clock() = 1700000000;
+  ASSERT_GE(connect("localhost"), 0);
+  close(sock);
+  faults::fail_next_look_up(EAI_NONAME);
+  EXPECT_EQ(connect("localhost"), -1);
+}
+
 TEST_P(either_way, port_that_the_resolver_refuses_fails_its_look_up) {
   EXPECT_EQ(sockets::connect("127.0.0.1", -1, GetParam()), -1);
   expect_console("getaddrinfo() failed for host 127.0.0.1:-1!\n");
