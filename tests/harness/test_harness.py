@@ -1,4 +1,5 @@
-"""The harness itself: it reports a fault in a test program soon, and with the name of the test."""
+"""The harness itself: it reports a fault in a test program soon, with the name of the test, and it leaves out no build
+of a program."""
 
 import os
 import pathlib
@@ -8,6 +9,7 @@ import sys
 import pytest
 
 PROGRAM = f"{os.environ['MIVO_BUILD']}/tests/faulty_tests"
+SYSTEM = pathlib.Path(__file__).resolve().parents[1] / "system"
 SOON = 30  # seconds; usually it takes a quarter of a second
 
 
@@ -64,3 +66,14 @@ def test_skips__are_listed_and_fail_the_run_unless_they_are_expected(log, allowe
     assert listed.stdout.count("it rains\n") == listed.stdout.count("the moon is full\n") == 1
     assert listed.stdout.count("not expected") == surprises
     assert listed.returncode == (surprises > 0)
+
+
+@pytest.mark.parametrize("program", ["mivo", "chat", "file_server", "forward_proxy", "slow_job"])
+def test_program__is_tested_with_sanitizers_too(program):
+    """Where a build is missing, the black-box tests do without it and pass."""
+    script = ("import example_process, mivo_process, sys\n"
+              "name = sys.argv[1]\n"
+              "print(*mivo_process.programs() if name == 'mivo' else example_process.builds(name))")
+    listed = run(sys.executable, "-B", "-c", script, program, cwd=SYSTEM)
+    assert listed.returncode == 0, listed.stderr
+    assert {"release", "sanitized"} <= set(listed.stdout.split())
