@@ -24,7 +24,7 @@ LINES = {
     "local_port_before_its_first_digit": ("8080 -map a", "", set()),
     "echo_page": ("8080 -map a", "-", {"-1"}),
     "option_as_a_value": ("8080 -map -ssl 3000", "-", OPTIONS),
-    "local_port_of_a_host_with_its_port": ("8080 -map localhost:8080", "k", set()),
+    "local_port_of_a_host_with_its_port": ("8080 -map localhost:8080", "-s", set()),
     "after_a_host_with_its_port": ("8080 -map localhost:8080 3000", "-", OPTIONS),
 }
 
