@@ -116,6 +116,12 @@ def refused(repository, version=VERSION):
     return done.stderr.splitlines()[-1].removeprefix("No release: ")
 
 
+def test_release__is_refused_without_a_version(repository):
+    done = repository.release()
+    assert (done.returncode, done.stderr) == (1, "No release: say which: script/release VERSION.\n")
+    assert not (repository.folder / "build").exists()
+
+
 def test_release__is_refused_if_a_file_is_not_committed(repository):
     (repository.folder / "note.txt").write_text("to be looked at\n")
     assert refused(repository) == "the working tree has changes that are not committed."
@@ -155,6 +161,15 @@ def test_release__is_refused_if_the_figures_cannot_be_checked(repository):
     (repository.folder / "bench/figures_age").unlink()
     repository.commit()
     assert refused(repository) == "the figures are older than the code."
+
+
+def test_release__is_refused_if_a_package_states_another_version(repository):
+    control = "Package: mivo\nVersion: 9.9.9\nArchitecture: all\nMaintainer: tester@mivo.example\nDescription: empty\n"
+    repository.replace("script/package", "#!/bin/sh\nmkdir -p build/package/mivo/DEBIAN\n"
+                       f"cat >build/package/mivo/DEBIAN/control <<'end'\n{control}end\n"
+                       "dpkg-deb --build build/package/mivo\n")
+    repository.commit()
+    assert refused(repository) == f"build/package/mivo.deb states version 9.9.9, not {VERSION}."
 
 
 def test_release__is_built_without_files_that_git_ignores(repository):
