@@ -48,6 +48,26 @@ def test_readme__has_the_table_that_is_made_from_the_figures(data):
     assert readme == report.with_block(readme, report.readme_block(data))
 
 
+def ticks_of(panel):
+    """The ticks of the vertical axis of a panel, from below: (what stands beside the tick, its place)."""
+    found = re.findall(r'<use [^>]* y="([\d.]+)"[^>]*/>\s*</g>\s*</g>\s*<g id="text_\d+">\s*<text [^>]*>([^<]*)</text>',
+                       panel)
+    return [(text, float(place)) for place, text in found]
+
+
+def test_axes_of_the_charts__begin_at_zero_and_are_linear():
+    """On a logarithmic axis, a server that costs ten times as much would look a little more expensive."""
+    for chart in CHARTS:
+        panels = re.split(r'<g id="axes_\d+">', chart.read_text())[1:]
+        assert panels, chart.name
+        for panel in panels:
+            (first, zero), (second, next_to_it), *others = ticks_of(panel)
+            assert first == "0" and others, chart.name
+            for text, place in others:
+                expected = zero + (next_to_it - zero) * float(text) / float(second)
+                assert place == pytest.approx(expected, abs=0.1), chart.name
+
+
 def test_charts__are_drawn_from_the_figures_and_shown():
     shown = re.findall(r"\]\(performance/(\S+\.svg)\)", (sources.ROOT / "docs/performance.md").read_text())
     assert shown and sorted(shown) == [chart.name for chart in CHARTS]
