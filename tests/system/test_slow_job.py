@@ -2,6 +2,8 @@
 
 import contextlib
 import os
+import pathlib
+import resource
 
 import pytest
 
@@ -126,6 +128,26 @@ def test_more_clients_than_threads__are_told_to_come_back(jobs, connect):
     wait_for_workers(jobs, MAX_JOBS - 1)
     late.send(request("jobs", "/1000"))
     assert late.read(len(answer(b"168"))) == answer(b"168")
+
+
+def test_system_gives_no_further_thread__client_is_told_to_come_back(jobs, connect):
+    wires = [connect(jobs.port) for _ in range(4)]
+    for wire in wires:
+        wire.ask(request("jobs", "/none"))
+    # There is room for a few requests, but not for the stack of a thread. One stack is left from an earlier thread.
+    pages = int(pathlib.Path(f"/proc/{jobs.pid}/statm").read_text().split()[0])
+    room = pages * os.sysconf("SC_PAGE_SIZE") + (1 << 20)
+    before = resource.prlimit(jobs.pid, resource.RLIMIT_AS)
+    resource.prlimit(jobs.pid, resource.RLIMIT_AS, (room, before[1]))
+    for wire in wires[:-1]:
+        wire.send(request("jobs", ENDLESS))
+        wires[-1].ask(request("jobs", "/none"))
+    wires[-1].send(request("jobs", "/1000"))
+    head, body = wires[-1].read_reply()
+    assert head.startswith(b"HTTP/1.1 503 Service Unavailable\r\n") and body == b"Too many at once. Ask again.\n"
+    resource.prlimit(jobs.pid, resource.RLIMIT_AS, before)
+    wires[-1].send(request("jobs", "/1000"))
+    assert wires[-1].read(len(answer(b"168"))) == answer(b"168")
 
 
 def test_interrupt_while_a_job_works__ends_in_good_order(jobs, connect):
