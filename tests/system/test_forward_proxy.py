@@ -3,6 +3,7 @@
 import hashlib
 import http.server
 import re
+import socket
 import ssl
 import subprocess
 import threading
@@ -13,7 +14,7 @@ from answers import BAD_GATEWAY, NOT_FOUND
 from certificates import Authority
 from clients import run
 from example_process import every_build
-from wire import reply, request
+from wire import Wire, reply, request
 
 TUNNEL = 50 << 20
 
@@ -120,10 +121,11 @@ def test_host_of_8_million_dots__takes_little_memory(proxy, connect):
 LOOP = b"HTTP/1.1 508 Loop Detected\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n"
 
 
-def test_request_for_the_proxy_itself__makes_it_ask_itself_once(start_mivo, connect):
+@pytest.mark.parametrize("beyond", [0, 65536])  # the resolver takes a port modulo 65536
+def test_request_for_the_proxy_itself__makes_it_ask_itself_once(start_mivo, connect, beyond):
     proxy = start_mivo()
     wire = connect(proxy.port)
-    wire.send(request("loop", "http:" + f"//127.0.0.1:{proxy.port}" * 100 + "/"))
+    wire.send(request("loop", "http:" + f"//127.0.0.1:{proxy.port + beyond}" * 100 + "/"))
     assert wire.read(len(LOOP)) == LOOP
     assert len(proxy.lines(".* HTTP/1.1 .*")) == 2
 
@@ -137,6 +139,21 @@ def test_request_for_the_proxy_itself_from_a_client_that_leaves__makes_it_ask_it
     proxy.wait_for_line(".*http://127.0.0.1:1/.*")
     proxy.expect_idle()
     assert len(proxy.lines(f".*127.0.0.1:{proxy.port}.* HTTP/1.1 .*")) == 2
+
+
+def test_port_that_the_proxy_has_used_to_ask_itself__is_one_like_any_other_afterwards(start_mivo, connect,
+                                                                                       refusing_port):
+    proxy = start_mivo()
+    wire = connect(proxy.port)
+    wire.send(request("loop", f"http://127.0.0.1:{proxy.port}/"))
+    assert wire.read(len(LOOP)) == LOOP
+    used = int(re.match(r"127\.0\.0\.1:(\d+) GET / ", proxy.lines(".* HTTP/1.1 .*")[1])[1])
+    wire.close()
+    proxy.wait_until_idle()
+    # On 127.0.0.1 the port may not be free again yet.
+    other = Wire(socket.create_connection(("127.0.0.1", proxy.port), source_address=("127.0.0.2", used)))
+    other.send(request("far", f"http://127.0.0.1:{refusing_port}/"))
+    assert other.read_to_end() == BAD_GATEWAY
 
 
 @pytest.mark.parametrize("host", ["m\u00fcnchen.invalid", "xn--mnchen-3ya.INVALID", "www.xn--mnchen-3ya.invalid"])
