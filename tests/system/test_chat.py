@@ -195,6 +195,18 @@ def test_member_that_does_not_read__is_removed(chat, join):
     expect_frame(crowd[1], b"still here")
 
 
+def test_client_that_keeps_asking_for_the_page_without_reading__is_ended(chat, connect):
+    wire, other = connect(chat.port), connect(chat.port)
+    wire.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    page = other.ask(request("chat"))
+    before = len(chat.descriptors())
+    with contextlib.suppress(ConnectionError):  # the chat may have ended the connection already
+        for _ in range((6 << 20) // len(page)):  # more than the system takes
+            wire.send(request("chat"))
+            other.ask(request("chat", "/other"))  # the chat has seen the request now
+    until(lambda: len(chat.descriptors()) < before, "the client is ended before its time-out of 10 s", 5)
+
+
 def test_member_that_only_pings__takes_no_memory(chat, join):
     wire, other = join(), join()
     wire.sock.settimeout(0.5)
