@@ -1,7 +1,10 @@
 // Memory that is refused: the pages of a connection, and each allocation of a conversation, even small ones.
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <vector>
@@ -228,6 +231,59 @@ TEST(allocation, client_whose_upstream_the_server_could_not_take_gets_the_502_an
   EXPECT_EQ(refusals, 1);
   here.stop();
   faults::frozen_clock() = 0;
+}
+
+// write_file() owns the file from the beginning, so nobody else would close it.
+TEST(allocation, file_of_an_answer_that_could_not_be_queued_is_closed) {
+  console screen;
+  bool is_refused = true;
+  int granted = 0;
+  for (; is_refused; granted++) {
+    const auto conn = std::make_unique<http_connection>();
+    FILE* const file = tmpfile();
+    ASSERT_TRUE(file);
+    const int descriptor = fileno(file);
+    {
+      with_faults on;
+      new_faults() = {true, 0, granted, 1};
+      try {
+        conn->write_file("HTTP/1.1 200\r\n", file, 5);  // so short that the call itself allocates nothing
+      } catch (const std::bad_alloc&) {
+      }
+      is_refused = new_faults().refused == 0;
+      new_faults() = {};
+    }
+    EXPECT_EQ(fcntl(descriptor, F_GETFD) == -1, is_refused) << "allocation " << granted + 1;
+  }
+  EXPECT_GT(granted, 3);
+}
+
+// The list of the channel and both names need memory.
+TEST(allocation, subscription_that_could_not_be_kept_leaves_nothing) {
+  console screen;
+  bool is_refused = true;
+  int granted = 0;
+  for (; is_refused; granted++) {
+    const auto member = std::make_unique<http_connection>();
+    member->upgraded = true;
+    const std::string channel(100, 'c');
+    {
+      with_faults on;
+      new_faults() = {true, 0, granted, 1};
+      try {
+        member->subscribe(channel);
+      } catch (const std::bad_alloc&) {
+      }
+      is_refused = new_faults().refused == 0;
+      new_faults() = {};
+    }
+    const uint32_t expected = is_refused ? 0 : 1;
+    EXPECT_EQ(member->subscriptions.count, expected) << "allocation " << granted + 1;
+    EXPECT_EQ(http_connection::channels().count, expected) << "allocation " << granted + 1;
+  }
+  EXPECT_GT(granted, 3);
+  EXPECT_EQ(http_connection::channels().count, 0U);
+  EXPECT_EQ(screen.text(), "");
 }
 
 TEST(allocation, connection_without_pages_is_the_only_one_harmed) {
