@@ -270,11 +270,13 @@ TEST_F(connection_test, memory_of_much_output_is_returned_to_the_system) {
 
 TEST_F(connection_test, memory_is_zero_again_when_a_hook_does_not_say_how_much_it_wrote) {
   auto* negative = new writing_connection;
+  negative->write(1);  // until then, it has always said how much
   negative->written = 50000;
   negative->said = -1;
   negative->fill_output();
   EXPECT_EQ(pages_returned_by_end_of(negative), 1);
   auto* failing = new writing_connection;
+  failing->write(1);
   failing->written = 50000;
   failing->fails = true;
   EXPECT_THROW(failing->fill_output(), std::string);
