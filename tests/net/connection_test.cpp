@@ -269,18 +269,49 @@ TEST_F(connection_test, memory_of_much_output_is_returned_to_the_system) {
 }
 
 TEST_F(connection_test, memory_is_zero_again_when_a_hook_does_not_say_how_much_it_wrote) {
-  auto* negative = new writing_connection;
-  negative->write(1);  // until then, it has always said how much
-  negative->written = 50000;
-  negative->said = -1;
-  negative->fill_output();
-  EXPECT_EQ(pages_returned_by_end_of(negative), 1);
-  auto* failing = new writing_connection;
-  failing->write(1);
-  failing->written = 50000;
-  failing->fails = true;
-  EXPECT_THROW(failing->fill_output(), std::string);
-  EXPECT_EQ(pages_returned_by_end_of(failing), 1);
+  for (bool has_written_before : {false, true}) {
+    auto* negative = new writing_connection;
+    if (has_written_before) negative->write(10);
+    negative->written = 50000;
+    negative->said = -1;
+    negative->out_len = 0;
+    negative->fill_output();
+    EXPECT_EQ(pages_returned_by_end_of(negative), 1);
+    auto* failing = new writing_connection;
+    if (has_written_before) failing->write(10);
+    failing->written = 50000;
+    failing->fails = true;
+    failing->out_len = 0;
+    EXPECT_THROW(failing->fill_output(), std::string);
+    EXPECT_EQ(pages_returned_by_end_of(failing), 1);
+  }
+}
+
+struct first_base {
+  char first[6000];
+  virtual ~first_base() = default;
+};
+
+// Its memory begins before the connection in it.
+struct second_base_connection : first_base, silent_connection {
+  bool on_send(char* buf, int, int* len) override {
+    fill(buf, 10);
+    *len = 10;
+    return true;
+  }
+};
+
+TEST_F(connection_test, memory_is_zero_again_when_the_connection_is_the_second_base_of_its_object) {
+  auto* c = new second_base_connection;
+  const std::unique_ptr<connection> neighbour(new second_base_connection);  // keeps their row
+  const void* const place = c;
+  fill(c->first, sizeof(c->first));
+  c->fill_output();
+  delete c;
+  std::unique_ptr<second_base_connection> again(new second_base_connection);
+  EXPECT_EQ(static_cast<void*>(again.get()), place);
+  EXPECT_TRUE(is_zero(again->first, sizeof(again->first)));
+  EXPECT_TRUE(is_zero(again->out, sizeof(again->out)));
 }
 
 TEST_F(connection_test, ended_object_leaves_its_neighbours_as_they_are) {

@@ -223,11 +223,16 @@ TEST_F(server_walk, connection_that_asks_to_wait_lives_however_often) {
 }
 
 TEST_F(server_walk, connection_that_asks_to_wait_before_it_writes_lives_however_often) {
-  srv.sends = moves_nothing(EAGAIN);
-  join_writable();
-  turns(fruitless_turns + 10);
-  EXPECT_EQ(srv.connections.count, 1);
-  expect_console("");
+  for (int cause : {EAGAIN, EINTR}) {
+    srv.sends = moves_nothing(cause);
+    join_writable();
+    turns(fruitless_turns + 10);
+    EXPECT_EQ(srv.connections.count, 1);
+    expect_console("");
+    srv.stop();
+    srv.start();
+    screen.clear();
+  }
 }
 
 TEST_F(server_walk, fruitless_turns_count_from_the_last_byte_read) {
@@ -326,6 +331,14 @@ TEST_F(server_walk, writing_that_moves_nothing_is_left_out_of_every_other_wait) 
   link& a = join_writable();
   EXPECT_EQ(count_reports(a, sockets::writable, fruitless_turns), fruitless_turns);
   EXPECT_EQ(count_reports(a, sockets::writable, 10), 5);
+  bool is_first = true;
+  srv.sends = [&](connection* conn, char* buf, int len) {
+    if (!std::exchange(is_first, false)) return moves_nothing(EAGAIN)(conn, buf, len);
+    return srv.server_base::send(conn, buf, 1);
+  };
+  turn();  // this one leaves the writing out, too
+  EXPECT_EQ(count_reports(a, sockets::writable, 1 + fruitless_turns), 1 + fruitless_turns)
+      << "the turns count from the last byte written";
   srv.sends = nullptr;
   turns(2);
   a.expect_received("out");

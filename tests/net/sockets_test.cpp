@@ -380,6 +380,7 @@ TEST_F(sockets_test, closed_standard_descriptors_are_taken_and_open_ones_left_al
       for (int sock : {0, 1, 2}) {
         const bool is_taken = std::find(closed.begin(), closed.end(), sock) != closed.end();
         if ((inode_of(sock) == before) == is_taken || fcntl(sock, F_GETFD) == -1) _exit(2);
+        if (is_taken && (fcntl(sock, F_GETFL) & O_ACCMODE) != O_RDWR) _exit(4);
       }
       if (socket(AF_INET, SOCK_STREAM, 0) != lowest) _exit(3);  // no other descriptor was left open
       _exit(0);

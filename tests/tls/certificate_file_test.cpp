@@ -122,6 +122,10 @@ TEST_F(certificate_file, every_label_of_a_certificate_counts) {
   EXPECT_EQ(count_in(pem("CERTIFICATE REQUEST") + pem("X509 CRL")), 0);
 }
 
+TEST_F(certificate_file, first_line_of_a_certificate_has_five_hyphens_after_its_label) {
+  EXPECT_EQ(count_in("-----BEGIN CERTIFICATE----\n" + certificate), 1);
+}
+
 TEST_F(certificate_file, line_ends_do_not_matter) {
   const std::string from_windows = pem("CERTIFICATE", "\r\n");
   EXPECT_EQ(count_in(from_windows + from_windows), 2);
