@@ -127,10 +127,12 @@ TEST(body_end, name_after_a_bare_cr_or_lf_is_doubtful) {
 }
 
 TEST(body_end, bare_cr_or_lf_anywhere_makes_the_head_doubtful) {
-  expect_end(body_end::unknown,
-             {"Transfer-Encoding: chunked\n", "Transfer-Encoding: chunked\r",
-              "Transfer-Encoding: chunked\nX: y", "Transfer-Encoding: chunked\r\nX: y\nZ: z",
-              "X: y\rz\r\nTransfer-Encoding: chunked", "X: y\r\r\nTransfer-Encoding: chunked"});
+  expect_end(
+      body_end::unknown,
+      {"Transfer-Encoding: chunked\n", "Transfer-Encoding: chunked\r", "Transfer-Encoding: chunked\nX: y",
+       "Transfer-Encoding: chunked\r\nX: y\nZ: z", "X: y\rz\r\nTransfer-Encoding: chunked",
+       "X: y\r\r\nTransfer-Encoding: chunked", "X: y\r\n\nTransfer-Encoding: chunked",
+       "Transfer-Encoding: chunked\r\n\nX: y", "Transfer-Encoding: chunked\r\n\rX: y"});
   // In a head without the name, these bytes do not matter.
   expect_end(body_end::by_length, {"X: y\nZ: z", "X: y\rz"});
 }

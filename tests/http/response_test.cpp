@@ -103,7 +103,10 @@ TEST_F(http_response, with_a_file_is_its_head_and_the_announced_bytes) {
 }
 
 TEST_F(http_response, with_an_empty_file_is_its_head) {
-  c().write_file("HTTP/1.1 200 OK\r\n", file_of("grown since"), 0);
+  FILE* file = file_of("grown since");
+  const int descriptor = fileno(file);
+  c().write_file("HTTP/1.1 200 OK\r\n", file, 0);
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "closed at once";
   EXPECT_EQ(send_everything(c()), "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
   EXPECT_EQ(c().response_parts.count, 0);
 }

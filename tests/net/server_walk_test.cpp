@@ -191,6 +191,12 @@ TEST_F(server_walk, readable_connection_whose_transport_gives_nothing_and_does_n
   }
 }
 
+TEST_F(server_walk, readable_connection_whose_recv_always_fails_is_timed_out) {
+  link& a = join_readable();
+  faults::of()["recv"] = {0, fruitless_turns, ENOTCONN};
+  expect_time_out_after(a, fruitless_turns + 1);
+}
+
 TEST_F(server_walk, writable_connection_whose_transport_takes_nothing_and_does_not_wait_is_timed_out) {
   for (int cause : {0, EPIPE}) {
     srv.sends = moves_nothing(cause);

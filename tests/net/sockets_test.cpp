@@ -186,6 +186,29 @@ TEST_F(sockets_test, direction_that_rests_is_left_out_of_one_wait) {
   EXPECT_TRUE(sockets::has(sockets::writable(), here));
 }
 
+TEST_F(sockets_test, direction_rests_for_one_wait_even_if_more_is_asked_of_the_next_wait) {
+  sockets::add(here);
+  become_readable();
+  sockets::rest_reading(here);
+  sockets::rest_writing(here);
+  sockets::select_all();
+  sockets::mark_ready(here);
+  sockets::mark_unread(there);
+  sockets::select_all();
+  EXPECT_TRUE(sockets::has(sockets::readable(), here));
+  EXPECT_TRUE(sockets::has(sockets::writable(), here));
+}
+
+TEST_F(sockets_test, socket_that_is_passed_over_has_unread_bytes_only_if_the_last_wait_was_told_so) {
+  sockets::add(here);
+  sockets::mark_unread(here);
+  sockets::select_all();
+  sockets::select_all();
+  sockets::mark_passed_over(here);
+  sockets::select_all();
+  EXPECT_FALSE(sockets::has(sockets::readable(), here));
+}
+
 // A new socket may get the same number before the end of the turn.
 TEST_F(sockets_test, close_forgets_the_unread_bytes_that_the_last_wait_was_told_of) {
   const int number = here;
