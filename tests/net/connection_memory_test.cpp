@@ -270,6 +270,20 @@ TEST_P(pages_test, take_returns_null_when_the_list_of_rows_cannot_grow_and_maps_
   give_back(objects);
 }
 
+TEST_P(pages_test, row_with_a_taken_slot_stays_mapped_however_many_slots_are_free) {
+  std::vector<char*> all = take(smallest, 2 * most_spare);
+  std::vector<char*> kept, ended;
+  for (size_t i = 0; i < all.size(); i++) {
+    all[i][0] = 'k';
+    (i % slots == 3 ? kept : ended).push_back(all[i]);
+  }
+  const int before = calls("munmap");
+  give_back(ended);
+  EXPECT_EQ(calls("munmap"), before);
+  for (char* object : kept) ASSERT_EQ(object[0], 'k');
+  give_back(kept);
+}
+
 TEST_P(pages_test, end_of_the_memory_unmaps_every_row) {
   const int before = calls("mmap") - calls("munmap");
   {
