@@ -266,6 +266,7 @@ TEST_F(http_request_body, default_on_data_appends_to_the_content) {
   char bytes[] = "ab\0d";
   plain->on_data(bytes, 4);
   plain->on_data(bytes, 0);
+  plain->on_data(bytes, -1);
   plain->on_data(bytes, 1);
   EXPECT_EQ(plain->content, std::string("ab\0da", 5));
   EXPECT_EQ(plain->content_received, 0) << "on_recv counts";

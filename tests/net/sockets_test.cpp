@@ -199,6 +199,15 @@ TEST_F(sockets_test, direction_rests_for_one_wait_even_if_more_is_asked_of_the_n
   EXPECT_TRUE(sockets::has(sockets::writable(), here));
 }
 
+TEST_F(sockets_test, unread_bytes_are_announced_for_one_wait_even_if_more_is_asked_of_the_next_wait) {
+  sockets::add(here);
+  sockets::mark_unread(here);
+  sockets::select_all();
+  sockets::mark_unread(there);
+  sockets::select_all();
+  EXPECT_FALSE(sockets::has(sockets::readable(), here));
+}
+
 TEST_F(sockets_test, socket_that_is_passed_over_has_unread_bytes_only_if_the_last_wait_was_told_so) {
   sockets::add(here);
   sockets::mark_unread(here);

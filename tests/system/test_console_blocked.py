@@ -5,6 +5,8 @@ import os
 import signal
 import socket
 import subprocess
+import sys
+import termios
 
 import pytest
 
@@ -12,6 +14,7 @@ from mivo_process import PROGRAM, ReservedPort
 from wire import Wire, request, until
 
 F_SETPIPE_SZ = 1031  # fcntl.h
+PIPE_SIZE = 4096  # bytes
 AT_ONCE = 5  # seconds
 LONG = "/" + "x" * 1000
 
@@ -22,7 +25,7 @@ class Unread:
     def __init__(self):
         self.reserved = ReservedPort()
         self.reader, writer = os.pipe()
-        fcntl.fcntl(self.reader, F_SETPIPE_SZ, 4096)
+        fcntl.fcntl(self.reader, F_SETPIPE_SZ, PIPE_SIZE)
         self.process = subprocess.Popen([PROGRAM, str(self.reserved.port), "-map", "echo", "-1"],
                                         stdin=subprocess.DEVNULL, stdout=writer, stderr=subprocess.DEVNULL)
         os.close(writer)
@@ -43,6 +46,9 @@ class Unread:
             except socket.timeout:  # TimeoutError, but not before Python 3.10
                 return count
         raise AssertionError("the console never filled up")
+
+    def bytes_in_pipe(self):
+        return int.from_bytes(fcntl.ioctl(self.reader, termios.FIONREAD, bytes(4)), sys.byteorder)
 
     def close(self):
         self.process.kill()
@@ -77,6 +83,14 @@ def test_console_that_is_read_again__goes_on_without_losing_a_line(unread):
 
 def test_sigint_when_the_console_is_full__ends_the_run(unread):
     unread.fill()
+    unread.process.send_signal(signal.SIGINT)
+    assert unread.process.wait(AT_ONCE) == 0
+
+
+def test_sigint_when_the_console_is_full_and_lines_wait_in_mivo__ends_the_run(unread):
+    while unread.bytes_in_pipe() < PIPE_SIZE:
+        unread.client.ask(request("echo", LONG))
+    unread.client.ask(request("echo", "/"))  # mivo keeps this line until more lines follow
     unread.process.send_signal(signal.SIGINT)
     assert unread.process.wait(AT_ONCE) == 0
 
