@@ -215,6 +215,15 @@ TEST_F(server_walk, dead_connection_is_ended_even_if_it_has_no_time_out_and_the_
   EXPECT_EQ(srv.connections.count, 0);
 }
 
+TEST_F(server_walk, dead_connection_is_ended_a_turn_later_if_the_clock_steps_back_far) {
+  join_readable();
+  srv.receives = moves_nothing(0);
+  turns(fruitless_turns);
+  faults::clock_offset() = -3600;
+  turns(2);
+  EXPECT_EQ(srv.connections.count, 0);
+}
+
 TEST_F(server_walk, connection_that_asks_to_wait_lives_however_often) {
   for (int cause : {EAGAIN, EINTR}) {
     join_readable();
@@ -276,6 +285,16 @@ TEST_F(server_walk, turns_that_asked_to_wait_do_not_count_against_a_connection) 
   turns(2 * fruitless_turns);
   srv.receives = moves_nothing(0);
   expect_time_out_after(a, 1 + fruitless_turns + 1);  // the first turn does not read
+}
+
+TEST_F(server_walk, turns_that_count_against_a_connection_are_counted_anew_after_one_that_asked_to_wait) {
+  link& a = join_readable();
+  srv.receives = moves_nothing(0);
+  turns(fruitless_turns / 2);
+  srv.receives = moves_nothing(EAGAIN);
+  turn();
+  srv.receives = moves_nothing(0);
+  expect_time_out_after(a, fruitless_turns + 1);
 }
 
 TEST_F(server_walk, connection_whose_length_is_negative_is_timed_out_and_does_not_spin) {
