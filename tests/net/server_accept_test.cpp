@@ -7,6 +7,7 @@
 
 #include "tests/net/child.h"
 #include "tests/net/server_fixture.h"
+#include "tests/support/new_faults.h"
 
 namespace {
 
@@ -47,6 +48,34 @@ TEST_F(server_accept, at_most_one_client_is_accepted_in_a_turn) {
 TEST_F(server_accept, nobody_is_accepted_without_a_client) {
   turn();
   EXPECT_EQ(faults::calls()["accept4"], 0);
+}
+
+// When on_accept() has returned, there is no memory for the place in the list.
+struct server_without_memory : server<recording_connection> {
+  int removed = 0;
+
+  explicit server_without_memory(int listen_port) : server(listen_port, true) {}
+  bool on_accept(connection*) override {
+    new_faults() = {true, 0, 0, 1};
+    return true;
+  }
+  void on_remove(connection*) override {
+    new_faults() = {};
+    removed++;
+  }
+};
+
+TEST_F(server_accept, welcome_client_for_which_the_list_has_no_memory_is_removed_by_the_hook_too) {
+  server_without_memory other(free_port());
+  ASSERT_TRUE(other.start());
+  client waiting(other.port);
+  ASSERT_TRUE(wait_for(other.sock, POLLIN));
+  screen.clear();
+  EXPECT_TRUE(other.accept_connection());
+  new_faults() = {};
+  EXPECT_EQ(other.removed, 1);
+  EXPECT_EQ(other.connections.count, 0);
+  EXPECT_THAT(screen.text(), testing::HasSubstr(" has failed: std::bad_alloc\n"));
 }
 
 TEST_F(server_accept, port_0_accepts_nobody) {

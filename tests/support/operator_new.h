@@ -1,39 +1,13 @@
 /* operator_new: lets `new` refuse memory, also to strings and containers.
  *
- * It replaces the operators of the whole program, so only one source file of a test program includes it.
- * Every allocation counts while `new_faults().is_counting` is set and faults are not suspended. */
+ * It replaces the operators of the whole program, so only one source file of a test program includes it. The
+ * others include new_faults.h. */
 #pragma once
 
 #include <cstdlib>
 #include <new>
 
-#include "tests/support/faults.h"
-
-struct new_fault_plan {
-  bool is_counting = false;
-  int calls = 0;    // while it was counting
-  int granted = 0;  // calls that still succeed
-  int refused = 0;  // calls that are then refused
-};
-
-inline new_fault_plan& new_faults() {
-  static new_fault_plan plan;
-  return plan;
-}
-
-/* Whether this allocation has to be refused. */
-inline bool new_is_refused() {
-  new_fault_plan& plan = new_faults();
-  if (!plan.is_counting || faults::suspended()) return false;
-  plan.calls++;
-  if (plan.granted > 0) {
-    plan.granted--;
-    return false;
-  }
-  if (plan.refused == 0) return false;
-  plan.refused--;
-  return true;
-}
+#include "tests/support/new_faults.h"
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
   // Not malloc(): a test program may have replaced it, and would count this allocation twice.
