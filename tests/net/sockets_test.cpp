@@ -208,6 +208,20 @@ TEST_F(sockets_test, unread_bytes_are_announced_for_one_wait_even_if_more_is_ask
   EXPECT_FALSE(sockets::has(sockets::readable(), here));
 }
 
+TEST_F(sockets_test, nothing_is_asked_of_a_wait_for_a_descriptor_that_fits_into_no_set) {
+  sockets::add(here);
+  become_readable();
+  for (int sock : {-1, FD_SETSIZE}) {
+    sockets::mark_unread(sock);
+    sockets::rest_reading(sock);
+    sockets::rest_writing(sock);
+    sockets::mark_passed_over(sock);
+    sockets::select_all();
+    EXPECT_EQ(faults::last_select().wait_us, 100000) << sock;
+    EXPECT_TRUE(sockets::has(sockets::readable(), here)) << sock;
+  }
+}
+
 TEST_F(sockets_test, socket_that_is_passed_over_has_unread_bytes_only_if_the_last_wait_was_told_so) {
   sockets::add(here);
   sockets::mark_unread(here);
