@@ -94,7 +94,7 @@ def first_bytes():
         # A hundredth of the seconds is enough: the pauses take most of the time.
         return clients.first_bytes(server.port, HOST, "/1g", seconds / 100, pause)
 
-    return Workload(timed(load), PEERS, FEW_ROUNDS)
+    return Workload(timed(load), PEERS, ROUNDS)
 
 
 def upload(rounds, job="http"):
@@ -136,12 +136,12 @@ WORKLOADS = {
     "start": other(extras.start, QUOTED, ROUNDS),
     "TLS start": other(extras.start, QUOTED, ROUNDS, "https"),
     "stripped program": other(extras.program_size, rounds=1),
-    "system calls, 1 client": other(extras.system_calls(1)),
-    "system calls, 64 clients": other(extras.system_calls(64)),
+    "system calls, 1 client": other(extras.system_calls(1), rounds=ROUNDS),
+    "system calls, 64 clients": other(extras.system_calls(64), rounds=ROUNDS),
     "system calls, new connections": other(
         extras.new_connection_calls, (*PEERS, "nginx unpooled", FLOOR), rounds=ROUNDS
     ),
-    "allocations, 16 clients": other(extras.allocations, OWN),
+    "allocations, 16 clients": other(extras.allocations, OWN, ROUNDS),
     "processes on one port": other(extras.processes_on_one_port, OWN),
     "microbenchmarks": other(extras.microbenchmarks, OWN),
 }

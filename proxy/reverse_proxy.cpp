@@ -31,6 +31,7 @@ void reverse_proxy::on_headers() {
 }
 
 void reverse_proxy::relay_to(int local_port) {
+  // The idle pipe counts, as in forward_proxy.cpp. A new connection's upstream_port is 0, which no host has.
   const bool is_current = pipe->refs > 1 && upstream_port == local_port;
   if (!is_current) {
     if (!open_upstream("localhost", local_port)) return;

@@ -6,10 +6,11 @@ import re
 
 import pytest
 
+import bars
 import figures
 import report
 import sources
-from workloads import MOST_ROUNDS, WORKLOADS
+from workloads import MOST_ROUNDS, ROUNDS, WORKLOADS
 
 FILE = sources.ROOT / "docs/performance/figures.json"
 CHARTS = sorted((sources.ROOT / "docs/performance").glob("*.svg"))
@@ -35,6 +36,13 @@ def test_figures__are_of_all_workloads_in_all_rounds(data):
         for server, runs in workload["results"].items():
             assert [run["round"] for run in runs] == list(range(1, WORKLOADS[name].rounds + 1)), (name, server)
     assert WORKLOADS["keep-alive, 16 clients"].rounds == MOST_ROUNDS >= 10
+
+
+def test_bars__compare_the_medians_of_enough_rounds(data):
+    """The size of the program is the same in each round."""
+    for bar in bars.BARS:
+        measured = bar.read({name: workload["results"] for name, workload in data["workloads"].items()})
+        assert measured.spread.count >= ROUNDS >= 7 or bar.name == "stripped program", bar.name
 
 
 def test_page__is_made_from_the_figures(data):
