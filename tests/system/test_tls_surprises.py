@@ -22,12 +22,14 @@ NOBODY = "65534"
 @pytest.fixture
 def program(folder, clock, clock_library):
     """Like the program of fake_clock, but run as a user who may not read every file."""
-    library = shutil.copy(clock_library, folder)  # only its maker may read the folder in which it was made
+    # Copies, because that user may not be able to enter the folders of the originals, for example /root.
+    library = shutil.copy(clock_library, folder)
+    own_program = shutil.copy(PROGRAM, folder)
     os.chmod(folder, 0o755)
     drop = f"setpriv --reuid={NOBODY} --regid={NOBODY} --clear-groups" if os.getuid() == 0 else ""
     script = pathlib.Path(folder, "mivo_with_clock")
     script.write_text(f'#!/bin/sh\nexec {drop} env LD_PRELOAD="$LD_PRELOAD:{library}" MIVO_CLOCK={clock.path} '
-                      f'{PROGRAM} "$@"\n')
+                      f'{own_program} "$@"\n')
     script.chmod(0o755)
     return str(script)
 
