@@ -4,7 +4,8 @@ HEAD = """# Platforms
 
 `script/platforms` wrote this page. It builds and tests in a fresh root folder for each Debian, with the compilers and
 the libraries of that Debian. For ARM64 it uses a cross-compiler and an emulator. It also builds for musl. It takes
-more than an hour on two cores, and `script/test` does not run it. The programs in each root folder printed the versions.
+more than an hour on two cores, and `script/test` does not run it. The programs in each root folder printed the
+versions.
 
 A release is built with the warnings of `cmake/flags.cmake` as errors. Clang also compiles each header alone. The unit
 tests run with the sanitizers, but in the emulator without them. The black-box tests run the release. A result is
