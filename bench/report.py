@@ -120,10 +120,10 @@ REASONS = {
     "into the buffer of the client. The rest is OpenSSL's and the kernel's.",
     "90 MiB up over TLS": "`mivo` copies an upload two more times than HAProxy does: into the pipe, and into the "
     "buffer of the upstream.",
-    "new connections": "`mivo` makes as many system calls as the floor, but more waits: it reads the head before it "
-    "connects, and it sends in the turn after the one that has read. Each wait is a `select()`; the floor with select() "
-    "shows its cost. The rest is the user time of the table below: the head, the console's line, the lists, and two "
-    "connection objects for each request. A profile shows no function with more than 0.5 % of the whole.",
+    "new connections": "`mivo` makes as many system calls as the floor, but it sends in the turn after the one that has "
+    "read, which takes more waits. Each wait is a `select()`; the floor with select() shows its cost. The rest is the "
+    "user time of the table below: the head, the console's line, the lists, and two connection objects for each "
+    "request. A profile shows no function with more than 0.5 % of the whole.",
     "resident memory": "Most of it is pages of shared libraries: OpenSSL is opened at the start, whether it is needed "
     "or not. What is shared with no other process is in the table of memory below.",
 }
