@@ -123,7 +123,7 @@ REASONS = {
     "new connections": "`mivo` makes as many system calls as the floor, but it sends in the turn after the one that has "
     "read, which takes more waits. Each wait is a `select()`; the floor with select() shows its cost. The rest is the "
     "user time of the table below: the head, the console's line, the lists, and two connection objects for each "
-    "request. A profile shows no function with more than 0.5 % of the whole.",
+    "request.",
     "resident memory": "Most of it is pages of shared libraries: OpenSSL is opened at the start, whether it is needed "
     "or not. What is shared with no other process is in the table of memory below.",
 }
